@@ -1,0 +1,100 @@
+// Operations on single files and groups of files, status probes and statistics. All of them may be
+// called from any thread, also while a scan runs, and keep no state but the statistics.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+
+#include "velmarin/export.h"
+
+extern "C" {
+
+// Makes `file2` share the data of `file1`, which is first made a single-instance file if it is a
+// plain one. Both paths must not be null; `file1` must contain a '/'.
+//
+// Returns 0 on success; -1 when `file1` has no directory part, memory is short or a file cannot be
+// opened for reading and writing; a positive errno when the file system refuses a request or the
+// temporary file. Nothing is undone: after a refused `file2`, `file1` stays a single-instance file.
+VELMARIN_EXPORT int sisFileTaskImpl(const char *file1, const char *file2);
+
+// Returns nonzero when the file at `path` is attached to a layered inode (the byte as the file
+// system gave it), 0 when it is a plain file, -1 on any failure.
+VELMARIN_EXPORT int getSISFileInfoImpl(const char *path);
+
+// Gives the file at `path` its own data back.
+//
+// Returns 0 when the file is plain afterwards; -1 when it cannot be opened or queried; -2 when it
+// is still attached (also the value of a path that does not exist: minus ENOENT); otherwise minus
+// the errno of the failed path resolution or of the refused request.
+VELMARIN_EXPORT int recoverFileImpl(const char *path);
+
+// Sets the coincide flag of the plain file at `path`, if the file's modification time is the given
+// one (seconds and nanoseconds) both before and after; otherwise the flag is not left set.
+//
+// Returns 0 when the flag is set; the nonzero state byte when the file is attached to a layered
+// inode, whose flag is left alone; -1 when `path` is null or cannot be resolved, opened or queried,
+// or when the time differs; minus errno when the flag could not be set or cleared again.
+VELMARIN_EXPORT int setCheckFlagImpl(const char *path, long mtime_sec, long mtime_nsec);
+
+// Returns the flag word of the file at `path` (bit SIS_FLAG_COINCIDE is the coincide flag); -1 when
+// `path` is null or cannot be opened; minus errno when it cannot be resolved or queried.
+VELMARIN_EXPORT int getCoincideFlagImpl(const char *path);
+
+// Makes a group of files of identical content share one new layered inode, made from `paths[0]`.
+// All files are opened before anything is changed.
+//
+//   paths  `count` paths
+//   count  at least 1
+//
+// Returns 0 when every file shares the layered inode; EINVAL for a count below 1; the errno of the
+// first failure before the layered inode exists (nothing has changed then); afterwards the errno of
+// the last file that was refused, while the others have been deduplicated.
+VELMARIN_EXPORT int sis_them_all(char **paths, int count);
+
+// Makes a layered inode from the file at `path` and attaches the file to it.
+//
+// Returns the file's open descriptor, which the caller owns: it is the `src_fd` of `dedup_file` and
+// is to be closed when the group is done. Returns -1 on failure.
+VELMARIN_EXPORT int create_layer(const char *path);
+
+// Deduplicates the file at `path` onto the layered inode to which `src_fd` is attached. `src_fd`
+// stays open. Returns 0 or a positive errno; a refused file keeps its own data.
+VELMARIN_EXPORT int dedup_file(const char *path, int src_fd);
+
+// Creates `dst` as a new file that shares the data of `src`. Returns 0 or a positive errno: EEXIST
+// when `dst` exists, which is then left untouched. When the file system refuses the copy, the new
+// `dst` stays, empty.
+VELMARIN_EXPORT int reflink_copy(const char *src, const char *dst);
+
+// Detaches the file at `path` from its layered inode, so that it holds its own data again. Returns
+// 0; 1 when the file is not attached (nothing is done then); otherwise a positive errno.
+VELMARIN_EXPORT int revoke_file(const char *path);
+
+// The four status probes, made for the slots of `sis_ops`. `fd` is open on the file, `status` is
+// its fstat, `path` appears in log lines only.
+
+// Returns 0 for anything but a regular file; for a file that occupies less space than its length,
+// what `check_file_status` returns, counted in the statistics when it is deduplicated or
+// compressed; for any other file 0, or -EOPNOTSUPP when its file system cannot deduplicate.
+VELMARIN_EXPORT int filter_out_nonsis(int fd, const struct stat *status, const char *path);
+
+// Returns SIS_STATUS_COMPRESSED, SIS_STATUS_PLAIN, SIS_STATUS_LAYERED or SIS_STATUS_DEDUPED, or
+// minus errno. `status` is not read.
+VELMARIN_EXPORT int check_file_status(int fd, const struct stat *status, const char *path);
+
+// Sets the file's coincide flag. Returns 0 or a positive errno.
+VELMARIN_EXPORT int freeze_file(int fd, const char *path);
+
+// Returns 0 when the coincide flag is still set, -1 when it is not, minus errno when the request
+// fails.
+VELMARIN_EXPORT int check_frozen(int fd, const char *path);
+
+// Reads the process-wide statistics that `filter_out_nonsis` gathers and resets them to 0. Each
+// counter is read and reset in one atomic step, so that nothing counted meanwhile is lost. A null
+// pointer is passed over; its counter is reset all the same.
+VELMARIN_EXPORT void get_sis_file_statistics(uint64_t *compressed_files, uint64_t *deduped_files,
+                                             uint64_t *compressed_saved_bytes,
+                                             uint64_t *deduped_saved_bytes);
+
+}  // extern "C"

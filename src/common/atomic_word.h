@@ -1,0 +1,34 @@
+// Words that several threads touch without a lock. They are plain fields of records whose layout is
+// fixed, so they are read and written through these helpers instead of std::atomic.
+#pragma once
+
+#include <cstdint>
+
+namespace velmarin {
+
+template <typename Word>
+Word load_relaxed(const Word *word) {
+  return __atomic_load_n(word, __ATOMIC_RELAXED);
+}
+
+template <typename Word>
+Word load_acquire(const Word *word) {
+  return __atomic_load_n(word, __ATOMIC_ACQUIRE);
+}
+
+template <typename Word>
+void store_relaxed(Word *word, Word value) {
+  __atomic_store_n(word, value, __ATOMIC_RELAXED);
+}
+
+template <typename Word>
+void store_release(Word *word, Word value) {
+  __atomic_store_n(word, value, __ATOMIC_RELEASE);
+}
+
+// Adds with acquire-release order and returns the value before.
+inline uint64_t fetch_add(uint64_t *counter, uint64_t amount) {
+  return __atomic_fetch_add(counter, amount, __ATOMIC_ACQ_REL);
+}
+
+}  // namespace velmarin

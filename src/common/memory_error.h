@@ -1,0 +1,14 @@
+// The errno of a failed allocation.
+#pragma once
+
+#include <cerrno>
+
+namespace velmarin {
+
+// To be called right after the failed call. An allocator need not set errno: the failure counts as
+// ENOMEM then.
+inline int allocation_error() {
+  return errno != 0 ? errno : ENOMEM;
+}
+
+}  // namespace velmarin

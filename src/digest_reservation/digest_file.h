@@ -1,0 +1,29 @@
+// The digest file of a set of roots: where it lies, how it is opened, locked, kept or removed.
+//
+// `pname` of the run holds the file's name without suffix. While a path is being built the suffix
+// stands behind it; the pair of functions below leaves it cleared.
+#pragma once
+
+#include <cstddef>
+
+#include "fbddp/scan_context.h"
+
+namespace velmarin {
+
+inline constexpr size_t DIGEST_NAME_LENGTH = 64;  // lowercase hexadecimal digits
+inline constexpr size_t DIGEST_SUFFIX_SIZE = 5;   // a point, three letters and a NUL
+inline constexpr size_t DIGEST_NAME_SIZE = DIGEST_NAME_LENGTH + DIGEST_SUFFIX_SIZE;
+
+// Bit 0 of `write_mode`: create the file for writing and lock it exclusively; otherwise open it for
+// reading and share the lock. Waits for the lock. Stores the descriptor in `*fd` as soon as the
+// open returned, also a negative one. Returns 0; 1 when the path cannot be formed; the errno of a
+// failed open or lock; the code of a failed bounded fill. To be paired with the function below in
+// any case.
+int create_open_hashfiles(sis_context *ctx, const char *save_dir, int *fd, unsigned write_mode);
+
+// Unlocks and closes the digest file if `*fd` is 1 or more; `*fd` keeps its value. Bit 0 of
+// `discard`: removes the file then; otherwise syncs it to storage before closing it. A failed
+// unlock is logged and leaves the file open.
+void destroy_exist_hashfiles(sis_context *ctx, const char *save_dir, int *fd, unsigned discard);
+
+}  // namespace velmarin

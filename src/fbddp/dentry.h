@@ -1,0 +1,143 @@
+// The record of a directory entry reached by a scan.
+//
+// A dentry has one of two forms, chosen at creation. The file form is for entries that the
+// directory lists as regular files; everything else, and every root, has the directory form. A
+// dentry is one allocation: the header of its form, then its name.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+#include "common/atomic_word.h"
+#include "common/list.h"
+#include "fbddp/scan_context.h"
+#include "velmarin/primitives.h"
+
+namespace velmarin {
+
+struct usable_hash;
+
+// A 32-bit marker word that is not set.
+inline constexpr uint32_t MARKER_NOT_SET = 0xFFFFFFFF;
+
+// Set in the parent word of a dentry of the file form. User-space addresses never have this bit.
+inline constexpr uintptr_t DENTRY_FILE_TAG = uintptr_t{1} << 54;
+
+// The depth of a directory is kept modulo 2048.
+inline constexpr uint64_t DENTRY_DEPTH_MASK = 0x7ff;
+
+// What a member of a candidate group keeps where a tree node keeps its tree link.
+struct member_data {
+  int16_t own_status;
+  int16_t head_status;  // of the tree node whose group this is
+  uint32_t marker;      // MARKER_NOT_SET; in a tree node the upper half of the parent word
+  uint64_t own_blocks;
+  uint64_t head_blocks;  // of the tree node
+};
+static_assert(sizeof(member_data) == sizeof(rb_node));
+
+// A file's own attributes, until it becomes the head or a member of a group.
+struct own_attributes {
+  int32_t status;         // result of the status callback
+  uint32_t group_marker;  // MARKER_NOT_SET while the dentry heads no group; in a list link the
+                          // upper half of a pointer
+  uint64_t blocks;        // st_blocks
+};
+static_assert(sizeof(own_attributes) == sizeof(list_head));
+
+struct dentry {
+  list_head link;         // in the run's `dentries`; guarded by dentries_lock
+  uintptr_t parent_word;  // address of the parent, null for a root; DENTRY_FILE_TAG
+  union {
+    uint64_t depth;  // directory form: below its root
+    uint64_t size;   // file form: st_size when examined
+  };
+
+  // The fields from here on exist in the file form only; the name of a directory form begins here.
+  // While the walk runs they are guarded by the forest lock of the file's size, except for `hash`.
+  uint64_t key;           // file key: inode number, then device number
+  struct timespec mtime;  // st_mtim when examined
+  union {
+    rb_node node;        // while the dentry is a node of the forest
+    member_data member;  // while it is unexamined or a member of a group
+  };
+  union {
+    own_attributes own;
+    list_head group;  // tree node: head of its members; member: link among them; after grouping, in
+                      // the head of a group of identical files: link in the run's `groups`
+  };
+  list_head same;     // head of a group of identical files: the others; in those: link
+  uint64_t pattern;   // CRC-64 of sampled content; 0: not computed
+  usable_hash *hash;  // digest record, owned; null: none; HASH_PENDING: wanted. Written without a
+                      // lock by the file's digest job, so read and written atomically
+};
+
+inline constexpr size_t DIRECTORY_HEADER_SIZE = offsetof(dentry, key);
+inline constexpr size_t FILE_HEADER_SIZE = sizeof(dentry);
+static_assert(DIRECTORY_HEADER_SIZE == 32 && FILE_HEADER_SIZE == 128);
+static_assert(offsetof(dentry, mtime) == 40 && sizeof(struct timespec) == 16 &&
+              offsetof(dentry, node) == 56 && offsetof(dentry, own) == 80 &&
+              offsetof(dentry, same) == 96 && offsetof(dentry, pattern) == 112 &&
+              offsetof(dentry, hash) == 120);
+
+// The value of `hash` while a digest is wanted and not yet there.
+inline usable_hash *hash_pending() {
+  return reinterpret_cast<usable_hash *>(UINTPTR_MAX);
+}
+
+inline bool is_file_form(const dentry *d) {
+  return (d->parent_word & DENTRY_FILE_TAG) != 0;
+}
+
+inline dentry *parent_of(const dentry *d) {
+  return reinterpret_cast<dentry *>(d->parent_word & ~DENTRY_FILE_TAG);
+}
+
+inline char *name_of(dentry *d) {
+  return reinterpret_cast<char *>(d) + (is_file_form(d) ? FILE_HEADER_SIZE : DIRECTORY_HEADER_SIZE);
+}
+
+inline const char *name_of(const dentry *d) {
+  return name_of(const_cast<dentry *>(d));
+}
+
+// The digest record of a file, or null when there is none (yet).
+inline usable_hash *digest_record_of(const dentry *file) {
+  usable_hash *hash = load_acquire(&file->hash);
+  return hash == hash_pending() ? nullptr : hash;
+}
+
+inline bool is_digest_wanted(const dentry *file) {
+  return load_acquire(&file->hash) == hash_pending();
+}
+
+// Whether a file heads a group of candidates. To be asked under its forest lock during the walk.
+inline bool heads_group(const dentry *file) {
+  return file->own.group_marker != MARKER_NOT_SET;
+}
+
+// Whether a file holds member data: it is a member of a group, or was never examined.
+inline bool has_member_data(const dentry *file) {
+  return file->member.marker == MARKER_NOT_SET;
+}
+
+// Creates a dentry below `parent` (null for a root) for the entry `name`; bit 0 of `form` selects
+// the file form. Stores it in `*out`, null on failure; the caller puts it on the run's list.
+// Returns 0, an errno, or the code of a failed bounded fill or copy.
+int create_dentry(dentry *parent, const char *name, dentry **out, int form);
+
+// Appends a dentry to the run's list, under dentries_lock.
+void list_dentry(sis_context *ctx, dentry *d);
+
+// Builds the full path of a dentry at the end of `buffer` (PATH_BUF_SIZE bytes) and returns its
+// start; a path that does not fit, or a failed bounded copy, gives an empty string. Parents and
+// names do not change while a run lasts, so no lock is needed.
+const char *get_fullpath(const dentry *d, char *buffer);
+
+// Frees every dentry of a run, children before their parents. No worker runs any more.
+void free_all_dentries(sis_context *ctx);
+
+}  // namespace velmarin

@@ -1,0 +1,47 @@
+// The hash table of saved digests: the in-memory form of the digest file, keyed by file key. Built
+// by the run's own thread before the walk and only read during it, except for the taking of a
+// record.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "common/list.h"
+#include "fbddp/scan_context.h"
+#include "velmarin/primitives.h"
+
+namespace velmarin {
+
+inline constexpr size_t DIGEST_SIZE = 32;
+
+// The saved digest of one file: a heap block of its own, the same in memory and on disk
+// (little-endian). Owned by a hash_entry after a load, by a dentry once the file took it or
+// computed its own; a digest computed in this run fills only `digest`.
+struct usable_hash {
+  uint32_t ino;  // with `dev`: the file key as one 64-bit word
+  uint32_t dev;
+  int64_t mtime_sec;  // st_mtim of the file when it was examined
+  int64_t mtime_nsec;
+  uint8_t digest[DIGEST_SIZE];  // SHA-256 of the whole content
+};
+static_assert(sizeof(usable_hash) == 56 && offsetof(usable_hash, dev) == 4 &&
+              offsetof(usable_hash, mtime_sec) == 8 && offsetof(usable_hash, mtime_nsec) == 16 &&
+              offsetof(usable_hash, digest) == 24);
+
+struct hash_entry {
+  usable_hash *record;  // owned; null once a file has taken it
+  uint64_t key;         // the record's file key, set when the entry is indexed
+  rb_node node;         // in the bucket's tree
+  list_head link;       // in the run's `hash_entries`, which owns the entry
+};
+static_assert(sizeof(hash_entry) == 56 && offsetof(hash_entry, node) == 16 &&
+              offsetof(hash_entry, link) == 40);
+
+// Returns the entry with this key; null when there is none or no table. Any number of workers may
+// search at once.
+hash_entry *lookup_hash_table(const sis_context *ctx, uint64_t key);
+
+// Frees all entries, the records that no file took, and the table.
+void drop_hash_table(sis_context *ctx);
+
+}  // namespace velmarin

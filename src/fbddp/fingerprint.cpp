@@ -1,0 +1,249 @@
+// Patterns and digests of candidate files.
+
+#include "fbddp/fingerprint.h"
+
+#include <fcntl.h>
+#include <openssl/sha.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/atomic_word.h"
+#include "common/log.h"
+#include "common/memory_error.h"
+#include "common/paths.h"
+#include "common/unique_fd.h"
+#include "fbddp/file_index.h"
+
+namespace velmarin {
+namespace {
+
+constexpr unsigned BLOCK_SIZE = 4096;
+constexpr unsigned PATTERN_TAIL_OFFSET = 0xff000;
+constexpr unsigned PATTERN_END = PATTERN_TAIL_OFFSET + BLOCK_SIZE;
+static_assert(PATTERN_END == PATTERN_MIN_SIZE);
+
+constexpr int SHORT_READ = 1;
+constexpr int RECORD_ATTEMPTS = 4;
+
+int seek_to(int fd, unsigned offset, const char *path) {
+  if (lseek(fd, offset, SEEK_SET) < 0) {
+    const int error = errno;
+    log_erro("fail to seek to %u from %s", offset, path);
+    return error;
+  }
+  return 0;
+}
+
+// Returns 0 when a whole block was read, else the errno of the failed read or SHORT_READ.
+int read_block(int fd, unsigned char *block) {
+  const ssize_t count = read(fd, block, BLOCK_SIZE);
+  if (count == static_cast<ssize_t>(BLOCK_SIZE)) {
+    return 0;
+  }
+  return count < 0 ? errno : SHORT_READ;
+}
+
+int read_pattern_blocks(int fd, const char *path, unsigned char *blocks) {
+  int error = seek_to(fd, 0, path);
+  if (error != 0) {
+    return error;
+  }
+  error = read_block(fd, blocks);
+  if (error != 0) {
+    log_erro("fail to read from 0 to %u from %s", BLOCK_SIZE, path);
+    return error;
+  }
+  error = seek_to(fd, PATTERN_TAIL_OFFSET, path);
+  if (error != 0) {
+    return error;
+  }
+  error = read_block(fd, blocks + BLOCK_SIZE);
+  if (error != 0) {
+    log_erro("fail to read from %u to %u from %s", PATTERN_TAIL_OFFSET, PATTERN_END, path);
+  }
+  return error;
+}
+
+int make_pattern_of(dentry *file, const char *path, int fd) {
+  constexpr size_t PATTERN_BYTES = 2 * BLOCK_SIZE;
+  auto *blocks = static_cast<unsigned char *>(malloc(PATTERN_BYTES));
+  if (blocks == nullptr) {
+    log_erro("fail to allocate long pattern for %s", path);
+    return ENOMEM;
+  }
+  const int error = read_pattern_blocks(fd, path, blocks);
+  if (error == 0) {
+    file->pattern = crc64_be(0, blocks, PATTERN_BYTES);
+  }
+  free(blocks);
+  return error;
+}
+
+void count_error(sis_context *ctx) {
+  fetch_add(&ctx->nr_error, 1);
+}
+
+bool has_mtime_of(const struct stat &status, const dentry *file) {
+  return status.st_mtim.tv_sec == file->mtime.tv_sec &&
+         status.st_mtim.tv_nsec == file->mtime.tv_nsec;
+}
+
+// Takes the saved digest of an unchanged file over from the hash table. No other worker looks the
+// same key up: a file key belongs to one dentry of the run.
+bool take_saved_digest(sis_context *ctx, dentry *file) {
+  hash_entry *entry = lookup_hash_table(ctx, file->key);
+  if (entry == nullptr || entry->record == nullptr ||
+      entry->record->mtime_sec != file->mtime.tv_sec ||
+      entry->record->mtime_nsec != file->mtime.tv_nsec) {
+    return false;
+  }
+  store_release(&file->hash, entry->record);
+  entry->record = nullptr;
+  return true;
+}
+
+unique_fd open_for_digest(sis_context *ctx, const char *path) {
+  for (;;) {
+    fetch_add(&ctx->nr_file_opened, 1);
+    unique_fd fd(open(path, O_RDONLY));
+    if (fd.is_open()) {
+      return fd;
+    }
+    const int error = errno;
+    if (error != EINTR) {
+      log_erro("cannot open %s returned %s", path, strerror(error));
+      count_error(ctx);
+      return fd;
+    }
+  }
+}
+
+// Whether the host's freeze callbacks guard the reading; otherwise modification times do.
+bool uses_freezing(const sis_context *ctx) {
+  return ctx->ops->prep != nullptr && ctx->ops->verify != nullptr;
+}
+
+// Makes sure that the opened file is the one that was admitted, and freezes it if possible.
+bool is_ready_to_read(sis_context *ctx, const dentry *file, int fd, const char *path) {
+  if (uses_freezing(ctx)) {
+    const int result = ctx->ops->prep(fd, path);
+    if (result != 0) {
+      log_erro("call prep for %s returned %s", path, strerror(result));
+    }
+    return result == 0;
+  }
+  struct stat status = {};
+  if (fstat(fd, &status) != 0) {
+    const int error = errno;
+    log_erro("failed to get stat of [%d]%s returned %s", fd, path, strerror(error));
+    return false;
+  }
+  return has_mtime_of(status, file);
+}
+
+// Whether the file is still what it was before it was read.
+bool is_unchanged_after_read(const sis_context *ctx, const dentry *file, int fd, const char *path) {
+  if (uses_freezing(ctx)) {
+    return ctx->ops->verify(fd, path) == 0;
+  }
+  struct stat status = {};
+  if (fstat(fd, &status) != 0) {
+    const int error = errno;
+    log_erro("failed to get stat of %s returned %s", path, strerror(error));
+    return false;
+  }
+  return has_mtime_of(status, file);
+}
+
+// Feeds the rest of the file to the digest. Returns 0 or the errno of a failed read.
+int read_into_digest(int fd, SHA256_CTX *digest) {
+  unsigned char block[BLOCK_SIZE];
+  for (;;) {
+    const ssize_t count = read(fd, block, sizeof(block));
+    if (count <= 0) {
+      return count < 0 ? errno : 0;
+    }
+    SHA256_Update(digest, block, static_cast<size_t>(count));
+  }
+}
+
+usable_hash *allocate_record(const char *path) {
+  for (int attempt = 0; attempt < RECORD_ATTEMPTS; attempt++) {
+    errno = 0;
+    auto *record = static_cast<usable_hash *>(calloc(1, sizeof(usable_hash)));
+    if (record != nullptr) {
+      return record;
+    }
+    const int error = allocation_error();
+    log_erro("failed to allocate hash for %s returned %s", path, strerror(error));
+  }
+  return nullptr;
+}
+
+// Reads the opened file. Returns a complete record, or null when there is no digest to be had.
+usable_hash *read_digest(sis_context *ctx, const dentry *file, int fd, const char *path) {
+  SHA256_CTX digest;
+  SHA256_Init(&digest);
+  const int error = read_into_digest(fd, &digest);
+  if (error != 0) {
+    log_erro("failed to read [%d]%s returned %s", fd, path, strerror(error));
+    count_error(ctx);
+    return nullptr;
+  }
+  if (!is_unchanged_after_read(ctx, file, fd, path)) {
+    return nullptr;
+  }
+  usable_hash *record = allocate_record(path);
+  if (record != nullptr) {
+    SHA256_Final(record->digest, &digest);
+  }
+  return record;
+}
+
+usable_hash *compute_digest(sis_context *ctx, const dentry *file) {
+  path_buffer buffer;
+  const char *path = get_fullpath(file, buffer.text);
+  const unique_fd fd = open_for_digest(ctx, path);
+  if (!fd.is_open()) {
+    return nullptr;
+  }
+  if (!is_ready_to_read(ctx, file, fd.get(), path)) {
+    count_error(ctx);
+    return nullptr;
+  }
+  fetch_add(&ctx->nr_hashed, 1);
+  posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+  usable_hash *record = read_digest(ctx, file, fd.get(), path);
+  posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
+  return record;
+}
+
+}  // namespace
+
+int make_pattern(dentry *file, const char *path, int fd) {
+  if (path != nullptr && fd >= 0) {
+    return make_pattern_of(file, path, fd);
+  }
+  path_buffer buffer;
+  const char *own_path = get_fullpath(file, buffer.text);
+  const unique_fd own_fd(open(own_path, O_RDONLY));
+  if (!own_fd.is_open()) {
+    const int error = errno;
+    log_erro("fail to open %s returned %s", own_path, strerror(error));
+    return error;
+  }
+  return make_pattern_of(file, own_path, own_fd.get());
+}
+
+void digest_file_content(sis_context *ctx, dentry *file) {
+  if (!take_saved_digest(ctx, file)) {
+    // A complete record is stored at once, so that nobody sees one that is being filled.
+    store_release(&file->hash, compute_digest(ctx, file));
+  }
+}
+
+}  // namespace velmarin

@@ -1,0 +1,19 @@
+// The files and directories that a walk leaves out. Built before the walk; during the walk any
+// number of workers search it without a lock.
+#pragma once
+
+#include <cstdint>
+
+#include "fbddp/scan_context.h"
+
+namespace velmarin {
+
+// Adds an entry for each usable path; an unusable one is logged and passed over.
+void add_skip_entries(sis_context *ctx, const char **paths, int count);
+
+// Whether `set` (the run's `file_skips` or `dir_skips`) holds the key.
+bool is_skipped(const rb_root *set, uint64_t key);
+
+void free_skip_entries(sis_context *ctx);
+
+}  // namespace velmarin

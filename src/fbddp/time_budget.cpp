@@ -1,0 +1,198 @@
+// Time budgets and the SIGALRM action that all runs with a budget share.
+//
+// The signal's value names the run. A signal can be delivered late, when its run is over and
+// perhaps another run's context lies at the same address. So the handler acts only on a context
+// that is in the set of live runs, and only on a signal of that run's own timer: one that carries
+// its timer's number, or that comes when its budget is spent. A run leaves the set, and waits until
+// no handler is inside, before its context goes.
+//
+// `users_lock` makes counting the users and changing the action one step, and guards changes of the
+// set. The handler takes no lock.
+
+#include "fbddp/time_budget.h"
+
+#include <pthread.h>
+#include <sched.h>
+
+#include <csignal>
+#include <cstring>
+
+#include "common/atomic_word.h"
+#include "common/log.h"
+
+namespace velmarin {
+namespace {
+
+pthread_mutex_t users_lock = PTHREAD_MUTEX_INITIALIZER;
+uint64_t HANDLER_USERS = 0;          // runs that hold the handler
+struct sigaction alarm_action = {};  // ours
+struct sigaction saved_action = {};  // in force before the first user
+sis_context *live_runs = nullptr;    // linked by alarm.next
+uint64_t handlers_inside = 0;        // threads that are reading `live_runs` in the handler
+
+bool is_budget_spent(const sis_context *ctx) {
+  struct timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const struct timespec &deadline = ctx->alarm.deadline;
+  return now.tv_sec > deadline.tv_sec ||
+         (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec);
+}
+
+// A signal that some code sent on purpose with the run's address as its value counts as well.
+bool is_signal_of(const sis_context *ctx, const siginfo_t *info) {
+  return info->si_code != SI_TIMER ||
+         info->si_timerid == static_cast<int>(reinterpret_cast<intptr_t>(ctx->timer)) ||
+         is_budget_spent(ctx);
+}
+
+void clear_in_time(int, siginfo_t *info, void *) {
+  __atomic_fetch_add(&handlers_inside, 1, __ATOMIC_SEQ_CST);
+  const void *named = info->si_value.sival_ptr;
+  sis_context *run = __atomic_load_n(&live_runs, __ATOMIC_SEQ_CST);
+  while (run != nullptr) {
+    if (run == named && is_signal_of(run, info)) {
+      store_relaxed(&run->in_time, 0);
+    }
+    run = __atomic_load_n(&run->alarm.next, __ATOMIC_SEQ_CST);
+  }
+  __atomic_fetch_sub(&handlers_inside, 1, __ATOMIC_SEQ_CST);
+}
+
+void enter_live_runs(sis_context *ctx) {
+  pthread_mutex_lock(&users_lock);
+  ctx->alarm.next = live_runs;
+  __atomic_store_n(&live_runs, ctx, __ATOMIC_SEQ_CST);
+  pthread_mutex_unlock(&users_lock);
+}
+
+void leave_live_runs(sis_context *ctx) {
+  pthread_mutex_lock(&users_lock);
+  sis_context **link = &live_runs;
+  while (*link != ctx) {
+    link = &(*link)->alarm.next;
+  }
+  __atomic_store_n(link, ctx->alarm.next, __ATOMIC_SEQ_CST);
+  pthread_mutex_unlock(&users_lock);
+  while (__atomic_load_n(&handlers_inside, __ATOMIC_SEQ_CST) != 0) {
+    sched_yield();
+  }
+}
+
+bool install_handler() {
+  alarm_action.sa_flags = SA_SIGINFO;
+  alarm_action.sa_sigaction = clear_in_time;
+  sigemptyset(&alarm_action.sa_mask);
+  return sigaction(SIGALRM, &alarm_action, &saved_action) == 0;
+}
+
+// Puts the former action back. Ignoring the signal first discards one that is still pending, which
+// the former action (to end the process, perhaps) must not get.
+void restore_former_action() {
+  struct sigaction ignore = {};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGALRM, &ignore, nullptr);
+  sigaction(SIGALRM, &saved_action, nullptr);
+}
+
+void release_handler() {
+  pthread_mutex_lock(&users_lock);
+  if (fetch_add(&HANDLER_USERS, static_cast<uint64_t>(-1)) == 1) {
+    restore_former_action();
+  }
+  pthread_mutex_unlock(&users_lock);
+}
+
+bool acquire_handler() {
+  pthread_mutex_lock(&users_lock);
+  bool installed = true;
+  if (fetch_add(&HANDLER_USERS, 1) == 0 && !install_handler()) {
+    log_erro("fail to set signal action for %d", SIGALRM);
+    fetch_add(&HANDLER_USERS, static_cast<uint64_t>(-1));
+    installed = false;
+  }
+  pthread_mutex_unlock(&users_lock);
+  return installed;
+}
+
+// Blocks or unblocks SIGALRM in the calling thread.
+bool change_alarm_mask(int how) {
+  sigset_t alarm_only;
+  sigemptyset(&alarm_only);
+  sigaddset(&alarm_only, SIGALRM);
+  return sigprocmask(how, &alarm_only, nullptr) == 0;
+}
+
+bool create_timer(sis_context *ctx, unsigned seconds) {
+  struct sigevent event = {};
+  event.sigev_notify = SIGEV_SIGNAL;
+  event.sigev_signo = SIGALRM;
+  event.sigev_value.sival_ptr = ctx;
+  if (timer_create(CLOCK_REALTIME, &event, &ctx->timer) != 0) {
+    log_erro("fail to create timer of %us", seconds);
+    ctx->timer = {};
+    return false;
+  }
+  ctx->alarm.armed = true;
+  clock_gettime(CLOCK_MONOTONIC, &ctx->alarm.deadline);
+  ctx->alarm.deadline.tv_sec += static_cast<time_t>(seconds);
+  enter_live_runs(ctx);
+  return true;
+}
+
+void delete_timer(sis_context *ctx) {
+  timer_delete(ctx->timer);
+  leave_live_runs(ctx);
+  ctx->timer = {};
+  ctx->alarm.armed = false;
+}
+
+bool start_timer(sis_context *ctx, unsigned seconds) {
+  struct itimerspec expiry = {};
+  expiry.it_value.tv_sec = static_cast<time_t>(seconds);
+  if (timer_settime(ctx->timer, 0, &expiry, nullptr) != 0) {
+    log_erro("fail to initialize timer as counting down %us", seconds);
+    return false;
+  }
+  if (!change_alarm_mask(SIG_UNBLOCK)) {
+    log_erro("fail to unblock signal %d", SIGALRM);
+    return false;
+  }
+  return true;
+}
+
+// The handler is held. Returns whether the timer is running.
+bool arm_timer(sis_context *ctx, unsigned seconds) {
+  if (!change_alarm_mask(SIG_BLOCK)) {
+    log_erro("fail to block signal %d", SIGALRM);
+    return false;
+  }
+  if (!create_timer(ctx, seconds)) {
+    return false;
+  }
+  if (!start_timer(ctx, seconds)) {
+    delete_timer(ctx);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void arm_time_budget(sis_context *ctx, unsigned seconds) {
+  if (acquire_handler() && !arm_timer(ctx, seconds)) {
+    release_handler();
+  }
+}
+
+void release_time_budget(sis_context *ctx) {
+  if (ctx->alarm.armed) {
+    delete_timer(ctx);
+    release_handler();
+  }
+}
+
+}  // namespace velmarin
+
+void signal_no_time(int *in_time) {
+  velmarin::store_relaxed(in_time, 0);
+}

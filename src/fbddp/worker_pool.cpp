@@ -1,0 +1,142 @@
+// Worker threads: their slots, their loop, and which treatment a job gets.
+
+#include "fbddp/worker_pool.h"
+
+#include <cstdlib>
+#include <ctime>
+
+#include "common/atomic_word.h"
+#include "common/log.h"
+#include "fbddp/dentry.h"
+#include "fbddp/fingerprint.h"
+#include "fbddp/forest.h"
+#include "fbddp/job_queue.h"
+#include "fbddp/walk.h"
+
+namespace velmarin {
+namespace {
+
+constexpr int SLOT_ATTEMPTS = 4;
+constexpr long WORKER_POLL_NS = 200000000;
+
+// Sleeps one poll interval, also when signals interrupt it.
+void sleep_one_poll() {
+  struct timespec remaining = {0, WORKER_POLL_NS};
+  struct timespec request;
+  do {
+    request = remaining;
+  } while (nanosleep(&request, &remaining) != 0);
+}
+
+int32_t phase_of(const sis_context *ctx) {
+  return load_acquire(&ctx->phase);
+}
+
+// A file is queued for its digest only after it was admitted, with its digest marked as wanted, and
+// stays marked until that job is done. An unexamined file never is. So the mark alone, which only
+// the file's own job clears, tells the two jobs of a file apart.
+void treat_in_walk(sis_context *ctx, dentry *d) {
+  if (!is_file_form(d)) {
+    read_directory(ctx, d);
+  } else if (is_digest_wanted(d)) {
+    digest_file_content(ctx, d);
+  } else {
+    admit_file(ctx, d);
+  }
+}
+
+void treat(sis_context *ctx, dentry *d) {
+  switch (phase_of(ctx)) {
+    case PHASE_WALK:
+      treat_in_walk(ctx, d);
+      break;
+    case PHASE_GROUP:
+      split_group(ctx, d);
+      break;
+    default:
+      break;
+  }
+}
+
+void *enqueued_worker(void *argument) {
+  auto *ctx = static_cast<sis_context *>(argument);
+  for (;;) {
+    if (phase_of(ctx) == PHASE_START) {
+      sleep_one_poll();
+    }
+    job *taken = nullptr;
+    for (;;) {
+      if (phase_of(ctx) == PHASE_STOP) {
+        return nullptr;
+      }
+      taken = take_job(ctx);
+      if (taken != nullptr) {
+        break;
+      }
+      sleep_one_poll();
+    }
+    treat(ctx, taken->target);
+    finish_job(ctx, taken);
+  }
+}
+
+thread_slot *allocate_slot(int index) {
+  for (int attempt = 0; attempt < SLOT_ATTEMPTS; attempt++) {
+    auto *slot = static_cast<thread_slot *>(malloc(sizeof(thread_slot)));
+    if (slot != nullptr) {
+      slot->thread = 0;
+      return slot;
+    }
+    log_erro("fail to allocate thread %d", index);
+  }
+  return nullptr;
+}
+
+thread_slot *take_first_slot(sis_context *ctx) {
+  thread_slot *slot = owner_of<&thread_slot::link>(ctx->threads.next);
+  list_unlink(&slot->link);
+  return slot;
+}
+
+}  // namespace
+
+int allocate_threads(sis_context *ctx) {
+  for (int i = 0; i < WORKER_COUNT; i++) {
+    thread_slot *slot = allocate_slot(i);
+    if (slot == nullptr) {
+      free_thread_slots(ctx);
+      return 1;
+    }
+    list_append(&ctx->threads, &slot->link);
+  }
+  return 0;
+}
+
+int get_thread(sis_context *ctx, void *worker_argument) {
+  thread_slot *slot = take_first_slot(ctx);
+  const int result = pthread_create(&slot->thread, nullptr, enqueued_worker, worker_argument);
+  if (result != 0) {
+    slot->thread = 0;
+    log_erro("fail to get thread %s", "from pool");
+  }
+  list_append(&ctx->threads, &slot->link);
+  return result;
+}
+
+void join_workers(sis_context *ctx) {
+  for (int i = 0; i < WORKER_COUNT; i++) {
+    thread_slot *slot = take_first_slot(ctx);
+    if (slot->thread != 0) {
+      pthread_join(slot->thread, nullptr);
+    }
+    list_append(&ctx->threads, &slot->link);
+  }
+}
+
+void free_thread_slots(sis_context *ctx) {
+  while (!list_is_empty(&ctx->threads)) {
+    free(take_first_slot(ctx));
+  }
+}
+
+}  // namespace velmarin
