@@ -1,0 +1,99 @@
+// Deduplication of a whole group of files in one call. All members stay open from before the first
+// change to the end.
+
+#include <fcntl.h>
+
+#include <cstdlib>
+#include <new>
+
+#include "reflink/file_layer.h"
+#include "velmarin/files.h"
+
+namespace velmarin {
+namespace {
+
+class file_group {
+ public:
+  file_group(char **paths, int count)
+      : files_(static_cast<opened_file *>(calloc(static_cast<size_t>(count), sizeof(opened_file)))),
+        count_(files_ != nullptr ? count : 0) {
+    for (int i = 0; i < count_; i++) {
+      new (&files_[i]) opened_file{paths[i], {}, {}};
+    }
+  }
+  ~file_group() {
+    for (opened_file &file : *this) {
+      file.~opened_file();
+    }
+    free(files_);
+  }
+  file_group(const file_group &) = delete;
+  file_group &operator=(const file_group &) = delete;
+
+  bool is_allocated() const { return files_ != nullptr; }
+  opened_file &first() { return files_[0]; }
+  opened_file *begin() { return files_; }
+  opened_file *end() { return files_ + count_; }
+
+ private:
+  opened_file *files_;
+  int count_;
+};
+
+// Stops at the first member that cannot be opened.
+int open_members(file_group *group) {
+  for (opened_file &file : *group) {
+    const int error = open_with_status(&file, O_RDWR, ERRO_RETURNED);
+    if (error != 0) {
+      return error;
+    }
+  }
+  return 0;
+}
+
+// Goes on after a refused member. Returns 0 or the errno of the last one refused.
+int dedup_further_members(file_group *group) {
+  int result = 0;
+  for (opened_file *file = group->begin() + 1; file != group->end(); file++) {
+    const int error = dedup_onto_layer(*file, group->first().fd.get(), ERRO_RETURNED);
+    if (error != 0) {
+      result = error;
+    }
+  }
+  return result;
+}
+
+int dedup_group(file_group *group) {
+  int error = open_members(group);
+  if (error != 0) {
+    return error;
+  }
+  path_buffer directory;
+  error = find_directory(group->first().path, &directory, ERRO_RETURNED);
+  if (error != 0) {
+    return error;
+  }
+  log_info("creating temporary file under %s", directory.text);
+  unique_fd layer;
+  error = create_layered_inode(group->first(), directory.text, ERRO_RETURNED, &layer);
+  if (error != 0) {
+    return error;
+  }
+  return dedup_further_members(group);
+}
+
+}  // namespace
+}  // namespace velmarin
+
+using namespace velmarin;
+
+int sis_them_all(char **paths, int count) {
+  if (count < 1) {
+    return log_failure(EINVAL, ERRO_RETURNED, "fail to deduplicate a group of %d files", count);
+  }
+  file_group group(paths, count);
+  if (!group.is_allocated()) {
+    return log_failure(ENOMEM, ERRO_RETURNED, "fail to allocate a group of %d files", count);
+  }
+  return dedup_group(&group);
+}
