@@ -1,0 +1,178 @@
+// Service entry points for single files: make one file share the data of another, tell whether a
+// file is a single-instance file, give a file its own data back. They keep no state.
+
+#include <bounds_checked.h>
+#include <fcntl.h>
+
+#include <cstring>
+
+#include "reflink/control.h"
+#include "reflink/file_layer.h"
+#include "service/resolved_file.h"
+#include "velmarin/files.h"
+
+namespace velmarin {
+namespace {
+
+constexpr mode_t TEMPORARY_FILE_MODE = 0777;
+constexpr int NOT_RECOVERED = -2;
+
+// A heap buffer that is freed when it goes out of scope.
+struct heap_text {
+  char *text = nullptr;
+
+  heap_text() = default;
+  heap_text(const heap_text &) = delete;
+  heap_text &operator=(const heap_text &) = delete;
+  ~heap_text() { free(text); }
+};
+
+// Two files of a request. The second is closed before the first.
+struct file_pair {
+  unique_fd first;
+  unique_fd second;
+};
+
+// Leaves the part of `path` up to and including its last '/'. Returns 0 or -1.
+int copy_directory(const char *path, heap_text *directory) {
+  const char *separator = strrchr(path, '/');
+  if (separator == nullptr) {
+    log_service("file1 %s invalid \n", path);
+    return -1;
+  }
+  const size_t length = static_cast<size_t>(separator - path) + 1;
+  directory->text = static_cast<char *>(malloc(length + 1));
+  if (directory->text == nullptr) {
+    log_service("Create tmp_file Failed, malloc fail\n");
+    return -1;
+  }
+  if (memcpy_s(directory->text, length + 1, path, length) != 0) {
+    log_service("Create tmp_file Failed, memcpy_s fail\n");
+    return -1;
+  }
+  directory->text[length] = '\0';
+  return 0;
+}
+
+// Returns 0 or -1.
+int open_pair(const char *file1, const char *file2, file_pair *files) {
+  files->first.reset(open(file1, O_RDWR));
+  if (!files->first.is_open()) {
+    log_service("open file1:%s failed !\n", file1);
+    return -1;
+  }
+  files->second.reset(open(file2, O_RDWR));
+  if (!files->second.is_open()) {
+    log_service("open file2:%s failed !\n", file2);
+    return -1;
+  }
+  return 0;
+}
+
+void log_refusal(const char *request, int result, int error) {
+  log_service("ioctl %s failed! ret = %d, errno = %d\n", request, result, error);
+}
+
+// Only 0 is an answer of the file system. `error` is set for any other result.
+int request_file_info(int fd, sis_file_info *info, int *error) {
+  const int result = query_file_info(fd, info);
+  if (result != 0) {
+    *error = errno;
+    log_refusal("get file info", result, *error);
+  }
+  return result;
+}
+
+// Makes a layered inode of `fd`. Returns 0 or an errno. `temporary` is to stay open until the
+// request for the second file is over.
+int make_single_instance(int fd, const char *directory, unique_fd *temporary) {
+  const layer_outcome outcome = build_layer(fd, directory, TEMPORARY_FILE_MODE, nullptr, temporary);
+  switch (outcome.stopped_at) {
+    case layer_step::open_temporary:
+      log_service("open tmp_fd failed! ret = %d, errno = %d, tmp_file %s\n", outcome.result,
+                  outcome.error, directory);
+      break;
+    case layer_step::clone:
+      log_refusal("clone file", outcome.result, outcome.error);
+      break;
+    case layer_step::connect:
+      log_refusal("connect", outcome.result, outcome.error);
+      break;
+    case layer_step::read_status:
+    case layer_step::done:
+      break;
+  }
+  return outcome.error;
+}
+
+// Returns the non-negative result of the request or an errno.
+int share_with_first(const file_pair &files, const char *file1) {
+  const int result = share_data(files.second.get(), files.first.get(), SIS_DEDUP_COPY);
+  if (result >= 0) {
+    return result;
+  }
+  const int error = errno;
+  log_refusal("dedup file", result, error);
+  getSISFileInfoImpl(file1);  // for its lines only
+  return error;
+}
+
+}  // namespace
+}  // namespace velmarin
+
+using namespace velmarin;
+
+// Guards run in reverse: the temporary descriptor, file2's, file1's, then the directory buffer.
+int sisFileTaskImpl(const char *file1, const char *file2) {
+  heap_text directory;
+  file_pair files;
+  if (copy_directory(file1, &directory) != 0 || open_pair(file1, file2, &files) != 0) {
+    return -1;
+  }
+  sis_file_info info;
+  int error = 0;
+  if (request_file_info(files.first.get(), &info, &error) != 0) {
+    return error;
+  }
+  unique_fd temporary;
+  if (info.layered == 0) {
+    error = make_single_instance(files.first.get(), directory.text, &temporary);
+    if (error != 0) {
+      return error;
+    }
+  }
+  return share_with_first(files, file1);
+}
+
+int getSISFileInfoImpl(const char *path) {
+  resolved_file file;
+  const int answer = open_resolved(path, unresolved_answer::minus_one, &file);
+  if (answer != 0) {
+    return answer;
+  }
+  sis_file_info info;
+  int error = 0;
+  return request_file_info(file.fd.get(), &info, &error) != 0 ? -1 : info.layered;
+}
+
+int recoverFileImpl(const char *path) {
+  path_buffer resolved;
+  int answer = resolve_path(path, unresolved_answer::minus_errno, &resolved);
+  if (answer != 0) {
+    return answer;
+  }
+  const unique_fd fd(open(resolved.text, O_RDWR));
+  if (!fd.is_open()) {
+    log_service("recover file %s, open FAIL \n", resolved.text);
+    return -1;
+  }
+  if (revoke_with_descriptor(fd.get()) < 0) {
+    return -errno;
+  }
+  answer = getSISFileInfoImpl(resolved.text);
+  if (answer == 1) {
+    log_service("get file info, this file NOT recover!!! \n");
+    return NOT_RECOVERED;
+  }
+  return answer;
+}
