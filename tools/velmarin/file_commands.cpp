@@ -1,0 +1,200 @@
+#include "file_commands.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "display_name.h"
+#include "layer.h"
+#include "message.h"
+#include "velmarin/control_codes.h"
+#include "velmarin/files.h"
+
+namespace tool {
+namespace {
+
+using Files = std::vector<std::string>;
+
+// Prints "FILE: TEXT".
+void say(const std::string &file, const std::string &text) {
+  std::printf("%s: %s\n", escaped_name(file).c_str(), text.c_str());
+}
+
+// Prints on standard error what was refused, and returns the result of a failed command.
+bool refuse(const std::string &file, const std::string &reason) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "velmarin: %s: %s\n", escaped_name(file).c_str(), reason.c_str());
+  return false;
+}
+
+// Why a call that says only -1 failed: it opens the file for reading and writing, so the reason is
+// found by doing the same; otherwise it stands in the call's last log line.
+std::string reason_of_failure(const std::string &file, const LogLines &log) {
+  const int fd = open(file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    return std::strerror(errno);
+  }
+  close(fd);
+  const std::string message = log.last_message();
+  return message.empty() ? "the call failed" : escaped_name(message);
+}
+
+// Acts on every file, also after a failure.
+template <typename Act>
+bool for_each(const Files &files, LogLines &log, Act act) {
+  bool all_done = true;
+  for (const std::string &file : files) {
+    log.forget();
+    all_done = act(file) && all_done;
+  }
+  return all_done;
+}
+
+bool dedup(const Files &files, LogLines &log) {
+  // The library wants a path with a directory.
+  const std::string first = files[0].find('/') == std::string::npos ? "./" + files[0] : files[0];
+  const std::string &second = files[1];
+  const int result = sisFileTaskImpl(first.c_str(), second.c_str());
+  if (result == 0) {
+    say(second, "shares the data of " + escaped_name(files[0]));
+    return true;
+  }
+  if (result > 0) {
+    return refuse(second, "cannot share the data of " + escaped_name(files[0]) + ": " +
+                              std::strerror(result));
+  }
+  const bool is_first = access(first.c_str(), R_OK | W_OK) != 0;
+  return refuse(is_first ? files[0] : second, reason_of_failure(is_first ? first : second, log));
+}
+
+bool info(const Files &files, LogLines &log) {
+  return for_each(files, log, [&](const std::string &file) {
+    const int result = getSISFileInfoImpl(file.c_str());
+    if (result < 0) {
+      return refuse(file, reason_of_failure(file, log));
+    }
+    say(file, result == 0 ? "a plain file" : describe_layer(file));
+    return true;
+  });
+}
+
+bool recover(const Files &files, LogLines &log) {
+  return for_each(files, log, [&](const std::string &file) {
+    const int result = recoverFileImpl(file.c_str());
+    if (result == 0) {
+      say(file, "has its own data");
+      return true;
+    }
+    if (result < -1 && query_layer(file) == 0) {
+      say(file, "was a plain file already");
+      return true;
+    }
+    // -2 also stands for a missing file, whose errno it is.
+    if (result == -2 && access(file.c_str(), F_OK) == 0) {
+      return refuse(file, "is still attached to a layered inode");
+    }
+    return refuse(file, result == -1 ? reason_of_failure(file, log) : std::strerror(-result));
+  });
+}
+
+bool group(const Files &files, LogLines &) {
+  std::vector<char *> paths;
+  for (const std::string &file : files) {
+    paths.push_back(const_cast<char *>(file.c_str()));
+  }
+  const int error = sis_them_all(paths.data(), static_cast<int>(paths.size()));
+  for (const std::string &file : files) {
+    say(file, describe_layer(file));
+  }
+  return error == 0 || refuse(files[0], std::string("the group was not merged completely: ") +
+                                            std::strerror(error));
+}
+
+bool copy(const Files &files, LogLines &) {
+  const std::string &source = files[0];
+  const std::string &target = files[1];
+  struct stat status = {};
+  const bool existed = lstat(target.c_str(), &status) == 0;
+  const int error = reflink_copy(source.c_str(), target.c_str());
+  if (error == 0) {
+    say(target, "a new file that shares the data of " + escaped_name(source));
+    return true;
+  }
+  const bool is_left = !existed && lstat(target.c_str(), &status) == 0;
+  return refuse(target, "cannot copy " + escaped_name(source) + ": " + std::strerror(error) +
+                            (is_left ? "; the new file is left, empty" : ""));
+}
+
+bool revoke(const Files &files, LogLines &log) {
+  return for_each(files, log, [](const std::string &file) {
+    const int result = revoke_file(file.c_str());
+    if (result == 0) {
+      say(file, "has its own data");
+      return true;
+    }
+    // 1 stands for a plain file, but it is also an errno (EPERM).
+    if (result == 1 && query_layer(file) == 0) {
+      say(file, "was a plain file already");
+      return true;
+    }
+    return refuse(file, std::string("cannot be revoked: ") + std::strerror(result));
+  });
+}
+
+bool freeze(const Files &files, LogLines &log) {
+  return for_each(files, log, [&](const std::string &file) {
+    struct stat status = {};
+    if (stat(file.c_str(), &status) != 0) {
+      return refuse(file, std::strerror(errno));
+    }
+    const int result =
+        setCheckFlagImpl(file.c_str(), status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
+    if (result == 0) {
+      say(file, "frozen: its coincide flag is set until it changes");
+      return true;
+    }
+    if (result > 0) {
+      return refuse(file, "is attached to a layered inode; its flag was left alone");
+    }
+    if (result == -1 && log.last_message().empty()) {
+      return refuse(file, "changed meanwhile; it is not frozen");
+    }
+    return refuse(file, result == -1 ? reason_of_failure(file, log) : std::strerror(-result));
+  });
+}
+
+bool flags(const Files &files, LogLines &log) {
+  return for_each(files, log, [&](const std::string &file) {
+    const int word = getCoincideFlagImpl(file.c_str());
+    if (word < 0) {
+      return refuse(file, word == -1 ? reason_of_failure(file, log) : std::strerror(-word));
+    }
+    const bool is_frozen = (static_cast<unsigned>(word) & velmarin::SIS_FLAG_COINCIDE) != 0;
+    char text[48];
+    std::snprintf(text, sizeof text, "%s (flags 0x%x)", is_frozen ? "frozen" : "not frozen",
+                  static_cast<unsigned>(word));
+    say(file, text);
+    return true;
+  });
+}
+
+}  // namespace
+
+const std::vector<FileCommand> &file_commands() {
+  static const std::vector<FileCommand> commands = {
+      {"dedup", "Make FILE2 share the data of FILE1", {"FILE1", "FILE2"}, dedup},
+      {"info", "Tell whether files are plain or share data", {"FILE"}, info},
+      {"recover", "Give files their own data back, and check it", {"FILE"}, recover},
+      {"group", "Make identical files share one new copy of their data", {"FILE"}, group},
+      {"copy", "Make the new file DST, which shares the data of SRC", {"SRC", "DST"}, copy},
+      {"revoke", "Give files that share data their own data back", {"FILE"}, revoke},
+      {"freeze", "Set the coincide flag, which falls when a file changes", {"FILE"}, freeze},
+      {"flags", "Tell whether files are frozen", {"FILE"}, flags}};
+  return commands;
+}
+
+}  // namespace tool

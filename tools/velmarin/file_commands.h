@@ -1,0 +1,21 @@
+// The commands that act on files named on the command line.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "log_lines.h"
+
+namespace tool {
+
+struct FileCommand {
+  const char *name;
+  const char *summary;
+  std::vector<const char *> operands;  // two names: exactly two files; one name: one file or more
+  // Acts and says in words what came of it. Returns false when something was refused or failed.
+  bool (*run)(const std::vector<std::string> &files, LogLines &log);
+};
+
+const std::vector<FileCommand> &file_commands();
+
+}  // namespace tool

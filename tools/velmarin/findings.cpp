@@ -1,0 +1,111 @@
+#include "findings.h"
+
+#include <algorithm>
+
+#include "stop_signal.h"
+
+namespace tool {
+namespace {
+
+// The path without the doubled slash that a root of "/" leaves at its start.
+std::string reported_path(const char *path) {
+  return path[0] == '/' && path[1] == '/' ? path + 1 : path;
+}
+
+FoundFile found_file(const velmarin::sis_report &record) {
+  FoundFile file;
+  file.path = reported_path(record.path);
+  file.inode = record.ino;
+  file.status = record.status;
+  file.size = record.size;
+  file.blocks = record.blocks;
+  file.mtime = *record.mtime;
+  if (record.digest != nullptr) {
+    std::copy_n(record.digest, file.digest.emplace().size(), file.digest->begin());
+  }
+  return file;
+}
+
+// The last record of the report carries the counters in its first six fields.
+Counters counters_of(const velmarin::sis_report &record) {
+  return {.nr_dir_opened = reinterpret_cast<uintptr_t>(record.dentry),
+          .nr_dir_read = record.ino,
+          .nr_file_opened = reinterpret_cast<uintptr_t>(record.path),
+          .nr_scan_file = static_cast<uint64_t>(record.status),
+          .nr_hashed = record.size,
+          .nr_error = record.blocks};
+}
+
+template <typename Range, typename Measure>
+uint64_t sum(const Range &range, Measure measure) {
+  uint64_t total = 0;
+  for (const auto &element : range) {
+    total += measure(element);
+  }
+  return total;
+}
+
+}  // namespace
+
+uint64_t FoundGroup::unmerged_bytes() const {
+  return sum(shares, [](const Share &share) { return share.unmerged_bytes; });
+}
+
+uint64_t FoundGroup::reclaimable_bytes() const {
+  return sum(shares, [](const Share &share) { return share.reclaimable_bytes(); });
+}
+
+uint64_t FoundGroup::freed_bytes() const {
+  return sum(shares, [](const Share &share) { return share.freed_bytes; });
+}
+
+uint64_t Findings::grouped_files() const {
+  return sum(groups, [](const FoundGroup &group) { return group.files.size(); });
+}
+
+uint64_t Findings::unmerged_bytes() const {
+  return sum(groups, [](const FoundGroup &group) { return group.unmerged_bytes(); });
+}
+
+uint64_t Findings::reclaimable_bytes() const {
+  return sum(groups, [](const FoundGroup &group) { return group.reclaimable_bytes(); });
+}
+
+uint64_t Findings::freed_bytes() const {
+  return sum(groups, [](const FoundGroup &group) { return group.freed_bytes(); });
+}
+
+int Collector::receive(uint64_t collector, velmarin::sis_report *record) {
+  reinterpret_cast<Collector *>(collector)->take(*record);
+  return 0;
+}
+
+void Collector::take(const velmarin::sis_report &record) {
+  switch (record.stage) {
+    case velmarin::REPORT_BEGIN:
+      retract_stop_handle();
+      break;
+    case velmarin::REPORT_GROUP:
+      findings.groups.emplace_back();
+      take_file(record);
+      break;
+    case velmarin::REPORT_FILE:
+      take_file(record);
+      break;
+    case velmarin::REPORT_COMPRESSED:
+      in_compressed_section_ = true;
+      break;
+    case velmarin::REPORT_END:
+      findings.counters = counters_of(record);
+      break;
+    default:
+      break;
+  }
+}
+
+void Collector::take_file(const velmarin::sis_report &record) {
+  auto &files = in_compressed_section_ ? findings.compressed : findings.groups.back().files;
+  files.push_back(found_file(record));
+}
+
+}  // namespace tool

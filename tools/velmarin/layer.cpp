@@ -1,0 +1,66 @@
+#include "layer.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "velmarin/control_codes.h"
+
+namespace tool {
+namespace {
+
+// Returns 0 or an errno.
+int query(int fd, velmarin::sis_file_info &info) {
+  info = {};
+  return ioctl(fd, velmarin::SIS_IOC_GET_FILE_INFO, &info) < 0 ? errno : 0;
+}
+
+int query(const std::string &path, velmarin::sis_file_info &info) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    return errno;
+  }
+  const int error = query(fd, info);
+  close(fd);
+  return error;
+}
+
+bool is_attached(const velmarin::sis_file_info &info) {
+  return info.deduped != 0 || info.layered != 0;
+}
+
+int64_t layer_number(int error, const velmarin::sis_file_info &info) {
+  if (error != 0) {
+    return -error;
+  }
+  return is_attached(info) ? info.layer_ino : 0;
+}
+
+}  // namespace
+
+int64_t query_layer(int fd) {
+  velmarin::sis_file_info info;
+  return layer_number(query(fd, info), info);
+}
+
+int64_t query_layer(const std::string &path) {
+  velmarin::sis_file_info info;
+  return layer_number(query(path, info), info);
+}
+
+std::string describe_layer(const std::string &path) {
+  velmarin::sis_file_info info;
+  if (const int error = query(path, info); error != 0) {
+    return std::string("cannot be examined: ") + std::strerror(error);
+  }
+  if (!is_attached(info)) {
+    return "a plain file";
+  }
+  return std::string(info.deduped != 0 ? "deduplicated onto" : "attached to") + " layered inode " +
+         std::to_string(info.layer_ino);
+}
+
+}  // namespace tool

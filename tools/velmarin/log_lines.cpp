@@ -1,0 +1,86 @@
+#include "log_lines.h"
+
+#include <cstdio>
+
+#include "display_name.h"
+#include "velmarin_platform/log_sink.h"
+
+namespace tool {
+namespace {
+
+constexpr std::string_view ERROR_PREFIX = "[ERRO ";
+constexpr std::string_view SERVICE_PREFIX = "[velmarin][";
+
+struct PhaseEnd {
+  std::string_view message;  // how the line begins that ends the phase before
+  ScanPhase next;
+};
+constexpr PhaseEnd PHASE_ENDS[] = {{"load_usable_hash(", ScanPhase::walking},
+                                   {"scan_directory:", ScanPhase::grouping},
+                                   {"fetch_all_sis_file:", ScanPhase::saving},
+                                   {"save_usable_hash(", ScanPhase::reporting}};
+
+// The part of a line behind its prefix in brackets.
+std::string_view message_of(std::string_view line) {
+  const size_t end = line.find("] ");
+  return end == std::string_view::npos ? line : line.substr(end + 2);
+}
+
+std::string_view without_newline(std::string_view line) {
+  return line.ends_with('\n') ? line.substr(0, line.size() - 1) : line;
+}
+
+}  // namespace
+
+LogLines::LogLines(bool show) : show_(show) {
+  velmarin_set_log_sink(receive, this);
+}
+
+LogLines::~LogLines() {
+  velmarin_set_log_sink(nullptr, nullptr);
+}
+
+void LogLines::receive(void *self, int, int, const char *, const char *line) {
+  auto *const lines = static_cast<LogLines *>(self);
+  const std::string_view text = without_newline(line);
+  if (lines->show_) {
+    std::fprintf(stderr, "%s\n", escaped_name(text).c_str());
+  }
+  lines->keep(text);
+}
+
+void LogLines::keep(std::string_view line) {
+  const std::string_view message = message_of(line);
+  for (const PhaseEnd &end : PHASE_ENDS) {
+    if (message.starts_with(end.message) && !line.starts_with(SERVICE_PREFIX)) {
+      phase_ = end.next;
+    }
+  }
+  const std::lock_guard guard(lock_);
+  last_message_ = message;
+  if (line.starts_with(ERROR_PREFIX) && ++error_count_ == 1) {
+    first_error_ = message;
+  }
+}
+
+uint64_t LogLines::error_count() const {
+  const std::lock_guard guard(lock_);
+  return error_count_;
+}
+
+std::string LogLines::first_error() const {
+  const std::lock_guard guard(lock_);
+  return first_error_;
+}
+
+std::string LogLines::last_message() const {
+  const std::lock_guard guard(lock_);
+  return last_message_;
+}
+
+void LogLines::forget() {
+  const std::lock_guard guard(lock_);
+  last_message_.clear();
+}
+
+}  // namespace tool

@@ -1,0 +1,49 @@
+// The command-line host of the library: plays for people at a shell the part that a daemon plays on
+// a device.
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "file_commands.h"
+#include "message.h"
+#include "options.h"
+#include "scan_command.h"
+
+namespace {
+
+constexpr int FAILED = 1;
+
+bool run_file_command(const std::string &name, const tool::FileOptions &options) {
+  tool::LogLines log(options.verbose);
+  for (const tool::FileCommand &command : tool::file_commands()) {
+    if (name == command.name) {
+      return command.run(options.files, log);
+    }
+  }
+  return false;
+}
+
+bool run_command(const tool::CommandLine &line) {
+  const bool done = line.command == "scan" ? tool::run_scan(line.scan)
+                                           : run_file_command(line.command, line.file);
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    tool::complain("cannot write to standard output");
+    return false;
+  }
+  return done;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  try {
+    const tool::CommandLine line = tool::parse_command_line(argc, argv);
+    if (line.command.empty()) {
+      return line.exit_status;
+    }
+    return run_command(line) ? 0 : FAILED;
+  } catch (const std::exception &error) {
+    tool::complain(error.what());
+    return FAILED;
+  }
+}

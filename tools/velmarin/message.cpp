@@ -1,0 +1,17 @@
+#include "message.h"
+
+#include <cstdio>
+
+#include "display_name.h"
+
+namespace tool {
+
+void complain(std::string_view text) {
+  std::fprintf(stderr, "velmarin: %s\n", std::string(text).c_str());
+}
+
+void complain(std::string_view what, std::string_view name, std::string_view reason) {
+  complain(std::string(what) + ' ' + escaped_name(name) + ": " + std::string(reason));
+}
+
+}  // namespace tool

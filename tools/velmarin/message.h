@@ -1,0 +1,15 @@
+// What the tool says on standard error.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace tool {
+
+// "velmarin: TEXT"
+void complain(std::string_view text);
+
+// "velmarin: WHAT NAME: REASON", the name escaped.
+void complain(std::string_view what, std::string_view name, std::string_view reason);
+
+}  // namespace tool

@@ -1,0 +1,40 @@
+// The command line.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tool {
+
+struct ScanOptions {
+  bool apply = false;
+  bool json = false;
+  bool verbose = false;
+  bool quiet = false;
+  bool no_color = false;
+  std::string state;  // empty: the default directory
+  std::string html;   // empty: no page
+  std::vector<std::string> skips;
+  std::vector<std::string> roots;
+  uint64_t min_size = 64 * 1024;
+  int max_depth = 0;         // 0: no limit
+  unsigned time_budget = 0;  // seconds; 0: no limit
+};
+
+struct FileOptions {
+  bool verbose = false;
+  std::vector<std::string> files;
+};
+
+struct CommandLine {
+  std::string command;  // empty: nothing is left to do, `exit_status` says how it went
+  int exit_status = 0;
+  ScanOptions scan;  // of the command `scan`
+  FileOptions file;  // of every other command
+};
+
+// Reads the command line. Prints help, version or what is wrong with it.
+CommandLine parse_command_line(int argc, char **argv);
+
+}  // namespace tool

@@ -1,0 +1,61 @@
+#include "output_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "message.h"
+
+namespace tool {
+namespace {
+
+bool write_all(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(fd, text.data(), text.size());
+    if (written < 0 && errno != EINTR) {
+      return false;
+    }
+    text.remove_prefix(written < 0 ? 0 : static_cast<size_t>(written));
+  }
+  return true;
+}
+
+// A pipe or a terminal has nothing to cut off.
+bool empty_file(int fd) {
+  struct stat status = {};
+  return fstat(fd, &status) == 0 && (!S_ISREG(status.st_mode) || ftruncate(fd, 0) == 0);
+}
+
+}  // namespace
+
+OutputFile::~OutputFile() {
+  if (fd_ >= 0) {
+    close(fd_);
+  }
+}
+
+bool OutputFile::open(const std::string &path) {
+  path_ = path;
+  fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+  return fd_ >= 0 || fail();
+}
+
+bool OutputFile::write(const std::string &text) {
+  if (!empty_file(fd_) || !write_all(fd_, text)) {
+    return fail();
+  }
+  const int fd = fd_;
+  fd_ = -1;
+  return close(fd) == 0 || fail();
+}
+
+bool OutputFile::fail() {
+  complain("cannot write", path_, std::strerror(errno));
+  return false;
+}
+
+}  // namespace tool

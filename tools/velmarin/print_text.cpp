@@ -1,0 +1,176 @@
+#include <cstdio>
+#include <cstring>
+
+#include "display_name.h"
+#include "report.h"
+#include "size_text.h"
+
+namespace tool {
+namespace {
+
+constexpr const char *BOLD = "\x1b[1m";
+constexpr const char *GREEN = "\x1b[32m";
+constexpr const char *YELLOW = "\x1b[33m";
+constexpr const char *RED = "\x1b[31m";
+constexpr const char *RESET = "\x1b[0m";
+
+class TextPrinter {
+ public:
+  TextPrinter(const Report &report, bool colours) : report_(report), colours_(colours) {}
+
+  void print() {
+    for (const FoundGroup &group : report_.findings.groups) {
+      print_group(group);
+    }
+    print_compressed();
+    print_summary();
+  }
+
+ private:
+  void put(const std::string &text, const char *colour = nullptr) const {
+    const bool is_coloured = colours_ && colour != nullptr;
+    std::printf("%s%s%s", is_coloured ? colour : "", text.c_str(), is_coloured ? RESET : "");
+  }
+
+  void print_group(const FoundGroup &group) const {
+    put(format_count(group.files.size(), "file") + " of " + format_size(group.size()) + gain(group),
+        BOLD);
+    put("\n");
+    for (const FoundFile &file : group.files) {
+      print_file(file);
+    }
+    put("\n");
+  }
+
+  std::string gain(const FoundGroup &group) const {
+    if (report_.applied) {
+      return ", " + format_size(group.freed_bytes()) + " freed";
+    }
+    if (group.reclaimable_bytes() > 0) {
+      return ", " + format_size(group.reclaimable_bytes()) + " can be freed";
+    }
+    return group.unmerged_bytes() > 0 ? "" : ", nothing left to free";
+  }
+
+  // The word comes first, so that the name has the rest of the line to itself.
+  void print_file(const FoundFile &file) const {
+    const bool was_merged = file.outcome != Outcome::none;
+    const char *const word = was_merged ? outcome_word(file.outcome) : status_word(file.status);
+    char column[16];
+    std::snprintf(column, sizeof column, "  %-11s ", word);
+    put(column, was_merged ? outcome_colour(file.outcome) : nullptr);
+    put(escaped_name(file.path));
+    if (!file.reason.empty()) {
+      put(" (" + escaped_name(file.reason) + ")");
+    } else if (!was_merged && file.status < 0) {
+      put(std::string(" (") + std::strerror(static_cast<int>(-file.status)) + ")");
+    }
+    put("\n");
+  }
+
+  static const char *outcome_colour(Outcome outcome) {
+    switch (outcome) {
+      case Outcome::source:
+      case Outcome::merged:
+        return GREEN;
+      case Outcome::refused:
+        return RED;
+      case Outcome::changed:
+      case Outcome::not_tried:
+        return YELLOW;
+      default:
+        return nullptr;
+    }
+  }
+
+  void print_compressed() const {
+    const auto &files = report_.findings.compressed;
+    if (files.empty()) {
+      return;
+    }
+    put(format_count(files.size(), "compressed file") + "\n", BOLD);
+    for (const FoundFile &file : files) {
+      print_file(file);
+    }
+    put("\n");
+  }
+
+  void print_row(const char *name, const std::string &value) const {
+    std::printf("  %-16s %s\n", name, value.c_str());
+  }
+
+  void print_summary() const {
+    put("Summary\n", BOLD);
+    print_sharing();
+    print_counters();
+    print_statistics();
+    print_row("time", format_duration(report_.elapsed) +
+                          (report_.stopped ? ", stopped early" : "") +
+                          (report_.out_of_time ? ", the time budget was used up" : ""));
+  }
+
+  void print_sharing() const {
+    const Findings &findings = report_.findings;
+    print_row("identical files", std::to_string(findings.grouped_files()) + " in " +
+                                     format_count(findings.groups.size(), "group"));
+    if (report_.applied) {
+      print_merged();
+    } else {
+      const uint64_t reclaimable = findings.reclaimable_bytes();
+      print_row("not merged yet", format_size(findings.unmerged_bytes()));
+      print_row("can be freed",
+                format_size(reclaimable) + (reclaimable > 0 ? " (with --apply)" : ""));
+    }
+    if (findings.reclaimable_bytes() < findings.unmerged_bytes()) {
+      print_row("", "merging frees nothing on a file system that cannot share data: " +
+                        format_size(findings.unmerged_bytes() - findings.reclaimable_bytes()));
+    }
+  }
+
+  void print_merged() const {
+    const MergeCounts counts = count_outcomes(report_.findings);
+    std::string text = format_count(counts.merged, "file") + ", " +
+                       std::to_string(counts.already_shared) + " shared already";
+    const auto append = [&text](uint64_t count, const char *what) {
+      text += count > 0 ? ", " + std::to_string(count) + what : "";
+    };
+    append(counts.changed, " changed since the scan");
+    append(counts.refused, " refused");
+    append(counts.not_tried, " not tried");
+    print_row("merged", text);
+    print_row("freed", format_size(report_.findings.freed_bytes()));
+  }
+
+  void print_counters() const {
+    const Counters &counters = report_.findings.counters;
+    print_row("directories", std::to_string(counters.nr_dir_read) + " read of " +
+                                 std::to_string(counters.nr_dir_opened) + " tried");
+    print_row("files", std::to_string(counters.nr_file_opened) + " opened, " +
+                           std::to_string(counters.nr_scan_file) + " candidates, " +
+                           std::to_string(counters.nr_hashed) + " read whole");
+    print_row("errors", std::to_string(counters.nr_error));
+    if (report_.unsupported + report_.unknown > 0) {
+      print_row("left out", std::to_string(report_.unsupported) + " without deduplication, " +
+                                std::to_string(report_.unknown) + " in an unknown state");
+    }
+  }
+
+  void print_statistics() const {
+    const Statistics &statistics = report_.findings.statistics;
+    print_row("saved already", format_size(statistics.deduped_saved_bytes) + " by " +
+                                   format_count(statistics.deduped_files, "deduplicated file") +
+                                   ", " + format_size(statistics.compressed_saved_bytes) + " by " +
+                                   format_count(statistics.compressed_files, "compressed file"));
+  }
+
+  const Report &report_;
+  const bool colours_;
+};
+
+}  // namespace
+
+void print_text(const Report &report, bool colours) {
+  TextPrinter(report, colours).print();
+}
+
+}  // namespace tool

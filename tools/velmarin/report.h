@@ -1,0 +1,48 @@
+// A finished scan in the forms in which it can be shown.
+#pragma once
+
+#include <chrono>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+#include "findings.h"
+
+namespace tool {
+
+struct Report {
+  Findings findings;
+  std::vector<std::string> roots;
+  bool applied = false;      // merging was asked for
+  bool stopped = false;      // by a signal
+  bool out_of_time = false;  // the time budget was used up
+  uint64_t unsupported = 0;  // files left out: their file system cannot deduplicate
+  uint64_t unknown = 0;      // files left out: their state could not be asked
+  std::chrono::milliseconds elapsed{};
+};
+
+// How many files merging left in each state.
+struct MergeCounts {
+  uint64_t merged = 0;
+  uint64_t already_shared = 0;
+  uint64_t changed = 0;
+  uint64_t refused = 0;
+  uint64_t not_tried = 0;
+};
+MergeCounts count_outcomes(const Findings &findings);
+
+const char *outcome_word(Outcome outcome);
+
+// "plain", "layered", "deduped", "compressed", or "unknown" for an error.
+const char *status_word(int64_t status);
+
+// Prints the report for people on standard output.
+void print_text(const Report &report, bool colours);
+
+// The JSON object of `--json`.
+nlohmann::ordered_json json_report(const Report &report);
+
+// The page of `--html`.
+std::string html_report(const Report &report);
+
+}  // namespace tool

@@ -1,0 +1,12 @@
+// The command `scan`.
+#pragma once
+
+#include "options.h"
+
+namespace tool {
+
+// Scans, merges when asked to, and prints what came of it. Returns false when something was refused
+// or failed.
+bool run_scan(const ScanOptions &options);
+
+}  // namespace tool

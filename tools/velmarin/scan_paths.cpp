@@ -1,0 +1,123 @@
+#include "scan_paths.h"
+
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "message.h"
+
+namespace tool {
+namespace {
+
+constexpr size_t STATE_DIRECTORY_MAX = 4026;  // what the library takes
+
+// Returns 0 and the resolved path, or an errno.
+int resolve_directory(const std::string &path, std::string &resolved) {
+  char buffer[PATH_MAX];
+  struct stat status = {};
+  if (realpath(path.c_str(), buffer) == nullptr || stat(buffer, &status) != 0) {
+    return errno;
+  }
+  if (!S_ISDIR(status.st_mode)) {
+    return ENOTDIR;
+  }
+  resolved = buffer;
+  return access(buffer, R_OK | X_OK) == 0 ? 0 : errno;
+}
+
+const char *environment(const char *name) {
+  const char *const value = std::getenv(name);
+  return value == nullptr ? "" : value;
+}
+
+std::string home_directory() {
+  const std::string home = environment("HOME");
+  if (!home.empty()) {
+    return home;
+  }
+  const struct passwd *const user = getpwuid(getuid());
+  return user == nullptr ? "" : user->pw_dir;
+}
+
+int make_directory(const std::string &path) {
+  return mkdir(path.c_str(), 0700) == 0 || errno == EEXIST ? 0 : errno;
+}
+
+// Makes the directory and every one above it that is missing. Returns 0 or an errno.
+int make_directories(const std::string &path) {
+  int error = make_directory(path);
+  const std::string parent = std::filesystem::path(path).parent_path();
+  if (error == ENOENT && !parent.empty() && parent != path) {
+    error = make_directories(parent);
+    error = error != 0 ? error : make_directory(path);
+  }
+  return error;
+}
+
+int check_state_directory(const std::string &path) {
+  struct stat status = {};
+  if (path.size() > STATE_DIRECTORY_MAX) {
+    return ENAMETOOLONG;
+  }
+  if (stat(path.c_str(), &status) != 0) {
+    return errno;
+  }
+  if (!S_ISDIR(status.st_mode)) {
+    return ENOTDIR;
+  }
+  return access(path.c_str(), R_OK | W_OK | X_OK) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+bool resolve_roots(const std::vector<std::string> &given, std::vector<std::string> &roots) {
+  bool all_usable = true;
+  for (const std::string &path : given) {
+    std::string resolved;
+    if (const int error = resolve_directory(path, resolved); error != 0) {
+      complain("cannot scan", path, std::strerror(error));
+      all_usable = false;
+    } else if (std::find(roots.begin(), roots.end(), resolved) == roots.end()) {
+      roots.push_back(resolved);
+    }
+  }
+  return all_usable;
+}
+
+void remark_on_skips(const std::vector<std::string> &skips) {
+  for (const std::string &path : skips) {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0) {
+      complain("nothing to skip at", path, std::strerror(errno));
+    } else if (S_ISLNK(status.st_mode)) {
+      complain("nothing to skip at", path, "a symbolic link, which a scan does not follow");
+    }
+  }
+}
+
+std::string default_state_directory() {
+  const std::string state = environment("XDG_STATE_HOME");
+  const bool is_usable = state.starts_with('/');  // a relative one is to be ignored
+  return (is_usable ? state : home_directory() + "/.local/state") + "/velmarin";
+}
+
+bool prepare_state_directory(const std::string &path) {
+  int error = check_state_directory(path);
+  if (error == ENOENT) {
+    error = make_directories(path);
+    error = error != 0 ? error : check_state_directory(path);
+  }
+  if (error != 0) {
+    complain("cannot keep digests in", path, std::strerror(error));
+  }
+  return error == 0;
+}
+
+}  // namespace tool

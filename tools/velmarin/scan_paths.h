@@ -1,0 +1,25 @@
+// The paths that a scan is given, checked before it starts: the library leaves out without a word
+// what it cannot use.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tool {
+
+// Resolves the roots to absolute paths without symbolic links, each once; the digest file is named
+// by them, so a root means the same from everywhere. Says on standard error what is wrong with a
+// root that is no readable directory and returns false then.
+bool resolve_roots(const std::vector<std::string> &given, std::vector<std::string> &roots);
+
+// Remarks on skip paths that leave nothing out.
+void remark_on_skips(const std::vector<std::string> &skips);
+
+// The directory of digest files when none is given: `velmarin` in the user's directory for state.
+std::string default_state_directory();
+
+// Makes the directory, with its parents, for its user alone, unless it exists. Says on standard
+// error what went wrong and returns false then.
+bool prepare_state_directory(const std::string &path);
+
+}  // namespace tool

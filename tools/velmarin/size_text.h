@@ -1,0 +1,25 @@
+// Sizes and durations as people write and read them.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tool {
+
+// Reads a whole number of bytes with an optional unit K, M, G or T (powers of 1024, either case).
+// Returns nothing for any other text and for a number that does not fit 64 bits.
+std::optional<uint64_t> parse_size(std::string_view text);
+
+// "512 B", "64 KiB", "1.5 GiB": at most one digit after the point.
+std::string format_size(uint64_t bytes);
+
+// "0.4 s", "59.9 s", "2 min 05 s", "3 h 02 min".
+std::string format_duration(std::chrono::milliseconds duration);
+
+// "1 file", "2 files": `noun` takes an s when there is not exactly one.
+std::string format_count(uint64_t count, std::string_view noun);
+
+}  // namespace tool

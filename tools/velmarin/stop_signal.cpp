@@ -1,0 +1,83 @@
+#include "stop_signal.h"
+
+#include <atomic>
+
+#include "velmarin/scan.h"
+
+namespace tool {
+namespace {
+
+constexpr int STOP_SIGNALS[] = {SIGINT, SIGTERM};
+
+std::atomic<bool> requested = false;
+std::atomic<int *> published = nullptr;
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int *>::is_always_lock_free);
+
+int *written_handle = nullptr;  // written by the scan before it starts its threads
+struct sigaction former_actions[std::size(STOP_SIGNALS)];
+
+// Either this finds the handle published, or the publishing thread finds the request: both sides
+// write their own word before they read the other's.
+void ask_for_stop(int) {
+  requested = true;
+  if (int *const handle = published) {
+    signal_no_time(handle);
+  }
+}
+
+}  // namespace
+
+StopSignals::StopSignals() {
+  struct sigaction action = {};
+  action.sa_handler = ask_for_stop;
+  action.sa_flags = static_cast<int>(SA_RESTART | SA_RESETHAND);
+  sigemptyset(&action.sa_mask);
+  for (size_t i = 0; i < std::size(STOP_SIGNALS); ++i) {
+    sigaction(STOP_SIGNALS[i], nullptr, &former_actions[i]);
+    if (former_actions[i].sa_handler != SIG_IGN) {
+      sigaction(STOP_SIGNALS[i], &action, nullptr);
+    }
+  }
+}
+
+StopSignals::~StopSignals() {
+  for (size_t i = 0; i < std::size(STOP_SIGNALS); ++i) {
+    sigaction(STOP_SIGNALS[i], &former_actions[i], nullptr);
+  }
+}
+
+int **StopSignals::handle_slot() {
+  return &written_handle;
+}
+
+bool stop_requested() {
+  return requested;
+}
+
+void publish_stop_handle() {
+  if (published == nullptr) {
+    published = written_handle;
+  }
+  if (requested) {
+    signal_no_time(written_handle);
+  }
+}
+
+void retract_stop_handle() {
+  published = nullptr;
+}
+
+StopSignalsBlocked::StopSignalsBlocked() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : STOP_SIGNALS) {
+    sigaddset(&signals, signal);
+  }
+  pthread_sigmask(SIG_BLOCK, &signals, &former_);
+}
+
+StopSignalsBlocked::~StopSignalsBlocked() {
+  pthread_sigmask(SIG_SETMASK, &former_, nullptr);
+}
+
+}  // namespace tool

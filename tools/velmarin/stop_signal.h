@@ -1,0 +1,45 @@
+// Ctrl-C (and SIGTERM) as a request to stop: the scan ends early but in order, merging ends after
+// the file in hand. The first signal asks; a second one ends the process.
+#pragma once
+
+#include <signal.h>
+
+namespace tool {
+
+// Lets SIGINT and SIGTERM ask for a stop, for as long as the object lives.
+class StopSignals {
+ public:
+  StopSignals();
+  ~StopSignals();
+  StopSignals(const StopSignals &) = delete;
+  StopSignals &operator=(const StopSignals &) = delete;
+
+  // Where the scan writes its stop handle.
+  int **handle_slot();
+};
+
+bool stop_requested();
+
+// The handle is only valid inside the scan's call, so a signal may use it only between these two:
+// - `publish_stop_handle`, called from the probes of the scan. The scan has started its threads by
+//   then, hence written the handle. A stop asked for before is passed on now.
+// - `retract_stop_handle`, called when the report begins. The scan has joined its threads by then,
+// and
+//   every other thread blocks the two signals, so no handler can be at work with the handle.
+void publish_stop_handle();
+void retract_stop_handle();
+
+// Keeps both signals out of the calling thread, and out of threads that it starts meanwhile for as
+// long as they run.
+class StopSignalsBlocked {
+ public:
+  StopSignalsBlocked();
+  ~StopSignalsBlocked();
+  StopSignalsBlocked(const StopSignalsBlocked &) = delete;
+  StopSignalsBlocked &operator=(const StopSignalsBlocked &) = delete;
+
+ private:
+  sigset_t former_;
+};
+
+}  // namespace tool
