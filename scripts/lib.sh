@@ -1,0 +1,70 @@
+# shellcheck shell=bash disable=SC2034
+# What the scripts share. To be sourced; the caller sets `set -euo pipefail`.
+
+repository=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+velmarin=$repository/build/release/velmarin
+
+build_packages=(g++ cmake ninja-build pkg-config libssl-dev libgtest-dev libgmock-dev libcli11-dev
+  nlohmann-json3-dev)
+file_system_packages=(mount btrfs-progs xfsprogs e2fsprogs)
+
+say() {
+  printf '%s\n' "$*"
+}
+
+fail() {
+  printf '%s: %s\n' "$(basename "$0")" "$*" >&2
+  exit 1
+}
+
+can_be_root() {
+  [ "$(id -u)" -eq 0 ] || command -v sudo >/dev/null
+}
+
+# Runs a command as root, through sudo where that is needed.
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then
+    "$@"
+  else
+    sudo "$@"
+  fi
+}
+
+is_installed() {
+  [ "$(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+}
+
+# install_packages NAME...: installs the Debian packages that are missing.
+install_packages() {
+  command -v dpkg-query >/dev/null || {
+    say "not a Debian system; taking for granted what these packages hold: $*"
+    return
+  }
+  local missing=() name
+  for name in "$@"; do
+    is_installed "$name" || missing+=("$name")
+  done
+  [ ${#missing[@]} -gt 0 ] || return 0
+  say "installing: ${missing[*]}"
+  can_be_root || fail "install these packages first: ${missing[*]}"
+  as_root apt-get -q -q update
+  as_root env DEBIAN_FRONTEND=noninteractive \
+    apt-get -q -q -y --no-install-recommends install "${missing[@]}"
+}
+
+# build PRESET: configures and builds it, in build/PRESET.
+build() {
+  (
+    cd "$repository" || exit
+    cmake --preset "$1"
+    cmake --build --preset "$1"
+  )
+}
+
+# run_tests PRESET [CTEST OPTION]...: ends with ctest's exit status.
+run_tests() {
+  (
+    cd "$repository" || exit
+    ctest --preset "$1" --parallel "$(nproc)" --no-tests=error "${@:2}"
+  )
+}
