@@ -67,8 +67,8 @@ using sis_report_callback = int (*)(uint64_t caller_data, sis_report *record);
 // The callbacks of a scan. Any slot may be null and is then never called. Slots 0 to 3 are called
 // by several worker threads at once; `report` only by the thread that runs the scan.
 struct sis_ops {
-  // Called for every directory and regular file opened. A negative result leaves the entry out; a
-  // positive one admits a file whatever its size.
+  // Called for every directory and regular file that the walk opens, unless it is to be skipped. A
+  // negative result leaves the entry out; a positive one admits a file whatever its size.
   sis_entry_callback filter;
   // Called for every candidate file; the result is reported as its status.
   sis_entry_callback get_status;
@@ -124,7 +124,8 @@ VELMARIN_EXPORT int startScanDirImpl(const velmarin::sis_scan_request *request,
 //   reserved                not read
 //   time_budget             seconds after which the scan stops early; 0 for no limit. While a scan
 //                           with a budget runs, it owns the process's SIGALRM action, and SIGALRM
-//                           is left unblocked in the calling thread.
+//                           is left unblocked in the calling thread (blocked when the timer cannot
+//                           be made; the scan then has no budget).
 //   ops                     callbacks; must stay valid during the call
 //   caller_data             handed unchanged to `ops->report`
 //   stop_handle             receives a pointer for `signal_no_time`, valid until this call returns;
@@ -133,8 +134,9 @@ VELMARIN_EXPORT int startScanDirImpl(const velmarin::sis_scan_request *request,
 // A scan that is stopped early keeps the digests it computed and reports the groups it found.
 // Returns 0 when the scan reached its report (also when it was stopped, or when digests could not
 // be loaded or saved); EINVAL when `ops` is null; 1 when the scan could not be set up or no worker
-// thread could be started; an errno when the digest-file name could not be formed. Thread-safe;
-// scans over the same roots with the same `save_dir` share one digest file under its file lock.
+// thread could be started; an errno (or 1 without one) when the digest-file name could not be
+// formed. Thread-safe; scans over the same roots with the same `save_dir` share one digest file
+// under its file lock.
 VELMARIN_EXPORT int single_instance_storage(const char **roots, int root_count,
                                             const char **skip_paths, int skip_count,
                                             const char *save_dir, uint64_t min_size, int max_depth,

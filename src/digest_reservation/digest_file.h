@@ -1,7 +1,8 @@
 // The digest file of a set of roots: where it lies, how it is opened, locked, kept or removed.
 //
 // `pname` of the run holds the file's name without suffix. While a path is being built the suffix
-// stands behind it; the pair of functions below leaves it cleared.
+// stands behind it; the pair of functions below leaves it cleared, unless the unlocking or the
+// forming of the path fails.
 #pragma once
 
 #include <cstddef>

@@ -39,7 +39,8 @@ struct member_data {
 };
 static_assert(sizeof(member_data) == sizeof(rb_node));
 
-// A file's own attributes, until it becomes the head or a member of a group.
+// A file's own attributes, until it becomes the head or a member of a group; a head that the
+// grouping leaves alone takes them back.
 struct own_attributes {
   int32_t status;         // result of the status callback
   uint32_t group_marker;  // MARKER_NOT_SET while the dentry heads no group; in a list link the
@@ -57,7 +58,9 @@ struct dentry {
   };
 
   // The fields from here on exist in the file form only; the name of a directory form begins here.
-  // While the walk runs they are guarded by the forest lock of the file's size, except for `hash`.
+  // Up to the insertion into the forest they belong to the worker that examines the file. `key`,
+  // `size` and `mtime` never change after that; the others are guarded by the forest lock of the
+  // file's size while the walk runs, except for `hash`.
   uint64_t key;           // file key: inode number, then device number
   struct timespec mtime;  // st_mtim when examined
   union {
@@ -114,7 +117,8 @@ inline bool is_digest_wanted(const dentry *file) {
   return load_acquire(&file->hash) == hash_pending();
 }
 
-// Whether a file heads a group of candidates. To be asked under its forest lock during the walk.
+// Whether a tree node heads a group of candidates; it means nothing for a member. To be asked under
+// the forest lock during the walk.
 inline bool heads_group(const dentry *file) {
   return file->own.group_marker != MARKER_NOT_SET;
 }

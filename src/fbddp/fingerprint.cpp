@@ -92,17 +92,17 @@ bool has_mtime_of(const struct stat &status, const dentry *file) {
          status.st_mtim.tv_nsec == file->mtime.tv_nsec;
 }
 
-// Takes the saved digest of an unchanged file over from the hash table. No other worker looks the
-// same key up: a file key belongs to one dentry of the run.
+// Takes the saved digest of an unchanged file over from the hash table. Hardly ever do two dentries
+// with one key live long enough to want it (a hard link whose pattern could not be read once); then
+// one of them gets the record and the other is computed.
 bool take_saved_digest(sis_context *ctx, dentry *file) {
   hash_entry *entry = lookup_hash_table(ctx, file->key);
-  if (entry == nullptr || entry->record == nullptr ||
-      entry->record->mtime_sec != file->mtime.tv_sec ||
-      entry->record->mtime_nsec != file->mtime.tv_nsec) {
+  usable_hash *record = entry == nullptr ? nullptr : load_acquire(&entry->record);
+  if (record == nullptr || record->mtime_sec != file->mtime.tv_sec ||
+      record->mtime_nsec != file->mtime.tv_nsec || !take_pointer(&entry->record, record)) {
     return false;
   }
-  store_release(&file->hash, entry->record);
-  entry->record = nullptr;
+  store_release(&file->hash, record);
   return true;
 }
 

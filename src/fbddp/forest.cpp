@@ -21,12 +21,13 @@ struct candidate {
   const char *path;
 };
 
-// Computes the patterns of both files unless they are known.
+// Computes the patterns of both files unless they are known. One that fails does not keep the other
+// from being computed.
 bool have_patterns(const candidate &added, dentry *present) {
-  if (added.file->pattern == 0 && make_pattern(added.file, added.path, added.fd) != 0) {
-    return false;
-  }
-  return present->pattern != 0 || make_pattern(present, nullptr, -1) == 0;
+  const bool have_added =
+      added.file->pattern != 0 || make_pattern(added.file, added.path, added.fd) == 0;
+  const bool have_present = present->pattern != 0 || make_pattern(present, nullptr, -1) == 0;
+  return have_added && have_present;
 }
 
 // The order of keys. Files whose patterns cannot be had compare as equal: their digests will keep

@@ -81,7 +81,8 @@ int start_workers(sis_context *ctx) {
   return started;
 }
 
-// Copies the root paths one right after the other, without separators or terminators.
+// Copies the root paths one right after the other, without separators or terminators. An empty path
+// is passed over, since a bounded copy may refuse a room of 0 bytes.
 bool join_roots(const scan_arguments &arguments, char *joined, uint32_t size) {
   uint32_t used = 0;
   for (int i = 0; i < arguments.root_count; i++) {
@@ -105,6 +106,15 @@ bool print_name(sis_context *ctx, const unsigned char *digest) {
   return true;
 }
 
+bool print_digest_name(sis_context *ctx, const char *joined, uint32_t size) {
+  unsigned char digest[SHA256_DIGEST_LENGTH];
+  if (SHA256(reinterpret_cast<const unsigned char *>(joined), size, digest) == nullptr) {
+    return false;
+  }
+  errno = 0;  // whatever the digest left there is no failure
+  return print_name(ctx, digest);
+}
+
 // Names the digest file by the SHA-256 of the root paths: the same roots in the same order find the
 // digests of their last run. Returns 0 or the result of the run.
 int name_digest_file(sis_context *ctx, const scan_arguments &arguments) {
@@ -120,13 +130,7 @@ int name_digest_file(sis_context *ctx, const scan_arguments &arguments) {
   // A bounded function that fails need not set errno; the run ends with a failure all the same.
   int error = 0;
   errno = 0;
-  bool named = join_roots(arguments, joined, size);
-  if (named) {
-    unsigned char digest[SHA256_DIGEST_LENGTH];
-    SHA256(reinterpret_cast<const unsigned char *>(joined), size, digest);
-    named = print_name(ctx, digest);
-  }
-  if (!named) {
+  if (!join_roots(arguments, joined, size) || !print_digest_name(ctx, joined, size)) {
     error = errno;
     log_erro("fail to calculate hash filename return %s", strerror(error));
     error = error != 0 ? error : SET_UP_FAILED;

@@ -86,7 +86,8 @@ bool install_handler() {
 }
 
 // Puts the former action back. Ignoring the signal first discards one that is still pending, which
-// the former action (to end the process, perhaps) must not get.
+// the former action (to end the process, perhaps) must not get. A SIGALRM of the host's own that is
+// pending at this moment goes with it, like every one that arrives while the handler is installed.
 void restore_former_action() {
   struct sigaction ignore = {};
   ignore.sa_handler = SIG_IGN;

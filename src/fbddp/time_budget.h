@@ -6,7 +6,8 @@
 namespace velmarin {
 
 // Arms a budget of `seconds` (above 0). A failure is logged and leaves the run without a budget.
-// Leaves SIGALRM unblocked in the calling thread.
+// Leaves SIGALRM unblocked in the calling thread, or blocked when arming fails after it was
+// blocked.
 void arm_time_budget(sis_context *ctx, unsigned seconds);
 
 // Releases the budget, if one is armed. Afterwards no signal touches `ctx` any more.

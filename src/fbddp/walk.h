@@ -7,8 +7,9 @@
 namespace velmarin {
 
 // Reads the directory of a directory-form dentry: makes a dentry and, while there is time, a job
-// for every entry. The dentry is dropped when it is no directory, cannot be opened, is to be
-// skipped or lies at the depth limit; the first four are neither logged nor counted as errors.
+// for every entry. The dentry is dropped when it lies at the depth limit, cannot be opened or
+// examined, is no directory, is to be skipped, is refused by the filter, or cannot be read as a
+// stream; only the last is logged and counted as an error.
 void read_directory(sis_context *ctx, dentry *directory);
 
 // Examines a file-form dentry for the first time: a regular file that is not to be skipped, passes
