@@ -17,6 +17,8 @@
 
 namespace velmarin {
 
+struct member_index;
+
 inline constexpr size_t FOREST_TREES = 1024;
 
 // What the workers do with a job. A run passes through the phases in this order and changes the
@@ -65,13 +67,15 @@ struct sis_context {
   const sis_ops *ops;    // the host's callbacks
   uint64_t caller_data;  // handed to the report callback
 
-  // What the platform needs besides: the run's place in the set of runs that a SIGALRM may stop;
+  // Beyond the contract. The place in the set of runs that a SIGALRM may stop;
   // see time_budget.cpp.
   struct alarm_link {
     sis_context *next;         // next live run; read by the signal handler
     struct timespec deadline;  // monotonic time before which the budget cannot be spent
     bool armed;                // `timer` names a timer (0 is a valid timer here)
   } alarm;
+
+  member_index *member_indexes;  // FOREST_TREES indexes, or null; see member_index.h
 };
 static_assert(offsetof(sis_context, hash_entries) == 32 && offsetof(sis_context, work_done) == 48);
 static_assert(sizeof(pthread_cond_t) != 48 || sizeof(pthread_mutex_t) != 40 ||

@@ -7,7 +7,7 @@
 #include "fbddp/dentry.h"
 #include "fbddp/file_index.h"
 #include "fbddp/file_key.h"
-#include "fbddp/forest.h"
+#include "fbddp/grouping.h"
 #include "velmarin/control_codes.h"
 
 namespace velmarin {

@@ -15,6 +15,7 @@
 #include "fbddp/dentry.h"
 #include "fbddp/file_index.h"
 #include "fbddp/job_queue.h"
+#include "fbddp/member_index.h"
 #include "fbddp/run_resources.h"
 #include "fbddp/scan_context.h"
 #include "fbddp/scan_report.h"
@@ -161,6 +162,7 @@ void schedule_root(sis_context *ctx, const char *root) {
 }
 
 void walk_roots(sis_context *ctx, const scan_arguments &arguments, struct timespec *mark) {
+  make_member_indexes(ctx);
   set_phase(ctx, PHASE_WALK);
   for (int i = 0; i < arguments.root_count; i++) {
     schedule_root(ctx, arguments.roots[i]);
@@ -168,6 +170,7 @@ void walk_roots(sis_context *ctx, const scan_arguments &arguments, struct timesp
   wait_until_idle(ctx);
   free_skip_entries(ctx);
   drop_hash_table(ctx);
+  free_member_indexes(ctx);
   const struct timespec elapsed = time_since(mark);
   log_info("scan_directory:%ld.%09lds elapsed in clock on real world wall\n", elapsed.tv_sec,
            elapsed.tv_nsec);

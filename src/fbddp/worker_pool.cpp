@@ -9,7 +9,7 @@
 #include "common/log.h"
 #include "fbddp/dentry.h"
 #include "fbddp/fingerprint.h"
-#include "fbddp/forest.h"
+#include "fbddp/grouping.h"
 #include "fbddp/job_queue.h"
 #include "fbddp/walk.h"
 

@@ -1,0 +1,122 @@
+// Splitting groups by digest.
+
+#include "fbddp/grouping.h"
+
+#include <cstring>
+
+#include "common/hash_set.h"
+#include "fbddp/file_index.h"
+
+namespace velmarin {
+namespace {
+
+// The first file with its digest among the candidates.
+struct digest_head {
+  dentry *file;
+  const uint8_t *digest;
+
+  bool is_empty() const { return file == nullptr; }
+  // A digest's bits are spread already.
+  uint64_t hash() const {
+    uint64_t word = 0;
+    memcpy(&word, digest, sizeof(word));
+    return word;
+  }
+  bool equals(const digest_head &other) const {
+    return memcmp(digest, other.digest, DIGEST_SIZE) == 0;
+  }
+};
+
+// Searches the candidates before `wanted` one by one.
+dentry *find_head_in_list(list_head *candidates, const digest_head &wanted) {
+  for (list_head *link = candidates->next; link != &wanted.file->group; link = link->next) {
+    dentry *earlier = owner_of<&dentry::group>(link);
+    const usable_hash *record = digest_record_of(earlier);
+    if (record != nullptr && wanted.equals({earlier, record->digest})) {
+      return earlier;
+    }
+  }
+  return nullptr;
+}
+
+// Moves each file whose digest an earlier candidate has to that one's `same` list. The heads are
+// found through a set; when memory for it is short, by going through the list.
+void collect_identical(list_head *candidates) {
+  hash_set<digest_head> heads = {};
+  bool indexed = true;
+  for (list_head *link = candidates->next; link != candidates;) {
+    dentry *file = owner_of<&dentry::group>(link);
+    link = link->next;
+    const usable_hash *record = digest_record_of(file);
+    if (record == nullptr) {
+      continue;
+    }
+    const digest_head wanted = {file, record->digest};
+    const digest_head *found = hash_set_find(&heads, wanted);
+    dentry *head = found != nullptr ? found->file : nullptr;
+    if (!indexed) {
+      head = find_head_in_list(candidates, wanted);
+    }
+    if (head != nullptr) {
+      list_unlink(&file->group);
+      list_append(&head->same, &file->same);
+    } else if (indexed && !hash_set_add(&heads, wanted)) {
+      indexed = false;
+    }
+  }
+  hash_set_free(&heads);
+}
+
+// Moves the files with identical ones on their `same` list to `result`, in order.
+void move_heads(list_head *candidates, list_head *result) {
+  for (list_head *link = candidates->next; link != candidates;) {
+    dentry *file = owner_of<&dentry::group>(link);
+    link = link->next;
+    if (!list_is_empty(&file->same)) {
+      list_unlink(&file->group);
+      list_append(result, &file->group);
+    }
+  }
+}
+
+}  // namespace
+
+void split_group(sis_context *ctx, dentry *node) {
+  if (!heads_group(node) || list_is_empty(&node->group)) {
+    return;
+  }
+  const member_data first = owner_of<&dentry::group>(node->group.next)->member;
+
+  // The node's own link becomes the first element of a list of its own.
+  list_head candidates;
+  list_init(&candidates);
+  list_append(&node->group, &candidates);
+  list_head result;
+  list_init(&result);
+  collect_identical(&candidates);
+  move_heads(&candidates, &result);
+
+  // What is left stays a ring without a head.
+  list_unlink(&candidates);
+  if (list_is_empty(&node->same) && list_is_empty(&node->group)) {
+    node->own = {first.head_status, MARKER_NOT_SET, first.head_blocks};
+  }
+  if (!list_is_empty(&result)) {
+    const spinlock_guard guard(&ctx->groups_lock);
+    list_append_all(&ctx->groups, &result);
+  }
+}
+
+file_attributes attributes_of(const dentry *file) {
+  if (has_member_data(file)) {
+    return {file->member.own_status, file->member.own_blocks};
+  }
+  if (!heads_group(file)) {
+    return {file->own.status, file->own.blocks};
+  }
+  const dentry *first = list_is_empty(&file->same) ? owner_of<&dentry::group>(file->group.next)
+                                                   : owner_of<&dentry::same>(file->same.next);
+  return {first->member.head_status, first->member.head_blocks};
+}
+
+}  // namespace velmarin

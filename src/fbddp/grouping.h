@@ -1,0 +1,22 @@
+// The grouping: splitting files with the same key into groups of identical content, after the walk.
+#pragma once
+
+#include "fbddp/dentry.h"
+#include "fbddp/scan_context.h"
+
+namespace velmarin {
+
+// The grouping job of a tree node: splits its group by digest. Appends the head of each set of two
+// or more identical files to the run's `groups`; the others of the set are on the head's `same`
+// list. No other worker touches this node's group meanwhile.
+void split_group(sis_context *ctx, dentry *node);
+
+// A file's status and allocated blocks, wherever its present form keeps them: they move into the
+// members of a group when the file becomes its head. For use after the grouping.
+struct file_attributes {
+  int32_t status;
+  uint64_t blocks;
+};
+file_attributes attributes_of(const dentry *file);
+
+}  // namespace velmarin
