@@ -12,12 +12,12 @@ struct Character {
 
 // The shape of a UTF-8 sequence by its first byte, and the smallest code that needs its length.
 struct Shape {
-  unsigned char mask, bits;
   size_t length;
   uint32_t smallest;
+  unsigned char mask, bits;
 };
 constexpr Shape SHAPES[] = {
-    {0x80, 0x00, 1, 0}, {0xe0, 0xc0, 2, 0x80}, {0xf0, 0xe0, 3, 0x800}, {0xf8, 0xf0, 4, 0x10000}};
+    {1, 0, 0x80, 0x00}, {2, 0x80, 0xe0, 0xc0}, {3, 0x800, 0xf0, 0xe0}, {4, 0x10000, 0xf8, 0xf0}};
 
 Character decode(const Shape &shape, std::string_view text) {
   uint32_t code = static_cast<unsigned char>(text[0]) & static_cast<unsigned char>(~shape.mask);

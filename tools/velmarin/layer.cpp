@@ -14,7 +14,6 @@ namespace {
 
 // Returns 0 or an errno.
 int query(int fd, velmarin::sis_file_info &info) {
-  info = {};
   return ioctl(fd, velmarin::SIS_IOC_GET_FILE_INFO, &info) < 0 ? errno : 0;
 }
 
@@ -42,17 +41,17 @@ int64_t layer_number(int error, const velmarin::sis_file_info &info) {
 }  // namespace
 
 int64_t query_layer(int fd) {
-  velmarin::sis_file_info info;
+  velmarin::sis_file_info info = {};
   return layer_number(query(fd, info), info);
 }
 
 int64_t query_layer(const std::string &path) {
-  velmarin::sis_file_info info;
+  velmarin::sis_file_info info = {};
   return layer_number(query(path, info), info);
 }
 
 std::string describe_layer(const std::string &path) {
-  velmarin::sis_file_info info;
+  velmarin::sis_file_info info = {};
   if (const int error = query(path, info); error != 0) {
     return std::string("cannot be examined: ") + std::strerror(error);
   }

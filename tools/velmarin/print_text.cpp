@@ -88,7 +88,8 @@ class TextPrinter {
     if (files.empty()) {
       return;
     }
-    put(format_count(files.size(), "compressed file") + "\n", BOLD);
+    put(format_count(files.size(), "compressed file"), BOLD);
+    put("\n");
     for (const FoundFile &file : files) {
       print_file(file);
     }
@@ -100,7 +101,8 @@ class TextPrinter {
   }
 
   void print_summary() const {
-    put("Summary\n", BOLD);
+    put("Summary", BOLD);
+    put("\n");
     print_sharing();
     print_counters();
     print_statistics();

@@ -52,10 +52,10 @@ Progress::~Progress() {
 
 void Progress::run() {
   std::unique_lock guard(lock_);
-  while (!finished_) {
+  do {
     show(describe_());
-    wake_.wait_for(guard, RENEWAL);
-  }
+    wake_.wait_for(guard, RENEWAL, [this] { return finished_; });
+  } while (!finished_);
 }
 
 bool can_show_progress() {

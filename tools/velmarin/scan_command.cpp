@@ -47,6 +47,7 @@ const char *phase_word(ScanPhase phase) {
 
 std::vector<const char *> pointers(const std::vector<std::string> &texts) {
   std::vector<const char *> list;
+  list.reserve(texts.size());
   for (const std::string &text : texts) {
     list.push_back(text.c_str());
   }

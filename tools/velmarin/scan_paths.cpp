@@ -38,8 +38,7 @@ const char *environment(const char *name) {
 }
 
 std::string home_directory() {
-  const std::string home = environment("HOME");
-  if (!home.empty()) {
+  if (const char *const home = environment("HOME"); *home != '\0') {
     return home;
   }
   const struct passwd *const user = getpwuid(getuid());
