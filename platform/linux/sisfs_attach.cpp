@@ -1,0 +1,178 @@
+// The requests that attach files to a layered inode: clone, connect, dedup. The layered inode
+// exists only as the extents that its files share, and as a number that they have in common.
+//
+// A request that is refused leaves every byte of every file as it was. One that dies half way
+// leaves at most extents that are shared but not on record, which is harmless: a write still
+// copies.
+#include <fcntl.h>
+#include <sys/random.h>
+
+#include <cerrno>
+
+#include "sisfs.h"
+
+namespace velmarin::sisfs {
+namespace {
+
+bool is_readable(int fd) {
+  const int flags = fcntl(fd, F_GETFL);
+  return flags >= 0 && (flags & O_PATH) == 0 && (flags & O_ACCMODE) != O_WRONLY;
+}
+
+bool is_writable(int fd) {
+  const int flags = fcntl(fd, F_GETFL);
+  return flags >= 0 && (flags & O_PATH) == 0 && (flags & O_ACCMODE) != O_RDONLY;
+}
+
+// The inode number of the temporary file would not do: once that file has gone, ext4 and XFS give
+// its number to the next one, and two layered inodes would look like the same.
+int draw_layer_number(uint32_t *number) {
+  do {
+    if (getrandom(number, sizeof(*number), 0) != static_cast<ssize_t>(sizeof(*number))) {
+      return errno;
+    }
+  } while (*number == 0);
+  return 0;
+}
+
+// The two ends of a request, both regular files on one file system. `source_fd` is the descriptor
+// as it stands in an argument.
+struct file_pair {
+  int source_fd;
+  file_status source;
+  file_status target;
+};
+
+int stat_pair(int target_fd, uint32_t source_fd, file_pair *pair) {
+  pair->source_fd = static_cast<int>(source_fd);
+  int error = stat_regular(target_fd, &pair->target);
+  if (error == 0) {
+    error = stat_settled(pair->source_fd, &pair->source);
+  }
+  if (error != 0) {
+    return error;
+  }
+  if (!is_same_file_system(pair->source_fd, pair->source, target_fd, pair->target)) {
+    return EXDEV;
+  }
+  const bool is_one_inode = pair->source.device == pair->target.device &&
+                            pair->source.stamp.ino == pair->target.stamp.ino;
+  return is_one_inode ? EINVAL : 0;
+}
+
+// The target was found empty through the read-only descriptor with which it was created. After a
+// failure it is empty again. With a source that is not attached it becomes a plain copy.
+int fill_target(int fd, const file_pair &pair) {
+  const unique_fd writable = reopen(fd, O_RDWR);
+  if (!writable.is_open()) {
+    return errno;
+  }
+  file_status now;
+  int error = stat_regular(writable.get(), &now);
+  if (error != 0 || now.stamp.size != 0) {
+    return error != 0 ? error : EINVAL;
+  }
+  layer_record layer = {};
+  error = clone_contents(pair.source_fd, writable.get());
+  if (error == 0) {
+    error = read_attachment(pair.source_fd, &layer);
+    if (error == 0) {
+      file_status filled;
+      error = stat_settled(fd, &filled);
+      if (error == 0) {
+        error = write_layer(fd, filled.stamp, true, layer.layer_ino);
+      }
+    } else if (error == ENODATA) {
+      return 0;
+    }
+  }
+  if (error != 0 && ftruncate(writable.get(), 0) != 0) {
+    return errno;
+  }
+  return error;
+}
+
+// Both files must still be as they were at first when their data has become one: a file that was
+// written to meanwhile keeps what was written and is not attached.
+int merge_target(int fd, const file_pair &pair) {
+  layer_record layer = {};
+  int error = read_attachment(pair.source_fd, &layer);
+  if (error != 0) {
+    return error == ENODATA ? EINVAL : error;
+  }
+  file_status target;
+  error = stat_settled(fd, &target);
+  if (error != 0) {
+    return error;
+  }
+  if (pair.source.stamp.size != target.stamp.size) {
+    return EBADE;
+  }
+  error = merge_contents(pair.source_fd, fd, target.stamp.size);
+  if (error == 0) {
+    error = check_unchanged(pair.source_fd, pair.source);
+  }
+  if (error == 0) {
+    error = check_unchanged(fd, target);
+  }
+  return error != 0 ? error : write_layer(fd, target.stamp, true, layer.layer_ino);
+}
+
+}  // namespace
+
+// Only an unnamed file is filled: an empty file that has a name may be somebody's.
+int clone_file(int fd, const sis_clone_arg &argument) {
+  file_pair pair;
+  int error = stat_pair(fd, argument.src_fd, &pair);
+  if (error != 0) {
+    return error;
+  }
+  if (argument.flags != SIS_CLONE_FLAGS || pair.target.links != 0 || pair.target.stamp.size != 0) {
+    return EINVAL;
+  }
+  if (!is_readable(pair.source_fd) || !is_writable(fd)) {
+    return EBADF;
+  }
+  error = clone_contents(pair.source_fd, fd);
+  return error != 0 ? error : write_clone_mark(fd, pair.source.stamp);
+}
+
+int connect_layer(int fd, const sis_connect_arg &argument) {
+  file_pair pair;
+  int error = stat_pair(static_cast<int>(argument.layer_fd), static_cast<uint32_t>(fd), &pair);
+  if (error != 0) {
+    return error;
+  }
+  if (pair.target.links != 0 || pair.target.stamp.size != pair.source.stamp.size) {
+    return EINVAL;
+  }
+  error = check_clone_mark(static_cast<int>(argument.layer_fd), pair.source.stamp);
+  uint32_t layer_ino = 0;
+  if (error == 0) {
+    error = draw_layer_number(&layer_ino);
+  }
+  return error != 0 ? error : write_layer(fd, pair.source.stamp, false, layer_ino);
+}
+
+// An empty target is filled only through a read-only descriptor, as a caller gets it who has just
+// created the file; one that was opened for writing is merged like any other.
+int dedup_file(int fd, const sis_dedup_arg &argument) {
+  file_pair pair;
+  const int error = stat_pair(fd, argument.src_fd, &pair);
+  if (error != 0) {
+    return error;
+  }
+  if (argument.mode != SIS_DEDUP_ATTACHED && argument.mode != SIS_DEDUP_COPY) {
+    return EINVAL;
+  }
+  if (!is_readable(pair.source_fd) || !is_readable(fd)) {
+    return EBADF;
+  }
+  if (is_writable(fd)) {
+    return merge_target(fd, pair);
+  }
+  const bool is_copy = argument.mode == SIS_DEDUP_COPY && pair.target.stamp.size == 0;
+  return is_copy ? fill_target(fd, pair) : EBADF;
+}
+
+}  // namespace velmarin::sisfs

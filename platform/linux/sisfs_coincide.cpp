@@ -1,0 +1,73 @@
+// The coincide flag of a file. The attribute holds the flag bits and the file's stamp when they
+// were set; the bits read as dropped once the file's size or modification time is another, so a
+// `touch` drops them too. What is stored through a shared mapping into a page that was already
+// dirty when the flag was set moves no time and is not noticed.
+#include <sys/xattr.h>
+
+#include <cerrno>
+
+#include "sisfs.h"
+
+namespace velmarin::sisfs {
+namespace {
+
+constexpr char COINCIDE_ATTRIBUTE[] = "user.velmarin.coincide";
+constexpr uint32_t COINCIDE_VERSION = 1;
+
+struct coincide_record {
+  uint32_t version;
+  uint32_t flags;
+  file_stamp file;
+};
+static_assert(sizeof(coincide_record) == 48);
+
+int set_flags(int fd, uint32_t flags) {
+  file_status status;
+  const int error = stat_settled(fd, &status);
+  if (error != 0) {
+    return error;
+  }
+  const coincide_record record = {COINCIDE_VERSION, flags, status.stamp};
+  return fsetxattr(fd, COINCIDE_ATTRIBUTE, &record, sizeof(record), 0) == 0 ? 0 : errno;
+}
+
+int clear_flags(int fd) {
+  file_status status;
+  const int error = stat_regular(fd, &status);
+  if (error != 0) {
+    return error;
+  }
+  return fremovexattr(fd, COINCIDE_ATTRIBUTE) == 0 || errno == ENODATA ? 0 : errno;
+}
+
+int get_flags(int fd, uint32_t *flags) {
+  file_status status;
+  const int error = stat_regular(fd, &status);
+  if (error != 0) {
+    return error;
+  }
+  coincide_record record = {};
+  const ssize_t length = fgetxattr(fd, COINCIDE_ATTRIBUTE, &record, sizeof(record));
+  if (length < 0 && errno != ENODATA && errno != ERANGE) {
+    return errno;
+  }
+  const bool is_set = length == sizeof(record) && record.version == COINCIDE_VERSION &&
+                      is_unchanged(record.file, status.stamp);
+  *flags = is_set ? record.flags & SIS_FLAG_COINCIDE : 0;
+  return 0;
+}
+
+}  // namespace
+
+int coincide_flag(int fd, sis_coincide_arg *argument) {
+  if (argument->op == SIS_COINCIDE_GET) {
+    return get_flags(fd, &argument->flags);
+  }
+  const bool is_change = argument->op == SIS_COINCIDE_SET || argument->op == SIS_COINCIDE_CLEAR;
+  if (!is_change || argument->flags != SIS_FLAG_COINCIDE) {
+    return EINVAL;
+  }
+  return argument->op == SIS_COINCIDE_SET ? set_flags(fd, argument->flags) : clear_flags(fd);
+}
+
+}  // namespace velmarin::sisfs

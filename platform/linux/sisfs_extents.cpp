@@ -1,0 +1,240 @@
+// Data of files and its sharing. On Btrfs and XFS extents are shared for real; on every other file
+// system, and on an XFS made without reflinks, files keep their own data and are only compared.
+#include <fcntl.h>
+#include <linux/btrfs.h>
+#include <linux/fs.h>
+#include <linux/magic.h>
+#include <sys/syscall.h>
+#include <sys/vfs.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "sisfs.h"
+
+namespace velmarin::sisfs {
+namespace {
+
+constexpr uint64_t SHARE_CHUNK = 16 << 20;  // the most that a file system shares in one request
+constexpr size_t COPY_BUFFER_SIZE = 1 << 20;
+constexpr uint32_t XFS_MAGIC = 0x58465342;  // "XFSB"
+
+struct free_memory {
+  void operator()(void *memory) const { free(memory); }
+};
+using byte_buffer = std::unique_ptr<char, free_memory>;
+
+byte_buffer allocate_buffer(size_t size) {
+  return byte_buffer(static_cast<char *>(malloc(size)));
+}
+
+bool is_of_type(int fd, uint32_t magic) {
+  struct statfs status = {};
+  return fstatfs(fd, &status) == 0 && static_cast<uint32_t>(status.f_type) == magic;
+}
+
+// Fails with EAGAIN at the end of the file.
+int read_fully(int fd, char *buffer, size_t length, uint64_t offset) {
+  while (length > 0) {
+    const ssize_t done = pread(fd, buffer, length, static_cast<off_t>(offset));
+    if (done == 0 || (done < 0 && errno != EINTR)) {
+      return done == 0 ? EAGAIN : errno;
+    }
+    const size_t advance = done > 0 ? static_cast<size_t>(done) : 0;
+    buffer += advance;
+    offset += advance;
+    length -= advance;
+  }
+  return 0;
+}
+
+int write_fully(int fd, const char *buffer, size_t length, uint64_t offset) {
+  while (length > 0) {
+    const ssize_t done = pwrite(fd, buffer, length, static_cast<off_t>(offset));
+    if (done < 0 && errno != EINTR) {
+      return errno;
+    }
+    const size_t advance = done > 0 ? static_cast<size_t>(done) : 0;
+    buffer += advance;
+    offset += advance;
+    length -= advance;
+  }
+  return 0;
+}
+
+int compare_contents(int left_fd, int right_fd, uint64_t size) {
+  const byte_buffer left = allocate_buffer(COPY_BUFFER_SIZE);
+  const byte_buffer right = allocate_buffer(COPY_BUFFER_SIZE);
+  if (left == nullptr || right == nullptr) {
+    return ENOMEM;
+  }
+  for (uint64_t offset = 0; offset < size; offset += COPY_BUFFER_SIZE) {
+    const size_t length = std::min<uint64_t>(COPY_BUFFER_SIZE, size - offset);
+    int error = read_fully(left_fd, left.get(), length, offset);
+    if (error == 0) {
+      error = read_fully(right_fd, right.get(), length, offset);
+    }
+    if (error != 0) {
+      return error;
+    }
+    if (memcmp(left.get(), right.get(), length) != 0) {
+      return EBADE;
+    }
+  }
+  return 0;
+}
+
+int copy_range(int source, int target, const data_range &range, char *buffer) {
+  for (uint64_t offset = range.begin; offset < range.end; offset += COPY_BUFFER_SIZE) {
+    const size_t length = std::min<uint64_t>(COPY_BUFFER_SIZE, range.end - offset);
+    int error = read_fully(source, buffer, length, offset);
+    if (error == 0) {
+      error = write_fully(target, buffer, length, offset);
+    }
+    if (error != 0) {
+      return error;
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+int kernel_ioctl(int fd, unsigned long request, void *argument) {
+  return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
+}
+
+unique_fd reopen(int fd, int access_mode) {
+  char path[32];
+  snprintf(path, sizeof(path), "/proc/self/fd/%d", fd);
+  return unique_fd(open(path, access_mode | O_CLOEXEC));
+}
+
+bool is_same_file_system(int left_fd, const file_status &left, int right_fd,
+                         const file_status &right) {
+  if (left.device == right.device) {
+    return true;
+  }
+  if (!is_of_type(left_fd, BTRFS_SUPER_MAGIC) || !is_of_type(right_fd, BTRFS_SUPER_MAGIC)) {
+    return false;
+  }
+  btrfs_ioctl_fs_info_args left_info = {};
+  btrfs_ioctl_fs_info_args right_info = {};
+  return kernel_ioctl(left_fd, BTRFS_IOC_FS_INFO, &left_info) == 0 &&
+         kernel_ioctl(right_fd, BTRFS_IOC_FS_INFO, &right_info) == 0 &&
+         memcmp(left_info.fsid, right_info.fsid, sizeof(left_info.fsid)) == 0;
+}
+
+bool can_share_extents(int fd) {
+  return is_of_type(fd, BTRFS_SUPER_MAGIC) || is_of_type(fd, XFS_MAGIC);
+}
+
+int share_range(int source, int target, uint64_t offset, uint64_t length) {
+  while (length > 0) {
+    alignas(file_dedupe_range) char
+        memory[sizeof(file_dedupe_range) + sizeof(file_dedupe_range_info)] = {};
+    auto *request = reinterpret_cast<file_dedupe_range *>(memory);
+    file_dedupe_range_info *answer = request->info;
+    request->src_offset = offset;
+    request->src_length = std::min(length, SHARE_CHUNK);
+    request->dest_count = 1;
+    answer->dest_fd = target;
+    answer->dest_offset = offset;
+    if (kernel_ioctl(source, FIDEDUPERANGE, request) != 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return errno;
+    }
+    if (answer->status != FILE_DEDUPE_RANGE_SAME) {
+      return answer->status == FILE_DEDUPE_RANGE_DIFFERS ? EBADE : -answer->status;
+    }
+    if (answer->bytes_deduped == 0 || answer->bytes_deduped > length) {
+      return EAGAIN;  // a file got shorter
+    }
+    offset += answer->bytes_deduped;
+    length -= answer->bytes_deduped;
+  }
+  return 0;
+}
+
+int merge_contents(int source, int target, uint64_t size) {
+  if (can_share_extents(target)) {
+    const int error = share_range(source, target, 0, size);
+    if (error != EOPNOTSUPP) {
+      return error;
+    }
+  }
+  return compare_contents(source, target, size);
+}
+
+int next_data(int fd, uint64_t size, data_range *range) {
+  const uint64_t start = range->end;
+  *range = {size, size};
+  if (start >= size) {
+    return 0;
+  }
+  struct statfs file_system = {};
+  if (fstatfs(fd, &file_system) != 0) {
+    return errno;
+  }
+  const off_t data = lseek(fd, static_cast<off_t>(start), SEEK_DATA);
+  if (data < 0) {
+    return errno == ENXIO ? 0 : errno;
+  }
+  const off_t hole = lseek(fd, data, SEEK_HOLE);
+  if (hole < 0) {
+    return errno == ENXIO ? EAGAIN : errno;
+  }
+  const auto block = static_cast<uint64_t>(file_system.f_bsize);
+  const uint64_t begin = static_cast<uint64_t>(data) / block * block;
+  const uint64_t end = (static_cast<uint64_t>(hole) + block - 1) / block * block;
+  if (begin < size) {
+    *range = {begin, std::min(end, size)};
+  }
+  return 0;
+}
+
+int copy_contents(int source, int target, uint64_t size) {
+  const unique_fd reader = reopen(source, O_RDONLY);
+  if (!reader.is_open()) {
+    return errno;
+  }
+  const byte_buffer buffer = allocate_buffer(COPY_BUFFER_SIZE);
+  if (buffer == nullptr) {
+    return ENOMEM;
+  }
+  if (ftruncate(target, static_cast<off_t>(size)) != 0) {
+    return errno;
+  }
+  data_range range = {};
+  int error = next_data(reader.get(), size, &range);
+  while (error == 0 && range.begin < range.end) {
+    error = copy_range(reader.get(), target, range, buffer.get());
+    if (error == 0) {
+      error = next_data(reader.get(), size, &range);
+    }
+  }
+  return error;
+}
+
+int clone_contents(int source, int target) {
+  if (syscall(SYS_ioctl, target, FICLONE, source) == 0) {
+    return 0;
+  }
+  if (errno != EOPNOTSUPP && errno != EINVAL && errno != ENOTTY) {
+    return errno;
+  }
+  file_status before;
+  int error = stat_settled(source, &before);
+  if (error == 0) {
+    error = copy_contents(source, target, before.stamp.size);
+  }
+  return error != 0 ? error : check_unchanged(source, before);
+}
+
+}  // namespace velmarin::sisfs

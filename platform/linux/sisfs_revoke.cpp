@@ -1,0 +1,130 @@
+// Revoke: the file gets its own data back. On Btrfs and XFS a private copy is made in an unnamed
+// temporary file, and the kernel is asked to let the file share the copy's extents instead of those
+// of the layered inode. It does so only where the contents are equal, under the locks of both
+// files, so a write in between is never lost and a crash leaves the old or the new extents, both
+// with the same content. Then the copy is dropped and the extents are the file's alone.
+#include <fcntl.h>
+#include <linux/fs.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include "sisfs.h"
+
+namespace velmarin::sisfs {
+namespace {
+
+// How often the copy is made anew for a file that is written to meanwhile.
+constexpr int UNSHARE_ATTEMPTS = 5;
+
+// An unnamed file in the file's directory. A file that has been removed, or whose name lies outside
+// this process's view, may have none; a file that is itself a mount point has one on another file
+// system.
+int open_temporary_beside(int fd, const file_status &status, unique_fd *temporary) {
+  char link[32];
+  char directory[PATH_MAX];
+  snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+  const ssize_t length = readlink(link, directory, sizeof(directory));
+  if (length < 0 || static_cast<size_t>(length) == sizeof(directory)) {
+    return length < 0 ? errno : ENAMETOOLONG;
+  }
+  directory[length] = '\0';
+  char *name = strrchr(directory, '/');
+  if (directory[0] != '/' || name == nullptr) {
+    return ENOENT;
+  }
+  name[name == directory ? 1 : 0] = '\0';
+  temporary->reset(open(directory, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+  if (!temporary->is_open()) {
+    return errno;
+  }
+  file_status temporary_status;
+  const int error = stat_regular(temporary->get(), &temporary_status);
+  if (error != 0) {
+    return error;
+  }
+  return is_same_file_system(fd, status, temporary->get(), temporary_status) ? 0 : EXDEV;
+}
+
+// Btrfs shares extents only between files that agree on copy on write, an attribute that can be
+// changed while a file is empty. Other file systems do not know it. A mismatch that remains is
+// found by the file system.
+void agree_on_copy_on_write(int fd, int empty_fd) {
+  int flags = 0;
+  int empty_flags = 0;
+  if (kernel_ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0 ||
+      kernel_ioctl(empty_fd, FS_IOC_GETFLAGS, &empty_flags) != 0 ||
+      ((flags ^ empty_flags) & FS_NOCOW_FL) == 0) {
+    return;
+  }
+  empty_flags ^= FS_NOCOW_FL;
+  kernel_ioctl(empty_fd, FS_IOC_SETFLAGS, &empty_flags);
+}
+
+// The whole copy is made before the first extent moves, so that a lack of space is found while the
+// file is untouched. Only data is moved; what was written into a hole meanwhile is private anyway.
+int replace_extents(int fd, int temporary, uint64_t size) {
+  agree_on_copy_on_write(fd, temporary);
+  int error = copy_contents(fd, temporary, size);
+  data_range range = {};
+  while (error == 0) {
+    error = next_data(temporary, size, &range);
+    if (error != 0 || range.begin == range.end) {
+      break;
+    }
+    error = share_range(temporary, fd, range.begin, range.end - range.begin);
+  }
+  return error;
+}
+
+// Fails with EBUSY when the file was written to meanwhile.
+int unshare_once(int fd, const file_status &status) {
+  unique_fd temporary;
+  int error = open_temporary_beside(fd, status, &temporary);
+  if (error != 0) {
+    return error;
+  }
+  error = replace_extents(fd, temporary.get(), status.stamp.size);
+  if (error == 0) {
+    // Gives up the copy's share at once; XFS would do it some time after the close.
+    return ftruncate(temporary.get(), 0) == 0 ? 0 : errno;
+  }
+  const bool has_changed = error == EBADE || check_unchanged(fd, status) == EAGAIN;
+  return has_changed ? EBUSY : error;
+}
+
+int unshare(int fd) {
+  int error = EBUSY;
+  for (int attempt = 0; error == EBUSY && attempt < UNSHARE_ATTEMPTS; attempt++) {
+    file_status status;
+    error = stat_regular(fd, &status);
+    if (error == 0 && status.stamp.size > 0) {
+      error = unshare_once(fd, status);
+    }
+  }
+  return error == EOPNOTSUPP ? 0 : error;  // a file system that cannot share has nothing to undo
+}
+
+}  // namespace
+
+// Also a file that was written to since it was attached is given its own data: it may still share
+// what was not written. EINVAL for a file that was never attached.
+int revoke_file(int fd) {
+  layer_record record = {};
+  file_status status;
+  int error = stat_regular(fd, &status);
+  if (error == 0) {
+    error = read_layer(fd, &record, &status);
+  }
+  if (error != 0) {
+    return error == ENODATA ? EINVAL : error;
+  }
+  if (can_share_extents(fd)) {
+    error = unshare(fd);
+  }
+  return error != 0 ? error : remove_layer(fd);
+}
+
+}  // namespace velmarin::sisfs
