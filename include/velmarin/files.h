@@ -30,11 +30,13 @@ VELMARIN_EXPORT int getSISFileInfoImpl(const char *path);
 VELMARIN_EXPORT int recoverFileImpl(const char *path);
 
 // Sets the coincide flag of the plain file at `path`, if the file's modification time is the given
-// one (seconds and nanoseconds) both before and after; otherwise the flag is not left set.
+// one (seconds and nanoseconds). A file whose time has moved once the flag is set gets it cleared
+// again.
 //
 // Returns 0 when the flag is set; the nonzero state byte when the file is attached to a layered
-// inode, whose flag is left alone; -1 when `path` is null or cannot be resolved, opened or queried,
-// or when the time differs; minus errno when the flag could not be set or cleared again.
+// inode, whose flag is left alone; -1 when `path` is null or cannot be resolved, opened, examined
+// or queried, or when the time differs or has moved (a file that can no longer be examined after
+// the flag was set keeps it); minus errno when the flag could not be set or cleared again.
 VELMARIN_EXPORT int setCheckFlagImpl(const char *path, long mtime_sec, long mtime_nsec);
 
 // Returns the flag word of the file at `path` (bit SIS_FLAG_COINCIDE is the coincide flag); -1 when

@@ -57,7 +57,7 @@ VELMARIN_EXPORT uint64_t crc64_rocksoft_generic(uint64_t crc, const void *p, siz
 // not lock: the caller guards its tree.
 VELMARIN_EXPORT void rb_insert_color(velmarin::rb_node *node, velmarin::rb_root *root);
 
-// Takes `node` out of the tree and rebalances. The node's own fields are left as they were.
+// Takes `node` out of the tree and rebalances. The node's own fields mean nothing afterwards.
 VELMARIN_EXPORT void rb_erase(velmarin::rb_node *node, velmarin::rb_root *root);
 
 // Returns the node with the smallest key, or null for an empty tree.

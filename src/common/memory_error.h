@@ -5,8 +5,8 @@
 
 namespace velmarin {
 
-// To be called right after the failed call. An allocator need not set errno: the failure counts as
-// ENOMEM then.
+// To be called right after the failed call, before which errno was set to 0. An allocator need not
+// set errno: the failure counts as ENOMEM then.
 inline int allocation_error() {
   return errno != 0 ? errno : ENOMEM;
 }

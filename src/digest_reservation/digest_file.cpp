@@ -73,9 +73,23 @@ int clear_suffix(sis_context *ctx) {
   return memset_s(ctx->pname + DIGEST_NAME_LENGTH, DIGEST_SUFFIX_SIZE, 0, DIGEST_SUFFIX_SIZE);
 }
 
+// A descriptor below 1 means that no file is open. In a process that has closed its standard input,
+// open answers 0: the file is then moved to another descriptor.
+int move_off_zero(int fd) {
+  if (fd != 0) {
+    return fd;
+  }
+  const int moved = fcntl(fd, F_DUPFD, 1);
+  const int error = errno;
+  close(fd);
+  errno = error;
+  return moved;
+}
+
 // Returns 0 or the errno of the failed open.
 int open_digest_file(const digest_path &path, int *fd, bool writing) {
-  *fd = writing ? open(path.text, O_RDWR | O_CREAT, DIGEST_FILE_MODE) : open(path.text, O_RDONLY);
+  *fd = move_off_zero(writing ? open(path.text, O_RDWR | O_CREAT, DIGEST_FILE_MODE)
+                              : open(path.text, O_RDONLY));
   if (*fd < 0) {
     const int error = errno;
     log_info("Cannot open %s returned %s\n", path.text, strerror(error));
@@ -86,7 +100,13 @@ int open_digest_file(const digest_path &path, int *fd, bool writing) {
 }
 
 int lock_digest_file(const digest_path &path, int fd, bool writing) {
-  if (flock(fd, writing ? LOCK_EX : LOCK_SH) != 0) {
+  // A signal (that of the run's own time budget, say) does not end the waiting: without the lock
+  // the file of another run would be removed while it is being written.
+  int result = 0;
+  do {
+    result = flock(fd, writing ? LOCK_EX : LOCK_SH);
+  } while (result != 0 && errno == EINTR);
+  if (result != 0) {
     const int error = errno;
     log_info("Cannot %s lock %s returned %s\n", writing ? "exclusive" : "shared", path.text,
              strerror(error));

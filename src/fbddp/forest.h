@@ -2,7 +2,8 @@
 // trees.
 //
 // A file whose key is new becomes a tree node. A file whose key is there joins the group of that
-// node, and both are queued for their digests. So a file that is alone with its key is never read.
+// node, and both are queued for their digests. So a file that is alone with its key is never read
+// whole.
 #pragma once
 
 #include "fbddp/dentry.h"

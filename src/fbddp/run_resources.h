@@ -6,7 +6,7 @@
 namespace velmarin {
 
 // Makes the lists, locks and arrays of the run. Returns whether that worked; on failure everything
-// made so far has been released again.
+// made so far has been released again, the time budget included.
 bool set_up_run(sis_context *ctx);
 
 // Releases the dentries, the locks, the time budget and the arrays. The workers are joined.
