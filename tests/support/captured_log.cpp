@@ -3,7 +3,7 @@
 #include <android/log.h>
 
 #include <algorithm>
-#include <regex>
+#include <cstdio>
 
 #include "velmarin_platform/log_sink.h"
 
@@ -12,19 +12,26 @@ namespace {
 
 captured_log *innermost = nullptr;
 
-log_line parse(int buffer_id, int priority, bool has_tag, const std::string &text) {
-  static const std::regex form(
-      R"((?:\[(ERRO|INFO) from thread \d+ at (\w+\.cpp):\d{4,} @\d+\.\d{9}\] |\[velmarin\]\[\d+\] )([^]*))");
-  std::smatch parts;
-  if (!std::regex_match(text, parts, form)) {
-    return {buffer_id, priority, has_tag, text, "MALFORMED", "", text};
+log_line parse(int buffer_id, int priority, bool has_tag, const char *text) {
+  log_line line = {buffer_id, priority, has_tag, text, "SERVICE", "", text};
+  char kind[8] = "";
+  char module[40] = "";
+  int end = 0;
+  sscanf(text, "[%7[A-Z] from thread %*d at %39[a-z_.]:%*d @%*d.%*d]%n", kind, module, &end);
+  if (end > 0) {
+    line.kind = kind;
+    line.module = module;
+  } else {
+    sscanf(text, "[velmarin][%*d]%n", &end);
   }
-  std::string kind = parts[1].matched ? parts[1].str() : "SERVICE";
-  const int kind_priority = kind == "INFO" ? ANDROID_LOG_INFO : ANDROID_LOG_ERROR;
-  if (buffer_id != LOG_ID_SYSTEM || priority != kind_priority || has_tag) {
-    kind = "MALFORMED";
+  const int kind_priority = line.kind == "INFO" ? ANDROID_LOG_INFO : ANDROID_LOG_ERROR;
+  if (end == 0 || text[end] != ' ' || buffer_id != LOG_ID_SYSTEM || priority != kind_priority ||
+      has_tag) {
+    line.kind = "MALFORMED";
+  } else {
+    line.message = text + end + 1;
   }
-  return {buffer_id, priority, has_tag, text, kind, parts[2].str(), parts[3].str()};
+  return line;
 }
 
 }  // namespace

@@ -105,7 +105,11 @@ scripted_fs::~scripted_fs() {
   current = nullptr;
 }
 
-void scripted_fs::answer(unsigned code, const fs_answer &answer) {
+void scripted_fs::answer(unsigned code, int result, int error) {
+  queue({result, error, {}, false}, code);
+}
+
+void scripted_fs::queue(const fs_answer &answer, unsigned code) {
   const std::lock_guard<std::mutex> guard(mutex_);
   queues_[code].push_back(answer);
 }
@@ -147,7 +151,7 @@ int scripted_fs::handle(int fd, unsigned long long_code, void *argument) {
   }
   const int errno_before = errno;
   const fs_request request = record_request(fd, code, argument);
-  fs_answer answer;
+  fs_answer answer = {};
   bool is_answered = self->answers_ == source::script;
   std::function<void(const fs_request &)> hook;
   {
@@ -156,11 +160,13 @@ int scripted_fs::handle(int fd, unsigned long long_code, void *argument) {
     const auto failure = self->failures_.find({code, ++self->counts_[code]});
     std::deque<fs_answer> &queue = self->queues_[code];
     if (failure != self->failures_.end()) {
-      answer = {-1, failure->second, {}};
+      answer = {-1, failure->second, {}, false};
       is_answered = true;
     } else if (!queue.empty()) {
       answer = queue.front();
-      queue.pop_front();
+      if (!answer.stays) {
+        queue.pop_front();
+      }
       is_answered = true;
     }
     hook = self->hook_;

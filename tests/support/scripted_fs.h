@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <deque>
 #include <functional>
 #include <map>
@@ -31,19 +30,14 @@ struct fs_request {
   template <typename Record>
   Record argument_as() const {
     Record record = {};
-    memcpy(&record, argument.data(), std::min(sizeof(record), argument.size()));
+    std::copy_n(argument.begin(), std::min(sizeof(record), argument.size()),
+                reinterpret_cast<uint8_t *>(&record));
     return record;
   }
 
   // One line such as "DEDUP_FILE b rw src=a mode=1" or "CONNECT b rw layer=d/(unnamed)", with names
   // below `root` and numbers in base 16.
   std::string text(const std::string &root) const;
-};
-
-struct fs_answer {
-  int result = 0;
-  int error = 0;                  // errno of a negative result
-  std::vector<uint8_t> argument;  // bytes to write back
 };
 
 class scripted_fs {
@@ -58,12 +52,13 @@ class scripted_fs {
   scripted_fs(const scripted_fs &) = delete;
   scripted_fs &operator=(const scripted_fs &) = delete;
 
-  // Queues an answer for the next request of the code that has none yet.
-  void answer(unsigned code, const fs_answer &answer);
+  // Queue an answer for the next request of the code that has none yet: a result with its errno, or
+  // success with a record to write back. An answer that stays serves all further requests.
+  void answer(unsigned code, int result, int error = 0);
   template <typename Record>
-  void answer_with(unsigned code, const Record &record) {
+  void answer_with(unsigned code, const Record &record, bool stays = false) {
     const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
-    answer(code, {0, 0, std::vector<uint8_t>(bytes, bytes + sizeof(record))});
+    queue({0, 0, std::vector<uint8_t>(bytes, bytes + sizeof(record)), stays}, code);
   }
   // Refuses the n-th request of the code, counted from 1 since the object was made.
   void fail(unsigned code, int nth, int error);
@@ -78,6 +73,14 @@ class scripted_fs {
   static int handle(int fd, unsigned long code, void *argument);
 
  private:
+  struct fs_answer {
+    int result;
+    int error;
+    std::vector<uint8_t> argument;
+    bool stays;
+  };
+  void queue(const fs_answer &answer, unsigned code);
+
   source answers_;
   mutable std::mutex mutex_;
   std::vector<fs_request> requests_;
