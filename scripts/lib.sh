@@ -6,7 +6,7 @@ velmarin=$repository/build/release/velmarin
 
 build_packages=(g++ cmake ninja-build pkg-config libssl-dev libgtest-dev libgmock-dev libcli11-dev
   nlohmann-json3-dev)
-file_system_packages=(mount btrfs-progs xfsprogs e2fsprogs)
+test_packages=(btrfs-progs e2fsprogs mount python3 xfsprogs)
 
 say() {
   printf '%s\n' "$*"
@@ -30,8 +30,10 @@ as_root() {
   fi
 }
 
+# Packages of other architectures may be installed beside.
 is_installed() {
-  [ "$(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+  dpkg-query --show --showformat='${Architecture} ${db:Status-Status}\n' "$1" 2>/dev/null |
+    grep -Eqx "(all|$(dpkg --print-architecture)) installed"
 }
 
 # install_packages NAME...: installs the Debian packages that are missing.
@@ -52,12 +54,12 @@ install_packages() {
     apt-get -q -q -y --no-install-recommends install "${missing[@]}"
 }
 
-# build PRESET: configures and builds it, in build/PRESET.
+# build PRESET [OPTION]...: configures and builds it, in build/PRESET.
 build() {
   (
     cd "$repository" || exit
     cmake --preset "$1"
-    cmake --build --preset "$1"
+    cmake --build --preset "$1" "${@:2}"
   )
 }
 
@@ -67,4 +69,30 @@ run_tests() {
     cd "$repository" || exit
     ctest --preset "$1" --parallel "$(nproc)" --no-tests=error "${@:2}"
   )
+}
+
+# Makes a temporary directory, in `workspace`, that goes on every way out. What is mounted on its
+# directory `tree` is unmounted before, which also detaches the loop device.
+make_workspace() {
+  trap remove_workspace EXIT
+  trap 'exit 130' INT
+  trap 'exit 143' TERM HUP
+  workspace=$(mktemp -d "${TMPDIR:-/tmp}/velmarin-XXXXXX")
+  mkdir "$workspace/tree"
+}
+
+remove_workspace() {
+  [ -n "${workspace-}" ] || return 0
+  cd /
+  ! mountpoint -q "$workspace/tree" || as_root umount "$workspace/tree"
+  rm -rf "$workspace"
+}
+
+# mount_btrfs SIZE: mounts a new Btrfs on `tree` of the workspace. Fails where that is not possible.
+mount_btrfs() {
+  can_be_root &&
+    truncate -s "$1" "$workspace/image" &&
+    /sbin/mkfs.btrfs -q "$workspace/image" >/dev/null &&
+    as_root mount -o loop "$workspace/image" "$workspace/tree" &&
+    as_root chown "$(id -u)" "$workspace/tree"
 }
