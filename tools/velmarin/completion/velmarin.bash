@@ -1,0 +1,46 @@
+# Completion of velmarin(1) for bash.
+
+# Offers what compgen makes of its arguments for the word being completed.
+_velmarin_offer() {
+  mapfile -t COMPREPLY < <(compgen "$@" -- "${COMP_WORDS[COMP_CWORD]}")
+}
+
+_velmarin_offer_names() {
+  compopt -o filenames 2>/dev/null
+  _velmarin_offer "$1"
+}
+
+# The value of the option before the word being completed. Fails if that option takes none.
+_velmarin_value() {
+  case ${COMP_WORDS[COMP_CWORD - 1]} in
+    --state) _velmarin_offer_names -d ;;
+    --skip | --html) _velmarin_offer_names -f ;;
+    --min-size) _velmarin_offer -W '0 4K 64K 1M 1G' ;;
+    --max-depth | --time-budget) COMPREPLY=() ;;
+    *) return 1 ;;
+  esac
+}
+
+_velmarin() {
+  local command=${COMP_WORDS[1]} names=-f options='--verbose --help --version' word
+  if ((COMP_CWORD == 1)); then
+    _velmarin_offer -W 'scan dedup info recover group copy revoke freeze flags --help --version'
+    return
+  fi
+  for word in "${COMP_WORDS[@]:2:COMP_CWORD-2}"; do
+    [[ $word == -- ]] && options=
+  done
+  if [[ $command == scan ]]; then
+    names=-d
+    options+=${options:+ --apply --state --skip --min-size --max-depth --time-budget --json}
+    options+=${options:+ --html --quiet --no-color}
+    [[ -n $options ]] && _velmarin_value && return
+  fi
+  if [[ -n $options && ${COMP_WORDS[COMP_CWORD]} == -* ]]; then
+    _velmarin_offer -W "$options"
+  else
+    _velmarin_offer_names "$names"
+  fi
+}
+
+complete -F _velmarin velmarin
