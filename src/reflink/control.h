@@ -68,7 +68,7 @@ inline int get_flag_word(int fd, uint32_t *flags) {
 // names.
 inline int get_inode_flags(int fd, uint32_t *flags) {
   *flags = 0;
-  return ioctl(fd, FS_IOC_GETFLAGS, flags);
+  return ioctl(fd, static_cast<unsigned>(FS_IOC_GETFLAGS), flags);
 }
 
 }  // namespace velmarin

@@ -83,9 +83,9 @@ int request_file_info(int fd, sis_file_info *info, int *error) {
   return result;
 }
 
-// Makes a layered inode of `fd`. Returns 0 or an errno. `temporary` is to stay open until the
-// request for the second file is over.
-int make_single_instance(int fd, const char *directory, unique_fd *temporary) {
+// Makes a layered inode of `fd`; returns whether that went well, else sets `error`. `temporary` is
+// to stay open until the request for the second file is over.
+bool make_single_instance(int fd, const char *directory, unique_fd *temporary, int *error) {
   const layer_outcome outcome = build_layer(fd, directory, TEMPORARY_FILE_MODE, nullptr, temporary);
   switch (outcome.stopped_at) {
     case layer_step::open_temporary:
@@ -102,7 +102,8 @@ int make_single_instance(int fd, const char *directory, unique_fd *temporary) {
     case layer_step::done:
       break;
   }
-  return outcome.error;
+  *error = outcome.error;
+  return outcome.stopped_at == layer_step::done;
 }
 
 // Returns the non-negative result of the request or an errno.
@@ -135,11 +136,9 @@ int sisFileTaskImpl(const char *file1, const char *file2) {
     return error;
   }
   unique_fd temporary;
-  if (info.layered == 0) {
-    error = make_single_instance(files.first.get(), directory.text, &temporary);
-    if (error != 0) {
-      return error;
-    }
+  if (info.layered == 0 &&
+      !make_single_instance(files.first.get(), directory.text, &temporary, &error)) {
+    return error;
   }
   return share_with_first(files, file1);
 }
