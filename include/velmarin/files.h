@@ -24,9 +24,10 @@ VELMARIN_EXPORT int getSISFileInfoImpl(const char *path);
 
 // Gives the file at `path` its own data back.
 //
-// Returns 0 when the file is plain afterwards; -1 when it cannot be opened or queried; -2 when it
-// is still attached (also the value of a path that does not exist: minus ENOENT); otherwise minus
-// the errno of the failed path resolution or of the refused request.
+// Returns 0 when the file is plain afterwards; -1 when it cannot be opened or queried; -2 when its
+// state byte is still 1 (also the value of a path that does not exist: minus ENOENT); another
+// nonzero state byte as it is; otherwise minus the errno of the failed path resolution or of the
+// refused request.
 VELMARIN_EXPORT int recoverFileImpl(const char *path);
 
 // Sets the coincide flag of the plain file at `path`, if the file's modification time is the given
