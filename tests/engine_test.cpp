@@ -90,8 +90,9 @@ TEST(FullPath, JoinsTheNamesAndGivesTheEmptyStringWhenTheyDoNotFit) {
     size_t root_length;
     size_t file_length;  // 0: the root alone
     bool fits;
-  } cases[] = {{2, 3, true},     {4091, 3, true},  {4092, 3, false}, {1, 4093, true},
-               {1, 4094, false}, {1, 5000, false}, {4095, 0, true},  {4096, 0, false}};
+  } cases[] = {{2, 3, true},     {4091, 3, true},  {4092, 3, false},
+               {1, 4093, true},  {1, 4094, false}, {1, 4095, false},
+               {1, 5000, false}, {4095, 0, true},  {4096, 0, false}};
   for (const auto &[root_length, file_length, fits] : cases) {
     run_context run;
     std::string path(root_length, 'r');
