@@ -30,10 +30,13 @@ as_root() {
   fi
 }
 
-# Packages of other architectures may be installed beside.
+# is_installed NAME[:ARCHITECTURE]: packages of other architectures may be installed beside.
 is_installed() {
+  local architecture
+  architecture=$(dpkg --print-architecture)
+  [[ $1 != *:* ]] || architecture=${1#*:}
   dpkg-query --show --showformat='${Architecture} ${db:Status-Status}\n' "$1" 2>/dev/null |
-    grep -Eqx "(all|$(dpkg --print-architecture)) installed"
+    grep -Eqx "(all|$architecture) installed"
 }
 
 # install_packages NAME...: installs the Debian packages that are missing.

@@ -1,0 +1,14 @@
+# Tests of what is handed over: the libraries as files, the platform build file, the installation
+# and the packages. Those labelled any_target hold for a cross build, too.
+
+velmarin_script_test(segments ${CMAKE_CURRENT_SOURCE_DIR}/segments_test.sh
+  $<TARGET_FILE:velmarin> $<TARGET_FILE:velmarin_platform>)
+set_tests_properties(segments PROPERTIES LABELS any_target)
+
+# The tests that a device can run need nothing of the Linux platform layer but its library.
+add_executable(device_tests device_test.cpp support/temporary_tree.cpp)
+target_include_directories(device_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+target_link_libraries(device_tests PRIVATE
+  velmarin_platform velmarin velmarin_build_flags GTest::gtest_main)
+gtest_discover_tests(device_tests
+  DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS device_tests)
