@@ -156,7 +156,7 @@ class ScanCommand {
     } else {
       print_text(report_, !options_.no_color && can_show_colours());
     }
-    return true;
+    return options_.html.empty() || page_.write(html_report(report_));
   }
 
   std::string first_error() const {

@@ -1,0 +1,160 @@
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <string_view>
+
+#include "display_name.h"
+#include "report.h"
+#include "report_page.h"
+#include "size_text.h"
+
+namespace tool {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr std::string_view PLACE_OF_DATA = "@REPORT_DATA@";
+
+std::string local_time() {
+  const time_t now = time(nullptr);
+  struct tm parts = {};
+  char text[32] = "";
+  if (localtime_r(&now, &parts) != nullptr) {
+    std::strftime(text, sizeof text, "%F %T", &parts);
+  }
+  return text;
+}
+
+// On file systems that cannot share data the map shows what is not merged, since nothing can be
+// freed.
+bool can_free_space(const Findings &findings) {
+  return findings.reclaimable_bytes() > 0 || findings.unmerged_bytes() == 0;
+}
+
+std::string about(const Report &report) {
+  std::string text = "Scan of";
+  for (const std::string &root : report.roots) {
+    text += (&root == &report.roots.front() ? " " : ", ") + escaped_name(root);
+  }
+  return text + " on " + local_time() + ", " + format_duration(report.elapsed);
+}
+
+Json notes(const Report &report) {
+  Json list = Json::array();
+  const Findings &findings = report.findings;
+  if (report.stopped || report.out_of_time) {
+    list.push_back("Stopped early: the findings are not complete.");
+  }
+  if (findings.reclaimable_bytes() < findings.unmerged_bytes()) {
+    list.push_back(
+        "Merging frees nothing on a file system that cannot share data; that holds for " +
+        format_size(findings.unmerged_bytes() - findings.reclaimable_bytes()) + ".");
+  }
+  return list;
+}
+
+Json figures(const Report &report) {
+  const Findings &findings = report.findings;
+  Json list = Json::array();
+  if (report.applied) {
+    list.push_back({"freed", format_size(findings.freed_bytes())});
+    list.push_back({"files merged", std::to_string(count_outcomes(findings).merged)});
+  } else {
+    list.push_back({"can be freed", format_size(findings.reclaimable_bytes())});
+    list.push_back({"not merged yet", format_size(findings.unmerged_bytes())});
+  }
+  list.push_back({"groups", std::to_string(findings.groups.size())});
+  list.push_back({"identical files", std::to_string(findings.grouped_files())});
+  return list;
+}
+
+Json group_data(const FoundGroup &group, bool shows_reclaimable) {
+  Json files = Json::array();
+  for (const FoundFile &file : group.files) {
+    const bool was_merged = file.outcome != Outcome::none;
+    files.push_back({escaped_name(file.path),
+                     was_merged ? outcome_word(file.outcome) : status_word(file.status),
+                     escaped_name(file.reason)});
+  }
+  return {{"bytes", shows_reclaimable ? group.reclaimable_bytes() : group.unmerged_bytes()},
+          {"size", group.size()},
+          {"freed", group.freed_bytes()},
+          {"files", std::move(files)}};
+}
+
+Json counter_rows(const Report &report) {
+  const Counters &counters = report.findings.counters;
+  return Json::array({{"directories read", std::to_string(counters.nr_dir_read)},
+                      {"directories tried", std::to_string(counters.nr_dir_opened)},
+                      {"files opened", std::to_string(counters.nr_file_opened)},
+                      {"candidates", std::to_string(counters.nr_scan_file)},
+                      {"files read whole", std::to_string(counters.nr_hashed)},
+                      {"errors", std::to_string(counters.nr_error)},
+                      {"left out: no deduplication", std::to_string(report.unsupported)},
+                      {"left out: unknown state", std::to_string(report.unknown)}});
+}
+
+Json statistics_rows(const Report &report) {
+  const Statistics &statistics = report.findings.statistics;
+  Json rows =
+      Json::array({{"deduplicated files met", std::to_string(statistics.deduped_files)},
+                   {"saved by them", format_size(statistics.deduped_saved_bytes)},
+                   {"compressed files met", std::to_string(statistics.compressed_files)},
+                   {"saved by compression", format_size(statistics.compressed_saved_bytes)}});
+  if (report.applied) {
+    const MergeCounts counts = count_outcomes(report.findings);
+    rows.push_back({"merged", std::to_string(counts.merged)});
+    rows.push_back({"shared before", std::to_string(counts.already_shared)});
+    rows.push_back({"changed since the scan", std::to_string(counts.changed)});
+    rows.push_back({"refused", std::to_string(counts.refused)});
+    rows.push_back({"not tried", std::to_string(counts.not_tried)});
+  }
+  return rows;
+}
+
+Json page_data(const Report &report) {
+  const Findings &findings = report.findings;
+  const bool shows_reclaimable = can_free_space(findings);
+  Json data;
+  data["about"] = about(report);
+  data["notes"] = notes(report);
+  data["figures"] = figures(report);
+  data["applied"] = report.applied;
+  data["mapTitle"] = shows_reclaimable ? (report.applied ? "Space that could be freed, by directory"
+                                                         : "Space that can be freed, by directory")
+                                       : "Data not merged yet, by directory";
+  data["bytesTitle"] = !shows_reclaimable ? "Not merged yet"
+                       : report.applied   ? "Could be freed"
+                                          : "Can be freed";
+  data["groups"] = Json::array();
+  for (const FoundGroup &group : findings.groups) {
+    data["groups"].push_back(group_data(group, shows_reclaimable));
+  }
+  data["compressed"] = Json::array();
+  for (const FoundFile &file : findings.compressed) {
+    data["compressed"].push_back(escaped_name(file.path));
+  }
+  data["lists"] = Json::array({counter_rows(report), statistics_rows(report)});
+  return data;
+}
+
+// JSON that cannot end the script element in which it stands.
+std::string embedded(const Json &data) {
+  std::string text;
+  for (const char c : data.dump()) {
+    if (c == '<') {
+      text += "\\u003c";
+    } else {
+      text += c;
+    }
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string html_report(const Report &report) {
+  std::string page(REPORT_PAGE);
+  return page.replace(page.find(PLACE_OF_DATA), PLACE_OF_DATA.size(), embedded(page_data(report)));
+}
+
+}  // namespace tool
