@@ -6,7 +6,7 @@ velmarin=$repository/build/release/velmarin
 
 build_packages=(g++ cmake ninja-build pkg-config libssl-dev libgtest-dev libgmock-dev libcli11-dev
   nlohmann-json3-dev)
-test_packages=(btrfs-progs e2fsprogs mount python3 xfsprogs)
+test_packages=(btrfs-progs dpkg-dev e2fsprogs mount python3 xfsprogs)
 
 say() {
   printf '%s\n' "$*"
@@ -91,11 +91,27 @@ remove_workspace() {
   rm -rf "$workspace"
 }
 
-# mount_btrfs SIZE: mounts a new Btrfs on `tree` of the workspace. Fails where that is not possible.
-mount_btrfs() {
+# mount_image SIZE MKFS [OPTION]...: mounts a new file system on `tree` of the workspace. Fails where
+# that is not possible.
+mount_image() {
   can_be_root &&
     truncate -s "$1" "$workspace/image" &&
-    /sbin/mkfs.btrfs -q "$workspace/image" >/dev/null &&
+    "${@:2}" "$workspace/image" >/dev/null &&
     as_root mount -o loop "$workspace/image" "$workspace/tree" &&
     as_root chown "$(id -u)" "$workspace/tree"
+}
+
+mount_btrfs() {
+  mount_image "$1" /sbin/mkfs.btrfs -q
+}
+
+# XFS wants at least 300M.
+mount_xfs() {
+  mount_image "$1" /sbin/mkfs.xfs -q -m reflink=1
+}
+
+# Takes the file system off and puts it back, so that what is read next comes from the image.
+remount_image() {
+  as_root umount "$workspace/tree"
+  as_root mount -o loop "$workspace/image" "$workspace/tree"
 }
