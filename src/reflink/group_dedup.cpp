@@ -22,8 +22,8 @@ class file_group {
     }
   }
   ~file_group() {
-    for (opened_file &file : *this) {
-      file.~opened_file();
+    for (int i = count_; i > 0; i--) {
+      files_[i - 1].~opened_file();
     }
     free(files_);
   }
