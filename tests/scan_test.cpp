@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <set>
 #include <thread>
@@ -132,7 +133,7 @@ TEST(Scan, FindsIdenticalFilesAndReadsNoUnchangedFileAgain) {
       "t/one=abc t/d/two=abc t/d/e/three=abc t/other=abd t/p=pair u/q=pair t/unique=longer_text "
       "t/skipped=abc t/skip/x=abc t/small=ab t/small2=ab t/hard=hardly s/");
   ASSERT_EQ(link(tree.path("t/hard").c_str(), tree.path("t/link").c_str()), 0);
-  ASSERT_EQ(symlink("one", tree.path("t/symlink").c_str()), 0);
+  ASSERT_EQ(symlink("d", tree.path("t/symlink").c_str()), 0);
   ASSERT_EQ(mkfifo(tree.path("t/fifo").c_str(), 0600), 0);
   const captured_log log;
   scan s(tree, {"t", "u", "missing"});
@@ -152,6 +153,10 @@ TEST(Scan, FindsIdenticalFilesAndReadsNoUnchangedFileAgain) {
   EXPECT_EQ(s.counters, "8 4 18 9 6 0");
   EXPECT_EQ(s.run().groups, groups);
   EXPECT_EQ(s.counters, "8 4 12 9 0 0") << "all digests were kept";
+  const fs::path digest_file = fs::directory_iterator(s.save_dir)->path();
+  std::ofstream(digest_file, std::ios::app) << "more";
+  EXPECT_EQ(s.run().groups, groups);
+  EXPECT_EQ(s.counters, "8 4 18 9 6 0") << "a damaged digest file counts for nothing";
   const struct timespec mtime = tree.status("t/one").st_mtim;
   tree.set_mtime("t/one", mtime.tv_sec, mtime.tv_nsec ^ 1);
   EXPECT_EQ(s.run().groups, groups);
@@ -164,11 +169,11 @@ TEST(Scan, FindsIdenticalFilesAndReadsNoUnchangedFileAgain) {
             " returned Too many levels of symbolic links",
         "skip entry " + tree.path("t/fifo") + " is not a file nor a directory",
         "failed to open skip entry " + tree.path("gone") + " returned No such file or directory",
-        std::string("load_usable_hash(6 entries):"), std::string("save_usable_hash(6 entries):"),
-        std::string("nr_scan_file 9\n")}) {
+        std::string("load_usable_hash(6 entries):"), std::string("load_usable_hash(-1 entries):"),
+        std::string("save_usable_hash(6 entries):"), std::string("nr_scan_file 9\n")}) {
     EXPECT_NE(all.find("INFO " + line), std::string::npos) << line;
   }
-  EXPECT_EQ(all.find("ERRO"), std::string::npos) << all;
+  EXPECT_EQ(all.find("ERRO"), all.rfind("ERRO")) << all;
 }
 
 TEST(Scan, ObeysItsLimitsAndCallbacksAndNamesItsDigestFileByTheRoots) {
