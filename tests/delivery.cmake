@@ -5,6 +5,13 @@ velmarin_script_test(segments ${CMAKE_CURRENT_SOURCE_DIR}/segments_test.sh
   $<TARGET_FILE:velmarin> $<TARGET_FILE:velmarin_platform>)
 set_tests_properties(segments PROPERTIES LABELS any_target)
 
+foreach(class Lists Syntax)
+  velmarin_script_test(android_build.${class} Python3::Interpreter
+    ${CMAKE_CURRENT_SOURCE_DIR}/android_build_test.py ${CMAKE_BINARY_DIR} ${PROJECT_SOURCE_DIR}
+    ${CMAKE_CXX_COMPILER} ${class})
+  set_tests_properties(android_build.${class} PROPERTIES LABELS any_target)
+endforeach()
+
 # The tests that a device can run need nothing of the Linux platform layer but its library.
 add_executable(device_tests device_test.cpp support/temporary_tree.cpp)
 target_include_directories(device_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
