@@ -2,7 +2,8 @@
 """compare_groups.py SCAN_JSON RDFIND_RESULTS: whether both name the same groups of identical files.
 
 A file with several names is one file: both tools keep one of its names, perhaps not the same. So a
-path stands for its inode here, and differences are shown with the paths that the tools gave.
+path stands for its inode here, and differences are shown with the paths that the tools gave. Ends
+with 77 when there was nothing to compare.
 """
 
 import json
@@ -55,8 +56,11 @@ def main():
     describe("rdfind", other)
     show("only velmarin:", scan - other, names)
     show("only rdfind:", other - scan, names)
+    if not scan and not other:
+        print("nothing compared: neither found identical files")
+        return 77
     print("the groups differ" if scan != other else "the groups are the same")
-    return scan != other or not scan
+    return 1 if scan != other else 0
 
 
 sys.exit(main())
