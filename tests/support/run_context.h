@@ -6,7 +6,6 @@
 
 #include <string>
 
-#include "common/atomic_word.h"
 #include "fbddp/dentry.h"
 #include "fbddp/fingerprint.h"
 #include "fbddp/job_queue.h"
@@ -32,17 +31,6 @@ struct run_context {
     EXPECT_EQ(velmarin::create_dentry(parent, name.c_str(), &d, is_file ? 1 : 0), 0);
     velmarin::list_dentry(&ctx, d);
     return d;
-  }
-
-  // Does the queued digest jobs. Returns how many there were.
-  int do_digest_jobs() {
-    int count = 0;
-    for (velmarin::job *taken; (taken = velmarin::take_job(&ctx)) != nullptr; count++) {
-      velmarin::digest_file_content(&ctx, taken->target);
-      velmarin::finish_job(&ctx, taken);
-    }
-    EXPECT_EQ(ctx.pending, 0U);
-    return count;
   }
 };
 
