@@ -10,6 +10,9 @@ namespace {
 
 constexpr std::string_view ERROR_PREFIX = "[ERRO ";
 constexpr std::string_view SERVICE_PREFIX = "[velmarin][";
+constexpr std::string_view DIGEST_FILE_MADE = "CREATE ";
+
+constexpr std::string_view SAVING_BEGINS = "fetch_all_sis_file:";
 
 struct PhaseEnd {
   std::string_view message;  // how the line begins that ends the phase before
@@ -17,7 +20,7 @@ struct PhaseEnd {
 };
 constexpr PhaseEnd PHASE_ENDS[] = {{"load_usable_hash(", ScanPhase::walking},
                                    {"scan_directory:", ScanPhase::grouping},
-                                   {"fetch_all_sis_file:", ScanPhase::saving},
+                                   {SAVING_BEGINS, ScanPhase::saving},
                                    {"save_usable_hash(", ScanPhase::reporting}};
 
 // The part of a line behind its prefix in brackets.
@@ -58,6 +61,11 @@ void LogLines::keep(std::string_view line) {
   }
   const std::lock_guard guard(lock_);
   last_message_ = message;
+  // While digests are saved nothing but the making of their file is logged, unless that fails.
+  if (phase_ == ScanPhase::saving && !message.starts_with(DIGEST_FILE_MADE) &&
+      !message.starts_with(SAVING_BEGINS) && save_failure_.empty()) {
+    save_failure_ = message;
+  }
   if (line.starts_with(ERROR_PREFIX) && ++error_count_ == 1) {
     first_error_ = message;
   }
@@ -71,6 +79,11 @@ uint64_t LogLines::error_count() const {
 std::string LogLines::first_error() const {
   const std::lock_guard guard(lock_);
   return first_error_;
+}
+
+std::string LogLines::save_failure() const {
+  const std::lock_guard guard(lock_);
+  return save_failure_;
 }
 
 std::string LogLines::last_message() const {

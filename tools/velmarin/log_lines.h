@@ -14,7 +14,8 @@ enum class ScanPhase { loading, walking, grouping, saving, reporting };
 
 // The process-wide sink of log lines for as long as the object lives. With `show`, every line goes
 // to standard error; either way the sink keeps what the tool tells its user: the phase of the scan,
-// how many error lines there were and the first of them, and the message logged last.
+// how many error lines there were and the first of them, why the digests were not saved, and the
+// message logged last.
 class LogLines {
  public:
   explicit LogLines(bool show);
@@ -29,6 +30,9 @@ class LogLines {
   uint64_t error_count() const;
   std::string first_error() const;
 
+  // Why the digests could not be saved; empty when they were. A scan ends well all the same.
+  std::string save_failure() const;
+
   // The message logged last, without its prefix and newline; empty since the last call of `forget`.
   std::string last_message() const;
   void forget();
@@ -42,6 +46,7 @@ class LogLines {
   mutable std::mutex lock_;  // guards the fields below: any thread logs
   uint64_t error_count_ = 0;
   std::string first_error_;
+  std::string save_failure_;
   std::string last_message_;
 };
 

@@ -171,13 +171,16 @@ class ScanCommand {
     if (counters.nr_error > 0) {
       complain(format_count(counters.nr_error, "error") + " during the scan" + first_error());
     }
+    if (!log_.save_failure().empty()) {
+      complain("the digests were not kept for the next scan: " + escaped_name(log_.save_failure()));
+    }
     if (none_supported) {
       complain("no file could be examined: their file systems do not support deduplication");
     }
     if (report_.stopped && !options_.quiet) {
       complain("stopped early: the findings are not complete");
     }
-    return counters.nr_error == 0 && !none_supported &&
+    return counters.nr_error == 0 && !none_supported && log_.save_failure().empty() &&
            merged.refused + merged.changed + merged.not_tried == 0;
   }
 
