@@ -220,6 +220,7 @@ void sweep(const operation &tried, library_call call, bool every_later_too,
 }
 
 std::set<std::string> shapes_of(const operation &tried) {
+  const watchdog dog(tried.name + ", undisturbed");
   tried.prepare();
   const captured_log log;
   tried.run();
