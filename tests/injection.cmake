@@ -27,3 +27,4 @@ function(velmarin_injection_test name)
 endfunction()
 
 velmarin_injection_test(failure_tests failure_test.cpp)
+velmarin_injection_test(thread_tests thread_test.cpp)
