@@ -73,7 +73,7 @@ class Rounds:
         elif kind == 2:
             self.run("revoke", *map(self.path, chosen), statuses=(0,))
         if self.random.randrange(4) == 0:
-            shutil.rmtree(self.state)
+            shutil.rmtree(self.state, ignore_errors=True)
 
     def run(self, *arguments, statuses):
         done = subprocess.run([self.tool, *arguments], capture_output=True, text=True,

@@ -86,6 +86,29 @@ class ToolCase(unittest.TestCase):
             file.write(data)
         return os.fsdecode(path)
 
+    def mount(self, kind, place, options, source="none"):
+        """Mounts until the test ends, or skips the test where that is not possible."""
+        if os.getuid() != 0:
+            self.skipTest("needs root to mount")
+        command = ["mount", "-t", kind, "-o", options, source, place]
+        if subprocess.run(command, capture_output=True).returncode:
+            self.skipTest(f"{kind} cannot be mounted here")
+        self.addCleanup(self.unmount, place)
+
+    def unmount(self, place):
+        if os.path.ismount(place):
+            subprocess.run(["umount", place], check=True)
+
+    def mount_image(self, kind, place, size, *make_options):
+        """Mounts a file system of its own, made in a file."""
+        image = self.path("image")
+        subprocess.run(["truncate", "-s", size, image], check=True)
+        make = shutil.which("mkfs." + kind, path=os.environ["PATH"] + ":/usr/sbin:/sbin")
+        if make is None:
+            self.skipTest(f"needs mkfs.{kind}")
+        subprocess.run([make, "-q", *make_options, image], check=True, capture_output=True)
+        self.mount(kind, place, "loop", image)
+
     def environment(self, **changes):
         return {"PATH": os.environ["PATH"], "HOME": self.path("home"), "TERM": "xterm", **changes}
 
