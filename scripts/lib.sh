@@ -74,6 +74,25 @@ run_tests() {
   )
 }
 
+# Sanitizers reserve fixed ranges of addresses, which a kernel that spreads its mappings widely may
+# have given away. Without that randomness they are always free.
+fixed_addresses() {
+  if setarch "$(uname -m)" --addr-no-randomize true 2>/dev/null; then
+    setarch "$(uname -m)" --addr-no-randomize "$@"
+  else
+    "$@"
+  fi
+}
+
+# build_and_run PRESET PROGRAM [ARGUMENT]...: builds one program and runs it.
+build_and_run() {
+  export -f build
+  export repository
+  # shellcheck disable=SC2016
+  fixed_addresses bash -euo pipefail -c \
+    'build "$1" --target "$2"; exec "$repository/build/$1/$2" "${@:3}"' - "$@"
+}
+
 # Makes a temporary directory, in `workspace`, that goes on every way out. What is mounted on its
 # directory `tree` is unmounted before, which also detaches the loop device.
 make_workspace() {
