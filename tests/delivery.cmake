@@ -1,12 +1,13 @@
 # Tests of what is handed over: the libraries as files, the platform build file, the installation
-# and the packages. Those labelled any_target hold for a cross build, too.
+# and the packages. Those labelled any_target hold for a cross build, too. They name the interpreter
+# by its path: a target's name in a test's command stands for a program to be emulated.
 
 velmarin_script_test(segments ${CMAKE_CURRENT_SOURCE_DIR}/segments_test.sh
   $<TARGET_FILE:velmarin> $<TARGET_FILE:velmarin_platform>)
 set_tests_properties(segments PROPERTIES LABELS any_target)
 
 foreach(class Lists Syntax)
-  velmarin_script_test(android_build.${class} Python3::Interpreter
+  velmarin_script_test(android_build.${class} ${Python3_EXECUTABLE}
     ${CMAKE_CURRENT_SOURCE_DIR}/android_build_test.py ${CMAKE_BINARY_DIR} ${PROJECT_SOURCE_DIR}
     ${CMAKE_CXX_COMPILER} ${class})
   set_tests_properties(android_build.${class} PROPERTIES LABELS any_target)
@@ -24,7 +25,7 @@ gtest_discover_tests(device_tests
 # with a sanitizer, which the host would need, too.
 if(NOT CMAKE_CROSSCOMPILING AND NOT VELMARIN_SANITIZE)
   foreach(class Installation Packages)
-    velmarin_script_test(install.${class} Python3::Interpreter
+    velmarin_script_test(install.${class} ${Python3_EXECUTABLE}
       ${CMAKE_CURRENT_SOURCE_DIR}/install_test.py ${CMAKE_BINARY_DIR} ${PROJECT_SOURCE_DIR}
       ${CMAKE_CXX_COMPILER} ${class})
   endforeach()
