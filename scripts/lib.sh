@@ -106,8 +106,18 @@ make_workspace() {
 remove_workspace() {
   [ -n "${workspace-}" ] || return 0
   cd /
-  ! mountpoint -q "$workspace/tree" || as_root umount "$workspace/tree"
+  ! mountpoint -q "$workspace/tree" || unmount_tree
   rm -rf "$workspace"
+}
+
+# A process that was just told to end may still be at work there.
+unmount_tree() {
+  local attempt
+  for ((attempt = 0; attempt < 50; attempt++)); do
+    ! as_root umount "$workspace/tree" 2>/dev/null || return 0
+    sleep 0.1
+  done
+  as_root umount --lazy "$workspace/tree"
 }
 
 # mount_image SIZE MKFS [OPTION]...: mounts a new file system on `tree` of the workspace. Fails where

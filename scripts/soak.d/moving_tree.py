@@ -11,6 +11,7 @@ import json
 import mmap
 import os
 import random
+import signal
 import subprocess
 import sys
 import threading
@@ -244,6 +245,7 @@ def check_all(writer):
 
 def main():
     tool, tree, state, seconds, expected = sys.argv[1:]
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("ended by a signal"))
     seed = time.time_ns()
     print("seed:", seed)
     writer = Writer(tree, seed)
