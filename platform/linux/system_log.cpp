@@ -1,5 +1,5 @@
 // The system log: formats one line on the stack and hands it to the process-wide sink, by default
-// syslog(3). Takes no lock and allocates nothing; errno is kept.
+// syslog(3). Takes no lock and allocates nothing up to the sink, which syslog does; errno is kept.
 #include <android/log.h>
 #include <syslog.h>
 
