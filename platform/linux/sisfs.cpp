@@ -1,6 +1,7 @@
 // The exported `ioctl`: answers the control codes of the deduplicating file system and hands every
 // other request to the kernel, among them unknown numbers of the same type, for which a file system
 // without codes of its own answers ENOTTY.
+#include <fcntl.h>
 #include <sys/ioctl.h>
 
 #include <cerrno>
@@ -14,7 +15,8 @@ namespace velmarin::sisfs {
 namespace {
 
 // A scan asks this about every regular file, so a file without a record costs one system call. That
-// leaves the file's type unknown: a directory is answered as what it is, not attached.
+// leaves the file's type unknown: a directory, a pipe or a device is answered as what it is, not
+// attached.
 int get_file_info(int fd, void *argument) {
   layer_record record = {};
   const int error = read_attachment(fd, &record);
@@ -90,6 +92,9 @@ extern "C" VELMARIN_EXPORT int ioctl(int fd, unsigned long request, ...) noexcep
       break;
     default:
       return sisfs::kernel_ioctl(fd, request, argument);
+  }
+  if (error != 0 && fcntl(fd, F_GETFL) < 0) {
+    error = EBADF;  // comes before whatever else is wrong with the request
   }
   errno = error != 0 ? error : saved_errno;
   return error != 0 ? -1 : 0;

@@ -1,8 +1,10 @@
 // The control codes of the deduplicating file system, carried out on ordinary Linux file systems:
 // what the files sisfs*.cpp share. Every function returns 0 or a positive errno, unless it says
 // otherwise. Nothing is kept in memory between requests and no lock is taken: requests on the same
-// file are ordered by the file system alone, and each checks at its end that the files it judged
-// are still as it found them.
+// file are ordered by the file system alone, and each checks before it writes a record that the
+// files it judged are still as it found them. Between that check and the record another request may
+// come: a dedup and a revoke of one file at the same time may leave extents shared without a
+// record, or a record without shared extents. That costs space and no content.
 #pragma once
 
 #include <bit>
@@ -57,8 +59,9 @@ bool is_unchanged(const file_stamp &left, const file_stamp &right);
 int stat_regular(int fd, file_status *status);
 
 // As `stat_regular`; additionally every write after the call gives the file a modification time
-// that differs from the returned one, however coarse the clock of the file system is. Waits for at
-// most a few clock ticks, and only for a file that was written to within the present one.
+// that differs from the returned one, however coarse the clock of the file system is. Waits only
+// for a file that was written to within the present tick of that clock, and fails with EAGAIN when
+// the file goes on being written to.
 int stat_settled(int fd, file_status *status);
 
 // Fails with EAGAIN when the file was written to since `before` was taken.
@@ -72,7 +75,13 @@ int read_layer(int fd, layer_record *record, file_status *status);
 int read_attachment(int fd, layer_record *record);
 
 int write_layer(int fd, const file_stamp &file, bool deduped, uint32_t layer_ino);
-int remove_layer(int fd);
+
+// Leaves a record alone that is not `record`, since another request wrote it meanwhile.
+int remove_layer(int fd, const layer_record &record);
+
+// Stores a record of `size` bytes that holds the stamp `*file`. On an overlay the first change to a
+// file of the lower layer makes it another inode; the record is then written anew.
+int write_stamped(int fd, const char *name, const void *record, size_t size, file_stamp *file);
 
 // Notes on the temporary file `fd` that it was filled from the file of `source`, as that was then.
 int write_clone_mark(int fd, const file_stamp &source);
@@ -103,7 +112,10 @@ bool can_share_extents(int fd);
 int share_range(int source, int target, uint64_t offset, uint64_t length);
 
 // Makes two files of `size` bytes share their data where the file system can; elsewhere only
-// compares them. Fails with EBADE when the contents differ.
+// compares them. Fails with EBADE when the contents differ. A comparison takes no lock, and a write
+// sets the file's time before its data: of a long write that had begun before, what arrives behind
+// the comparison is missed. The files keep their own data then, so nothing is lost but the truth of
+// the record, until the next write.
 int merge_contents(int source, int target, uint64_t size);
 
 // A range of a file that holds data, in whole blocks but for the end of the file.
@@ -113,16 +125,19 @@ struct data_range {
 };
 
 // Moves `range` to the next data at or after `range->end`, below `size`; both ends are `size` when
-// there is none. Moves the position of `fd`.
+// there is none, also because the file got shorter. Moves the position of `fd`.
 int next_data(int fd, uint64_t size, data_range *range);
 
 // Copies `size` bytes into the empty file `target`, through buffers, so that no extent is shared.
-// Holes stay holes. Fails with EAGAIN when the source got shorter meanwhile.
+// Holes stay holes. The target grows as it is filled, so a copy that was cut off is too short. Of a
+// source that gets shorter meanwhile the rest is a hole, or the call fails with EAGAIN: the caller
+// checks the source.
 int copy_contents(int source, int target, uint64_t size);
 
 // Fills the empty file `target` with the content of `source`: as a clone where the file system can
-// do that, else as a copy. Fails with EAGAIN when the source was written to while it was copied.
-int clone_contents(int source, int target);
+// do that, else as a copy. `*is_refused` says that the file system shares extents but would not
+// share these. Fails with EAGAIN when the source was written to while it was copied.
+int clone_contents(int source, int target, bool *is_refused);
 
 // --- the requests: sisfs_attach.cpp, sisfs_revoke.cpp, sisfs_coincide.cpp ---
 

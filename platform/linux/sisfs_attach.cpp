@@ -2,8 +2,8 @@
 // exists only as the extents that its files share, and as a number that they have in common.
 //
 // A request that is refused leaves every byte of every file as it was. One that dies half way
-// leaves at most extents that are shared but not on record, which is harmless: a write still
-// copies.
+// leaves extents that are shared but not on record, which is harmless since a write still copies,
+// or a new file that is shorter than its source.
 #include <fcntl.h>
 #include <sys/random.h>
 
@@ -60,33 +60,52 @@ int stat_pair(int target_fd, uint32_t source_fd, file_pair *pair) {
   return is_one_inode ? EINVAL : 0;
 }
 
+// Puts a filled target on record. With a source that is not attached it stays a plain copy.
+int record_copy(int fd, const file_pair &pair, const file_status &filled) {
+  layer_record layer = {};
+  int error = read_attachment(pair.source_fd, &layer);
+  if (error != 0) {
+    return error == ENODATA ? 0 : error;
+  }
+  error = check_unchanged(pair.source_fd, pair.source);
+  file_status settled;
+  if (error == 0) {
+    error = stat_settled(fd, &settled);
+  }
+  if (error != 0) {
+    return error;
+  }
+  const bool is_ours =
+      is_unchanged(settled.stamp, filled.stamp) && settled.stamp.size == pair.source.stamp.size;
+  return is_ours ? write_layer(fd, settled.stamp, true, layer.layer_ino) : EAGAIN;
+}
+
 // The target was found empty through the read-only descriptor with which it was created. After a
-// failure it is empty again. With a source that is not attached it becomes a plain copy.
+// failure it is empty again, unless another process has written to it since it was filled or beyond
+// the source's size. What another process writes at a lower offset between the look at the size and
+// the end of the filling can be lost: no request fills a file only if it is still empty.
 int fill_target(int fd, const file_pair &pair) {
   const unique_fd writable = reopen(fd, O_RDWR);
   if (!writable.is_open()) {
     return errno;
   }
-  file_status now;
-  int error = stat_regular(writable.get(), &now);
-  if (error != 0 || now.stamp.size != 0) {
+  file_status filled;
+  int error = stat_regular(writable.get(), &filled);
+  if (error != 0 || filled.stamp.size != 0) {
     return error != 0 ? error : EINVAL;
   }
-  layer_record layer = {};
-  error = clone_contents(pair.source_fd, writable.get());
-  if (error == 0) {
-    error = read_attachment(pair.source_fd, &layer);
-    if (error == 0) {
-      file_status filled;
-      error = stat_settled(fd, &filled);
-      if (error == 0) {
-        error = write_layer(fd, filled.stamp, true, layer.layer_ino);
-      }
-    } else if (error == ENODATA) {
-      return 0;
-    }
+  bool is_refused = false;
+  error = clone_contents(pair.source_fd, writable.get(), &is_refused);
+  const int stat_error = stat_regular(writable.get(), &filled);
+  if (stat_error != 0) {
+    return stat_error;
   }
-  if (error != 0 && ftruncate(writable.get(), 0) != 0) {
+  if (error == 0 && !is_refused) {
+    error = record_copy(fd, pair, filled);
+  }
+  const bool is_ours =
+      filled.stamp.size <= pair.source.stamp.size && check_unchanged(writable.get(), filled) == 0;
+  if (error != 0 && is_ours && ftruncate(writable.get(), 0) != 0) {
     return errno;
   }
   return error;
@@ -133,7 +152,8 @@ int clone_file(int fd, const sis_clone_arg &argument) {
   if (!is_readable(pair.source_fd) || !is_writable(fd)) {
     return EBADF;
   }
-  error = clone_contents(pair.source_fd, fd);
+  bool is_refused = false;  // then the layered inode is a copy, and dedup requests decide
+  error = clone_contents(pair.source_fd, fd, &is_refused);
   return error != 0 ? error : write_clone_mark(fd, pair.source.stamp);
 }
 

@@ -27,8 +27,8 @@ int set_flags(int fd, uint32_t flags) {
   if (error != 0) {
     return error;
   }
-  const coincide_record record = {COINCIDE_VERSION, flags, status.stamp};
-  return fsetxattr(fd, COINCIDE_ATTRIBUTE, &record, sizeof(record), 0) == 0 ? 0 : errno;
+  coincide_record record = {COINCIDE_VERSION, flags, status.stamp};
+  return write_stamped(fd, COINCIDE_ATTRIBUTE, &record, sizeof(record), &record.file);
 }
 
 int clear_flags(int fd) {

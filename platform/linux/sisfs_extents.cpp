@@ -1,5 +1,6 @@
 // Data of files and its sharing. On Btrfs and XFS extents are shared for real; on every other file
-// system, and on an XFS made without reflinks, files keep their own data and are only compared.
+// system, and on an XFS made without reflinks, files keep their own data and are only compared. So
+// also on an overlay over XFS, which would pass on a request to share, but none to undo it.
 #include <fcntl.h>
 #include <linux/btrfs.h>
 #include <linux/fs.h>
@@ -19,7 +20,7 @@
 namespace velmarin::sisfs {
 namespace {
 
-constexpr uint64_t SHARE_CHUNK = 16 << 20;  // the most that a file system shares in one request
+constexpr uint64_t SHARE_CHUNK = 16 << 20;  // the most that Btrfs shares in one request
 constexpr size_t COPY_BUFFER_SIZE = 1 << 20;
 constexpr uint32_t XFS_MAGIC = 0x58465342;  // "XFSB"
 
@@ -190,7 +191,7 @@ int next_data(int fd, uint64_t size, data_range *range) {
   if (hole < 0) {
     return errno == ENXIO ? EAGAIN : errno;
   }
-  const auto block = static_cast<uint64_t>(file_system.f_bsize);
+  const uint64_t block = std::max(static_cast<uint64_t>(file_system.f_bsize), uint64_t{1});
   const uint64_t begin = static_cast<uint64_t>(data) / block * block;
   const uint64_t end = (static_cast<uint64_t>(hole) + block - 1) / block * block;
   if (begin < size) {
@@ -208,26 +209,32 @@ int copy_contents(int source, int target, uint64_t size) {
   if (buffer == nullptr) {
     return ENOMEM;
   }
-  if (ftruncate(target, static_cast<off_t>(size)) != 0) {
-    return errno;
-  }
+  uint64_t end = 0;
   data_range range = {};
   int error = next_data(reader.get(), size, &range);
   while (error == 0 && range.begin < range.end) {
+    end = range.end;
     error = copy_range(reader.get(), target, range, buffer.get());
     if (error == 0) {
       error = next_data(reader.get(), size, &range);
     }
   }
+  if (error == 0 && end < size && ftruncate(target, static_cast<off_t>(size)) != 0) {
+    return errno;
+  }
   return error;
 }
 
-int clone_contents(int source, int target) {
-  if (syscall(SYS_ioctl, target, FICLONE, source) == 0) {
-    return 0;
-  }
-  if (errno != EOPNOTSUPP && errno != EINVAL && errno != ENOTTY) {
-    return errno;
+int clone_contents(int source, int target, bool *is_refused) {
+  *is_refused = false;
+  if (can_share_extents(target)) {
+    if (syscall(SYS_ioctl, target, FICLONE, source) == 0) {
+      return 0;
+    }
+    if (errno != EOPNOTSUPP && errno != EINVAL) {
+      return errno;
+    }
+    *is_refused = errno == EINVAL;  // as Btrfs, when one of the files is not copied on write
   }
   file_status before;
   int error = stat_settled(source, &before);

@@ -124,7 +124,7 @@ int revoke_file(int fd) {
   if (can_share_extents(fd)) {
     error = unshare(fd);
   }
-  return error != 0 ? error : remove_layer(fd);
+  return error != 0 ? error : remove_layer(fd, record);
 }
 
 }  // namespace velmarin::sisfs

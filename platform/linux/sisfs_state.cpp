@@ -15,6 +15,7 @@
 #include <sys/xattr.h>
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 
 #include "sisfs.h"
@@ -26,10 +27,11 @@ constexpr char LAYER_ATTRIBUTE[] = "user.velmarin.layer";
 constexpr char CLONE_ATTRIBUTE[] = "user.velmarin.clone";
 constexpr uint32_t RECORD_VERSION = 1;
 
-// How often `stat_settled` looks again. A file that keeps changing is left alone after that: the
-// next write comes soon enough.
-constexpr int SETTLE_ATTEMPTS = 16;
-constexpr long SETTLE_POLL_NS = 2'000'000;
+constexpr int64_t SECOND_NS = 1'000'000'000;
+
+// How often `stat_settled` looks again, and how long beyond the granularity of the file's time.
+constexpr int64_t SETTLE_POLL_NS = 2'000'000;
+constexpr int64_t SETTLE_LIMIT_NS = 32'000'000;
 
 // On a temporary file: when and from what it was filled.
 struct clone_record {
@@ -40,21 +42,33 @@ struct clone_record {
 };
 static_assert(sizeof(clone_record) == 88);
 
-bool is_before(const file_stamp &stamp, const timespec &time) {
-  return stamp.mtime_sec < time.tv_sec ||
-         (stamp.mtime_sec == time.tv_sec && stamp.mtime_nsec < static_cast<uint32_t>(time.tv_nsec));
+int64_t nanoseconds_from(const timespec &time, const file_stamp &stamp) {
+  return (stamp.mtime_sec - time.tv_sec) * SECOND_NS + stamp.mtime_nsec - time.tv_nsec;
+}
+
+// How coarsely the file system may keep times, judged by one of them: one second for a whole
+// second, as on an ext4 with small inodes, and so on. Never too fine.
+int64_t granularity_of(const file_stamp &stamp) {
+  int64_t granularity = 1;
+  while (granularity < SECOND_NS && stamp.mtime_nsec % (granularity * 10) == 0) {
+    granularity *= 10;
+  }
+  return granularity;
 }
 
 // Times of files come from the coarse clock, or from the fine one where the file system wants to
-// tell changes within a tick apart. A file whose time lies between the two was changed within the
-// present tick, and a further change might leave it with the same time.
+// tell changes within a tick apart. A file whose time, cut to the granularity, lies between the two
+// was changed within the present tick, and a further change might leave it with the same time.
 bool may_change_unseen(const file_stamp &stamp) {
   timespec tick_start = {};
   timespec now = {};
   clock_gettime(CLOCK_REALTIME_COARSE, &tick_start);
   clock_gettime(CLOCK_REALTIME, &now);
-  const bool lies_in_future = !is_before(stamp, now);
-  return !is_before(stamp, tick_start) && !lies_in_future;
+  if (stamp.mtime_sec < now.tv_sec - 2 || stamp.mtime_sec > now.tv_sec) {
+    return false;  // also keeps the sums below from overflowing
+  }
+  return nanoseconds_from(tick_start, stamp) + granularity_of(stamp) > 0 &&
+         nanoseconds_from(now, stamp) < 0;
 }
 
 // A value of another size was not written here; it is answered as ENODATA.
@@ -113,10 +127,13 @@ int check_unchanged(int fd, const file_status &before) {
 }
 
 int stat_settled(int fd, file_status *status) {
-  for (int attempt = 0;; attempt++) {
+  for (int64_t waited = 0;; waited += SETTLE_POLL_NS) {
     const int error = stat_regular(fd, status);
-    if (error != 0 || attempt == SETTLE_ATTEMPTS || !may_change_unseen(status->stamp)) {
+    if (error != 0 || !may_change_unseen(status->stamp)) {
       return error;
+    }
+    if (waited > granularity_of(status->stamp) + SETTLE_LIMIT_NS) {
+      return EAGAIN;
     }
     const timespec pause = {0, SETTLE_POLL_NS};
     nanosleep(&pause, nullptr);
@@ -153,11 +170,31 @@ int write_layer(int fd, const file_stamp &file, bool deduped, uint32_t layer_ino
   record.layered = 1;
   record.layer_ino = layer_ino;
   record.file = file;
-  return fsetxattr(fd, LAYER_ATTRIBUTE, &record, sizeof(record), 0) == 0 ? 0 : errno;
+  return write_stamped(fd, LAYER_ATTRIBUTE, &record, sizeof(record), &record.file);
 }
 
-int remove_layer(int fd) {
-  return fremovexattr(fd, LAYER_ATTRIBUTE) == 0 || errno == ENODATA ? 0 : errno;
+int remove_layer(int fd, const layer_record &record) {
+  layer_record now;
+  const int error = read_attribute(fd, LAYER_ATTRIBUTE, &now, sizeof(now));
+  if (error == ENODATA || (error == 0 && memcmp(&now, &record, sizeof(now)) != 0)) {
+    return 0;
+  }
+  return error != 0 || fremovexattr(fd, LAYER_ATTRIBUTE) == 0 ? error : errno;
+}
+
+int write_stamped(int fd, const char *name, const void *record, size_t size, file_stamp *file) {
+  if (fsetxattr(fd, name, record, size, 0) != 0) {
+    return errno;
+  }
+  file_status now;
+  const int error = stat_regular(fd, &now);
+  if (error != 0 || is_same_inode(*file, now.stamp)) {
+    return error;
+  }
+  file->ino = now.stamp.ino;
+  file->birth_sec = now.stamp.birth_sec;
+  file->birth_nsec = now.stamp.birth_nsec;
+  return fsetxattr(fd, name, record, size, 0) == 0 ? 0 : errno;
 }
 
 int write_clone_mark(int fd, const file_stamp &source) {
