@@ -67,13 +67,30 @@ Json figures(const Report &report) {
   return list;
 }
 
+uint64_t shown_bytes(const Share &share, bool shows_reclaimable) {
+  return shows_reclaimable ? share.reclaimable_bytes() : share.unmerged_bytes;
+}
+
+// The part of each file in what is shown of its group: equal parts within each share.
+std::vector<uint64_t> parts_of(const FoundGroup &group, bool shows_reclaimable) {
+  std::vector<uint64_t> parts(group.files.size());
+  for (const Share &share : group.shares) {
+    for (const size_t place : share.files) {
+      parts[place] = shown_bytes(share, shows_reclaimable) / share.files.size();
+    }
+  }
+  return parts;
+}
+
 Json group_data(const FoundGroup &group, bool shows_reclaimable) {
+  const std::vector<uint64_t> parts = parts_of(group, shows_reclaimable);
   Json files = Json::array();
-  for (const FoundFile &file : group.files) {
+  for (size_t place = 0; place < group.files.size(); ++place) {
+    const FoundFile &file = group.files[place];
     const bool was_merged = file.outcome != Outcome::none;
     files.push_back({escaped_name(file.path),
                      was_merged ? outcome_word(file.outcome) : status_word(file.status),
-                     escaped_name(file.reason)});
+                     escaped_name(file.reason), parts[place]});
   }
   return {{"bytes", shows_reclaimable ? group.reclaimable_bytes() : group.unmerged_bytes()},
           {"size", group.size()},
