@@ -3,26 +3,42 @@
 // loses its name once it is mounted, so that whatever ends the process also unmounts and detaches.
 #pragma once
 
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <string>
 
 namespace velmarin_test {
 
-class mounted_image {
- public:
-  // `type` is "btrfs", "xfs", "ext4", "tmpfs" or "ramfs". To be called before the test starts a
-  // thread: a thread sees the mounts that its creator saw.
-  explicit mounted_image(const std::string &type);
-  ~mounted_image();
-  mounted_image(const mounted_image &) = delete;
-  mounted_image &operator=(const mounted_image &) = delete;
+struct mounted_image {
+  // `type` is "tmpfs", "ramfs", or a file system that mkfs can make, with options. To be called
+  // before the test starts a thread or opens a file on another: each sees the mounts of its time.
+  explicit mounted_image(const std::string &type) {
+    const bool is_in_memory = type == "tmpfs" || type == "ramfs";
+    const std::string commands =  // the image is sparse; XFS wants 300 MiB
+        is_in_memory ? "mount -t " + type + " none ."
+                     : "truncate -s 384M image && mkfs." + type + " -q image && " +
+                           "mount -o loop image . ; result=$?; rm -f image; exit $result";
+    is_mounted = mkdtemp(directory.data()) != nullptr && unshare(CLONE_NEWNS) == 0 &&
+                 mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) == 0 && run(commands);
+  }
+  ~mounted_image() {
+    if (is_mounted) {
+      umount2(directory.c_str(), MNT_DETACH);
+    }
+    rmdir(directory.c_str());
+  }
 
-  // Why there is nothing to test on; empty when the file system is mounted.
-  const std::string &failure() const { return failure_; }
-  std::string path(const std::string &name) const { return directory_ + "/" + name; }
+  std::string path(const std::string &name) const { return directory + "/" + name; }
+  bool run(const std::string &commands) const {
+    const std::string shell = "cd " + directory + " && PATH=$PATH:/usr/sbin:/sbin && { ";
+    return system((shell + commands + "; } >/dev/null 2>&1").c_str()) == 0;
+  }
 
- private:
-  std::string directory_;
-  std::string failure_;
+  std::string directory = "/tmp/velmarin-mount-XXXXXX";
+  bool is_mounted = false;
 };
 
 }  // namespace velmarin_test
