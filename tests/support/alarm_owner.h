@@ -1,8 +1,7 @@
-// A process that uses SIGALRM itself: installs an action of its own that counts its calls, and puts
-// the one before it back in the end.
+// A process that uses SIGALRM itself: installs an action of its own that counts its calls, and in
+// the end the default one.
 #pragma once
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -12,27 +11,21 @@ namespace velmarin_test {
 class alarm_owner {
  public:
   alarm_owner() {
-    struct sigaction own = {};
-    own.sa_handler = count_call;
-    sigaction(SIGALRM, &own, &before_);
     calls_ = 0;
+    signal(SIGALRM, count_call);
   }
-  ~alarm_owner() { sigaction(SIGALRM, &before_, nullptr); }
-  alarm_owner(const alarm_owner &) = delete;
-  alarm_owner &operator=(const alarm_owner &) = delete;
+  ~alarm_owner() { signal(SIGALRM, SIG_DFL); }
 
   // Whether its action is in force and was never called.
   bool has_its_action() const {
     struct sigaction current = {};
     sigaction(SIGALRM, nullptr, &current);
-    return (current.sa_flags & SA_SIGINFO) == 0 && current.sa_handler == count_call && calls_ == 0;
+    return current.sa_handler == count_call && calls_ == 0;
   }
 
   // Changes the mask of the calling thread. Returns whether SIGALRM was blocked before.
   static bool mask_alarm(int how) {
-    sigset_t alarm_only;
-    sigset_t former;
-    sigemptyset(&alarm_only);
+    sigset_t alarm_only = {}, former;
     sigaddset(&alarm_only, SIGALRM);
     pthread_sigmask(how, &alarm_only, &former);
     return sigismember(&former, SIGALRM) == 1;
@@ -48,7 +41,6 @@ class alarm_owner {
   static void count_call(int) { calls_ = calls_ + 1; }
 
   static inline volatile sig_atomic_t calls_ = 0;
-  struct sigaction before_ = {};
 };
 
 }  // namespace velmarin_test

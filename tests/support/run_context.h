@@ -4,11 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "fbddp/dentry.h"
-#include "fbddp/fingerprint.h"
-#include "fbddp/job_queue.h"
+#include "fbddp/file_index.h"
 #include "fbddp/run_resources.h"
 
 namespace velmarin_test {
@@ -24,13 +24,17 @@ struct run_context {
   }
   ~run_context() { velmarin::tear_down_run(&ctx); }
   run_context(const run_context &) = delete;
-  run_context &operator=(const run_context &) = delete;
 
   velmarin::dentry *list(velmarin::dentry *parent, const std::string &name, bool is_file) {
     velmarin::dentry *d = nullptr;
     EXPECT_EQ(velmarin::create_dentry(parent, name.c_str(), &d, is_file ? 1 : 0), 0);
     velmarin::list_dentry(&ctx, d);
     return d;
+  }
+
+  static void give_digest(velmarin::dentry *file, const uint8_t *digest) {
+    file->hash = static_cast<velmarin::usable_hash *>(calloc(1, sizeof(*file->hash)));
+    std::copy_n(digest, velmarin::DIGEST_SIZE, file->hash->digest);
   }
 };
 
