@@ -21,7 +21,7 @@ using namespace velmarin;
 
 extern "C" size_t LLVMFuzzerMutate(uint8_t *data, size_t size, size_t max_size);
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max_size,
-                                          unsigned seed);
+                                          unsigned variation);
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
@@ -189,21 +189,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 // Changed bytes alone would hardly ever have the right checksum. So most inputs get their checksums
 // put right, for all entries or for all but the last, and some get a key twice.
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max_size,
-                                          unsigned seed) {
+                                          unsigned variation) {
   size = LLVMFuzzerMutate(data, size, max_size);
-  if (seed % 4 == 0) {
+  if (variation % 4 == 0) {
     return size;
   }
   const size_t entries = size / ENTRY_SIZE;
-  if (entries >= 2 && seed % 8 == 1) {
-    const size_t from = seed / 8 % entries;
-    const size_t to = seed / 1024 % entries;
+  if (entries >= 2 && variation % 8 == 1) {
+    const size_t from = variation / 8 % entries;
+    const size_t to = variation / 1024 % entries;
     memmove(data + to * ENTRY_SIZE + CRC_SIZE, data + from * ENTRY_SIZE + CRC_SIZE, KEY_SIZE);
   }
-  if (seed % 16 < 10) {
+  if (variation % 16 < 10) {
     size = entries * ENTRY_SIZE;
   }
-  const size_t right = seed % 32 == 2 && entries > 0 ? entries - 1 : entries;
+  const size_t right = variation % 32 == 2 && entries > 0 ? entries - 1 : entries;
   for (size_t i = 0; i < right; i++) {
     uint8_t *entry = data + i * ENTRY_SIZE;
     const uint64_t crc = slow_crc(entry + CRC_SIZE, sizeof(usable_hash));

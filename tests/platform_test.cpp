@@ -24,8 +24,8 @@ using namespace velmarin;
 
 constexpr int NEW_COPY = O_RDONLY | O_CREAT | O_EXCL;  // how a rapid copy opens its destination
 
-std::string content_of(size_t size, unsigned seed) {
-  std::mt19937 random(seed);
+std::string content_of(size_t size, unsigned variant) {
+  std::mt19937 random(variant);
   std::string content(size, '\0');
   std::generate(content.begin(), content.end(), [&] { return static_cast<char>(random() | 1); });
   return content;

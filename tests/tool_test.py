@@ -422,9 +422,9 @@ class Files(ToolCase):
             output, errors = self.run_tool(*arguments, status=status)
             for text in expected:
                 self.assertIn(text, output + errors, arguments)
-        for name, seed in (("a", "same"), ("new", "same"), ("other", "other")):
+        for name, variant in (("a", "same"), ("new", "same"), ("other", "other")):
             with open(os.path.join(self.root, name), "rb") as file:
-                self.assertEqual(file.read(), content(seed, 5000))
+                self.assertEqual(file.read(), content(variant, 5000))
 
     def test_what_went_wrong_is_said_and_the_rest_is_done(self):
         self.write("file", content("same", 5000))

@@ -41,8 +41,8 @@ def require(holds, what):
 class Rounds:
     def __init__(self, tool, tree, state):
         self.tool, self.tree, self.state = tool, tree, state
-        self.seed = time.time_ns()
-        self.random = random.Random(self.seed)
+        self.random_start = time.time_ns()
+        self.random = random.Random(self.random_start)
         self.expected = {}
         self.phases = collections.Counter()
         self.digest_files = collections.Counter()
@@ -163,7 +163,7 @@ class Rounds:
 def main():
     tool, tree, state, rounds, expected = sys.argv[1:]
     test = Rounds(tool, tree, state)
-    print("seed:", test.seed)
+    print("random start:", test.random_start)
     report = test.go(int(rounds))
     print(f"killed {rounds} times, while:", dict(test.phases))
     print("digest file afterwards:", dict(test.digest_files))

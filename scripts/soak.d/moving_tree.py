@@ -26,9 +26,9 @@ DEADLINE = 300  # seconds within which every run of the tool must end
 class Writer:
     """Changes files one by one; `expected` has the content of each."""
 
-    def __init__(self, tree, seed):
+    def __init__(self, tree, random_start):
         self.tree = tree
-        self.random = random.Random(seed)
+        self.random = random.Random(random_start)
         self.expected = {}
         self.made = 0
         self.counts = collections.Counter()
@@ -246,9 +246,9 @@ def check_all(writer):
 def main():
     tool, tree, state, seconds, expected = sys.argv[1:]
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("ended by a signal"))
-    seed = time.time_ns()
-    print("seed:", seed)
-    writer = Writer(tree, seed)
+    random_start = time.time_ns()
+    print("random start:", random_start)
+    writer = Writer(tree, random_start)
     merger, revoker = Merger(tool, tree, state), Revoker(tool, tree)
     others = (merger, revoker)
     for _ in range(FILES):

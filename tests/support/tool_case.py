@@ -28,9 +28,9 @@ def main():
     unittest.main(argv=sys.argv[:-1])
 
 
-def content(seed, size):
-    """Bytes that are the same for the same seed."""
-    return random.Random(seed).randbytes(size)
+def content(variant, size):
+    """Bytes that are the same for the same variant."""
+    return random.Random(variant).randbytes(size)
 
 
 def wait_until(condition):
