@@ -8,40 +8,27 @@
 #include <fstream>
 #include <sstream>
 
-namespace velmarin_test {
-namespace {
-
 namespace fs = std::filesystem;
 
-std::string repeated(const std::string &content) {
-  const size_t star = content.rfind('*');
-  if (star == std::string::npos) {
-    return content;
-  }
-  std::string text;
-  for (size_t i = std::stoul(content.substr(star + 1)); i > 0; i--) {
-    text.append(content, 0, star);
-  }
-  return text;
-}
-
-}  // namespace
+namespace velmarin_test {
 
 temporary_tree::temporary_tree(const std::string &description) {
   std::string name = fs::canonical(fs::temp_directory_path()) / "velmarin.XXXXXX";
-  if (mkdtemp(name.data()) == nullptr) {
-    ADD_FAILURE() << "no directory could be made like " << name;
-    std::abort();
-  }
+  EXPECT_TRUE(mkdtemp(name.data())) << name;
   root_ = name;
   std::istringstream words(description);
   for (std::string word; words >> word;) {
     const size_t equals = word.find('=');
+    const size_t star = word.rfind('*');
     if (equals == std::string::npos) {
       fs::create_directories(path(word));
-    } else {
-      write(word.substr(0, equals), repeated(word.substr(equals + 1)));
+      continue;
     }
+    std::string content;
+    for (size_t i = star == word.npos ? 1 : std::stoul(word.substr(star + 1)); i > 0; i--) {
+      content.append(word, equals + 1, star - equals - 1);
+    }
+    write(word.substr(0, equals), content);
   }
 }
 
@@ -52,18 +39,14 @@ temporary_tree::~temporary_tree() {
 
 void temporary_tree::write(const std::string &name, const std::string &content) const {
   fs::create_directories(fs::path(path(name)).parent_path());
-  std::ofstream file(path(name), std::ios::binary | std::ios::trunc);
-  file << content;
-  file.close();
-  EXPECT_TRUE(file) << "cannot write " << path(name);
+  std::ofstream file(path(name));
+  EXPECT_TRUE(file << content << std::flush) << "cannot write " << path(name);
 }
 
 std::string temporary_tree::read(const std::string &name) const {
-  std::ifstream file(path(name), std::ios::binary);
+  std::ifstream file(path(name));
   EXPECT_TRUE(file) << "cannot read " << path(name);
-  std::ostringstream content;
-  content << file.rdbuf();
-  return content.str();
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 struct stat temporary_tree::status(const std::string &name) const {
