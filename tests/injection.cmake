@@ -19,7 +19,7 @@ function(velmarin_injection_test name)
     ${CMAKE_DL_LIBS})
   set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON)
   set(environment)
-  if(VELMARIN_SANITIZE OR CMAKE_CROSSCOMPILING)
+  if(VELMARIN_SANITIZE)
     set(environment ENVIRONMENT VELMARIN_FAILURE_STRIDE=23)
   endif()
   gtest_discover_tests(${name}

@@ -36,38 +36,11 @@ void __libc_free(void *block);
 namespace velmarin_test {
 namespace {
 
-constexpr const char *NAMES[] = {"none",
-                                 "malloc",
-                                 "calloc",
-                                 "access",
-                                 "open",
-                                 "close",
-                                 "fstat",
-                                 "lstat",
-                                 "realpath",
-                                 "read",
-                                 "write",
-                                 "lseek",
-                                 "fsync",
-                                 "remove",
-                                 "flock",
-                                 "posix_fadvise",
-                                 "fdopendir",
-                                 "readdir",
-                                 "closedir",
-                                 "ioctl",
-                                 "pthread_create",
-                                 "pthread_mutex_init",
-                                 "pthread_cond_init",
-                                 "pthread_spin_init",
-                                 "timer_create",
-                                 "timer_settime",
-                                 "sigaction",
-                                 "sigprocmask",
-                                 "memset_s",
-                                 "memcpy_s",
-                                 "strcpy_s",
-                                 "snprintf_s"};
+constexpr const char *NAMES[] = {
+#define VELMARIN_NAME(name) , #name
+    "none" VELMARIN_LIBRARY_CALLS(VELMARIN_NAME)
+#undef VELMARIN_NAME
+};
 static_assert(std::size(NAMES) == static_cast<size_t>(library_call::end));
 
 // Everything that the functions below touch is atomic in relaxed order, so that they order nothing

@@ -15,41 +15,22 @@
 
 namespace velmarin_test {
 
+// clang-format off
+#define VELMARIN_LIBRARY_CALLS(X) \
+  X(malloc) X(calloc) X(access) X(open) X(close) X(fstat) X(lstat) X(realpath) X(read) X(write) \
+  X(lseek) X(fsync) X(remove) X(flock) X(posix_fadvise) X(fdopendir) X(readdir) X(closedir) \
+  X(ioctl) X(pthread_create) X(pthread_mutex_init) X(pthread_cond_init) X(pthread_spin_init) \
+  X(timer_create) X(timer_settime) X(sigaction) X(sigprocmask) X(memset_s) X(memcpy_s) \
+  X(strcpy_s) X(snprintf_s)
+
 enum class library_call : unsigned {
   none,
-  malloc,
-  calloc,
-  access,
-  open,
-  close,
-  fstat,
-  lstat,
-  realpath,
-  read,
-  write,
-  lseek,
-  fsync,
-  remove,
-  flock,
-  posix_fadvise,
-  fdopendir,
-  readdir,
-  closedir,
-  ioctl,
-  pthread_create,
-  pthread_mutex_init,
-  pthread_cond_init,
-  pthread_spin_init,
-  timer_create,
-  timer_settime,
-  sigaction,
-  sigprocmask,
-  memset_s,
-  memcpy_s,
-  strcpy_s,
-  snprintf_s,
+#define VELMARIN_ENUMERATOR(name) name,
+  VELMARIN_LIBRARY_CALLS(VELMARIN_ENUMERATOR)
+#undef VELMARIN_ENUMERATOR
   end
 };
+// clang-format on
 
 const char *name_of(library_call call);
 
