@@ -51,7 +51,6 @@ inline void list_append_all(list_head *to, list_head *from) {
 // The record of which `member` is the field `Position`.
 template <auto Position, typename Owner, typename Member>
 Owner *owner_by_position(Member *member, Member Owner::*) {
-  static_assert(sizeof(Position) == sizeof(std::ptrdiff_t));
   const auto offset = std::bit_cast<std::ptrdiff_t>(Position);
   return reinterpret_cast<Owner *>(reinterpret_cast<char *>(member) - offset);
 }

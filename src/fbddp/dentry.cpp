@@ -62,6 +62,8 @@ int create_dentry(dentry *parent, const char *name, dentry **out, int form) {
     d->own.group_marker = MARKER_NOT_SET;
     list_init(&d->same);
   }
+  // The zero fill terminates the name.
+  // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
   code = memcpy_s(reinterpret_cast<char *>(d) + header_size, name_length + 1, name, name_length);
   if (code != 0) {
     free(d);

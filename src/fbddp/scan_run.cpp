@@ -123,7 +123,8 @@ int name_digest_file(sis_context *ctx, const scan_arguments &arguments) {
   for (int i = 0; i < arguments.root_count; i++) {
     size += static_cast<uint32_t>(strlen(arguments.roots[i]));
   }
-  auto *joined = static_cast<char *>(malloc(size));
+  // Without roots the size is 0, for which null is no failure.
+  auto *joined = static_cast<char *>(malloc(size));  // NOLINT(clang-analyzer-optin.*)
   if (joined == nullptr && size != 0) {
     log_erro("fail to allocate name buffer for %s", "SAVED");
     return SET_UP_FAILED;
