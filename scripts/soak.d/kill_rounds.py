@@ -47,7 +47,7 @@ class Rounds:
         self.phases = collections.Counter()
         self.digest_files = collections.Counter()
         self.merged = 0
-        self.usual_time = 1.0  # seconds that a run takes
+        self.longest_wait = 1.0  # seconds until the kill; follows what a whole run takes
         for group in range(GROUPS):
             for copy in range(COPIES):
                 self.write(group, copy)
@@ -89,18 +89,17 @@ class Rounds:
     def kill_one(self, log_name):
         """Returns the phase in which the tool was killed, or None when it had ended before."""
         with open(log_name, "wb") as log:
-            start = time.monotonic()
             process = subprocess.Popen([self.tool, *self.scan_command("--apply")], stderr=log,
                                        stdout=subprocess.DEVNULL)
             try:
-                process.wait(self.random.random() * self.usual_time)
+                process.wait(self.random.random() * self.longest_wait)
             except subprocess.TimeoutExpired:
                 process.kill()
         if process.wait() != -signal.SIGKILL:
             require(process.returncode == 0, f"an unhindered scan ended with {process.returncode}")
-            self.usual_time = 0.9 * self.usual_time + 0.1 * (time.monotonic() - start)
+            self.longest_wait *= 0.9
             return None
-        self.usual_time *= 1.01
+        self.longest_wait *= 1.02  # so that about one run of six comes to its end
         phase = "starting"
         with open(log_name, encoding="utf-8", errors="surrogateescape") as log:
             for line in log:
@@ -129,9 +128,7 @@ class Rounds:
 
     def check_next_scan(self, digest_file):
         """It finds all groups and logs no error, but for a digest file that was cut."""
-        start = time.monotonic()
         done = self.run(*self.scan_command(), statuses=(0,))
-        self.usual_time = 0.8 * self.usual_time + 0.2 * (time.monotonic() - start)
         report = json.loads(done.stdout)
         require(sorted(len(group["files"]) for group in report["groups"]) == [COPIES] * GROUPS,
                 "the next scan finds other groups")
