@@ -7,6 +7,8 @@ target_compile_options(velmarin_build_flags INTERFACE
 
 if(VELMARIN_SANITIZE)
   target_compile_options(velmarin_build_flags INTERFACE
-    -fsanitize=${VELMARIN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    -fsanitize=${VELMARIN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
+    # GCC sees uninitialised members in its own library where sanitizers instrument it.
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   target_link_options(velmarin_build_flags INTERFACE -fsanitize=${VELMARIN_SANITIZE})
 endif()

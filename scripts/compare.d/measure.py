@@ -1,0 +1,204 @@
+#!/usr/bin/env python3
+"""Runs the tools in turn on one tree, round after round, and prints medians and ratios.
+
+Every run of a round finds the page cache in the same state: filled by reading every candidate just
+before (a tool may drop the pages that it has read), or emptied. A first run finds no saved digests,
+flags or attributes of earlier ones; a repeated run finds those of a run of its own. A ratio is taken
+to the fastest other tool of the same round.
+"""
+
+import argparse
+import json
+import os
+import statistics
+import subprocess
+import sys
+
+import tools
+import trees
+
+FIELDS = ("wall", "processor", "memory")
+
+
+def candidates_of(root, minimum):
+    """All regular files of at least the minimum size, and how many entries there are."""
+    names, entries = [], 0
+    for directory, directories, files in os.walk(os.fsencode(root)):
+        entries += len(directories) + len(files)
+        for name in files:
+            path = os.path.join(directory, name)
+            status = os.lstat(path)
+            if os.path.isfile(path) and not os.path.islink(path) and status.st_size >= minimum:
+                names.append(path)
+    return names, entries
+
+
+class Measurement:
+    def __init__(self, arguments):
+        self.directory = arguments.workspace
+        self.root = f"{arguments.workspace}/tree"
+        self.floor = [arguments.floor, self.root, str(arguments.minimum)]
+        self.tools = tools.all_tools(arguments.tool, arguments.minimum, arguments.workspace)
+        trees.make_tree(arguments.tree, self.root)
+        subprocess.run(["sync"], check=True)
+        self.files, self.entries = candidates_of(self.root, arguments.minimum)
+        self.runs = []
+
+    def fill_cache(self):
+        for name in self.files:
+            with open(name, "rb", buffering=0) as file:
+                while file.read(1 << 20):
+                    pass
+        subprocess.run(["find", self.root, "-size", "+1"], check=True, stdout=subprocess.DEVNULL)
+
+    @staticmethod
+    def empty_cache():
+        subprocess.run(["sync"], check=True)
+        with open("/proc/sys/vm/drop_caches", "w", encoding="ascii") as file:
+            file.write("3")
+
+    def timed(self, command, output):
+        """Wall and processor time in seconds, the highest resident memory in KiB."""
+        times = f"{self.directory}/times"
+        with open(output, "wb") as out:
+            subprocess.run(["/usr/bin/time", "--output", times, "--format", "%e %U %S %M", *command],
+                           check=True, stdout=out, stderr=subprocess.DEVNULL, cwd=self.directory)
+        with open(times, encoding="ascii") as file:
+            wall, user, system, memory = file.read().split()[-4:]
+        return {"wall": float(wall), "processor": float(user) + float(system),
+                "memory": int(memory)}
+
+    def run_tool(self, tool, cache, repeated):
+        tool.forget(self.files)
+        if repeated and tool.remembers:
+            self.timed(tool.command(self.root, True), tool.output)
+        self.empty_cache() if cache == "cold" else self.fill_cache()
+        figures = self.timed(tool.command(self.root, repeated), tool.output)
+        return figures
+
+    def run_floor(self, cache):
+        self.empty_cache() if cache == "cold" else self.fill_cache()
+        return self.timed(self.floor, f"{self.directory}/floor.out")
+
+    def round(self, number, cache):
+        """Each round begins with another tool."""
+        start = number % len(self.tools)
+        for kind in ("first", "repeated"):
+            for tool in self.tools[start:] + self.tools[:start]:
+                if kind == "repeated" and not tool.remembers:
+                    continue
+                self.runs.append({"round": number, "cache": cache, "kind": kind,
+                                  "tool": tool.name, **self.run_tool(tool, cache, kind == "repeated")})
+        self.runs.append({"round": number, "cache": cache, "kind": "first", "tool": "floor",
+                          **self.run_floor(cache)})
+        print(f"round {number + 1}, {cache}: " + ", ".join(
+            f"{run['tool']}{' again' if run['kind'] == 'repeated' else ''} {run['wall']:.2f}"
+            for run in self.runs if run["round"] == number and run["cache"] == cache), flush=True)
+
+    def groups_of(self, tool):
+        """As sets of inodes, since of a file with several names each tool may name another."""
+        groups = set()
+        for paths in tool.groups():
+            inodes = frozenset(os.lstat(os.path.join(os.fsencode(self.directory), path)).st_ino
+                               for path in paths)
+            if len(inodes) > 1:
+                groups.add(inodes)
+        return groups
+
+    def check_agreement(self):
+        own = self.groups_of(self.tools[0])
+        print(f"groups: {len(own)}, files in them: {sum(map(len, own))}")
+        agree = True
+        for tool in self.tools[1:]:
+            other = self.groups_of(tool)
+            if other != own:
+                agree = False
+                print(f"{tool.name} finds others: {len(other - own)} that velmarin does not find, "
+                      f"{len(own - other)} of velmarin's it does not find")
+        return agree
+
+    def values(self, field, tool, cache, kind):
+        return {run["round"]: run[field] for run in self.runs
+                if (run["tool"], run["cache"], run["kind"]) == (tool, cache, kind)}
+
+    def peer_values(self, field, cache, kind):
+        """Of each round's fastest peer; without a repeated run of its own its first one counts."""
+        best = {}
+        for tool in self.tools[1:]:
+            own_kind = kind if tool.remembers else "first"
+            for number, wall in self.values("wall", tool.name, cache, own_kind).items():
+                value = self.values(field, tool.name, cache, own_kind)[number]
+                if number not in best or wall < best[number][0]:
+                    best[number] = (wall, value)
+        return {number: value for number, (_, value) in best.items()}
+
+    def summary(self):
+        rows = []
+        for cache in sorted({run["cache"] for run in self.runs}, reverse=True):
+            floor = self.values("wall", "floor", cache, "first")
+            for kind in ("first", "repeated"):
+                peers = {field: self.peer_values(field, cache, kind) for field in FIELDS}
+                for tool in self.tools:
+                    values = {field: self.values(field, tool.name, cache, kind) for field in FIELDS}
+                    if not values["wall"]:
+                        continue
+                    row = {"cache": cache, "kind": kind, "tool": tool.name}
+                    for field in FIELDS:
+                        row[field] = statistics.median(values[field].values())
+                        row[f"{field} ratio"] = statistics.median(
+                            value / max(peers[field][number], 0.01)
+                            for number, value in values[field].items())
+                    row["floor ratio"] = statistics.median(
+                        value / max(floor[number], 0.01)
+                        for number, value in values["wall"].items())
+                    rows.append(row)
+            rows.append({"cache": cache, "kind": "first", "tool": "floor",
+                         "wall": statistics.median(floor.values())})
+        return rows
+
+
+def show(rows):
+    print("\ncache  run       tool       wall s  ratio   cpu s  ratio  MiB    ratio  x floor")
+    for row in rows:
+        line = f"{row['cache']:6} {row['kind']:9} {row['tool']:9} {row['wall']:7.2f}"
+        if "processor" in row:
+            line += (f" {row['wall ratio']:6.2f} {row['processor']:7.2f}"
+                     f" {row['processor ratio']:6.2f} {row['memory'] / 1024:6.0f}"
+                     f" {row['memory ratio']:6.2f} {row['floor ratio']:7.2f}")
+        print(line)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--minimum", type=int, default=65536)
+    parser.add_argument("--result")
+    for name in ("tool", "floor", "workspace"):
+        parser.add_argument(f"--{name}", required=True)
+    parser.add_argument("tree")
+    arguments = parser.parse_args()
+
+    measurement = Measurement(arguments)
+    print(f"{measurement.entries} entries, {len(measurement.files)} files of at least "
+          f"{arguments.minimum} bytes", flush=True)
+    caches = ["warm"]
+    if os.access("/proc/sys/vm/drop_caches", os.W_OK):
+        caches.append("cold")
+    else:
+        print("an empty page cache cannot be measured: that needs root")
+    for cache in caches:
+        for number in range(arguments.rounds):
+            measurement.round(number, cache)
+    rows = measurement.summary()
+    show(rows)
+    agree = measurement.check_agreement()
+    if arguments.result:
+        with open(arguments.result, "w", encoding="utf-8") as file:
+            json.dump({"tree": arguments.tree, "entries": measurement.entries,
+                       "candidates": len(measurement.files), "minimum": arguments.minimum,
+                       "rounds": arguments.rounds, "rows": rows, "runs": measurement.runs}, file,
+                      indent=1)
+    return 0 if agree else 1
+
+
+sys.exit(main())
