@@ -16,6 +16,7 @@ import sys
 
 import tools
 import trees
+from timing import timed
 
 FIELDS = ("wall", "processor", "memory")
 
@@ -58,23 +59,14 @@ class Measurement:
             file.write("3")
 
     def timed(self, command, output):
-        """Wall and processor time in seconds, the highest resident memory in KiB."""
-        times = f"{self.directory}/times"
-        with open(output, "wb") as out:
-            subprocess.run(["/usr/bin/time", "--output", times, "--format", "%e %U %S %M", *command],
-                           check=True, stdout=out, stderr=subprocess.DEVNULL, cwd=self.directory)
-        with open(times, encoding="ascii") as file:
-            wall, user, system, memory = file.read().split()[-4:]
-        return {"wall": float(wall), "processor": float(user) + float(system),
-                "memory": int(memory)}
+        return timed(command, output, f"{self.directory}/times")
 
     def run_tool(self, tool, cache, repeated):
         tool.forget(self.files)
         if repeated and tool.remembers:
             self.timed(tool.command(self.root, True), tool.output)
         self.empty_cache() if cache == "cold" else self.fill_cache()
-        figures = self.timed(tool.command(self.root, repeated), tool.output)
-        return figures
+        return self.timed(tool.command(self.root, repeated), tool.output)
 
     def run_floor(self, cache):
         self.empty_cache() if cache == "cold" else self.fill_cache()
