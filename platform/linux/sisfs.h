@@ -136,7 +136,10 @@ int copy_contents(int source, int target, uint64_t size);
 
 // Fills the empty file `target` with the content of `source`: as a clone where the file system can
 // do that, else as a copy. `*is_refused` says that the file system shares extents but would not
-// share these. Fails with EAGAIN when the source was written to while it was copied.
+// share these. A clone is the content of one moment. A copy fails with EAGAIN when a write to the
+// source began while it was made; it may hold a part of a write(2) that had begun before, and of
+// what is stored through a shared mapping into a page that is dirty already, since neither moves
+// the file's time again.
 int clone_contents(int source, int target, bool *is_refused);
 
 // --- the requests: sisfs_attach.cpp, sisfs_revoke.cpp, sisfs_coincide.cpp ---
