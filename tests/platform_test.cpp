@@ -242,6 +242,7 @@ TEST_P(ControlCodes, ImpossibleRequestsAreRefusedWithTheirErrno) {
   const unique_fd write_only = open_file("b", O_WRONLY | O_CREAT);
   const unique_fd directory = open_file("", O_RDONLY | O_DIRECTORY);
   const unique_fd layer = open_file("", O_TMPFILE | O_RDWR);
+  const unique_fd appending = open_file("", O_TMPFILE | O_RDWR | O_APPEND);
   const unique_fd stateless(open(bare.path("f").c_str(), O_RDWR | O_CREAT, 0644));
   ASSERT_EQ(attach(a), 0);
   EXPECT_EQ(dedup(a, a), EINVAL);
@@ -252,6 +253,7 @@ TEST_P(ControlCodes, ImpossibleRequestsAreRefusedWithTheirErrno) {
   EXPECT_EQ(revoke(directory), EISDIR);
   EXPECT_EQ(freeze(directory), EISDIR);
   EXPECT_EQ(request(layer, SIS_IOC_CLONE_FILE, a.get(), 0x20), EINVAL);
+  EXPECT_EQ(request(appending, SIS_IOC_CLONE_FILE, a.get(), SIS_CLONE_FLAGS), EBADF);
   EXPECT_EQ(request(a, SIS_IOC_CONNECT, layer.get()), EINVAL);  // not cloned
   EXPECT_EQ(request(a, SIS_IOC_COINCIDE_FLAG, 3, SIS_COINCIDE_SET), EINVAL);
   EXPECT_EQ(request(stateless, SIS_IOC_GET_FILE_INFO), EOPNOTSUPP);

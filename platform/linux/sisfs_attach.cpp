@@ -24,6 +24,11 @@ bool is_writable(int fd) {
   return flags >= 0 && (flags & O_PATH) == 0 && (flags & O_ACCMODE) != O_RDONLY;
 }
 
+bool is_appending(int fd) {
+  const int flags = fcntl(fd, F_GETFL);
+  return flags >= 0 && (flags & O_APPEND) != 0;
+}
+
 // The inode number of the temporary file would not do: once that file has gone, ext4 and XFS give
 // its number to the next one, and two layered inodes would look like the same.
 int draw_layer_number(uint32_t *number) {
@@ -149,8 +154,8 @@ int clone_file(int fd, const sis_clone_arg &argument) {
   if (argument.flags != SIS_CLONE_FLAGS || pair.target.links != 0 || pair.target.stamp.size != 0) {
     return EINVAL;
   }
-  if (!is_readable(pair.source_fd) || !is_writable(fd)) {
-    return EBADF;
+  if (!is_readable(pair.source_fd) || !is_writable(fd) || is_appending(fd)) {
+    return EBADF;  // as for FICLONE
   }
   bool is_refused = false;  // then the layered inode is a copy, and dedup requests decide
   error = clone_contents(pair.source_fd, fd, &is_refused);
