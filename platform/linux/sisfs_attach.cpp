@@ -87,8 +87,10 @@ int record_copy(int fd, const file_pair &pair, const file_status &filled) {
 
 // The target was found empty through the read-only descriptor with which it was created. After a
 // failure it is empty again, unless another process has written to it since it was filled or beyond
-// the source's size. What another process writes at a lower offset between the look at the size and
-// the end of the filling can be lost: no request fills a file only if it is still empty.
+// the source's size. What another process writes meanwhile can be lost, since no request fills or
+// empties a file only if it is still as it was found: below the source's size from the look at the
+// size on, until the clock of the file system has moved on from the end of the filling; and
+// anywhere in the moments between a look at the file and the call that clones or sets its size.
 int fill_target(int fd, const file_pair &pair) {
   const unique_fd writable = reopen(fd, O_RDWR);
   if (!writable.is_open()) {

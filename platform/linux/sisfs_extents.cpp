@@ -5,6 +5,7 @@
 #include <linux/btrfs.h>
 #include <linux/fs.h>
 #include <linux/magic.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/vfs.h>
 
@@ -101,6 +102,16 @@ int copy_range(int source, int target, const data_range &range, char *buffer) {
     }
   }
   return 0;
+}
+
+// Makes a shorter file `size` bytes long. What another process wrote beyond is not cut off.
+int extend(int fd, uint64_t size) {
+  struct stat status = {};
+  if (fstat(fd, &status) != 0) {
+    return errno;
+  }
+  const auto length = static_cast<off_t>(size);
+  return status.st_size >= length || ftruncate(fd, length) == 0 ? 0 : errno;
 }
 
 }  // namespace
@@ -219,10 +230,7 @@ int copy_contents(int source, int target, uint64_t size) {
       error = next_data(reader.get(), size, &range);
     }
   }
-  if (error == 0 && end < size && ftruncate(target, static_cast<off_t>(size)) != 0) {
-    return errno;
-  }
-  return error;
+  return error == 0 && end < size ? extend(target, size) : error;
 }
 
 int clone_contents(int source, int target, bool *is_refused) {
