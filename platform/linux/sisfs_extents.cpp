@@ -202,6 +202,9 @@ int next_data(int fd, uint64_t size, data_range *range) {
   if (hole < 0) {
     return errno == ENXIO ? EAGAIN : errno;
   }
+  if (hole <= data) {
+    return EAGAIN;  // the data was punched out between the two calls
+  }
   const uint64_t block = std::max(static_cast<uint64_t>(file_system.f_bsize), uint64_t{1});
   const uint64_t begin = static_cast<uint64_t>(data) / block * block;
   const uint64_t end = (static_cast<uint64_t>(hole) + block - 1) / block * block;
