@@ -179,7 +179,11 @@ int remove_layer(int fd, const layer_record &record) {
   if (error == ENODATA || (error == 0 && memcmp(&now, &record, sizeof(now)) != 0)) {
     return 0;
   }
-  return error != 0 || fremovexattr(fd, LAYER_ATTRIBUTE) == 0 ? error : errno;
+  if (error != 0) {
+    return error;
+  }
+  const bool is_gone = fremovexattr(fd, LAYER_ATTRIBUTE) == 0 || errno == ENODATA;
+  return is_gone ? 0 : errno;
 }
 
 int write_stamped(int fd, const char *name, const void *record, size_t size, file_stamp *file) {
