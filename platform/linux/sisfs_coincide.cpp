@@ -1,7 +1,8 @@
 // The coincide flag of a file. The attribute holds the flag bits and the file's stamp when they
 // were set; the bits read as dropped once the file's size or modification time is another, so a
-// `touch` drops them too. What is stored through a shared mapping into a page that was already
-// dirty when the flag was set moves no time and is not noticed.
+// `touch` drops them too. Two kinds of change move no time after the flag was set and are not
+// noticed: what a long write(2) that had begun before still brings, and what is stored through a
+// shared mapping into a page that was dirty already.
 #include <sys/xattr.h>
 
 #include <cerrno>
