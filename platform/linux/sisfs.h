@@ -58,10 +58,12 @@ bool is_unchanged(const file_stamp &left, const file_stamp &right);
 // is not a regular file.
 int stat_regular(int fd, file_status *status);
 
-// As `stat_regular`; additionally every write after the call gives the file a modification time
-// that differs from the returned one, however coarse the clock of the file system is. Waits only
-// for a file that was written to within the present tick of that clock, and fails with EAGAIN when
-// the file goes on being written to.
+// As `stat_regular`; additionally a write that begins after the call gives the file a modification
+// time that differs from the returned one, however coarsely the file system keeps times. That holds
+// for times taken from this machine's clock, not for a network file system's, and while that clock
+// is not set back; a time that lies in the future holds until the clock gets there. Waits only for
+// a file that was written to within the present tick of the clock, and fails with EAGAIN when the
+// file goes on being written to.
 int stat_settled(int fd, file_status *status);
 
 // Fails with EAGAIN when the file was written to since `before` was taken.
