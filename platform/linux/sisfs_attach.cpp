@@ -1,9 +1,10 @@
 // The requests that attach files to a layered inode: clone, connect, dedup. The layered inode
 // exists only as the extents that its files share, and as a number that they have in common.
 //
-// A request that is refused leaves every byte of every file as it was. One that dies half way
-// leaves extents that are shared but not on record, which is harmless since a write still copies,
-// or a new file that is shorter than its source.
+// A request that is refused leaves every byte of every file as it was; only the unnamed temporary
+// file of a clone that failed may hold a part of the source. One that dies half way leaves extents
+// that are shared but not on record, which is harmless since a write still copies, or a new file
+// that is shorter than its source.
 #include <fcntl.h>
 #include <sys/random.h>
 
