@@ -23,61 +23,63 @@ namespace {
 using namespace velmarin;
 
 constexpr int NEW_COPY = O_RDONLY | O_CREAT | O_EXCL;  // how a rapid copy opens its destination
+constexpr int NAMELESS = O_TMPFILE | O_RDWR;
 
-std::string content_of(size_t size, unsigned variant) {
-  std::mt19937 random(variant);
+std::string random_bytes(size_t size) {  // never 0 nor 'x'
+  std::mt19937 random(1);
   std::string content(size, '\0');
-  std::generate(content.begin(), content.end(), [&] { return static_cast<char>(random() | 1); });
+  std::ranges::generate(content, [&] { return static_cast<char>(random() % 100 + 1); });
   return content;
 }
 
-struct stat status_of(const unique_fd &fd) {
-  struct stat status = {};
-  EXPECT_EQ(fstat(fd.get(), &status), 0);
-  return status;
-}
+// An open file. Requests return the errno, or 0.
+struct test_file {
+  unique_fd fd;
 
-std::string read_back(const unique_fd &fd) {
-  std::string content(static_cast<size_t>(status_of(fd).st_size), '\0');
-  EXPECT_EQ(pread(fd.get(), content.data(), content.size(), 0), std::ssize(content));
-  return content;
-}
+  struct stat status() const {
+    struct stat status = {};
+    EXPECT_EQ(fstat(fd.get(), &status), 0);
+    return status;
+  }
+  std::string content() const {
+    std::string content(static_cast<size_t>(status().st_size), '\0');
+    EXPECT_EQ(pread(fd.get(), content.data(), content.size(), 0), std::ssize(content));
+    return content;
+  }
+  bool write(const std::string &content, off_t offset = 0) const {
+    return pwrite(fd.get(), content.data(), content.size(), offset) == std::ssize(content);
+  }
+  bool resize(off_t size) const { return ftruncate(fd.get(), size) == 0; }
 
-bool overwrite(const unique_fd &fd, const std::string &content, off_t offset = 0) {
-  return pwrite(fd.get(), content.data(), content.size(), offset) == std::ssize(content);
-}
-
-// Issues a code whose argument is a descriptor, a flags word or both. Returns the errno, or 0.
-int request(const unique_fd &fd, unsigned code, int first = 0, uint32_t second = 0) {
-  uint32_t words[] = {static_cast<uint32_t>(first), second};
-  return ioctl(fd.get(), code, words) == 0 ? 0 : errno;
-}
-
-int dedup(const unique_fd &fd, const unique_fd &source, uint32_t mode = SIS_DEDUP_ATTACHED) {
-  return request(fd, SIS_IOC_DEDUP_FILE, source.get(), mode);
-}
-
-int revoke(const unique_fd &fd) {
-  return request(fd, SIS_IOC_REVOKE);
-}
-
-int freeze(const unique_fd &fd) {
-  return request(fd, SIS_IOC_COINCIDE_FLAG, SIS_FLAG_COINCIDE, SIS_COINCIDE_SET);
-}
-
-bool is_frozen(const unique_fd &fd) {
-  sis_coincide_arg argument = {0, SIS_COINCIDE_GET};
-  EXPECT_EQ(ioctl(fd.get(), SIS_IOC_COINCIDE_FLAG, &argument), 0);
-  return argument.flags == SIS_FLAG_COINCIDE;
-}
-
-// "plain", or the number of the layered inode and what the file is to it.
-std::string state_of(const unique_fd &fd) {
-  sis_file_info info = {9, 9, {}, 9};
-  EXPECT_EQ(ioctl(fd.get(), SIS_IOC_GET_FILE_INFO, &info), 0);
-  const char *kind = info.deduped != 0 ? "deduped" : "layered";
-  return info.layered == 0 ? "plain" : std::to_string(info.layer_ino) + kind;
-}
+  // Issues a code whose argument is a descriptor, a flags word or both.
+  int request(unsigned code, int first = 0, uint32_t second = 0) const {
+    uint32_t words[] = {static_cast<uint32_t>(first), second};
+    return ioctl(fd.get(), code, words) == 0 ? 0 : errno;
+  }
+  int dedup(const test_file &source, uint32_t mode = SIS_DEDUP_ATTACHED) const {
+    return request(SIS_IOC_DEDUP_FILE, source.fd.get(), mode);
+  }
+  int clone(const test_file &source) const {
+    return request(SIS_IOC_CLONE_FILE, source.fd.get(), SIS_CLONE_FLAGS);
+  }
+  int connect(const test_file &layer) const { return request(SIS_IOC_CONNECT, layer.fd.get()); }
+  int revoke() const { return request(SIS_IOC_REVOKE); }
+  int mark(uint32_t operation, int flags = SIS_FLAG_COINCIDE) const {
+    return request(SIS_IOC_COINCIDE_FLAG, flags, operation);
+  }
+  bool is_marked() const {
+    sis_coincide_arg argument = {0, SIS_COINCIDE_GET};
+    EXPECT_EQ(ioctl(fd.get(), SIS_IOC_COINCIDE_FLAG, &argument), 0);
+    return argument.flags == SIS_FLAG_COINCIDE;
+  }
+  // "plain", or the number of the layered inode and what the file is to it.
+  std::string state() const {
+    sis_file_info info = {9, 9, {}, 9};
+    EXPECT_EQ(ioctl(fd.get(), SIS_IOC_GET_FILE_INFO, &info), 0);
+    const char *kind = info.deduped != 0 ? "deduped" : "layered";
+    return info.layered == 0 ? "plain" : std::to_string(info.layer_ino) + kind;
+  }
+};
 
 class ControlCodes : public testing::TestWithParam<const char *> {
  protected:
@@ -86,26 +88,19 @@ class ControlCodes : public testing::TestWithParam<const char *> {
       GTEST_SKIP() << "cannot be mounted here";
     }
   }
-
-  unique_fd open_file(const std::string &name, int flags) {
-    unique_fd fd(open(image_.path(name).c_str(), flags | O_CLOEXEC, 0644));
-    EXPECT_TRUE(fd.is_open()) << name;
-    return fd;
+  test_file open_file(const std::string &name, int flags) {
+    return {unique_fd(open(image_.path(name).c_str(), flags | O_CLOEXEC, 0644))};
   }
-
-  unique_fd make_file(const std::string &name, const std::string &content) {
-    unique_fd fd = open_file(name, O_RDWR | O_CREAT | O_TRUNC);
-    EXPECT_TRUE(overwrite(fd, content));
-    return fd;
+  test_file make_file(const std::string &name, const std::string &content) {
+    test_file file = open_file(name, O_RDWR | O_CREAT | O_TRUNC);
+    EXPECT_TRUE(file.write(content));
+    return file;
   }
-
   // Gives the file a new layered inode.
-  int attach(const unique_fd &fd) {
-    const unique_fd layer = open_file("", O_TMPFILE | O_RDWR);
-    const int error = request(layer, SIS_IOC_CLONE_FILE, fd.get(), SIS_CLONE_FLAGS);
-    return error != 0 ? error : request(fd, SIS_IOC_CONNECT, layer.get());
+  bool attach(const test_file &file) {
+    const test_file layer = open_file("", NAMELESS);
+    return layer.clone(file) == 0 && file.connect(layer) == 0;
   }
-
   bool has_shared_extents(const std::string &name) {
     return image_.run("filefrag -vs " + name + " | grep -q shared");
   }
@@ -119,173 +114,149 @@ INSTANTIATE_TEST_SUITE_P(, ControlCodes, testing::Values("btrfs", "xfs", "ext4",
 
 TEST_P(ControlCodes, FilesOfEverySizeAreMergedAndSeparatedWithContentAndTimesKept) {
   for (const unsigned size : {0u, 4095u, 4096u, 4097u, (33u << 20) + 5}) {
-    const std::string content = content_of(size, 1);
-    const unique_fd a = make_file("a", content);
-    const unique_fd b = make_file("b", content);
-    const auto time = status_of(b).st_mtim.tv_nsec;
-    EXPECT_EQ(dedup(b, a), EINVAL);  // a is plain
-    ASSERT_TRUE(attach(a) == 0 && dedup(b, a) == 0);
-    EXPECT_TRUE(state_of(a).ends_with("layered") && state_of(b).ends_with("deduped"));
-    EXPECT_EQ(stoul(state_of(a)), stoul(state_of(b)));
+    const std::string content = random_bytes(size);
+    const test_file a = make_file("a", content);
+    const test_file b = make_file("b", content);
+    const auto time = b.status().st_mtim.tv_nsec;
+    EXPECT_EQ(b.dedup(a), EINVAL);  // a is plain
+    ASSERT_TRUE(attach(a) && b.dedup(a) == 0);
+    EXPECT_TRUE(a.state().ends_with("layered") && b.state().ends_with("deduped"));
+    EXPECT_EQ(stoul(a.state()), stoul(b.state()));
     EXPECT_EQ(has_shared_extents("b"), shares_extents_ && size > 0);
 
-    EXPECT_TRUE(revoke(a) == 0 && revoke(open_file("b", O_RDONLY)) == 0 && revoke(b) == EINVAL);
-    EXPECT_EQ(state_of(a) + state_of(b), "plainplain");
-    EXPECT_EQ(status_of(b).st_mtim.tv_nsec, time);
+    EXPECT_TRUE(a.revoke() == 0 && open_file("b", O_RDONLY).revoke() == 0 && b.revoke() == EINVAL);
+    EXPECT_EQ(a.state() + b.state(), "plainplain");
+    EXPECT_EQ(b.status().st_mtim.tv_nsec, time);
     EXPECT_FALSE(has_shared_extents("a") || has_shared_extents("b"));
 
-    ASSERT_TRUE(attach(a) == 0 && dedup(b, a) == 0 && overwrite(b, "new"));
-    EXPECT_TRUE(state_of(b) == "plain" &&
-                revoke(b) == 0);  // it may still share what was not written
+    ASSERT_TRUE(attach(a) && b.dedup(a) == 0 && b.write("new"));
+    EXPECT_TRUE(b.state() == "plain" && b.revoke() == 0);  // it may still share the rest
     EXPECT_FALSE(has_shared_extents("b"));
-    EXPECT_TRUE(read_back(a) == content);
-    EXPECT_TRUE(read_back(b) == "new" + content.substr(std::min(size, 3u)));
+    EXPECT_TRUE(a.content() == content);
+    EXPECT_TRUE(b.content() == "new" + content.substr(std::min(size, 3u)));
   }
 }
 
 TEST_P(ControlCodes, RevokeKeepsTheHolesOfAFileAndSparesItWhenSpaceIsShort) {
-  const unique_fd a = make_file("a", "");
-  ASSERT_TRUE(ftruncate(a.get(), 80 << 20) == 0 && overwrite(a, content_of(40 << 20, 2)) &&
-              overwrite(a, "far", 64 << 20));
-  const std::string content = read_back(a);
-  const unique_fd copy = open_file("copy", NEW_COPY);
-  ASSERT_TRUE(attach(a) == 0 && dedup(copy, a, SIS_DEDUP_COPY) == 0);
+  const test_file a = make_file("a", random_bytes(40 << 20));
+  ASSERT_TRUE(a.write("far", 64 << 20) && a.resize(80 << 20) && attach(a));
+  const std::string content = a.content();
+  const test_file copy = open_file("copy", NEW_COPY);
+  ASSERT_EQ(copy.dedup(a, SIS_DEDUP_COPY), 0);
   if (shares_extents_) {
-    const unique_fd filler = make_file("filler", "");
-    for (off_t end = 0; overwrite(filler, content, end); end += 80 << 20) {}
-    EXPECT_EQ(revoke(copy), ENOSPC);
-    EXPECT_TRUE(state_of(copy).ends_with("deduped") && has_shared_extents("copy"));
-    ASSERT_TRUE(ftruncate(filler.get(), 0) == 0 && syncfs(filler.get()) == 0);
+    const test_file filler = make_file("filler", "");
+    for (off_t end = 0; filler.write(content, end); end += 80 << 20) {}
+    EXPECT_EQ(copy.revoke(), ENOSPC);
+    EXPECT_TRUE(copy.state().ends_with("deduped") && has_shared_extents("copy"));
+    ASSERT_TRUE(filler.resize(0) && syncfs(filler.fd.get()) == 0);
   }
-  EXPECT_TRUE(revoke(copy) == 0 && read_back(copy) == content && !has_shared_extents("copy"));
-  EXPECT_LT(status_of(copy).st_blocks * 512, 41 << 20);
+  EXPECT_TRUE(copy.revoke() == 0 && copy.content() == content && !has_shared_extents("copy"));
+  EXPECT_LT(copy.status().st_blocks * 512, 41 << 20);
 }
 
-TEST_P(ControlCodes, FilesThatDoNotFitAreRefusedWithEveryByteKept) {
-  const std::string content = content_of((17 << 20) + 9, 5);
-  const unique_fd source = make_file("source", content);
-  const unique_fd copy = open_file("copy", NEW_COPY);
-  EXPECT_EQ(dedup(copy, source, SIS_DEDUP_COPY), 0);
-  EXPECT_TRUE(read_back(copy) == content && state_of(copy) == "plain");
-
-  ASSERT_EQ(attach(source), 0);
-  const std::string all_but_last = content.substr(0, content.size() - 1);  // "x" is no such byte
-  for (const std::string &other : {all_but_last + "x", content + "x", all_but_last, {}}) {
-    const unique_fd target = make_file("target", other);
-    EXPECT_EQ(dedup(target, source, SIS_DEDUP_COPY), EBADE);
-    EXPECT_TRUE(read_back(target) == other && state_of(target) == "plain");
-  }
-  const unique_fd layer = open_file("", O_TMPFILE | O_RDWR);
-  EXPECT_EQ(request(layer, SIS_IOC_CLONE_FILE, source.get(), SIS_CLONE_FLAGS), 0);
-  EXPECT_EQ(request(copy, SIS_IOC_CLONE_FILE, source.get(), SIS_CLONE_FLAGS), EINVAL);
-  EXPECT_EQ(request(copy, SIS_IOC_CONNECT, layer.get()), EINVAL);   // cloned from another file
-  EXPECT_EQ(request(copy, SIS_IOC_CONNECT, source.get()), EINVAL);  // has a name
-  ASSERT_TRUE(overwrite(source, "changed"));
-  EXPECT_EQ(request(source, SIS_IOC_CONNECT, layer.get()), EAGAIN);
-  EXPECT_EQ(dedup(make_file("target", content), source), EINVAL);  // no longer attached
-}
-
-TEST_P(ControlCodes, AnUnfinishedCopyIsShortAndKeepsWhatAnotherWroteIntoIt) {
-  const std::string content = content_of(40 << 20, 7);
-  const unique_fd source = make_file("source", content);
-  ASSERT_EQ(attach(source), 0);
-  const unique_fd copy = open_file("copy", NEW_COPY);
-  const unique_fd user = open_file("copy", O_RDWR);
-  std::thread copier([&] { dedup(copy, source, SIS_DEDUP_COPY); });
-  while (status_of(copy).st_size == 0) {}
-  EXPECT_TRUE(content.starts_with(read_back(copy)));
-  EXPECT_TRUE(overwrite(user, "kept", 40 << 20) && overwrite(source, "changed"));
-  copier.join();
-  EXPECT_TRUE(read_back(copy).ends_with("kept"));
-}
-
-TEST_P(ControlCodes, AnAttributeCountsUntilTheNextWriteAndForItsOwnFileOnly) {
-  const unique_fd writer = make_file("file", "content");
-  const unique_fd reader = open_file("file", O_RDONLY);
-  for (int round = 0; round < 20; round++) {  // each set within the clock tick of the write before
-    EXPECT_TRUE(freeze(reader) == 0 && is_frozen(reader));
-    ASSERT_TRUE(overwrite(writer, "CONTENT"));
-    EXPECT_FALSE(is_frozen(reader));
-  }
-  ASSERT_TRUE(attach(writer) == 0 && freeze(reader) == 0);
-  ASSERT_TRUE(image_.run("cp -a file copy"));
-  const unique_fd copy = open_file("copy", O_RDWR);
-  ASSERT_TRUE(fgetxattr(copy.get(), "user.velmarin.layer", nullptr, 0) > 0 &&
-              fgetxattr(copy.get(), "user.velmarin.coincide", nullptr, 0) > 0 &&
-              status_of(copy).st_mtim.tv_nsec == status_of(writer).st_mtim.tv_nsec);
-  EXPECT_TRUE(is_frozen(reader) && !is_frozen(copy));
-  EXPECT_TRUE(state_of(copy) == "plain" && revoke(copy) == EINVAL);
-  EXPECT_EQ(request(reader, SIS_IOC_COINCIDE_FLAG, SIS_FLAG_COINCIDE, SIS_COINCIDE_CLEAR), 0);
-  EXPECT_TRUE(!is_frozen(reader) && state_of(reader).ends_with("layered"));
-}
-
-TEST(ControlCodesOn, TimesOfWholeSecondsAndAnOverlayAFreezeHolds) {
-  const mounted_image coarse("ext4 -I 128");
-  const mounted_image layers("tmpfs");
-  if (!coarse.is_mounted || !layers.is_mounted ||
-      !layers.run("mkdir l u w m && echo >l/f && mount -t overlay -o "
-                  "lowerdir=l,upperdir=u,workdir=w none m")) {
-    GTEST_SKIP() << "cannot be mounted here";
-  }
-  const unique_fd file(open(coarse.path("f").c_str(), O_RDWR | O_CREAT, 0644));
-  ASSERT_TRUE(overwrite(file, "one"));
-  EXPECT_TRUE(freeze(file) == 0 && is_frozen(file));
-  ASSERT_TRUE(overwrite(file, "two"));
-  EXPECT_FALSE(is_frozen(file));
-  const unique_fd lower(open(layers.path("m/f").c_str(), O_RDONLY));
-  EXPECT_TRUE(freeze(lower) == 0 && is_frozen(lower));
-}
-
-TEST_P(ControlCodes, ImpossibleRequestsAreRefusedWithTheirErrno) {
+TEST_P(ControlCodes, RequestsThatDoNotFitAreRefusedWithEveryByteKept) {
   const mounted_image bare("ramfs");
-  const unique_fd a = make_file("a", "content");
-  const unique_fd write_only = open_file("b", O_WRONLY | O_CREAT);
-  const unique_fd directory = open_file("", O_RDONLY | O_DIRECTORY);
-  const unique_fd layer = open_file("", O_TMPFILE | O_RDWR);
-  const unique_fd appending = open_file("", O_TMPFILE | O_RDWR | O_APPEND);
-  const unique_fd stateless(open(bare.path("f").c_str(), O_RDWR | O_CREAT, 0644));
-  ASSERT_EQ(attach(a), 0);
-  EXPECT_EQ(dedup(a, a), EINVAL);
-  EXPECT_EQ(dedup(a, unique_fd(AT_FDCWD)), EBADF);
-  EXPECT_EQ(dedup(a, directory), EISDIR);
-  EXPECT_EQ(dedup(write_only, a), EBADF);
-  EXPECT_EQ(dedup(stateless, a), EXDEV);
-  EXPECT_EQ(revoke(directory), EISDIR);
-  EXPECT_EQ(freeze(directory), EISDIR);
-  EXPECT_EQ(request(layer, SIS_IOC_CLONE_FILE, a.get(), 0x20), EINVAL);
-  EXPECT_EQ(request(appending, SIS_IOC_CLONE_FILE, a.get(), SIS_CLONE_FLAGS), EBADF);
-  EXPECT_EQ(request(a, SIS_IOC_CONNECT, layer.get()), EINVAL);  // not cloned
-  EXPECT_EQ(request(a, SIS_IOC_COINCIDE_FLAG, 3, SIS_COINCIDE_SET), EINVAL);
-  EXPECT_EQ(request(stateless, SIS_IOC_GET_FILE_INFO), EOPNOTSUPP);
-  EXPECT_EQ(request(a, 0x4004f536), ENOTTY);
+  const test_file stateless = {unique_fd(open(bare.path("f").c_str(), O_RDWR | O_CREAT, 0644))};
+  const std::string content = random_bytes((17 << 20) + 9);
+  const test_file source = make_file("source", content);
+  const test_file copy = open_file("copy", NEW_COPY);
+  const test_file layer = open_file("", NAMELESS);
+  const test_file directory = open_file("", O_RDONLY | O_DIRECTORY);
+  EXPECT_EQ(copy.dedup(source, SIS_DEDUP_COPY), 0);
+  EXPECT_TRUE(copy.content() == content && copy.state() == "plain");
+  EXPECT_EQ(source.connect(layer), EINVAL);  // not cloned
+
+  ASSERT_TRUE(attach(source) && layer.clone(source) == 0);
+  const std::string all_but_last = content.substr(0, content.size() - 1);
+  for (const std::string &other : {all_but_last + "x", content + "x", all_but_last, {}}) {
+    const test_file target = make_file("target", other);
+    EXPECT_EQ(target.dedup(source, SIS_DEDUP_COPY), EBADE);
+    EXPECT_TRUE(target.content() == other && target.state() == "plain");
+  }
+  EXPECT_EQ(copy.clone(source), EINVAL);  // has a name
+  EXPECT_EQ(open_file("", NAMELESS | O_APPEND).clone(source), EBADF);
+  EXPECT_EQ(copy.connect(layer), EINVAL);  // cloned from another file
+  EXPECT_EQ(source.dedup(source), EINVAL);
+  EXPECT_EQ(source.dedup({unique_fd(AT_FDCWD)}), EBADF);
+  EXPECT_EQ(source.dedup(directory), EISDIR);
+  EXPECT_EQ(open_file("target", O_WRONLY).dedup(source), EBADF);
+  EXPECT_EQ(stateless.dedup(source), EXDEV);
+  EXPECT_EQ(stateless.request(SIS_IOC_GET_FILE_INFO), EOPNOTSUPP);
+  EXPECT_EQ(directory.mark(SIS_COINCIDE_SET), EISDIR);
+  EXPECT_EQ(source.mark(SIS_COINCIDE_SET, 3), EINVAL);
+  EXPECT_EQ(source.request(0x4004f536), ENOTTY);
+  ASSERT_TRUE(source.write("changed"));
+  EXPECT_EQ(source.connect(layer), EAGAIN);
+  EXPECT_EQ(make_file("target", content).dedup(source), EINVAL);  // no longer attached
   for (const unsigned code : {SIS_IOC_CONNECT, SIS_IOC_DEDUP_FILE, SIS_IOC_CLONE_FILE,
                               SIS_IOC_GET_FILE_INFO, SIS_IOC_COINCIDE_FLAG, SIS_IOC_REVOKE}) {
-    EXPECT_EQ(request(unique_fd(), code), EBADF);
-    EXPECT_TRUE(ioctl(-1, code, nullptr) == -1 && errno == EBADF);
-    const int result = ioctl(a.get(), code, nullptr) == 0 ? 0 : errno;
+    EXPECT_EQ(test_file().request(code), EBADF);
+    const int result = ioctl(source.fd.get(), code, nullptr) == 0 ? 0 : errno;
     EXPECT_EQ(result, code == SIS_IOC_REVOKE ? 0 : EFAULT);
   }
 }
 
+TEST_P(ControlCodes, AnUnfinishedCopyIsShortAndKeepsWhatAnotherWroteIntoIt) {
+  const test_file source = make_file("source", random_bytes(40 << 20));
+  ASSERT_TRUE(source.resize(41 << 20) && attach(source));  // a hole at the end
+  const std::string content = source.content();
+  const test_file copy = open_file("copy", NEW_COPY);
+  const test_file user = open_file("copy", O_RDWR);
+  std::thread copier([&] { copy.dedup(source, SIS_DEDUP_COPY); });
+  while (copy.status().st_size == 0) {}
+  EXPECT_TRUE(content.starts_with(copy.content()));
+  EXPECT_TRUE(user.write("kept", 41 << 20) && source.write("changed"));
+  copier.join();
+  EXPECT_TRUE(copy.content().ends_with("kept"));
+}
+
+TEST_P(ControlCodes, AnAttributeCountsUntilTheNextWriteAndForItsOwnFileOnly) {
+  const test_file writer = make_file("file", "content");
+  const test_file reader = open_file("file", O_RDONLY);
+  for (int round = 0; round < 20; round++) {  // each set within the clock tick of the write before
+    EXPECT_TRUE(reader.mark(SIS_COINCIDE_SET) == 0 && reader.is_marked());
+    ASSERT_TRUE(writer.write("CONTENT") && !reader.is_marked());
+  }
+  ASSERT_TRUE(attach(writer) && reader.mark(SIS_COINCIDE_SET) == 0);
+  ASSERT_TRUE(image_.run("cp -a file copy"));
+  const test_file copy = open_file("copy", O_RDWR);
+  ASSERT_TRUE(fgetxattr(copy.fd.get(), "user.velmarin.layer", nullptr, 0) > 0 &&
+              fgetxattr(copy.fd.get(), "user.velmarin.coincide", nullptr, 0) > 0);
+  EXPECT_TRUE(reader.is_marked() && !copy.is_marked());
+  EXPECT_TRUE(copy.state() == "plain" && copy.revoke() == EINVAL);
+  EXPECT_TRUE(reader.mark(SIS_COINCIDE_CLEAR) == 0 && !reader.is_marked());
+  EXPECT_TRUE(reader.state().ends_with("layered"));
+}
+
+TEST(ControlCodesOn, TimesOfWholeSecondsTheFlagStillDropsWithAWrite) {
+  const mounted_image coarse("ext4 -I 128");
+  if (!coarse.is_mounted) {
+    GTEST_SKIP() << "cannot be mounted here";
+  }
+  const test_file file = {unique_fd(open(coarse.path("f").c_str(), O_RDWR | O_CREAT, 0644))};
+  EXPECT_TRUE(file.write("one") && file.mark(SIS_COINCIDE_SET) == 0 && file.is_marked());
+  EXPECT_TRUE(file.write("two") && !file.is_marked());
+}
+
 TEST_P(ControlCodes, AWriteDuringARequestIsNeverLost) {
-  const std::string content = content_of(200'000, 6);
-  const unique_fd source = make_file("source", content);
-  const unique_fd target = make_file("target", content);
+  const std::string content = random_bytes(200'000);
+  const test_file source = make_file("source", content);
+  const test_file target = make_file("target", content);
   const timespec long_ago[] = {{1, 0}, {1, 0}};
-  ASSERT_EQ(attach(source), 0);
+  ASSERT_TRUE(attach(source));
   for (unsigned round = 0; round < 200; round++) {  // the files are identical when a round begins
-    EXPECT_EQ(futimens(target.get(), long_ago), 0);
+    EXPECT_EQ(futimens(target.fd.get(), long_ago), 0);
     const unsigned place = round * 4099 % 200'000;
     std::thread writer([&] {
       usleep(round % 20 * 20);
-      EXPECT_TRUE(overwrite(target, std::string(1, '\0'), place));
+      EXPECT_TRUE(target.write("x", place));
     });
-    round % 4 == 0 ? revoke(target) : dedup(target, source);
+    round % 4 == 0 ? target.revoke() : target.dedup(source);
     writer.join();
-    EXPECT_EQ(read_back(target)[place], '\0');
-    EXPECT_TRUE(overwrite(target, content));
+    EXPECT_EQ(target.content()[place], 'x');
+    EXPECT_TRUE(target.write(content));
   }
-  EXPECT_TRUE(read_back(source) == content);
+  EXPECT_TRUE(source.content() == content);
 }
 
 TEST(BoundsChecked, NothingIsWrittenThatDoesNotFit) {

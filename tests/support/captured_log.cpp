@@ -2,8 +2,7 @@
 
 #include <android/log.h>
 
-#include <cstdio>
-#include <cstring>
+#include <regex>
 
 #include "velmarin_platform/log_sink.h"
 
@@ -13,19 +12,16 @@ namespace {
 captured_log *innermost = nullptr;
 
 std::string message_of(int buffer_id, int priority, const char *tag, const char *text) {
-  char kind[8] = "SERVICE";
-  char module[40] = "reflink";
-  int end = 0;
-  sscanf(text, "[velmarin][%*d]%n", &end);
-  if (end == 0) {
-    sscanf(text, "[%7[A-Z] from thread %*d at %39[a-z_].cpp:%*d @%*d.%*d]%n", kind, module, &end);
-  }
-  if (end == 0 || text[end] != ' ' || !strstr("reflink fbddp digest_reservation", module) ||
-      buffer_id != LOG_ID_SYSTEM || tag != nullptr ||
-      priority != (strcmp(kind, "INFO") == 0 ? ANDROID_LOG_INFO : ANDROID_LOG_ERROR)) {
+  static const std::regex prefix(R"(\[velmarin\]\[\d+\] |\[(ERRO|INFO) from thread \d+ at )"
+                                 R"((reflink|fbddp|digest_reservation)\.cpp:\d{4} @\d+\.\d{9}\] )");
+  std::cmatch match;
+  const bool fits = std::regex_search(text, match, prefix, std::regex_constants::match_continuous);
+  const std::string kind = fits && match[1].matched ? match[1] : std::string("SERVICE");
+  const int usual_priority = kind == "INFO" ? ANDROID_LOG_INFO : ANDROID_LOG_ERROR;
+  if (!fits || buffer_id != LOG_ID_SYSTEM || priority != usual_priority || tag != nullptr) {
     return std::string("MALFORMED ") + text;
   }
-  return std::string(kind) + (text + end);
+  return kind + " " + match.suffix().str();
 }
 
 }  // namespace

@@ -3,10 +3,12 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
@@ -16,54 +18,39 @@ namespace velmarin_test {
 namespace {
 
 using namespace velmarin;
+namespace fs = std::filesystem;
 
-// "/root/#12 (deleted)" is shown as "/root/(unnamed)".
+const char *const NAMES[] = {"CONNECT", "DEDUP_FILE", "REVOKE",       "GET_FILE_INFO",
+                             "unknown", "CLONE_FILE", "COINCIDE_FLAG"};
+
 std::string path_of(int fd) {
+  const fs::path link = "/proc/self/fd/" + std::to_string(fd);
   std::error_code error;
-  std::string path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), error);
-  if (path.ends_with(" (deleted)")) {
-    path.replace(path.rfind('/') + 1, std::string::npos, "(unnamed)");
+  fs::path path = fs::read_symlink(link, error);
+  if (path.string().ends_with(" (deleted)")) {
+    char mode[16];
+    snprintf(mode, sizeof(mode), "[%o]", static_cast<unsigned>(fs::status(link).permissions()));
+    path.replace_filename(mode);
   }
-  return path;
+  return path.lexically_relative(fs::current_path());
 }
 
 std::string text_of(int fd, unsigned code, const void *argument) {
-  uint32_t words[2] = {};
-  if (argument != nullptr) {
-    memcpy(words, argument, code == GETFLAGS ? 4 : _IOC_SIZE(code));
+  const char *name = code == GETFLAGS ? "GETFLAGS" : NAMES[(_IOC_NR(code) - 0x32) % 7];
+  const char *mode = (fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDWR ? " rw " : " ro ";
+  std::string text = std::string(name) + " " + path_of(fd) + mode;
+  if (argument == nullptr) {
+    return text + "null";
   }
-  const bool is_writable = (fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDWR;
-  const std::string file = " " + path_of(fd) + (is_writable ? " rw " : " ro ");
-  const std::string other = path_of(static_cast<int>(words[0]));
-  const std::string second = std::to_string(words[1]);
-  switch (code) {
-    case SIS_IOC_CONNECT:
-      return "CONNECT" + file + "layer=" + other;
-    case SIS_IOC_DEDUP_FILE:
-      return "DEDUP_FILE" + file + "src=" + other + " mode=" + second;
-    case SIS_IOC_CLONE_FILE:
-      return "CLONE_FILE" + file + "src=" + other + " flags=" + second;
-    case SIS_IOC_COINCIDE_FLAG:
-      return "COINCIDE_FLAG" + file + "flags=" + std::to_string(words[0]) + " op=" + second;
-    case SIS_IOC_REVOKE:
-      return "REVOKE" + file + (argument == nullptr ? "null" : "fd=" + other);
-    default:
-      return (code == GETFLAGS ? "GETFLAGS" : "GET_FILE_INFO") + file +
-             (words[0] == 0 && words[1] == 0 ? "zeroed" : "not zeroed");
-  }
+  int words[2] = {};
+  memcpy(words, argument, code == GETFLAGS ? 4 : _IOC_SIZE(code));
+  const bool is_number =
+      code == GETFLAGS || code == SIS_IOC_GET_FILE_INFO || code == SIS_IOC_COINCIDE_FLAG;
+  text += is_number ? std::to_string(words[0]) : path_of(words[0]);
+  return text + " " + std::to_string(words[1]);
 }
 
 }  // namespace
-
-std::vector<std::string> scripted_fs::texts(const std::string &root) const {
-  std::vector<std::string> texts = texts_;
-  for (std::string &text : texts) {
-    for (size_t at = 0; (at = text.find(root + "/")) != std::string::npos;) {
-      text.erase(at, root.size() + 1);
-    }
-  }
-  return texts;
-}
 
 int scripted_fs::handle(int fd, unsigned long long_code, void *argument) {
   scripted_fs *self = current;
@@ -74,15 +61,10 @@ int scripted_fs::handle(int fd, unsigned long long_code, void *argument) {
     return next(fd, long_code, argument);
   }
   const std::lock_guard<std::mutex> guard(self->mutex_);
-  self->texts_.push_back(text_of(fd, code, argument));
-  self->counts_[code]++;
+  self->texts.push_back(text_of(fd, code, argument));
   self->hook_(code, fd);
-  errno = self->failures_[self->texts_.size()];
-  auto &[bytes, stays] = self->answers_[code];
-  std::copy(bytes.begin(), bytes.end(), static_cast<uint8_t *>(argument));
-  if (!stays) {
-    bytes.clear();
-  }
+  errno = self->failures_[self->texts.size()];
+  std::ranges::copy(self->answers_[code], static_cast<uint8_t *>(argument));
   return errno == 0 ? 0 : -1;
 }
 

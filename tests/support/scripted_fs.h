@@ -24,21 +24,21 @@ class scripted_fs {
   scripted_fs() { current = this; }
   ~scripted_fs() { current = nullptr; }
 
-  // The record is written back for the next request of the code, or for all further ones.
+  // The record is written back for all further requests of the code.
   template <typename Record>
-  void answer_with(unsigned code, const Record &record, bool stays = false) {
+  void answer_with(unsigned code, const Record &record) {
     const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
-    answers_[code] = {{bytes, bytes + sizeof(record)}, stays};
+    answers_[code] = {bytes, bytes + sizeof(record)};
   }
   // Refuses the n-th request, counted from 1. An answer is written back all the same.
   void fail(size_t nth, int error) { failures_[nth] = error; }
   // Runs after a request was recorded and before it is answered.
   void before_each(std::function<void(unsigned code, int fd)> hook) { hook_ = std::move(hook); }
 
-  // One line for each request, such as "DEDUP_FILE b rw src=a mode=1" or "CLONE_FILE d/(unnamed) rw
-  // src=d/c flags=96", with names below `root`.
-  std::vector<std::string> texts(const std::string &root) const;
-  unsigned count(unsigned code) { return counts_[code]; }
+  // One line for each request: its name, the file and how that is open, and the two words of the
+  // argument, such as "DEDUP_FILE b rw a 1" or "CLONE_FILE d/[600] rw d/c 96". A file without a
+  // name is shown by its mode, and names are those below the working directory.
+  std::vector<std::string> texts;
 
   // For the executable's `ioctl` alone.
   static int handle(int fd, unsigned long code, void *argument);
@@ -47,9 +47,7 @@ class scripted_fs {
   static inline std::atomic<scripted_fs *> current = nullptr;
 
   std::mutex mutex_;
-  std::vector<std::string> texts_;
-  std::map<unsigned, unsigned> counts_;
-  std::map<unsigned, std::pair<std::vector<uint8_t>, bool>> answers_;
+  std::map<unsigned, std::vector<uint8_t>> answers_;
   std::map<size_t, int> failures_;
   std::function<void(unsigned code, int fd)> hook_ = [](unsigned, int) {};
 };

@@ -13,14 +13,13 @@ namespace fs = std::filesystem;
 namespace velmarin_test {
 
 temporary_tree::temporary_tree(const std::string &description) {
-  std::string name = fs::canonical(fs::temp_directory_path()) / "velmarin.XXXXXX";
-  EXPECT_TRUE(mkdtemp(name.data())) << name;
-  root_ = name;
+  root_ = fs::canonical(fs::temp_directory_path()) / "velmarin.XXXXXX";
+  EXPECT_TRUE(mkdtemp(root_.data())) << root_;
   std::istringstream words(description);
   for (std::string word; words >> word;) {
     const size_t equals = word.find('=');
     const size_t star = word.rfind('*');
-    if (equals == std::string::npos) {
+    if (equals == word.npos) {
       fs::create_directories(path(word));
       continue;
     }
@@ -39,13 +38,12 @@ temporary_tree::~temporary_tree() {
 
 void temporary_tree::write(const std::string &name, const std::string &content) const {
   fs::create_directories(fs::path(path(name)).parent_path());
-  std::ofstream file(path(name));
-  EXPECT_TRUE(file << content << std::flush) << "cannot write " << path(name);
+  EXPECT_TRUE(std::ofstream(path(name)) << content << std::flush) << path(name);
 }
 
 std::string temporary_tree::read(const std::string &name) const {
   std::ifstream file(path(name));
-  EXPECT_TRUE(file) << "cannot read " << path(name);
+  EXPECT_TRUE(file) << path(name);
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
