@@ -53,9 +53,13 @@ TEST(Device, FindsIdenticalFilesAndMergesThemOrIsRefused) {
   EXPECT_EQ(tree.read("t/a") + tree.read("t/d/b"), std::string(200000, 'x'));
 }
 
-TEST(Device, ChecksumsAreThePublishedOnes) {
-  EXPECT_EQ(crc64_be(0, "123456789", 9), 0x6c40df5f0b497347U);
-  EXPECT_EQ(crc64_rocksoft_generic(0, "123456789", 9), 0xae8b14860a799888U);
+TEST(Device, ChecksumsAreThePublishedOnesAlsoInTwoCalls) {
+  const char digits[] = "123456789";
+  for (size_t split = 0; split <= 9; split++) {
+    const uint64_t begun = crc64_rocksoft_generic(0, digits, split);
+    EXPECT_EQ(crc64_rocksoft_generic(begun, digits + split, 9 - split), 0xae8b14860a799888U);
+    EXPECT_EQ(crc64_be(crc64_be(0, digits, split), digits + split, 9 - split), 0x6c40df5f0b497347U);
+  }
 }
 
 }  // namespace

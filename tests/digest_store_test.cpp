@@ -7,7 +7,6 @@
 #include <filesystem>
 
 #include "digest_reservation/digest_file.h"
-#include "support/captured_log.h"
 #include "support/run_context.h"
 #include "support/temporary_tree.h"
 
@@ -36,7 +35,6 @@ std::string bytes_of(const usable_hash &record) {
 // A run that has the digests of both records to save, with a state directory of its own.
 struct store : run_context {
   temporary_tree state;
-  captured_log log;
   const std::string file = std::string(DIGEST_NAME_LENGTH, 'a') + ".hsh";
   std::string save_dir = state.root();
 

@@ -1,4 +1,4 @@
-// The helpers that everything else stands on: CRC-64, the red-black tree and time text.
+// The helpers that everything else stands on: the red-black tree and time text.
 
 #include <gtest/gtest.h>
 
@@ -11,15 +11,6 @@
 namespace {
 
 using namespace velmarin;
-
-TEST(Crc64, BothFunctionsGiveTheirPublishedCheckValuesAlsoInTwoCalls) {
-  for (size_t split = 0; split <= 9; split++) {
-    const char *rest = &"123456789"[split];
-    EXPECT_EQ(crc64_be(crc64_be(0, "123456789", split), rest, 9 - split), 0x6C40DF5F0B497347);
-    const uint64_t begun = crc64_rocksoft_generic(0, "123456789", split);
-    EXPECT_EQ(crc64_rocksoft_generic(begun, rest, 9 - split), 0xAE8B14860A799888);
-  }
-}
 
 // Checks links and colours below `parent`; returns the number of black nodes on each way down.
 int black_height(const rb_node *node, const rb_node *parent) {

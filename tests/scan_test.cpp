@@ -100,7 +100,9 @@ TEST(Scan, FindsIdenticalFilesAndReadsNoUnchangedFileAgain) {
   };
   expect_counters({8, 4, 18, 9, 6, 0});
   expect_counters({8, 4, 12, 9, 0, 0});
-  const fs::path digest_file = fs::directory_iterator("s")->path();
+  const std::string digest_file =
+      "s/1db7a12f84b5c9d1f97932d83643b891ef39d4cfd7606883714d7a78ec032987.hsh";  // SHA-256 of
+                                                                                 // "tumissing"
   fs::resize_file(digest_file, fs::file_size(digest_file) - 1);  // then it counts for nothing
   expect_counters({8, 4, 18, 9, 6, 0});
   tree.set_mtime("t/one", tree.status("t/one").st_mtim.tv_sec, 1);
@@ -108,10 +110,10 @@ TEST(Scan, FindsIdenticalFilesAndReadsNoUnchangedFileAgain) {
   expect_counters({8, 4, 14, 9, 2, 0});
 }
 
-TEST(Scan, ObeysItsLimitsAndCallbacksAndNamesItsDigestFileByTheRoots) {
-  const working_tree tree("t/a=same t/b=same t/d/c=same t/d/e=more t/ab/x=1 s/ s1/ s2/ s3/");
-  scan scans[7];
-  auto &[shallow, filtered, judged, changed, forward, backward, empty] = scans;
+TEST(Scan, ObeysItsLimitsAndCallbacks) {
+  const working_tree tree("t/a=same t/b=same t/d/c=same t/d/e=more t/ab/x=1 s/ s1/");
+  scan scans[4];
+  auto &[shallow, filtered, judged, changed] = scans;
   shallow.max_depth = 1;
   filtered.min_size = 5;
   filtered.ops.filter = [](int, const struct stat *status, const char *path) {
@@ -125,11 +127,6 @@ TEST(Scan, ObeysItsLimitsAndCallbacksAndNamesItsDigestFileByTheRoots) {
   changed.save_dir = "s1";
   changed.ops.prep = [](int, const char *) { return 0; };
   changed.ops.verify = [](int, const char *path) { return path[strlen(path) - 1] == 'a' ? -1 : 0; };
-  forward.roots = {"t/a", "b"};
-  backward.roots = {"b", "t/a"};
-  forward.save_dir = backward.save_dir = "s2";
-  empty.roots = {};
-  empty.save_dir = "s3";
   run_all(scans);
 
   EXPECT_EQ(shallow.groups, names{"t/a=t/b"});
@@ -139,9 +136,6 @@ TEST(Scan, ObeysItsLimitsAndCallbacksAndNamesItsDigestFileByTheRoots) {
   EXPECT_EQ(judged.groups, names{"t/a=t/b=t/d/c"});
   EXPECT_EQ(judged.reported, (names{"t/a", "t/ab/x", "t/d/c", "t/d/e"}));
   EXPECT_EQ(changed.groups, names{"t/b=t/d/c"});
-  EXPECT_EQ(std::distance(fs::directory_iterator("s2"), {}), 2);
-  EXPECT_TRUE(
-      fs::exists("s3/e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855.hsh"));
 }
 
 TEST(Scan, ManyAtOnceOverOneDigestFileAgreeAndLeaveNoDescriptorThreadOrAction) {

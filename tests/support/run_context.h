@@ -1,5 +1,5 @@
-// The context of a run between its set-up and its teardown, without workers: a test lists the
-// dentries and does the workers' jobs itself, in a fixed order.
+// The context of a run, and its log, between its set-up and its teardown, without workers: a test
+// lists the dentries and does the workers' jobs itself, in a fixed order.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,10 +10,12 @@
 #include "fbddp/dentry.h"
 #include "fbddp/file_index.h"
 #include "fbddp/run_resources.h"
+#include "support/captured_log.h"
 
 namespace velmarin_test {
 
 struct run_context {
+  captured_log log;
   velmarin::sis_ops ops = {};
   velmarin::sis_context ctx = {};
 
