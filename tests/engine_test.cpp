@@ -2,9 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 
-#include <csignal>
 #include <cstring>
 #include <functional>
 
@@ -14,8 +12,6 @@
 #include "fbddp/job_queue.h"
 #include "fbddp/member_index.h"
 #include "fbddp/scan_report.h"
-#include "fbddp/time_budget.h"
-#include "support/alarm_owner.h"
 #include "support/run_context.h"
 #include "support/temporary_tree.h"
 #include "velmarin/control_codes.h"
@@ -211,31 +207,6 @@ TEST(Report, PassesThroughItsStagesAndObeysTheHostsAnswers) {
   EXPECT_EQ(report_of(&f, {"<(ace)", REPORT_STOP}), "<(ace)>");
   EXPECT_EQ(report_of(&f, {"<(ace)(bd)|", 1}), "<(ace)(bd)|>");
   EXPECT_EQ(report_of(&f, {"<(ace)(bd)|a", REPORT_SKIP}), "<(ace)(bd)|a>");
-}
-
-TEST(TimeBudget, ASignalStopsOnlyTheLiveRunItNamesAndNeverReachesTheFormerAction) {
-  const alarm_owner owner;
-  sis_context first = {};
-  sis_context second = {};
-  first.in_time = second.in_time = 1;
-  arm_time_budget(&first, 300);
-  arm_time_budget(&second, 300);
-  alarm_owner::send_alarm(&first);
-  EXPECT_TRUE(first.in_time == 0 && second.in_time == 1);
-
-  // A late signal of another timer, whose run had its context at the same address.
-  siginfo_t late = {};
-  late.si_code = SI_TIMER;
-  late.si_timerid = -1;
-  late.si_value.sival_ptr = &second;
-  ASSERT_EQ(syscall(SYS_rt_sigqueueinfo, getpid(), SIGALRM, &late), 0);
-  usleep(0);
-  EXPECT_EQ(second.in_time, 1);
-
-  release_time_budget(&first);
-  EXPECT_FALSE(owner.has_its_action()) << "the second run still needs the handler";
-  release_time_budget(&second);
-  EXPECT_TRUE(owner.has_its_action());
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // Catches the log lines of the library while the object lives.
 #pragma once
 
-#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -22,9 +21,6 @@ class captured_log {
   std::vector<std::string> messages() const {
     const std::lock_guard<std::mutex> guard(mutex_);
     return messages_;
-  }
-  bool has(const std::string &kind_and_message) const {
-    return std::ranges::count(messages(), kind_and_message) > 0;
   }
 
  private:

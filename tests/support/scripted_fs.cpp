@@ -62,8 +62,8 @@ int scripted_fs::handle(int fd, unsigned long long_code, void *argument) {
   }
   const std::lock_guard<std::mutex> guard(self->mutex_);
   self->texts.push_back(text_of(fd, code, argument));
-  self->hook_(code, fd);
-  errno = self->failures_[self->texts.size()];
+  self->before_each(code, fd);
+  errno = self->failures[self->texts.size()];
   std::ranges::copy(self->answers_[code], static_cast<uint8_t *>(argument));
   return errno == 0 ? 0 : -1;
 }

@@ -30,11 +30,11 @@ class scripted_fs {
     const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
     answers_[code] = {bytes, bytes + sizeof(record)};
   }
-  // Refuses the n-th request, counted from 1. An answer is written back all the same.
-  void fail(size_t nth, int error) { failures_[nth] = error; }
+  // The errno with which the n-th request, counted from 1, is refused. An answer is written back
+  // all the same.
+  std::map<size_t, int> failures;
   // Runs after a request was recorded and before it is answered.
-  void before_each(std::function<void(unsigned code, int fd)> hook) { hook_ = std::move(hook); }
-
+  std::function<void(unsigned code, int fd)> before_each = [](unsigned, int) {};
   // One line for each request: its name, the file and how that is open, and the two words of the
   // argument, such as "DEDUP_FILE b rw a 1" or "CLONE_FILE d/[600] rw d/c 96". A file without a
   // name is shown by its mode, and names are those below the working directory.
@@ -48,8 +48,6 @@ class scripted_fs {
 
   std::mutex mutex_;
   std::map<unsigned, std::vector<uint8_t>> answers_;
-  std::map<size_t, int> failures_;
-  std::function<void(unsigned code, int fd)> hook_ = [](unsigned, int) {};
 };
 
 }  // namespace velmarin_test
