@@ -1,10 +1,8 @@
 // The rooms of the scan engine one by one, their jobs done in a fixed order by the test itself.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
 
 #include "fbddp/fingerprint.h"
 #include "fbddp/forest.h"
@@ -13,48 +11,12 @@
 #include "fbddp/member_index.h"
 #include "fbddp/scan_report.h"
 #include "support/run_context.h"
-#include "support/temporary_tree.h"
 #include "velmarin/control_codes.h"
-
-static std::function<void()> during_reading;
-
-// The engine gives this advice before and after it reads a file.
-extern "C" int posix_fadvise(int, off_t, off_t, int) noexcept {
-  during_reading();
-  return 0;
-}
 
 namespace {
 
 using namespace velmarin;
 using namespace velmarin_test;
-
-TEST(DigestJob, DigestsAnUnchangedFileAndCountsWhatWentWrong) {
-  const auto well = [](int, const char *) { return 0; };
-  const auto refused = [](int, const char *) { return EPERM; };
-  enum touch { NEVER, BEFORE, MEANWHILE };
-  const struct {
-    touch touched;
-    sis_freeze_callback prep, verify;
-    bool is_error, has_digest;
-  } cases[] = {{NEVER, nullptr, nullptr, false, true},      {BEFORE, nullptr, nullptr, true, false},
-               {MEANWHILE, nullptr, nullptr, false, false}, {MEANWHILE, well, well, false, true},
-               {NEVER, refused, nullptr, false, true},      {NEVER, refused, well, true, false}};
-  for (const auto &[touched, prep, verify, is_error, has_digest] : cases) {
-    const temporary_tree tree("f=abc");
-    run_context run;
-    run.ops = {nullptr, nullptr, prep, verify, nullptr};
-    dentry *file = run.list(run.list(nullptr, tree.root(), false), "f", true);
-    file->mtime = tree.status("f").st_mtim;
-    tree.set_mtime("f", file->mtime.tv_sec, file->mtime.tv_nsec ^ (touched == BEFORE ? 1 : 0));
-    during_reading = [&] { touched == MEANWHILE ? tree.set_mtime("f", 1, 1) : void(); };
-    digest_file_content(&run.ctx, file);
-    EXPECT_EQ(run.ctx.nr_error, is_error ? 1U : 0U);
-    EXPECT_EQ(run.ctx.nr_hashed, is_error ? 0U : 1U);
-    ASSERT_EQ(file->hash != nullptr, has_digest) << touched;
-    EXPECT_TRUE(!has_digest || file->hash->digest[31] == 0xad) << "that of abc ends so";
-  }
-}
 
 constexpr int STATUSES[] = {SIS_STATUS_COMPRESSED, 1,  -95, SIS_STATUS_COMPRESSED, 0,
                             SIS_STATUS_COMPRESSED, -22};

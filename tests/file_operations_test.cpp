@@ -117,31 +117,16 @@ TEST(SingleFile, IsAttachedToANewLayerDedupedCopiedOrDetached) {
 TEST(BadPath, IsAnsweredInTheFormOfTheCall) {
   const world w;
   EXPECT_EQ(create_layer("x"), -1);
-  EXPECT_EQ(reflink_copy("x", "copy"), ENOENT);
-  EXPECT_EQ(reflink_copy("a", "b"), EEXIST);
-  EXPECT_EQ(sisFileTaskImpl("a", "b"), -1) << "no directory";
-  EXPECT_EQ(sisFileTaskImpl("./x", "b"), -1);
-  EXPECT_EQ(sisFileTaskImpl("./a", "x"), -1);
-  EXPECT_EQ(getSISFileInfoImpl("d"), -1);
-  EXPECT_EQ(recoverFileImpl("d"), -1);
-  EXPECT_EQ(recoverFileImpl("a/x"), -ENOTDIR);
-  EXPECT_EQ(getCoincideFlagImpl("a/x"), -ENOTDIR);
-  EXPECT_EQ(getCoincideFlagImpl(nullptr), -1);
-  EXPECT_EQ(setCheckFlagImpl("a/x", 0, 0), -1);
-  EXPECT_EQ(setCheckFlagImpl(nullptr, 0, 0), -1);
-  EXPECT_EQ(w.file_system.texts, texts{});
   EXPECT_EQ(w.log.messages().front(), "INFO fail to open x returned No such file or directory");
-}
-
-TEST(StatusProbe, CheckFileStatusAsksForCompressionFirst) {
-  const call check = [](world &w) { return check_file_status(w.fd_of_a, nullptr, "a"); };
-  const texts requests = {"GETFLAGS a ro 0 0", QUERY_A};
-  expect(answered(GETFLAGS, COMPRESSED, check), SIS_STATUS_COMPRESSED, {requests[0]});
-  expect(answered(QUERY, DEDUPED_ONLY, check), SIS_STATUS_PLAIN, requests);
-  expect(answered(QUERY, LAYERED, check), SIS_STATUS_LAYERED, requests);
-  const call check_deduped = answered(QUERY, DEDUPED, check);
-  expect(answered(GETFLAGS, ~COMPRESSED, check_deduped), SIS_STATUS_DEDUPED, requests,
-         {-EIO, -EIO});
+  EXPECT_EQ(reflink_copy("a", "b"), EEXIST);
+  for (const auto &[first, second] : {std::pair("a", "b"), {"./x", "b"}, {"./a", "x"}}) {
+    EXPECT_EQ(sisFileTaskImpl(first, second), -1) << first;
+  }
+  EXPECT_TRUE(getSISFileInfoImpl("d") == -1 && recoverFileImpl("d") == -1);
+  EXPECT_TRUE(recoverFileImpl("a/x") == -ENOTDIR && getCoincideFlagImpl("a/x") == -ENOTDIR);
+  EXPECT_TRUE(setCheckFlagImpl("a/x", 0, 0) == -1 && setCheckFlagImpl(nullptr, 0, 0) == -1);
+  EXPECT_EQ(getCoincideFlagImpl(nullptr), -1);
+  EXPECT_EQ(w.file_system.texts, texts{});
 }
 
 int filter(mode_t type, off_t size) {
@@ -155,24 +140,22 @@ int filter(mode_t type, off_t size) {
 TEST(StatusProbe, FilterCountsShrunkenFilesAndFindsUnfitFileSystems) {
   world w;
   w.file_system.failures = {{2, EIO}, {3, EOPNOTSUPP}};
-  EXPECT_EQ(filter(S_IFDIR, 8192), 0);
-  EXPECT_EQ(filter(S_IFREG, 4096), 0);
-  EXPECT_EQ(filter(S_IFREG, 4096), 0);
-  EXPECT_EQ(filter(S_IFREG, 4096), -EOPNOTSUPP);
+  for (const int expected : {0, 0, -EOPNOTSUPP}) {
+    EXPECT_EQ(filter(S_IFDIR, 8192), 0);
+    EXPECT_EQ(filter(S_IFREG, 4096), expected);
+  }
   EXPECT_EQ(w.file_system.texts.size(), 3U);
-  get_sis_file_statistics(nullptr, nullptr, nullptr, nullptr);
   for (const sis_file_info &info : {sis_file_info{}, LAYERED, DEDUPED, DEDUPED}) {
     w.file_system.answer_with(QUERY, info);
     EXPECT_EQ(filter(S_IFREG, 8193), info.layered + info.deduped);
   }
   w.file_system.answer_with(GETFLAGS, COMPRESSED);
   EXPECT_EQ(filter(S_IFREG, 8192), SIS_STATUS_COMPRESSED);
-  for (const bool are_there : {true, false}) {  // they are handed out once
-    uint64_t n[4] = {};
-    get_sis_file_statistics(&n[0], &n[1], &n[2], &n[3]);
-    EXPECT_TRUE(n[0] == are_there * 1U && n[1] == are_there * 2U);
-    EXPECT_TRUE(n[2] == are_there * 4096U && n[3] == are_there * 16384U);
-  }
+  uint64_t n[4] = {};
+  get_sis_file_statistics(&n[0], &n[1], &n[2], &n[3]);
+  EXPECT_TRUE(n[0] == 1 && n[1] == 2 && n[2] == 4096 && n[3] == 16384);
+  get_sis_file_statistics(&n[0], &n[1], &n[2], nullptr);
+  EXPECT_EQ(n[0] + n[1] + n[2], 0U) << "they are handed out once";
 }
 
 TEST(FileDedupRequest, SharesDataAndGivesItBack) {
@@ -192,6 +175,16 @@ TEST(FileDedupRequest, SharesDataAndGivesItBack) {
   const texts requests = {"REVOKE a rw a 0", query_rw};
   expect(answered(QUERY, sis_file_info{1, 5, {}, 0}, recover), 5, requests, {-EIO, -1});
   expect(answered(QUERY, LAYERED, recover), -2, requests);
+}
+
+TEST(StatusProbe, AsksForCompressionFirst) {
+  const call check = [](world &w) { return check_file_status(w.fd_of_a, nullptr, "a"); };
+  const texts requests = {"GETFLAGS a ro 0 0", QUERY_A};
+  expect(answered(GETFLAGS, COMPRESSED, check), SIS_STATUS_COMPRESSED, {requests[0]});
+  expect(answered(QUERY, DEDUPED_ONLY, check), SIS_STATUS_PLAIN, requests);
+  expect(answered(QUERY, LAYERED, check), SIS_STATUS_LAYERED, requests);
+  const call not_compressed = answered(GETFLAGS, ~COMPRESSED, check);
+  expect(answered(QUERY, DEDUPED, not_compressed), SIS_STATUS_DEDUPED, requests, {-EIO, -EIO});
 }
 
 TEST(CoincideFlag, IsSetAndReadAsAsked) {

@@ -51,30 +51,24 @@ std::string text_of(int fd, unsigned code, const void *argument) {
 }
 
 }  // namespace
-
-int scripted_fs::handle(int fd, unsigned long long_code, void *argument) {
-  scripted_fs *self = current;
-  const auto code = static_cast<unsigned>(long_code);
-  if (self == nullptr || (_IOC_TYPE(code) != 0xf5 && code != GETFLAGS)) {
-    static const auto next =
-        reinterpret_cast<int (*)(int, unsigned long, ...)>(dlsym(RTLD_NEXT, "ioctl"));
-    return next(fd, long_code, argument);
-  }
-  const std::lock_guard<std::mutex> guard(self->mutex_);
-  self->texts.push_back(text_of(fd, code, argument));
-  self->before_each(code, fd);
-  errno = self->failures[self->texts.size()];
-  std::ranges::copy(self->answers_[code], static_cast<uint8_t *>(argument));
-  return errno == 0 ? 0 : -1;
-}
-
 }  // namespace velmarin_test
 
-extern "C" __attribute__((visibility("default"))) int ioctl(int fd, unsigned long code,
+extern "C" __attribute__((visibility("default"))) int ioctl(int fd, unsigned long long_code,
                                                             ...) noexcept {
   va_list arguments;
-  va_start(arguments, code);
+  va_start(arguments, long_code);
   void *argument = va_arg(arguments, void *);
   va_end(arguments);
-  return velmarin_test::scripted_fs::handle(fd, code, argument);
+  velmarin_test::scripted_fs *self = velmarin_test::scripted_fs::current;
+  const auto code = static_cast<unsigned>(long_code);
+  if (self == nullptr || (_IOC_TYPE(code) != 0xf5 && code != velmarin_test::GETFLAGS)) {
+    static const auto next = reinterpret_cast<decltype(&ioctl)>(dlsym(RTLD_NEXT, "ioctl"));
+    return next(fd, long_code, argument);
+  }
+  const std::lock_guard<std::mutex> guard(self->mutex);
+  self->texts.push_back(velmarin_test::text_of(fd, code, argument));
+  self->before_each(code, fd);
+  errno = self->failures[self->texts.size()];
+  std::ranges::copy(self->answers[code], static_cast<uint8_t *>(argument));
+  return errno == 0 ? 0 : -1;
 }

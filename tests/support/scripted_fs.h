@@ -19,8 +19,7 @@ namespace velmarin_test {
 constexpr unsigned GETFLAGS = static_cast<unsigned>(FS_IOC_GETFLAGS);
 
 // Requests without an answer of their own succeed and write nothing.
-class scripted_fs {
- public:
+struct scripted_fs {
   scripted_fs() { current = this; }
   ~scripted_fs() { current = nullptr; }
 
@@ -28,7 +27,7 @@ class scripted_fs {
   template <typename Record>
   void answer_with(unsigned code, const Record &record) {
     const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
-    answers_[code] = {bytes, bytes + sizeof(record)};
+    answers[code] = {bytes, bytes + sizeof(record)};
   }
   // The errno with which the n-th request, counted from 1, is refused. An answer is written back
   // all the same.
@@ -41,13 +40,9 @@ class scripted_fs {
   std::vector<std::string> texts;
 
   // For the executable's `ioctl` alone.
-  static int handle(int fd, unsigned long code, void *argument);
-
- private:
   static inline std::atomic<scripted_fs *> current = nullptr;
-
-  std::mutex mutex_;
-  std::map<unsigned, std::vector<uint8_t>> answers_;
+  std::mutex mutex;
+  std::map<unsigned, std::vector<uint8_t>> answers;
 };
 
 }  // namespace velmarin_test
