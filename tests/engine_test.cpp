@@ -57,7 +57,8 @@ struct forest : run_context {
   std::vector<dentry *> group(const std::string &contents) {
     std::vector<dentry *> files;
     for (const char content : contents) {
-      const uint8_t digest[DIGEST_SIZE] = {static_cast<uint8_t>(content)};
+      uint8_t digest[DIGEST_SIZE] = {};
+      digest[DIGEST_SIZE - 1] = static_cast<uint8_t>(content);
       files.push_back(insert(5000));
       files.back()->hash = nullptr;
       content != '-' ? give_digest(files.back(), digest) : void();

@@ -4,15 +4,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/fs.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-
-#include "support/captured_log.h"
 #include "support/scripted_fs.h"
-#include "support/temporary_tree.h"
 #include "velmarin/control_codes.h"
 #include "velmarin/files.h"
 
@@ -30,19 +25,16 @@ constexpr sis_file_info LAYERED = {0, 1, {}, 0xfffffffe};
 constexpr sis_file_info DEDUPED = {1, 1, {}, 77};
 constexpr sis_file_info DEDUPED_ONLY = {1, 0, {}, 77};
 
-// A tree, which is the working directory, the file system under command, and the log. A temporary
-// file must stay open to the last request.
+// A tree, and the file system under command. A temporary file must stay open to the last request.
 struct world {
-  const temporary_tree tree{"a=same b=same d/c=same"};
-  const captured_log log;
+  const working_tree tree{"a=same b=same d/c=same"};
   scripted_fs file_system;
   std::function<void()> while_flag_is_set = [] {};
-  int fd_of_a = open(tree.path("a").c_str(), O_RDONLY);
+  int fd_of_a = open("a", O_RDONLY);
   int temporary_fd = -1;
 
   world() {
     umask(0);
-    fs::current_path(tree.root());
     file_system.before_each = [this](unsigned code, int fd) {
       temporary_fd = code == SIS_IOC_CLONE_FILE ? fd : temporary_fd;
       EXPECT_TRUE(temporary_fd < 0 || fcntl(temporary_fd, F_GETFD) >= 0) << code;
@@ -117,7 +109,8 @@ TEST(SingleFile, IsAttachedToANewLayerDedupedCopiedOrDetached) {
 TEST(BadPath, IsAnsweredInTheFormOfTheCall) {
   const world w;
   EXPECT_EQ(create_layer("x"), -1);
-  EXPECT_EQ(w.log.messages().front(), "INFO fail to open x returned No such file or directory");
+  EXPECT_EQ(w.tree.log.messages().front(),
+            "INFO fail to open x returned No such file or directory");
   EXPECT_EQ(reflink_copy("a", "b"), EEXIST);
   for (const auto &[first, second] : {std::pair("a", "b"), {"./x", "b"}, {"./a", "x"}}) {
     EXPECT_EQ(sisFileTaskImpl(first, second), -1) << first;

@@ -2,19 +2,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/fs.h>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <filesystem>
 #include <set>
 #include <thread>
 
 #include "support/alarm_owner.h"
-#include "support/captured_log.h"
 #include "support/scripted_fs.h"
-#include "support/temporary_tree.h"
 #include "velmarin/control_codes.h"
 #include "velmarin/scan.h"
 
@@ -34,15 +30,6 @@ using names = std::set<std::string>;
 using groups = std::set<names>;
 using counts = std::array<uint64_t, 6>;
 namespace fs = std::filesystem;
-
-// A tree in the working directory, and the log.
-struct working_tree : temporary_tree {
-  captured_log log;
-
-  explicit working_tree(const std::string &description) : temporary_tree(description) {
-    fs::current_path(root());
-  }
-};
 
 // One scan: what it is asked for, and what it told.
 struct scan {

@@ -8,13 +8,26 @@
 
 #include <atomic>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "support/captured_log.h"
+#include "support/temporary_tree.h"
+
 namespace velmarin_test {
+
+// A tree that is the working directory, so that its files have short names, and the log.
+struct working_tree : temporary_tree {
+  captured_log log;
+
+  explicit working_tree(const std::string &description) : temporary_tree(description) {
+    std::filesystem::current_path(root());
+  }
+};
 
 constexpr unsigned GETFLAGS = static_cast<unsigned>(FS_IOC_GETFLAGS);
 
