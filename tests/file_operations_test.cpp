@@ -26,14 +26,13 @@ constexpr sis_file_info DEDUPED = {1, 1, {}, 77};
 constexpr sis_file_info DEDUPED_ONLY = {1, 0, {}, 77};
 
 // A tree, and the file system under command. A temporary file must stay open to the last request.
-struct world {
-  const working_tree tree{"a=same b=same d/c=same"};
+struct world : working_tree {
   scripted_fs file_system;
   std::function<void()> while_flag_is_set = [] {};
   int fd_of_a = open("a", O_RDONLY);
   int temporary_fd = -1;
 
-  world() {
+  world() : working_tree("a=same b=same d/c=same") {
     umask(0);
     file_system.before_each = [this](unsigned code, int fd) {
       temporary_fd = code == SIS_IOC_CLONE_FILE ? fd : temporary_fd;
@@ -109,8 +108,7 @@ TEST(SingleFile, IsAttachedToANewLayerDedupedCopiedOrDetached) {
 TEST(BadPath, IsAnsweredInTheFormOfTheCall) {
   const world w;
   EXPECT_EQ(create_layer("x"), -1);
-  EXPECT_EQ(w.tree.log.messages().front(),
-            "INFO fail to open x returned No such file or directory");
+  EXPECT_EQ(w.log.messages().front(), "INFO fail to open x returned No such file or directory");
   EXPECT_EQ(reflink_copy("a", "b"), EEXIST);
   for (const auto &[first, second] : {std::pair("a", "b"), {"./x", "b"}, {"./a", "x"}}) {
     EXPECT_EQ(sisFileTaskImpl(first, second), -1) << first;
@@ -122,7 +120,7 @@ TEST(BadPath, IsAnsweredInTheFormOfTheCall) {
   EXPECT_EQ(w.file_system.texts, texts{});
 }
 
-int filter(mode_t type, off_t size) {
+int filter(off_t size, mode_t type = S_IFREG) {
   struct stat status = {};
   status.st_mode = type | 0644U;
   status.st_size = size;
@@ -134,16 +132,16 @@ TEST(StatusProbe, FilterCountsShrunkenFilesAndFindsUnfitFileSystems) {
   world w;
   w.file_system.failures = {{2, EIO}, {3, EOPNOTSUPP}};
   for (const int expected : {0, 0, -EOPNOTSUPP}) {
-    EXPECT_EQ(filter(S_IFDIR, 8192), 0);
-    EXPECT_EQ(filter(S_IFREG, 4096), expected);
+    EXPECT_EQ(filter(8192, S_IFDIR), 0);
+    EXPECT_EQ(filter(4096), expected);
   }
   EXPECT_EQ(w.file_system.texts.size(), 3U);
   for (const sis_file_info &info : {sis_file_info{}, LAYERED, DEDUPED, DEDUPED}) {
     w.file_system.answer_with(QUERY, info);
-    EXPECT_EQ(filter(S_IFREG, 8193), info.layered + info.deduped);
+    EXPECT_EQ(filter(8193), info.layered + info.deduped);
   }
   w.file_system.answer_with(GETFLAGS, COMPRESSED);
-  EXPECT_EQ(filter(S_IFREG, 8192), SIS_STATUS_COMPRESSED);
+  EXPECT_EQ(filter(8192), SIS_STATUS_COMPRESSED);
   uint64_t n[4] = {};
   get_sis_file_statistics(&n[0], &n[1], &n[2], &n[3]);
   EXPECT_TRUE(n[0] == 1 && n[1] == 2 && n[2] == 4096 && n[3] == 16384);
@@ -194,7 +192,7 @@ TEST(CoincideFlag, IsSetAndReadAsAsked) {
 // `moved` happens while the flag is being set.
 call set_flag_while(void (*moved)(const world &), long seconds = 1000, long nanoseconds = 5) {
   return [=](world &w) {
-    w.tree.set_mtime("a", 1000, 5);
+    w.set_mtime("a", 1000, 5);
     w.while_flag_is_set = [&w, moved] { moved(w); };
     return setCheckFlagImpl("a", seconds, nanoseconds);
   };
@@ -202,7 +200,7 @@ call set_flag_while(void (*moved)(const world &), long seconds = 1000, long nano
 
 TEST(CoincideFlag, IsLeftOnlyOnAPlainFileThatStaysAsItWas) {
   const auto nothing = [](const world &) {};
-  const auto touch = [](const world &w) { w.tree.set_mtime("a", 1000, 6); };
+  const auto touch = [](const world &w) { w.set_mtime("a", 1000, 6); };
   const texts requests = {"GET_FILE_INFO a rw 0 0", "COINCIDE_FLAG a rw 2 4",
                           "COINCIDE_FLAG a rw 2 16"};
   const texts first_two = {requests[0], requests[1]};

@@ -37,7 +37,7 @@ int error_of(int result) {
 // An open file, which stands for its descriptor, too.
 struct test_file : unique_fd {
   explicit test_file(int fd) : unique_fd(fd) {}
-  operator int() const { return get(); }  // NOLINT: so that it can be passed to any call
+  operator int() const { return get(); }  // so that any call takes it
 
   struct stat status() const {
     struct stat status = {};
