@@ -1,7 +1,10 @@
 // The rooms of the scan engine one by one, their jobs done in a fixed order by the test itself.
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstring>
 
 #include "fbddp/fingerprint.h"
@@ -10,6 +13,8 @@
 #include "fbddp/job_queue.h"
 #include "fbddp/member_index.h"
 #include "fbddp/scan_report.h"
+#include "fbddp/time_budget.h"
+#include "support/alarm_owner.h"
 #include "support/run_context.h"
 #include "velmarin/control_codes.h"
 
@@ -170,6 +175,37 @@ TEST(Report, PassesThroughItsStagesAndObeysTheHostsAnswers) {
   EXPECT_EQ(report_of(&f, {"<(ace)", REPORT_STOP}), "<(ace)>");
   EXPECT_EQ(report_of(&f, {"<(ace)(bd)|", 1}), "<(ace)(bd)|>");
   EXPECT_EQ(report_of(&f, {"<(ace)(bd)|a", REPORT_SKIP}), "<(ace)(bd)|a>");
+}
+
+TEST(TimeBudget, ASignalStopsOnlyTheLiveRunItNamesAndNeverReachesTheFormerAction) {
+  const alarm_owner owner;
+  sis_context first = {};
+  sis_context second = {};
+  first.in_time = second.in_time = 1;
+  arm_time_budget(&first, 300);
+  arm_time_budget(&second, 300);
+  itimerspec left = {};
+  timer_gettime(first.timer, &left);
+  EXPECT_GE(left.it_value.tv_sec, 298);
+  alarm_owner::send_alarm(&first);
+  EXPECT_TRUE(first.in_time == 0 && second.in_time == 1);
+
+  // A late signal of another timer, whose run had its context at the same address.
+  siginfo_t late = {};
+  late.si_code = SI_TIMER;
+  late.si_timerid = -1;
+  late.si_value.sival_ptr = &second;
+  ASSERT_EQ(syscall(SYS_rt_sigqueueinfo, getpid(), SIGALRM, &late), 0);
+  usleep(0);
+  EXPECT_EQ(second.in_time, 1);
+
+  release_time_budget(&first);
+  EXPECT_FALSE(owner.has_its_action()) << "the second run still needs the handler";
+  alarm_owner::mask_alarm(SIG_BLOCK);
+  alarm_owner::send_alarm(&second);
+  release_time_budget(&second);
+  alarm_owner::mask_alarm(SIG_UNBLOCK);
+  EXPECT_TRUE(owner.has_its_action() && second.in_time == 1);
 }
 
 }  // namespace
