@@ -1,12 +1,6 @@
 # Tests that make the library's calls fail, or shorten its waiting, through functions of the test
 # executable's own. VELMARIN_FAILURE_STRIDE is for builds in which going through every single call
 # takes too long.
-# Its functions are called before a sanitizer has made itself ready.
-if(VELMARIN_SANITIZE)
-  set_source_files_properties(support/failure_injector.cpp PROPERTIES
-    COMPILE_OPTIONS -fno-sanitize=all)
-endif()
-
 function(velmarin_injection_test name)
   add_executable(${name} ${ARGN}
     support/captured_log.cpp
@@ -17,7 +11,6 @@ function(velmarin_injection_test name)
   target_link_libraries(${name} PRIVATE
     velmarin_build_flags velmarin_platform velmarin GTest::gtest GTest::gtest_main
     ${CMAKE_DL_LIBS})
-  set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON)
   set(environment)
   if(VELMARIN_SANITIZE)
     set(environment ENVIRONMENT VELMARIN_FAILURE_STRIDE=23)

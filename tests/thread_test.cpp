@@ -96,7 +96,7 @@ class Threads : public testing::Test {
  protected:
   Threads() {
     velmarin_set_log_sink([](void *, int, int, const char *, const char *) {}, nullptr);
-    set_poll_time(100'000);
+    poll_time = 100'000;
     for (int i = 0; i < 40; i++) {
       const std::string letter(1, static_cast<char>('a' + i % 6));
       const std::string name = letter + std::to_string(i);
@@ -113,14 +113,14 @@ class Threads : public testing::Test {
   }
 
   ~Threads() override {
-    EXPECT_EQ(blocks_of_library(), 0U);
+    EXPECT_EQ(library_blocks, 0);
     EXPECT_EQ(count_in("/proc/self/fd"), descriptors_);
     for (int i = 0; count_in("/proc/self/task") > threads_ && i < 5000; i++) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     EXPECT_LE(count_in("/proc/self/task"), threads_);
     EXPECT_TRUE(owner.has_its_action());
-    set_budget_time(0);
+    budget_time = 0;
     velmarin_set_log_sink(nullptr, nullptr);
   }
 
@@ -149,7 +149,7 @@ TEST_F(Threads, AScanThatIsStoppedAtAnyMomentFindsNothingUntrueAndLosesNothing) 
     const long moment = random(usual_time * 5 / 4) + 1000;
     if (round % 2 == 0) {
       s.time_budget = 1;
-      set_budget_time(moment);
+      budget_time = moment;
       s.run();
     } else {
       published_handle = nullptr;
@@ -191,7 +191,7 @@ TEST_F(Threads, AScanThatIsStoppedAtAnyMomentFindsNothingUntrueAndLosesNothing) 
 TEST_F(Threads, RunsThatStartAndEndTogetherLeaveTheFormerActionEachTime) {
   constexpr int RUNS = 8;
   for (unsigned round = rounds(25); round > 0; round--) {
-    set_budget_time(random(2) == 0 ? 0 : random(5'000'000) + 1000);
+    budget_time = random(2) == 0 ? 0 : random(5'000'000) + 1000;
     std::barrier start(RUNS);
     std::vector<scan> scans(RUNS, scan{&tree});
     std::vector<std::thread> threads;
@@ -216,12 +216,12 @@ TEST_F(Threads, RunsThatStartAndEndTogetherLeaveTheFormerActionEachTime) {
 // The budget is steered towards the end of the run: longer after a run that it stopped, shorter
 // after one that it did not.
 TEST_F(Threads, ABudgetThatIsSpentAsTheRunEndsTouchesNothing) {
-  set_poll_time(20'000);
+  poll_time = 20'000;
   long budget = 500'000;  // nanoseconds
   unsigned stopped = 0;
   const unsigned all_rounds = rounds(300);
   for (unsigned round = all_rounds; round > 0; round--) {
-    set_budget_time(std::max(1000L, budget + random(100'000) - 50'000));
+    budget_time = std::max(1000L, budget + random(100'000) - 50'000);
     scan s{&tree};
     s.time_budget = 1;
     s.run(false);
