@@ -151,6 +151,7 @@ TEST_F(Threads, RunsThatStartAndEndTogetherLeaveTheFormerActionEachTime) {
     budget_time = random(2) == 0 ? 0 : random(5'000'000) + 1000;
     std::barrier start(8);
     std::vector<std::jthread> threads;
+    threads.reserve(8);
     for (int i = 0; i < 8; i++) {
       threads.emplace_back([&, budget = random(4) == 0 ? 0U : 300U] {
         scan s{&tree, budget};
