@@ -123,10 +123,11 @@ scan *stopped_scan = nullptr;
 std::atomic<long> entries_before_stop = 0;
 
 TEST_F(Threads, AScanThatIsStoppedAtAnyMomentFindsNothingUntrueAndLosesNothing) {
+  unsigned stopped[2] = {};  // through the handle, by the budget
   for (unsigned round = rounds(60); round > 0 && !HasFailure(); round--) {
     fs::remove_all(tree.path("s"));  // so that there are digests to compute
     fs::create_directory(tree.path("s"));
-    budget_time = 1000 + random(8'000'000);
+    budget_time = 1000 + random(3'000'000);
     scan s{&tree, round % 2};
     stopped_scan = &s;
     entries_before_stop = random(FILES);
@@ -139,11 +140,15 @@ TEST_F(Threads, AScanThatIsStoppedAtAnyMomentFindsNothingUntrueAndLosesNothing) 
       };
     }
     s.run();
+    stopped[s.time_budget] += s.was_stopped ? 1 : 0;
     EXPECT_TRUE(std::ranges::includes(all, s.found));
     scan after{&tree};
     after.run();
     EXPECT_EQ(after.found, all);
   }
+  printf("stopped: %u through the handle, %u by the budget\n", stopped[0], stopped[1]);
+  EXPECT_GT(stopped[0], 0U);
+  EXPECT_GT(stopped[1], 0U);
 }
 
 TEST_F(Threads, RunsThatStartAndEndTogetherLeaveTheFormerActionEachTime) {
