@@ -6,7 +6,8 @@ velmarin=$repository/build/release/velmarin
 
 build_packages=(g++ cmake ninja-build pkg-config libssl-dev libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev)
-test_packages=(btrfs-progs dpkg-dev e2fsprogs mount python3 xfsprogs)
+test_packages=(btrfs-progs chromium chromium-driver dpkg-dev e2fsprogs mount python3 python3-selenium
+  xfsprogs)
 
 say() {
   printf '%s\n' "$*"

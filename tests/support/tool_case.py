@@ -1,145 +1,86 @@
 """What every test of the command-line tool uses: a tree of files, and runs of the tool in it."""
 
-import fcntl
 import json
 import os
 import random
 import shutil
-import struct
 import subprocess
 import sys
 import tempfile
-import termios
-import time
 import unittest
+from pathlib import Path
 
-DEADLINE = 60  # seconds within which a run, or a condition that is waited for, must come about
+import script
 
-
-def tool_path():
-    """The tool's path is the last argument of the test script."""
-    return os.path.abspath(sys.argv[-1])
+TOOL = os.path.abspath(sys.argv[-1])  # the last argument of the test script
+DEADLINE = int(os.environ.get("VELMARIN_DEADLINE", 60))  # seconds for one run of the tool
 
 
 def main():
-    """Runs the tests of the calling script."""
-    if len(sys.argv) < 2 or not os.access(tool_path(), os.X_OK):
-        sys.exit("usage: test.py [TEST]... TOOL")
-    unittest.main(argv=sys.argv[:-1])
+    script.main(sys.argv[1:-1])
 
 
-def content(variant, size):
+def content(variant, size=70000):
     """Bytes that are the same for the same variant."""
     return random.Random(variant).randbytes(size)
 
 
-def wait_until(condition):
-    """Waits for a condition that must come about."""
-    end = time.monotonic() + DEADLINE
-    while not condition():
-        if time.monotonic() > end:
-            raise AssertionError("what was waited for did not come about")
-        time.sleep(0.005)
-
-
-class BlockingLog:
-    """A pipe for the tool's standard error that takes 4 KiB: when nobody reads, the tool stands still
-    at its next log line."""
-
-    def __init__(self):
-        self.reader, self.writer = os.pipe()
-        fcntl.fcntl(self.writer, fcntl.F_SETPIPE_SZ, 4096)
-
-    def is_full(self):
-        size = struct.unpack("i", fcntl.ioctl(self.reader, termios.FIONREAD, b"\0" * 4))[0]
-        return size > 3500
-
-    def read_until(self, text):
-        """Reads up to the first occurrence of `text`."""
-        seen = b""
-        while text not in seen:
-            seen += os.read(self.reader, 64)
-
-    def drain(self, process):
-        """Lets the tool go on to its end."""
-        os.close(self.writer)
-        with os.fdopen(self.reader, "rb") as log:
-            log.read()
-        return process.wait(DEADLINE)
-
-
 class ToolCase(unittest.TestCase):
     def setUp(self):
-        self.directory = tempfile.mkdtemp(prefix="velmarin-tool-")
-        self.addCleanup(shutil.rmtree, self.directory, ignore_errors=True)
-        self.root = self.path("root")
-        os.mkdir(self.root)
-
-    def path(self, *names):
-        return os.path.join(self.directory, *names)
+        self.directory = Path(tempfile.mkdtemp(prefix="velmarin-tool-"))
+        self.addCleanup(subprocess.run, ["rm", "-rf", self.directory])  # however deep it is
+        self.root = self.directory / "root"
+        self.root.mkdir()
 
     def write(self, name, data):
         """Makes a file below the root, with the directories above it. Returns its path."""
-        path = os.path.join(os.fsencode(self.root), os.fsencode(name))
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        with open(path, "wb") as file:
-            file.write(data)
-        return os.fsdecode(path)
+        path = self.root / os.fsdecode(name)
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(data)
+        return path
 
     def mount(self, kind, place, options, source="none"):
         """Mounts until the test ends, or skips the test where that is not possible."""
-        if os.getuid() != 0:
-            self.skipTest("needs root to mount")
         command = ["mount", "-t", kind, "-o", options, source, place]
-        if subprocess.run(command, capture_output=True).returncode:
+        if os.getuid() != 0 or subprocess.run(command, capture_output=True).returncode:
             self.skipTest(f"{kind} cannot be mounted here")
-        self.addCleanup(self.unmount, place)
+        self.addCleanup(subprocess.run, ["umount", place], check=True)
 
-    def unmount(self, place):
-        if os.path.ismount(place):
-            subprocess.run(["umount", place], check=True)
-
-    def mount_image(self, kind, place, size, *make_options):
-        """Mounts a file system of its own, made in a file."""
-        image = self.path("image")
-        subprocess.run(["truncate", "-s", size, image], check=True)
+    def mount_image(self, kind, size, *make_options):
+        """Mounts a new file system, made in a file, on the root."""
+        image = self.directory / "image"
+        script.run("truncate", "-s", size, image)
         make = shutil.which("mkfs." + kind, path=os.environ["PATH"] + ":/usr/sbin:/sbin")
         if make is None:
             self.skipTest(f"needs mkfs.{kind}")
-        subprocess.run([make, "-q", *make_options, image], check=True, capture_output=True)
-        self.mount(kind, place, "loop", image)
+        script.run(make, "-q", *make_options, image)
+        self.mount(kind, self.root, "loop", image)
 
-    def environment(self, **changes):
-        return {"PATH": os.environ["PATH"], "HOME": self.path("home"), "TERM": "xterm", **changes}
+    def start(self, *arguments, before=(), **options):
+        """Starts the tool in the root, with pipes that take few lines before somebody reads."""
+        pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "pipesize": 4096}
+        variables = {"PATH": os.environ["PATH"], "HOME": str(self.directory), "TERM": "xterm"}
+        return subprocess.Popen([*before, TOOL, *arguments], cwd=self.root, bufsize=0,
+                                env=variables, **pipes | options)
 
-    def start(self, *arguments, output=None, **options):
-        """Starts the tool, with its standard output in the file `output` if one is named."""
-        options.setdefault("env", self.environment())
-        with open(self.path(output) if output else os.devnull, "wb") as file:
-            options.setdefault("stdout", file)
-            return subprocess.Popen([tool_path(), *arguments], cwd=self.directory, **options)
-
-    def run_tool(self, *arguments, status=0, **environment):
+    def run_tool(self, *arguments, status=0, **options):
         """Runs the tool to its end and checks its exit status. Returns its two outputs as text."""
-        process = self.start(*arguments, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                             env=self.environment(**environment))
-        output, errors = (os.fsdecode(text) for text in process.communicate(timeout=DEADLINE))
+        with self.start(*arguments, **options) as process:
+            output, errors = (os.fsdecode(text or b"")
+                              for text in process.communicate(timeout=DEADLINE))
         self.assertEqual(process.returncode, status, output + errors)
         return output, errors
 
-    def scan(self, *arguments, status=0):
-        """Scans the root with small files included. Returns the JSON object."""
-        output, _ = self.run_tool("scan", "--json", "--state", "state", "--min-size", "1K",
-                                  *arguments, self.root, status=status)
+    def scan(self, *arguments, min_size="1K", **options):
+        """Returns the JSON object."""
+        output, _ = self.run_tool("scan", "--json", "--state", self.directory / "state",
+                                  "--min-size", min_size, *arguments, self.root, **options)
         return json.loads(output)
 
-    def names(self, files):
-        return [os.path.relpath(file["path"], self.root) for file in files]
-
     def groups(self, report):
-        return [self.names(group["files"]) for group in report["groups"]]
+        return [[os.path.relpath(file["path"], self.root) for file in group["files"]]
+                for group in report["groups"]]
 
     def outcomes(self, report):
-        return {name: file["outcome"] for group in report["groups"]
-                for name, file in zip(self.names(group["files"]), group["files"])
-}
+        return {os.path.relpath(file["path"], self.root): file["outcome"]
+                for group in report["groups"] for file in group["files"]}
