@@ -9,13 +9,11 @@ import shlex
 import shutil
 import signal
 import subprocess
-import sys
 import tempfile
 from pathlib import Path
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "support"))
-from script import run  # noqa: E402
-from tool_case import DEADLINE, TOOL, ToolCase, content, main  # noqa: E402
+from support.script import run
+from support.tool_case import DEADLINE, TOOL, ToolCase, content, main
 
 SOURCE = Path(__file__).resolve().parents[1]
 HOSTILE = {b"line\nbreak": r"line\nbreak", b"\x1b[31mred": r"\x1b[31mred",
@@ -42,7 +40,7 @@ class CommandLine(ToolCase):
                 self.run_tool(*command.split(), stdout=full, status=1)
 
     def test_names_that_look_like_something_else_are_names(self):
-        names = ["[a,b]", "{}", "%%", "scan", "two words", '"quoted"', "--", "--json", "-x"]
+        names = ("[a,b]", "{}", "%%", "scan", "two words", '"quoted"', "--", "--json", "-x")
         output, _ = self.run_tool("info", *[self.write(name, b"").name for name in names])
         self.assertEqual(output.count(": a plain file\n"), 8)
 
@@ -75,8 +73,7 @@ class CommandLine(ToolCase):
 
         for name in "ab":
             self.write(name, content("same"))
-        self.assertEqual(on_terminal(), (True, True))
-        self.assertEqual(on_terminal("--quiet"), (False, True))
+        self.assertEqual((on_terminal(), on_terminal("--quiet")), ((True, True), (False, True)))
         self.assertEqual(on_terminal("--no-color"), (True, False))
         self.assertEqual(on_terminal(TERM="dumb"), (False, False))
         output, errors = self.run_tool("scan", ".")
@@ -85,16 +82,15 @@ class CommandLine(ToolCase):
 
 class Scan(ToolCase):
     def test_groups_hold_what_is_identical(self):
-        for name, variant, size in (
-                ("a", "twins", 70000), ("sub/b", "twins", 70000), ("other", "other", 70000),
-                ("c", "small", 9000), ("d", "small", 9000), ("e", "small", 9000),
-                ("x", "tiny", 1), ("y", "tiny", 1), ("empty", "", 0), ("empty too", "", 0)):
-            self.write(name, content(variant, size))
+        for names, size in (("a sub/b", 70000), ("c d e", 9000), ("x y", 1), ("none empty", 0)):
+            for name in names.split():
+                self.write(name, content(size, size))
+        self.write("other", content("other"))
         os.link(self.root / "c", self.root / "zz-link-of-c")
         report = self.scan("--max-depth", "1")
         self.assertEqual([len(names) for names in self.groups(report)], [3])
         self.assertEqual(report["groups"][0]["digest"],
-                         hashlib.sha256(content("small", 9000)).hexdigest())
+                         hashlib.sha256(content(9000, 9000)).hexdigest())
         status = os.stat(self.root / "d")
         self.assertIn({"path": str(self.root / "d"), "inode": status.st_ino, "status": 0,
                        "device": status.st_dev, "blocks": status.st_blocks,
@@ -170,9 +166,8 @@ class Apply(ToolCase):
 
 
 class Interrupted(ToolCase):
-    """The tool stands still while its log is not read."""
-
     def wait_for(self, process, text):
+        """Reads the log so far; the tool stands still soon after, until it is read on."""
         self.assertTrue(any(text in line for line in process.stderr), text)
 
     def test_a_signal_leaves_the_rest_untried_and_what_changed_meanwhile_is_left_alone(self):
@@ -200,8 +195,8 @@ class Interrupted(ToolCase):
             self.wait_for(process, b"missing")  # the rest of these lines holds up the walk
             process.send_signal(signal.SIGTERM)
             report = json.loads(process.communicate(timeout=DEADLINE)[0])
-        self.assertEqual((process.returncode, report["stopped"]), (0, True))
-        self.assertEqual(report["counters"]["nr_file_opened"], 0)
+        opened = report["counters"]["nr_file_opened"]
+        self.assertEqual((process.returncode, report["stopped"], opened), (0, True, 0))
         self.assertEqual(len(os.listdir(self.root / "new")), 1)
 
 
@@ -214,7 +209,6 @@ class Files(ToolCase):
                 ("dedup a b", 0, "b: shares the data of a"),
                 ("info a b", 0, "a: attached to layered", "b: deduplicated onto layered"),
                 ("dedup a other", 1, "other: cannot share the data of a: "),
-                ("dedup missing a", 1, "missing: No such file"),
                 ("freeze missing a c", 1, "missing: No such", "a: is attached", "c: frozen"),
                 ("flags missing c other", 1, "c: frozen (flags 0x2)", "other: not frozen"),
                 ("recover missing a a", 1, "a: has its own data", "a: was a plain file already"),

@@ -10,7 +10,7 @@ import tempfile
 import unittest
 from pathlib import Path
 
-import script
+from support import script
 
 TOOL = os.path.abspath(sys.argv[-1])  # the last argument of the test script
 DEADLINE = int(os.environ.get("VELMARIN_DEADLINE", 60))  # seconds for one run of the tool
