@@ -41,8 +41,7 @@ def read_modules():
     return modules
 
 
-MODULES = read_modules()
-LIBRARY, TEST = MODULES["libvelmarin"], MODULES["velmarin_device_test"]
+LIBRARY, TEST = map(read_modules().get, ("libvelmarin", "velmarin_device_test"))
 
 
 def flags_of(module):

@@ -37,8 +37,6 @@ cd "$directory/tree"
 head -c 300000 /dev/urandom >original
 head -c 300000 /dev/urandom >different
 cp --reflink=never original copy
-head -c 60000 original >small
-cp small 'small copy'
 sha256sum ./* >"$directory/digests"
 
 result=$("$executable" "$directory/state" .)

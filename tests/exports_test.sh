@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
 # exports_test.sh LIBRARY INCLUDE_DIRECTORY VERSION_SCRIPT
-# What the built library shows to the dynamic linker: the names it offers and those it leaves to the
-# host, which are not to be had from a library that it names itself.
+# The names that the built library offers, and those that it leaves to the host.
 set -euo pipefail
 
 names() {

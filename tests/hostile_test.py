@@ -3,6 +3,7 @@
 happens is said, and no file loses a byte. VELMARIN_FILES says how many files are very many."""
 
 import os
+import shutil
 import socket
 import stat
 import subprocess
@@ -42,14 +43,21 @@ class NoRoom(ToolCase):
         self.assertEqual(list(state.glob("*hsh*")), [])
         self.assertEqual(self.outcomes(self.scan("--apply")), {"a": "shared", "b": "shared"})
 
-    def test_merging_makes_room_where_there_is_none_for_data(self):
+    def test_merging_on_two_file_systems_makes_the_room_on_the_full_one_that_it_says(self):
         self.mount_image("btrfs", "128M")
-        paths = [self.write(name, SAME) for name in "abcd"]
+        data = content("large", 8 << 20)
+        names = ("a", "b", "c", "d", "../other/e", "../other/f")
+        paths = [self.write(name, data) for name in names]
         fill_up(self.root)
-        self.assertEqual(self.scan("--apply")["merged"]["files"], 3)
+        before = shutil.disk_usage(self.root).used
+        merged = self.scan("--apply", self.directory / "other")["merged"]
+        os.sync()
+        freed = before - shutil.disk_usage(self.root).used
+        self.assertEqual((merged["files"], merged["freed_bytes"]), (4, 3 * (8 << 20)))
+        self.assertAlmostEqual(freed, 3 * (8 << 20), delta=2 << 20)
         fill_up(self.root)
         self.assertIn("No space left on device", self.run_tool("revoke", *paths, status=1)[1])
-        self.assertEqual({path.read_bytes() for path in paths}, {SAME})
+        self.assertEqual({path.read_bytes() for path in paths}, {data})
 
     def test_nothing_is_lost_where_there_is_no_room_at_all(self):
         self.mount_image("btrfs", "128M", "--mixed")
@@ -86,8 +94,7 @@ class HostileTree(ToolCase):
         self.assertEqual({path.read_bytes() for path in paths}, {SAME[:2000]})
 
     def test_a_deep_tree_is_read_as_far_as_paths_reach(self):
-        """In one directory, the path of the first file has exactly the room that there is, that of
-        the second one byte more."""
+        """Somewhere, one file's path has exactly the room that there is, another's a byte more."""
         self.addCleanup(os.chdir, os.getcwd())
         os.chdir(self.root)
         for depth in range(3000):
@@ -121,12 +128,12 @@ class HostileTree(ToolCase):
         self.directory.chmod(0o777)
         if subprocess.run([*nobody, TOOL, "--version"], capture_output=True).returncode:
             self.skipTest("needs root to become another user")
-        paths = [self.write(name, SAME) for name in ("a", "b", "closed", "hidden/c")]
-        paths[2].chmod(0)
-        paths[3].parent.chmod(0)
+        for name in ("a", "b", "closed", "hidden/c"):
+            self.write(name, SAME)
+        (self.root / "closed").chmod(0)
+        (self.root / "hidden").chmod(0)
         _, errors = self.run_tool("scan", "--state", "../state", ".", status=1, before=nobody)
         self.assertRegex(errors, "2 errors during the scan: call prep for .* Permission denied")
-        self.assertEqual({path.read_bytes() for path in paths}, {SAME})
 
 
 class ShortSoak(ToolCase):

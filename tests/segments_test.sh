@@ -7,8 +7,7 @@ command -v readelf >/dev/null || { echo "cannot run here: there is no readelf" &
 
 for library in "$@"; do
   segments=0
-  # Columns: type, offset, address, physical address, size in the file, size in memory, flags (one
-  # or more words), alignment.
+  # After the physical address: size in the file and in memory, flags (some words), alignment.
   while read -r type offset address _ _ memory_size rest; do
     case $type in
       LOAD) ((++segments, ${rest##* } >= 16384 && offset % 16384 == address % 16384)) ;;

@@ -9,7 +9,6 @@ import shlex
 import shutil
 import signal
 import subprocess
-import tempfile
 from pathlib import Path
 
 from support.script import run
@@ -49,8 +48,8 @@ class CommandLine(ToolCase):
         options = {command: set(re.findall(r"(?:^  |,)(--[a-z-]+)",
                                            self.run_tool(command, "--help")[0], re.M))
                    for command in re.findall(r"^  (\w+)  ", help_text, re.M)}
-        for page in (SOURCE / "docs/velmarin.1", SOURCE / "tools/velmarin/completion/_velmarin"):
-            text = page.read_text(encoding="utf-8").replace("\\-", "-")
+        for page in ("docs/velmarin.1", "tools/velmarin/completion/_velmarin"):
+            text = (SOURCE / page).read_text(encoding="utf-8").replace("\\-", "-")
             self.assertEqual(set(re.findall(r"--[a-z][a-z-]+", text)), set.union(*options.values()))
             for command in options:
                 self.assertRegex(text, rf"\b{command}\b")
@@ -144,26 +143,6 @@ class Apply(ToolCase):
         output, _ = self.run_tool("scan", "--apply", "--min-size", "1K", ".", status=1)
         self.assertIn(f"  refused     {paths[0]} (Text file busy)\n", output)
 
-    def test_a_group_on_two_file_systems_is_merged_on_each(self):
-        with tempfile.TemporaryDirectory(prefix="velmarin-tool-", dir="/dev/shm") as other:
-            for name in ("a", "b", other + "/c", other + "/d"):
-                self.write(name, content("same"))
-            outcomes = self.outcomes(self.scan("--apply", other))
-        self.assertEqual(sorted(outcomes.values()), ["merged", "merged", "source", "source"])
-
-    def test_btrfs_gives_back_what_the_tool_says(self):
-        self.mount_image("btrfs", "400M")
-        paths = [self.write(f"{number}/{twin}", content(number, 8 << 20))
-                 for number in "ab" for twin in "012"]
-        self.run_tool("group", *paths[:2])  # one copy of the three is saved already
-        os.sync()
-        before = shutil.disk_usage(self.root).used
-        self.assertEqual(self.scan()["reclaimable_bytes"], 3 * (8 << 20))
-        self.assertEqual(self.scan("--apply")["merged"]["freed_bytes"], 3 * (8 << 20))
-        os.sync()
-        freed = before - shutil.disk_usage(self.root).used
-        self.assertAlmostEqual(freed, 3 * (8 << 20), delta=2 << 20)
-
 
 class Interrupted(ToolCase):
     def wait_for(self, process, text):
@@ -195,8 +174,8 @@ class Interrupted(ToolCase):
             self.wait_for(process, b"missing")  # the rest of these lines holds up the walk
             process.send_signal(signal.SIGTERM)
             report = json.loads(process.communicate(timeout=DEADLINE)[0])
-        opened = report["counters"]["nr_file_opened"]
-        self.assertEqual((process.returncode, report["stopped"], opened), (0, True, 0))
+        self.assertEqual((process.returncode, report["stopped"]), (0, True))
+        self.assertEqual(report["counters"]["nr_file_opened"], 0)
         self.assertEqual(len(os.listdir(self.root / "new")), 1)
 
 
@@ -217,14 +196,12 @@ class Files(ToolCase):
                 ("group a b c", 0, "c: deduplicated onto layered inode"),
                 ("copy a new", 0, "new: a new file that shares the data of a"),
                 ("copy a other", 1, "other: cannot copy a: File exists"),
-                ("copy missing none", 1, "No such file"),
                 ("copy . d", 1, "d: cannot copy .: ", "the new file is left, empty")):
             output, errors = self.run_tool(*command.split(), status=status)
             for text in expected:
                 self.assertIn(text, output + errors, command)
         for name, variant in (("a", "same"), ("new", "same"), ("other", "other")):
             self.assertEqual((self.root / name).read_bytes(), content(variant))
-        self.assertFalse((self.root / "none").exists())
 
 
 if __name__ == "__main__":
