@@ -10,6 +10,7 @@
 #include <sys/file.h>
 #include <sys/xattr.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
