@@ -16,7 +16,8 @@ inline constexpr unsigned SIS_IOC_CONNECT = 0x4004f532;
 inline constexpr unsigned SIS_IOC_DEDUP_FILE = 0x4008f533;
 
 // Issued on a deduplicated or layered file: the file gets its own data back. The argument may be
-// null or point to a 32-bit word, which is not read.
+// null or point to a 32-bit word, which is not read. On Linux a file that was never attached is
+// refused with EINVAL.
 inline constexpr unsigned SIS_IOC_REVOKE = 0x4004f534;
 
 // Fills `sis_file_info`. Fails with EOPNOTSUPP on a file system without deduplication.

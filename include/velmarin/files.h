@@ -10,24 +10,27 @@
 
 extern "C" {
 
-// Makes `file2` share the data of `file1`, which is first made a single-instance file if it is a
-// plain one. Both paths must not be null; `file1` must contain a '/'.
+// Makes `file2` share the data of `file1`, which is first attached to a new layered inode if it is
+// a plain file. Both paths must not be null; `file1` must contain a '/'.
 //
 // Returns 0 on success; -1 when `file1` has no directory part, memory is short or a file cannot be
 // opened for reading and writing; a positive errno when the file system refuses a request or the
-// temporary file. Nothing is undone: after a refused `file2`, `file1` stays a single-instance file.
+// temporary file. Nothing is undone: after a refused `file2`, `file1` stays attached to its layered
+// inode.
 VELMARIN_EXPORT int sisFileTaskImpl(const char *file1, const char *file2);
 
 // Returns nonzero when the file at `path` is attached to a layered inode (the byte as the file
-// system gave it), 0 when it is a plain file, -1 on any failure.
+// system gave it), 0 when it is a plain file, -1 on any failure. The file is opened for reading and
+// writing.
 VELMARIN_EXPORT int getSISFileInfoImpl(const char *path);
 
-// Gives the file at `path` its own data back.
+// Gives the file at `path` its own data back. The request is made whatever the state of the file.
 //
-// Returns 0 when the file is plain afterwards; -1 when it cannot be opened or queried; -2 when its
-// state byte is still 1 (also the value of a path that does not exist: minus ENOENT); another
-// nonzero state byte as it is; otherwise minus the errno of the failed path resolution or of the
-// refused request.
+// Returns 0 when the file is plain afterwards; -1 when it cannot be opened for reading and writing,
+// or not be queried afterwards; -2 when its state byte is still 1 (also the value of a path that
+// does not exist: minus ENOENT); another nonzero state byte as it is; otherwise minus the errno of
+// the failed path resolution or of the refused request (on Linux -EINVAL for a file that was never
+// attached).
 VELMARIN_EXPORT int recoverFileImpl(const char *path);
 
 // Sets the coincide flag of the plain file at `path`, if the file's modification time is the given
@@ -41,37 +44,43 @@ VELMARIN_EXPORT int recoverFileImpl(const char *path);
 VELMARIN_EXPORT int setCheckFlagImpl(const char *path, long mtime_sec, long mtime_nsec);
 
 // Returns the flag word of the file at `path` (bit SIS_FLAG_COINCIDE is the coincide flag); -1 when
-// `path` is null or cannot be opened; minus errno when it cannot be resolved or queried.
+// `path` is null or cannot be opened for reading and writing; minus errno when it cannot be
+// resolved or queried.
 VELMARIN_EXPORT int getCoincideFlagImpl(const char *path);
 
 // Makes a group of files of identical content share one new layered inode, made from `paths[0]`.
 // All files are opened before anything is changed.
 //
-//   paths  `count` paths
+//   paths  `count` paths, none of them null; only read
 //   count  at least 1
 //
 // Returns 0 when every file shares the layered inode; EINVAL for a count below 1; the errno of the
-// first failure before the layered inode exists (nothing has changed then); afterwards the errno of
-// the last file that was refused, while the others have been deduplicated.
+// first failure before the layered inode exists (nothing has changed then), ENOMEM among them;
+// afterwards the errno of the last file that was refused, while the others have been deduplicated.
 VELMARIN_EXPORT int sis_them_all(char **paths, int count);
 
-// Makes a layered inode from the file at `path` and attaches the file to it.
+// Makes a layered inode from the file at `path` and attaches the file to it. On Linux a file that
+// is attached to another one already leaves that one, which the other files keep.
 //
-// Returns the file's open descriptor, which the caller owns: it is the `src_fd` of `dedup_file` and
-// is to be closed when the group is done. Returns -1 on failure.
+// Returns the file's descriptor, open for reading and writing, which the caller owns: it is the
+// `src_fd` of `dedup_file` and is to be closed when the group is done. Returns -1 on failure; only
+// the log says why.
 VELMARIN_EXPORT int create_layer(const char *path);
 
-// Deduplicates the file at `path` onto the layered inode to which `src_fd` is attached. `src_fd`
-// stays open. Returns 0 or a positive errno; a refused file keeps its own data.
+// Deduplicates the file at `path` onto the layered inode to which the file of `src_fd` is attached.
+// `src_fd` is open for reading, belongs to the caller and stays open. Returns 0 or a positive
+// errno; a refused file keeps its own data.
 VELMARIN_EXPORT int dedup_file(const char *path, int src_fd);
 
-// Creates `dst` as a new file that shares the data of `src`. Returns 0 or a positive errno: EEXIST
-// when `dst` exists, which is then left untouched. When the file system refuses the copy, the new
-// `dst` stays, empty.
+// Creates `dst` as a new file, of mode 0644 less the umask, that shares the data of `src`. Returns
+// 0 or a positive errno: EEXIST when `dst` exists, which is then left untouched. When the file
+// system refuses the copy, the new `dst` stays, empty.
 VELMARIN_EXPORT int reflink_copy(const char *src, const char *dst);
 
 // Detaches the file at `path` from its layered inode, so that it holds its own data again. Returns
-// 0; 1 when the file is not attached (nothing is done then); otherwise a positive errno.
+// 0; 1 when the file is not attached, and nothing is done then (1 is EPERM, too); otherwise a
+// positive errno. On Linux a file that was written to since it was attached counts as not attached,
+// though it may still share the rest of its data: `recoverFileImpl` gives it data of its own.
 VELMARIN_EXPORT int revoke_file(const char *path);
 
 // The four status probes, made for the slots of `sis_ops`. `fd` is open on the file, `status` is

@@ -10,7 +10,9 @@
 
 namespace velmarin {
 
-// Records of the scan engine, opaque to a host.
+// Records of the scan engine. An ordinary host never has one: the functions that take them serve
+// hosts that lay out a context themselves, as src/fbddp/scan_context.h and file_index.h describe
+// it.
 struct sis_context;
 struct hash_entry;
 struct dentry;
@@ -82,7 +84,8 @@ VELMARIN_EXPORT void free_entry(velmarin::sis_context *ctx, velmarin::dentry *d)
 VELMARIN_EXPORT int64_t load_usable_hash(velmarin::sis_context *ctx, const char *save_dir);
 
 // Writes one record for every file of `ctx` that has a digest to its digest file in `save_dir`.
-// Returns the number of records written; after a failure the file has been removed.
+// Returns the number of records written, also when a failure ended the writing: the file has been
+// removed then.
 VELMARIN_EXPORT int64_t save_usable_hash(velmarin::sis_context *ctx, const char *save_dir);
 
 // The suffix of digest files: one element, ".hsh".

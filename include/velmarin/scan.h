@@ -28,7 +28,7 @@ enum sis_report_stage : uint32_t {
   REPORT_END = 2,         // the last call: the run's counters, see `sis_report`
 };
 
-// Results of the report callback besides 0 (go on).
+// What the results of the report callback do; any result that is not named here goes on, as 0 does.
 //   REPORT_BEGIN, REPORT_COMPRESSED: any result but 0 ends the report.
 //   REPORT_GROUP: REPORT_SKIP leaves out the rest of the group (its REPORT_GROUP_END still comes),
 //     REPORT_STOP ends the report.
@@ -64,18 +64,24 @@ using sis_entry_callback = int (*)(int fd, const struct stat *status, const char
 using sis_freeze_callback = int (*)(int fd, const char *path);
 using sis_report_callback = int (*)(uint64_t caller_data, sis_report *record);
 
-// The callbacks of a scan. Any slot may be null and is then never called. Slots 0 to 3 are called
-// by several worker threads at once; `report` only by the thread that runs the scan.
+// The callbacks of a scan. Any slot may be null and is then never called. The first four are called
+// by several worker threads at once and are given no data of the host; `report` is called by the
+// thread that runs the scan. All of them must return, there is no limit on their time.
+//
+// `fd` is open on the entry for reading, `path` is its full path and `status` its fstat. All three
+// belong to the scan, for the length of the call; a callback leaves the position of `fd` as it is.
 struct sis_ops {
   // Called for every directory and regular file that the walk opens, unless it is to be skipped. A
   // negative result leaves the entry out; a positive one admits a file whatever its size.
   sis_entry_callback filter;
-  // Called for every candidate file; the result is reported as its status.
+  // Called for every candidate file; the result is reported as its status and must fit 16 bits.
+  // Without it the status is 0. Files with SIS_STATUS_COMPRESSED are listed as compressed, also
+  // those that belong to a group.
   sis_entry_callback get_status;
   // Called before a file is read for its digest; anything but 0 (an errno) leaves the file out.
   // `prep` and `verify` are used only when both are set; otherwise modification times are compared.
   sis_freeze_callback prep;
-  // Called after the file was read; anything but 0 means that it changed.
+  // Called after the file was read; anything but 0 means that it changed, which leaves it out.
   sis_freeze_callback verify;
   // Receives the report; without it there is none.
   sis_report_callback report;
@@ -89,7 +95,7 @@ struct sis_scan_request {
   int32_t skip_count;       // number of skip paths
   const char **roots;       // directories to scan, in order; the order also names the digest file
   const char **skip_paths;  // files and directories to leave out; may be null
-  const char *save_dir;     // existing directory in which the digest file is kept
+  const char *save_dir;     // existing directory of the digest file, at most 4026 characters
   int64_t size_hint;        // bytes; above 0x10000000 only files from 1 MiB on are candidates,
                             // otherwise files from 64 KiB on
 };
@@ -120,7 +126,8 @@ VELMARIN_EXPORT int startScanDirImpl(const velmarin::sis_scan_request *request,
 //                           links are not followed; an unusable path is logged and ignored.
 //   save_dir                existing directory of the digest file, at most 4026 characters
 //   min_size                smallest candidate in bytes; 0 for no minimum
-//   max_depth               directories at this depth below a root are not read; 0 for no limit
+//   max_depth               directories at this depth below a root are not read; 1 to 2047, any
+//                           other value for no limit
 //   reserved                not read
 //   time_budget             seconds after which the scan stops early; 0 for no limit. While a scan
 //                           with a budget runs, it owns the process's SIGALRM action, and SIGALRM
@@ -129,7 +136,8 @@ VELMARIN_EXPORT int startScanDirImpl(const velmarin::sis_scan_request *request,
 //   ops                     callbacks; must stay valid during the call
 //   caller_data             handed unchanged to `ops->report`
 //   stop_handle             receives a pointer for `signal_no_time`, valid until this call returns;
-//                           may be null
+//                           may be null. It is written before the workers are started: a callback
+//                           can hand it to other threads.
 //
 // A scan that is stopped early keeps the digests it computed and reports the groups it found.
 // Returns 0 when the scan reached its report (also when it was stopped, or when digests could not
