@@ -6,6 +6,7 @@
 #include <sys/xattr.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "sisfs.h"
 
@@ -22,6 +23,13 @@ struct coincide_record {
 };
 static_assert(sizeof(coincide_record) == 48);
 
+bool has_record(int fd, const coincide_record &wanted) {
+  coincide_record present;
+  return fgetxattr(fd, COINCIDE_ATTRIBUTE, &present, sizeof(present)) == sizeof(present) &&
+         memcmp(&present, &wanted, sizeof(present)) == 0;
+}
+
+// A file that is frozen already is not written to again: that costs many times as much as a look.
 int set_flags(int fd, uint32_t flags) {
   file_status status;
   const int error = stat_settled(fd, &status);
@@ -29,6 +37,9 @@ int set_flags(int fd, uint32_t flags) {
     return error;
   }
   coincide_record record = {COINCIDE_VERSION, flags, status.stamp};
+  if (has_record(fd, record)) {
+    return 0;
+  }
   return write_stamped(fd, COINCIDE_ATTRIBUTE, &record, sizeof(record), &record.file);
 }
 
