@@ -61,10 +61,10 @@ def main():
               "memory": [(row["entries"], row["memory"] / 1024) for row in rows]}
     time = Panel(0, "Seconds", series["wall"] + series["processor"])
     memory = Panel(WIDTH, "MiB at most", series["memory"])
-    parts = [f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {2 * WIDTH} {HEIGHT}">',
+    parts = [f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {2 * WIDTH + 20} {HEIGHT}">',
              "<style>text{font:11px sans-serif}.title{font-weight:bold}"
              ".grid{stroke:#ddd;fill:none}</style>",
-             f'<rect width="{2 * WIDTH}" height="{HEIGHT}" fill="white"/>',
+             f'<rect width="{2 * WIDTH + 20}" height="{HEIGHT}" fill="white"/>',
              *time.axes(), *time.line("wall", "elapsed", series["wall"]),
              *time.line("processor", "processor", series["processor"]),
              *memory.axes(), *memory.line("memory", "resident", series["memory"]), "</svg>"]
