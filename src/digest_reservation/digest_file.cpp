@@ -35,7 +35,7 @@ struct digest_path {
   size_t name_room() const { return PATH_BUF_SIZE - name_start; }
 };
 
-// Forms the part up to the '/'. Returns whether that worked.
+// Forms what is up to the '/'. Returns whether that worked.
 bool form_directory(digest_path *path, const char *save_dir) {
   *path = {};
   const auto length = static_cast<int32_t>(strlen(save_dir));

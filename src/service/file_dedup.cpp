@@ -33,7 +33,7 @@ struct file_pair {
   unique_fd second;
 };
 
-// Leaves the part of `path` up to and including its last '/'. Returns 0 or -1.
+// Leaves of `path` what is up to and including its last '/'. Returns 0 or -1.
 int copy_directory(const char *path, heap_text *directory) {
   const char *separator = strrchr(path, '/');
   if (separator == nullptr) {

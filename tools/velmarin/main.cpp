@@ -1,4 +1,4 @@
-// The command-line host of the library: plays for people at a shell the part that a daemon plays on
+// The command-line host of the library: does for people at a shell what a daemon does on
 // a device.
 #include <cstdio>
 #include <exception>
