@@ -101,5 +101,4 @@ class Syntax(unittest.TestCase):
             self.compile(LIBRARY, clang, headers)
 
 
-if __name__ == "__main__":
-    main(sys.argv[4:])
+main(sys.argv[4:])

@@ -1,12 +1,12 @@
-#!/usr/bin/env python3
 """The page of `scan --html` in a browser: it loads, sorts and maps, and no name of a file does
 anything in it."""
 
 import json
 import os
+import sys
 import unittest
 
-from support.tool_case import ToolCase, content, main
+from support.script import ToolCase, content, main
 
 try:
     from selenium import webdriver
@@ -17,8 +17,7 @@ except ImportError:
 
 CHROMIUM, DRIVER = "/usr/bin/chromium", "/usr/bin/chromedriver"
 SWITCHES = ("--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-            "--disable-background-networking", "--disable-component-update", "--disable-sync",
-            "--disable-dev-shm-usage", "--window-size=1200,900")
+            "--disable-background-networking", "--disable-dev-shm-usage")
 HOSTILE = ["<script>document.title='owned'<", "<img src=x onerror=document.title='owned'>",
            "\"><b class=owned>", "__proto__", "]]>-->", "&lt;entity&gt;", "@REPORT_DATA@",
            "$& $1", "new\nline", "turn\u202eed", "quote\\\"s"]
@@ -95,5 +94,4 @@ class HtmlReport(ToolCase):
         self.assertEqual(self.texts("script, img, .owned")[2:], [])  # its own two scripts
 
 
-if __name__ == "__main__":
-    main()
+main(sys.argv[1:-1])

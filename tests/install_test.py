@@ -7,11 +7,10 @@ import os
 import re
 import shutil
 import sys
-import tempfile
 import unittest
 from pathlib import Path
 
-from support.script import main, run
+from support.script import TreeCase, content, main, run
 
 BUILD, SOURCE, COMPILER = (os.path.abspath(path) for path in sys.argv[1:4])
 CACHE = Path(BUILD, "CMakeCache.txt").read_text(encoding="utf-8")
@@ -34,38 +33,63 @@ PACKAGES = {
 }
 
 
-class Installed(unittest.TestCase):
-    def setUp(self):
-        self.directory = tempfile.mkdtemp(prefix="velmarin-install-")
-        self.addCleanup(shutil.rmtree, self.directory)
+class Host(TreeCase):
+    def run_host(self, host, **options):
+        """The example host merges two of three files, and reads none of them again."""
+        data = {"copy": content("same", 300000), "different": content("other", 300000),
+                "original": content("same", 300000)}
+        paths = [self.write(name, data[name]) for name in data]
+        state = self.directory / (os.path.basename(host) + "-state")
+        state.mkdir()
+        self.assertEqual(run(host, state, self.root, **options),
+                         "3 candidates, 3 read\n1 merged, 0 refused\n")
+        self.assertIn("3 candidates, 0 read\n", run(host, state, self.root, **options))
+        self.assertEqual([path.read_bytes() for path in paths], list(data.values()))
+        return paths
 
+
+class Example(Host):
+    def test_files_share_their_extents_after_a_run_on_btrfs(self):
+        self.mount_btrfs("256M")
+        paths = self.run_host(BUILD + "/merge_duplicates")
+        os.sync()
+        copy, different, original = (
+            re.findall(r"^ *\d+:.*?: +(\d+\.\. +\d+):", run("filefrag", "-v", path), re.M)
+            for path in paths)
+        self.assertTrue(original)
+        self.assertEqual(copy, original)
+        self.assertNotEqual(different, original)
+
+
+class Installed(Host):
     def build_by_pkg_config(self, root):
         """Builds the example host against an installation, runs it and the tool."""
         environment = dict(os.environ, PKG_CONFIG_PATH=f"{root}/{LIBRARIES}/pkgconfig",
                            LD_LIBRARY_PATH=f"{root}/{LIBRARIES}")
         flags = run("pkg-config", "--cflags", "--libs", "velmarin", env=environment).split()
-        run(COMPILER, "-std=c++20", EXAMPLE, "-o", self.directory + "/host", *flags)
-        needed = re.findall(r"NEEDED.*\[(\w+)", run("readelf", "-dW", self.directory + "/host"))
+        host = self.directory / "host-by-pkg-config"
+        run(COMPILER, "-std=c++20", EXAMPLE, "-o", host, *flags)
+        needed = re.findall(r"NEEDED.*\[(\w+)", run("readelf", "-dW", host))
         self.assertLess(needed.index("libvelmarin_platform"), needed.index("libc"))
-        run(SOURCE + "/tests/example_test.sh", self.directory + "/host", "here", env=environment)
-        self.assertEqual(run(root + "/bin/velmarin", "--version"), f"velmarin {VERSION}\n")
+        self.run_host(host, env=environment)
+        self.assertEqual(run(root / "bin/velmarin", "--version"), f"velmarin {VERSION}\n")
 
 
 class Installation(Installed):
     def test_a_host_is_built_against_an_installation_that_was_moved(self):
-        root = self.directory + "/moved"
-        run("cmake", "--install", BUILD, "--prefix", self.directory + "/first")
-        os.rename(self.directory + "/first", root)
+        root = self.directory / "moved"
+        run("cmake", "--install", BUILD, "--prefix", self.directory / "first")
+        os.rename(self.directory / "first", root)
         self.build_by_pkg_config(root)
-        Path(self.directory, "CMakeLists.txt").write_text(PROJECT, encoding="utf-8")
-        build = self.directory + "/build"
+        (self.directory / "CMakeLists.txt").write_text(PROJECT, encoding="utf-8")
+        build = self.directory / "build"
         run("cmake", "-G", "Ninja", "-S", self.directory, "-B", build,
-            "-DCMAKE_CXX_COMPILER=" + COMPILER, "-DCMAKE_PREFIX_PATH=" + root)
+            "-DCMAKE_CXX_COMPILER=" + COMPILER, "-DCMAKE_PREFIX_PATH=" + str(root))
         run("cmake", "--build", build)
-        run(SOURCE + "/tests/example_test.sh", build + "/host", "here")
-        for header in Path(root, "include").glob("*/*.h"):  # each stands alone
+        self.run_host(build / "host")
+        for header in (root / "include").glob("*/*.h"):  # each stands alone
             run(COMPILER, "-std=c++20", "-Wall", "-Werror", "-fsyntax-only", "-x", "c++",
-                "-I", root + "/include", "-include", header, os.devnull)
+                "-I", root / "include", "-include", header, os.devnull)
 
 
 class Packages(Installed):
@@ -73,16 +97,15 @@ class Packages(Installed):
     def test_debian_packages_hold_each_their_part_and_work_together(self):
         run("cpack", "--config", BUILD + "/CPackConfig.cmake", "-B", self.directory)
         for name, (dependency, count, *expected) in PACKAGES.items():
-            package, = Path(self.directory).glob(name + "_*.deb")
+            package, = self.directory.glob(name + "_*.deb")
             listed = re.findall(r" \./(\S*[^/\s])(?: -> \S+)?$",
                                 run("dpkg-deb", "--contents", package), re.M)
             self.assertEqual(len(listed), count, listed)
             for ending in expected:
                 self.assertTrue(any(path.endswith(ending) for path in listed), ending)
             self.assertIn(dependency, run("dpkg-deb", "--field", package, "Depends"))
-            run("dpkg-deb", "--extract", package, self.directory + "/root")
-        self.build_by_pkg_config(self.directory + "/root/usr")
+            run("dpkg-deb", "--extract", package, self.directory / "packages")
+        self.build_by_pkg_config(self.directory / "packages/usr")
 
 
-if __name__ == "__main__":
-    main(sys.argv[4:])
+main(sys.argv[4:])
