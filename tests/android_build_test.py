@@ -2,10 +2,9 @@
 
     android_build_test.py BUILD_DIRECTORY SOURCE_DIRECTORY COMPILER [CLASS]
 
-The sources compile with its include directories and, beyond the C and C++ libraries and libcrypto,
-with nothing but <android/log.h> and <bounds_checked.h>, clang's Android target included. What needs
-a platform tree is not shown: that its build system accepts the file, and that the sources compile
-against a device's own C and C++ libraries, whose place those of GNU/Linux take here.
+Beyond the C and C++ libraries and libcrypto, the sources need nothing but <android/log.h> and
+<bounds_checked.h>. What needs a platform tree is not shown: that its build system accepts the file,
+and that the sources compile against a device's own libraries; those of GNU/Linux take their place.
 """
 
 import json

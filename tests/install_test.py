@@ -1,4 +1,5 @@
-"""What `cmake --install` and `cpack` hand to a user: files, a host built against them, packages.
+"""The example host, and what `cmake --install` and `cpack` hand to a user, with that host built
+against it.
 
     install_test.py BUILD_DIRECTORY SOURCE_DIRECTORY COMPILER [CLASS]
 """

@@ -111,13 +111,11 @@ class Scan(ToolCase):
 
 
 class Apply(ToolCase):
-    def test_identical_files_are_merged_and_read_once(self):
+    def test_identical_files_are_merged_and_join_those_that_were(self):
         paths = [self.write(name, content("same")) for name in ("a", "c", "sub/b")]
         before = self.identities()
-        self.assertEqual(self.scan()["counters"]["nr_hashed"], 3)
         report = self.scan("--apply")
         self.assertEqual(self.outcomes(report), {"a": "source", "c": "merged", "sub/b": "merged"})
-        self.assertEqual(report["counters"]["nr_hashed"], 0)
         self.assertEqual((report["merged"]["files"], report["merged"]["refused"]), (2, 0))
         self.assertEqual(self.identities(), before)
         self.assertEqual({path.read_bytes() for path in paths}, {content("same")})
