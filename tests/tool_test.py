@@ -142,18 +142,18 @@ class Apply(ToolCase):
 
 
 class Interrupted(ToolCase):
-    def test_a_signal_leaves_the_rest_untried_and_what_changed_meanwhile_is_left_alone(self):
-        def wait_for(text):
-            """Reads the log so far; the tool stands still soon after, until it is read on."""
-            self.assertTrue(any(text in line for line in process.stderr), text)
+    def wait_for(self, process, text):
+        """Reads the log so far; the tool stands still soon after, until it is read on."""
+        self.assertTrue(any(text in line for line in process.stderr), text)
 
+    def test_a_signal_leaves_the_rest_untried_and_what_changed_meanwhile_is_left_alone(self):
         for number in range(90):  # the largest pair is merged first
             for twin in "ab":
                 self.write(f"{number:02}{twin}", content(number, 200000 - 1000 * number))
         with self.start("scan", "--apply", "--json", "--verbose", ".") as process:
-            wait_for(b"done deduplication")
+            self.wait_for(process, b"done deduplication")
             changed = [self.write(name, b"something else") for name in ("40b", "41a")]
-            wait_for(b"45b")
+            self.wait_for(process, b"45b")
             process.send_signal(signal.SIGINT)
             report = json.loads(process.communicate(timeout=DEADLINE)[0])
         outcomes = self.outcomes(report)
@@ -163,6 +163,17 @@ class Interrupted(ToolCase):
         self.assertEqual((process.returncode, report["stopped"], report["merged"]["not_tried"]),
                          (1, True, list(outcomes.values()).count("not tried")))
         self.assertEqual({path.read_bytes() for path in changed}, {b"something else"})
+
+    def test_a_signal_while_walking_ends_the_walk_and_digests_are_saved(self):
+        self.write("a", content("same"))
+        skips = [word for number in range(100) for word in ("--skip", f"missing{number}")]
+        with self.start("scan", "--json", "--verbose", "--state", "new", *skips, ".") as process:
+            self.wait_for(process, b"missing")  # the rest of these lines holds up the walk
+            process.send_signal(signal.SIGTERM)
+            report = json.loads(process.communicate(timeout=DEADLINE)[0])
+        self.assertEqual((process.returncode, report["stopped"]), (0, True))
+        self.assertEqual(report["counters"]["nr_file_opened"], 0)
+        self.assertEqual(len(os.listdir(self.root / "new")), 1)
 
 
 class Files(ToolCase):
