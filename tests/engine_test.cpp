@@ -201,6 +201,9 @@ TEST(TimeBudget, ASignalStopsOnlyTheLiveRunItNamesAndNeverReachesTheFormerAction
 
   release_time_budget(&first);
   EXPECT_FALSE(owner.has_its_action()) << "the second run still needs the handler";
+  first.in_time = 1;
+  alarm_owner::send_alarm(&first);
+  EXPECT_EQ(first.in_time, 1) << "the run is over";
   alarm_owner::mask_alarm(SIG_BLOCK);
   alarm_owner::send_alarm(&second);
   release_time_budget(&second);

@@ -10,14 +10,11 @@
 #include <sys/file.h>
 #include <sys/xattr.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
 #include <future>
 #include <map>
-#include <set>
-#include <thread>
 
 #include "fbddp/dentry.h"
 #include "fbddp/file_index.h"
@@ -25,8 +22,8 @@
 #include "support/captured_log.h"
 #include "support/failure_injector.h"
 #include "support/temporary_tree.h"
+#include "support/test_scan.h"
 #include "velmarin/files.h"
-#include "velmarin/scan.h"
 
 namespace {
 
@@ -79,40 +76,39 @@ bool has_part(const lines &messages, const std::string &part) {
 // the larger ones is compared by the scans.
 std::map<std::string, std::string> files_of(const temporary_tree &tree) {
   std::map<std::string, std::string> files;
-  for (const auto &entry : fs::recursive_directory_iterator(tree.path("t"))) {
-    const std::string name = entry.path().lexically_relative(tree.root());
-    const struct stat status = tree.status(name);
-    files[name] = std::to_string(status.st_size) + " " + std::to_string(status.st_mtim.tv_sec) +
-                  "." + std::to_string(status.st_mtim.tv_nsec) + " " +
-                  (S_ISREG(status.st_mode) && status.st_size == 5000 ? tree.read(name) : "");
+  for (const auto &entry : fs::recursive_directory_iterator("t")) {
+    const std::string name = entry.path();
+    const uintmax_t size = entry.is_regular_file() ? entry.file_size() : 0;
+    const auto time = entry.last_write_time().time_since_epoch().count();
+    files[name] = std::to_string(size) + " " + std::to_string(time) + " " +
+                  (size == 5000 ? tree.read(name) : "");
   }
   return files;
 }
 
-std::set<int> open_descriptors() {
-  std::set<int> found;
-  for (int fd = 0; fd < 256; fd++) {
-    if (fcntl(fd, F_GETFD) >= 0) {
-      found.insert(fd);
+void close_digest_files() {
+  for (int fd = 3; fd < 256; fd++) {
+    std::error_code not_open;
+    const fs::path file = fs::read_symlink("/proc/self/fd/" + std::to_string(fd), not_open);
+    if (file.extension() == ".hsh") {
+      ::close(fd);
     }
   }
-  return found;
-}
-
-std::ptrdiff_t thread_count() {
-  return std::distance(fs::directory_iterator("/proc/self/task"), {});
 }
 
 // What must be as it was when an operation is over.
 struct state {
   std::map<std::string, std::string> files;
-  std::set<int> descriptors = open_descriptors();
-  std::ptrdiff_t threads = thread_count();
+  std::ptrdiff_t descriptors = count_in("/proc/self/fd");
+  std::ptrdiff_t threads = count_in("/proc/self/task");
 };
 
 class Failure : public testing::Test {
  protected:
-  Failure() { fs::resize_file(tree.path("t/sparse"), 70000); }
+  Failure() {
+    fs::current_path(tree.root());
+    fs::resize_file("t/sparse", 70000);
+  }
 
   void expect(const char *name, const std::function<void()> &prepare, int result,
               const std::vector<answer> &answers, const std::function<int()> &run) const {
@@ -199,79 +195,58 @@ class Failure : public testing::Test {
   void expect_unchanged(const state &before, const lines &unusual) const {
     EXPECT_TRUE(files_of(tree) == before.files);
     EXPECT_EQ(library_blocks, 0);
-    const bool may_stay =
-        has_part(unusual, "Cannot unlock") || has_part(unusual, "fail to copy string");
-    for (const int fd : open_descriptors()) {
-      if (!before.descriptors.contains(fd)) {
-        const std::string name = fs::read_symlink("/proc/self/fd/" + std::to_string(fd));
-        EXPECT_TRUE(may_stay && name.ends_with(".hsh")) << "left open: " << name;
-        ::close(fd);
-      }
+    if (has_part(unusual, "Cannot unlock") || has_part(unusual, "fail to copy string")) {
+      close_digest_files();
     }
-    for (const auto &entry : fs::directory_iterator(save_dir)) {
+    EXPECT_EQ(count_in("/proc/self/fd"), before.descriptors);
+    for (const auto &entry : fs::directory_iterator("s")) {
       const int fd = ::open(entry.path().c_str(), O_RDONLY);
       EXPECT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0) << "left locked";
       ::close(fd);
     }
-    for (int i = 0; thread_count() > before.threads && i < 5000; i++) {  // a joined one may linger
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    while (count_in("/proc/self/task") > before.threads) {  // a joined one may linger
+      std::this_thread::yield();
     }
-    EXPECT_LE(thread_count(), before.threads);
   }
 
-  int scan() {
-    found_.clear();
-    const std::string paths[] = {tree.path("t"), tree.path("t/skip"), tree.path("t/a3")};
-    const char *texts[] = {paths[0].c_str(), paths[1].c_str(), paths[2].c_str()};
-    const sis_scan_request request = {1, 2, texts, texts + 1, save_dir.c_str(), 0};
-    return startScanDirImpl(&request, reinterpret_cast<uint64_t>(this), receive);
+  static int scan_tree() {
+    scan s = {.skips = {"t/skip", "t/a3"}};
+    const int result = s.request();
+    EXPECT_TRUE(s.found_parts_of({{"t/a1", "t/a3", "t/d/a2", "t/skip/a4"}, {"t/b1", "t/d/b2"}}));
+    return result;
   }
 
-  // A path that could not be built is empty.
-  static int receive(uint64_t caller_data, sis_report *record) {
-    auto *self = reinterpret_cast<Failure *>(caller_data);
-    if (record->stage == REPORT_GROUP) {
-      self->group_.clear();
-    }
-    if ((record->stage == REPORT_GROUP || record->stage == REPORT_FILE) && *record->path != '\0') {
-      const std::string name = fs::path(record->path).filename();
-      self->found_.insert(name);
-      self->group_ += name[0];
-      EXPECT_EQ(name[0], self->group_[0]) << "not identical";
-    }
-    return 0;
-  }
-
-  void expect_good_scan() {
+  static void expect_good_scan() {
     workers_allowed = 3;
     const captured_log log;
-    EXPECT_EQ(scan(), 0);
-    EXPECT_EQ(found_, (std::set<std::string>{"a1", "a2", "b1", "b2"}));
+    scan s = {.skips = {"t/skip", "t/a3"}};
+    EXPECT_EQ(s.request(), 0);
+    EXPECT_EQ(s.found, (groups{{"t/a1", "t/d/a2"}, {"t/b1", "t/d/b2"}}));
   }
 
   // Every scan finds the digest file of one before which two files had another time.
   void keep_stale_digests() {
     expect_good_scan();
-    fs::copy(save_dir, tree.path("kept"));
+    fs::copy("s", "kept");
     for (const char *changed : {"t/a1", "t/d/b2"}) {
       const struct timespec mtime = tree.status(changed).st_mtim;
       tree.set_mtime(changed, mtime.tv_sec, mtime.tv_nsec ^ 1);
     }
   }
 
-  operation scan_operation(const char *name, int workers) {
-    const auto prepare = [this, workers] {
-      fs::remove_all(save_dir);
-      fs::copy(tree.path("kept"), save_dir);
+  static operation scan_operation(const char *name, int workers) {
+    const auto prepare = [workers] {
+      fs::remove_all("s");
+      fs::copy("kept", "s");
       workers_allowed = workers;
     };
     const std::vector<answer> answers = {
         {{malloc, calloc, memcpy_s, snprintf_s}, {1}},
         {{memset_s, pthread_mutex_init, pthread_cond_init, pthread_spin_init}, {1}, SILENT},
         {{library_call::access}, {EIO}}};
-    operation tried = {name, prepare, [this] { return scan(); }, 0, answers};
+    operation tried = {name, prepare, scan_tree, 0, answers};
     tried.may_go_on = true;
-    tried.afterwards = [this] { expect_good_scan(); };
+    tried.afterwards = expect_good_scan;
     return tried;
   }
 
@@ -280,71 +255,63 @@ class Failure : public testing::Test {
       "t/a1=a*65536 t/d/a2=a*65536 t/a3=a*65536 t/skip/a4=a*65536 t/e1=e*65536 t/sparse= "
       "t/b1=b*1048576 t/d/b2=b*1048576 t/c1=c*1048576 t/x1=x*5000 t/x2=x*5000 t/x3=x*5000 "
       "s/ kept/"};
-  const std::string save_dir = tree.path("s");
-
- private:
-  std::set<std::string> found_;
-  std::string group_;  // the first letters of the group that is being reported
 };
 
 TEST_F(Failure, OfACallOfAnOperationOnFilesIsAnsweredAsStated) {
-  std::string a = tree.path("t/x1");
-  std::string b = tree.path("t/x2");
-  std::string c = tree.path("t/x3");
-  if (setxattr(a.c_str(), "user.velmarin.probe", "1", 1, 0) != 0) {
+  static char a[] = "t/x1", b[] = "t/x2", c[] = "t/x3";
+  static char *group[] = {a, b, c};
+  if (setxattr(a, "user.velmarin.probe", "1", 1, 0) != 0) {
     GTEST_SKIP() << "no user attributes in the temporary directory";  // where state is kept
   }
-  const int fd = ::open(a.c_str(), O_RDWR);
-  const auto separate = [&] {
-    for (const std::string &path : {a, b, c}) {
-      EXPECT_LE(revoke_file(path.c_str()), 1);
+  const int fd = ::open(a, O_RDWR);
+  struct stat full = tree.status(a);
+  struct stat sparse = full;
+  sparse.st_blocks = 0;
+  const auto separate = [] {
+    for (const char *path : group) {
+      EXPECT_LE(revoke_file(path), 1);
     }
-    fs::remove(tree.path("copy"));
+    fs::remove("copy");
   };
   const auto attach = [&] {  // `a` and `b` to one layered inode
     separate();
-    EXPECT_EQ(sisFileTaskImpl(a.c_str(), b.c_str()), 0);
+    EXPECT_EQ(sisFileTaskImpl(a, b), 0);
   };
-
-  const auto share = [&] { return sisFileTaskImpl(a.c_str(), c.c_str()); };
-  std::vector<answer> answers = {
+  const auto share = [] { return sisFileTaskImpl(a, c); };
+  const std::vector<answer> share_answers = {
       {{malloc, memcpy_s}, {-1}}, {{open}, {-1, -1, EIO}}, {{ioctl}, {EIO}}};
-  expect("sisFileTaskImpl on a plain file", separate, 0, answers, share);
-  expect("sisFileTaskImpl on an attached file", attach, 0, answers, share);
-  expect("getSISFileInfoImpl", attach, 1, {{{realpath, open, ioctl}, {-1}}},
-         [&] { return getSISFileInfoImpl(b.c_str()); });
-  answers = {{{realpath}, {-EIO, -1}}, {{open}, {-1}}, {{ioctl}, {-EIO, -1}, SILENT}};
-  expect("recoverFileImpl", attach, 0, answers, [&] { return recoverFileImpl(b.c_str()); });
-  const timespec mtime = tree.status("t/x1").st_mtim;
-  expect("setCheckFlagImpl", separate, 0, {{{realpath, open, lstat}, {-1}}, {{ioctl}, {-1, -EIO}}},
-         [&] { return setCheckFlagImpl(a.c_str(), mtime.tv_sec, mtime.tv_nsec); });
-  expect("getCoincideFlagImpl", separate, 2, {{{realpath, ioctl}, {-EIO}}, {{open}, {-1}}},
-         [&] { return getCoincideFlagImpl(a.c_str()); });
+  const std::vector<answer> errnos = {{{open, fstat, realpath, ioctl}, {EIO}},
+                                      {{calloc}, {ENOMEM}}};
 
-  char *group[] = {a.data(), b.data(), c.data()};
-  answers = {{{open, fstat, realpath, ioctl}, {EIO}}, {{calloc}, {ENOMEM}}};
-  expect("sis_them_all", separate, 0, answers, [&] { return sis_them_all(group, 3); });
-  expect("dedup_file", attach, 0, answers, [&] { return dedup_file(c.c_str(), fd); });
-  expect("reflink_copy", attach, 0, answers,
-         [&] { return reflink_copy(a.c_str(), tree.path("copy").c_str()); });
-  expect("revoke_file", attach, 0, answers, [&] { return revoke_file(b.c_str()); });
-  expect("create_layer", separate, 0, {{{open, fstat, realpath, ioctl}, {-1}}}, [&] {
-    const int layer_fd = create_layer(a.c_str());
+  expect("sisFileTaskImpl on a plain file", separate, 0, share_answers, share);
+  expect("sisFileTaskImpl on an attached file", attach, 0, share_answers, share);
+  expect("getSISFileInfoImpl", attach, 1, {{{realpath, open, ioctl}, {-1}}},
+         [] { return getSISFileInfoImpl(b); });
+  expect("recoverFileImpl", attach, 0,
+         {{{realpath}, {-EIO, -1}}, {{open}, {-1}}, {{ioctl}, {-EIO, -1}, SILENT}},
+         [] { return recoverFileImpl(b); });
+  expect("setCheckFlagImpl", separate, 0, {{{realpath, open, lstat}, {-1}}, {{ioctl}, {-1, -EIO}}},
+         [&] { return setCheckFlagImpl(a, full.st_mtim.tv_sec, full.st_mtim.tv_nsec); });
+  expect("getCoincideFlagImpl", separate, 2, {{{realpath, ioctl}, {-EIO}}, {{open}, {-1}}},
+         [] { return getCoincideFlagImpl(a); });
+  expect("sis_them_all", separate, 0, errnos, [] { return sis_them_all(group, 3); });
+  expect("dedup_file", attach, 0, errnos, [fd] { return dedup_file(c, fd); });
+  expect("reflink_copy", attach, 0, errnos, [] { return reflink_copy(a, "copy"); });
+  expect("revoke_file", attach, 0, errnos, [] { return revoke_file(b); });
+  expect("create_layer", separate, 0, {{{open, fstat, realpath, ioctl}, {-1}}}, [] {
+    const int layer_fd = create_layer(a);
     return layer_fd < 0 ? layer_fd : ::close(layer_fd);
   });
-
-  struct stat status = tree.status("t/x1");
-  const auto filter = [&] { return filter_out_nonsis(fd, &status, "a"); };
-  expect("filter_out_nonsis on a full file", separate, 0, {}, filter);
-  status.st_blocks = 0;
-  answers = {{{ioctl}, {-EIO}}};
-  expect("filter_out_nonsis on a sparse file", separate, 0, answers, filter);
-  expect("check_file_status", separate, 0, answers,
-         [&] { return check_file_status(fd, &status, "a"); });
+  expect("filter_out_nonsis on a full file", separate, 0, {},
+         [&] { return filter_out_nonsis(fd, &full, "a"); });
+  expect("filter_out_nonsis on a sparse file", separate, 0, {{{ioctl}, {-EIO}}},
+         [&] { return filter_out_nonsis(fd, &sparse, "a"); });
+  expect("check_file_status", separate, 0, {{{ioctl}, {-EIO}}},
+         [&] { return check_file_status(fd, &full, "a"); });
   expect("freeze_file", separate, 0, {{{ioctl}, {EIO}, SILENT}},
-         [&] { return freeze_file(fd, "a"); });
+         [fd] { return freeze_file(fd, "a"); });
   expect("check_frozen", separate, 0, {{{ioctl}, {-EIO}, SILENT}},
-         [&] { return check_frozen(fd, "a"); });
+         [fd] { return check_frozen(fd, "a"); });
   ::close(fd);
 }
 
@@ -352,7 +319,7 @@ TEST_F(Failure, OfACallOfAnOperationOnFilesIsAnsweredAsStated) {
 TEST_F(Failure, OfACallCostsNoMoreThanTheDigestsThatAreLoadedOrSaved) {
   char pname[69] = "";
   memset(pname, '5', 64);
-  const std::string stored = save_dir + "/" + pname + ".hsh";
+  const std::string stored = std::string("s/") + pname + ".hsh";
   usable_hash digest = {};
   struct {
     dentry file;
@@ -369,12 +336,12 @@ TEST_F(Failure, OfACallCostsNoMoreThanTheDigestsThatAreLoadedOrSaved) {
   const auto save = [&] {
     pname[64] = '\0';
     fs::remove(stored);
-    const auto count = static_cast<int>(save_usable_hash(&ctx, save_dir.c_str()));
+    const auto count = static_cast<int>(save_usable_hash(&ctx, "s"));
     EXPECT_EQ(fs::exists(stored), count == 1) << "what is not complete is removed";
     return count;
   };
   const auto load = [&] {
-    const auto count = static_cast<int>(load_usable_hash(&ctx, save_dir.c_str()));
+    const auto count = static_cast<int>(load_usable_hash(&ctx, "s"));
     while (!list_is_empty(&ctx.hash_entries)) {
       hash_entry *entry = owner_of<&hash_entry::link>(ctx.hash_entries.next);
       list_unlink(&entry->link);
@@ -385,22 +352,24 @@ TEST_F(Failure, OfACallCostsNoMoreThanTheDigestsThatAreLoadedOrSaved) {
     return count;
   };
   // A step of closing that fails does not change the result.
-  expect(
-      "save_usable_hash", [] {}, 1,
-      {{{open, write}, {0}},
-       {{flock}, {0, 1}},
-       {{strcpy_s}, {0, 0, 0, 1}},
-       {{memset_s}, {0, 0, 1}, SILENT},
-       {{memcpy_s}, {0}, SILENT}},
-      save);
-  expect(
-      "load_usable_hash", [&] { EXPECT_EQ(save(), 1); }, 1,
-      {{{open, read}, {-1}},
-       {{flock}, {-1, 1}},
-       {{strcpy_s}, {-1, -1, -1, 1}},
-       {{memset_s}, {-1, -1, -1, 1}, SILENT},
-       {{memcpy_s, malloc, calloc}, {-1}, SILENT}},
-      load);
+  fail_every_call({"save_usable_hash",
+                   [] {},
+                   save,
+                   1,
+                   {{{open, write}, {0}},
+                    {{flock}, {0, 1}},
+                    {{strcpy_s}, {0, 0, 0, 1}},
+                    {{memset_s}, {0, 0, 1}, SILENT},
+                    {{memcpy_s}, {0}, SILENT}}});
+  fail_every_call({"load_usable_hash",
+                   [&] { EXPECT_EQ(save(), 1); },
+                   load,
+                   1,
+                   {{{open, read}, {-1}},
+                    {{flock}, {-1, 1}},
+                    {{strcpy_s}, {-1, -1, -1, 1}},
+                    {{memset_s}, {-1, -1, -1, 1}, SILENT},
+                    {{memcpy_s, malloc, calloc}, {-1}, SILENT}}});
 }
 
 TEST_F(Failure, OfACallCostsAFirstScanNoMoreThanItTouched) {

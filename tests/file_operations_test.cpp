@@ -105,21 +105,6 @@ TEST(SingleFile, IsAttachedToANewLayerDedupedCopiedOrDetached) {
   expect(revoke, 1, {QUERY_A});
 }
 
-TEST(BadPath, IsAnsweredInTheFormOfTheCall) {
-  const world w;
-  EXPECT_EQ(create_layer("x"), -1);
-  EXPECT_EQ(w.log.messages().front(), "INFO fail to open x returned No such file or directory");
-  EXPECT_EQ(reflink_copy("a", "b"), EEXIST);
-  for (const auto &[first, second] : {std::pair("a", "b"), {"./x", "b"}, {"./a", "x"}}) {
-    EXPECT_EQ(sisFileTaskImpl(first, second), -1) << first;
-  }
-  EXPECT_TRUE(getSISFileInfoImpl("d") == -1 && recoverFileImpl("d") == -1);
-  EXPECT_TRUE(recoverFileImpl("a/x") == -ENOTDIR && getCoincideFlagImpl("a/x") == -ENOTDIR);
-  EXPECT_TRUE(setCheckFlagImpl("a/x", 0, 0) == -1 && setCheckFlagImpl(nullptr, 0, 0) == -1);
-  EXPECT_EQ(getCoincideFlagImpl(nullptr), -1);
-  EXPECT_EQ(w.file_system.texts, texts{});
-}
-
 int filter(off_t size, mode_t type = S_IFREG) {
   struct stat status = {};
   status.st_mode = type | 0644U;
@@ -186,6 +171,7 @@ TEST(CoincideFlag, IsSetAndReadAsAsked) {
   expect(freeze, 0, {"COINCIDE_FLAG a ro 2 4"}, {EIO});
   expect(answered(FLAG, sis_coincide_arg{3, 0}, check), 0, get, {-EIO});
   expect(answered(FLAG, sis_coincide_arg{~SIS_FLAG_COINCIDE, 0}, check), -1, get);
+  EXPECT_TRUE(getCoincideFlagImpl(nullptr) == -1 && setCheckFlagImpl(nullptr, 0, 0) == -1);
   expect(answered(FLAG, sis_coincide_arg{0x12, 0}, read), 0x12, {"COINCIDE_FLAG a rw 2 8"}, {-EIO});
 }
 

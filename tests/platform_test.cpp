@@ -162,29 +162,9 @@ TEST_P(ControlCodes, RequestsThatDoNotFitAreRefusedWithEveryByteKept) {
   ASSERT_TRUE(source.write("changed"));
   EXPECT_EQ(source.connect(layer), EAGAIN);
   EXPECT_EQ(make_file("target", content).dedup(source), EINVAL);  // no longer attached
-  for (const unsigned code : {SIS_IOC_CONNECT, SIS_IOC_DEDUP_FILE, SIS_IOC_CLONE_FILE,
-                              SIS_IOC_GET_FILE_INFO, SIS_IOC_COINCIDE_FLAG, SIS_IOC_REVOKE}) {
-    EXPECT_EQ(error_of(ioctl(-1, code, nullptr)), EBADF);
-    EXPECT_EQ(error_of(ioctl(source, code, nullptr)), code == SIS_IOC_REVOKE ? 0 : EFAULT);
-  }
-}
-
-TEST_P(ControlCodes, AnUnfinishedCopyIsShortAndKeepsWhatAnotherWroteIntoIt) {
-  const test_file source = make_file("source", random_bytes(40 << 20));
-  ASSERT_TRUE(ftruncate(source, 41 << 20) == 0 && attach(source));  // a hole at the end
-  const std::string content = source.content();
-  const test_file copy = open_file("copy", NEW_COPY);
-  const test_file user = open_file("copy", O_RDWR);
-  std::thread copier([&] { copy.copy(source); });
-  while (copy.status().st_size == 0) {}
-  EXPECT_TRUE(content.starts_with(copy.content()));
-  EXPECT_TRUE(user.write("kept", 41 << 20) && source.write("changed"));
-  copier.join();
-  EXPECT_TRUE(copy.content().ends_with("kept"));
 }
 
 TEST_P(ControlCodes, AnAttributeCountsUntilTheNextWriteAndForItsOwnFileOnly) {
-  const mounted_image coarse("ext4 -I 128");  // keeps times in whole seconds
   const test_file writer = make_file("file", "content");
   const test_file reader = open_file("file", O_RDONLY);
   for (int round = 0; round < 20; round++) {  // each set within the clock tick of the write before
@@ -200,11 +180,6 @@ TEST_P(ControlCodes, AnAttributeCountsUntilTheNextWriteAndForItsOwnFileOnly) {
   EXPECT_TRUE(copy.state() == "plain" && copy.recover() == EINVAL);
   EXPECT_TRUE(clear_coincide_flag(reader) == 0 && !reader.is_frozen());
   EXPECT_TRUE(reader.state().ends_with("layered"));
-  if (coarse.is_mounted) {
-    const test_file late(creat(coarse.path("late").c_str(), 0644));
-    EXPECT_TRUE(late.write("one") && late.freeze() == 0 && late.is_frozen());
-    EXPECT_TRUE(late.write("two") && !late.is_frozen());
-  }
 }
 
 TEST_P(ControlCodes, AWriteDuringARequestIsNeverLost) {

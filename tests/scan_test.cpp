@@ -3,16 +3,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <cstring>
-#include <set>
-#include <thread>
-
-#include "support/alarm_owner.h"
 #include "support/scripted_fs.h"
+#include "support/test_scan.h"
 #include "velmarin/control_codes.h"
-#include "velmarin/scan.h"
 
 static std::function<void(int fd)> during_reading = [](int) {};
 
@@ -26,55 +19,7 @@ namespace {
 
 using namespace velmarin;
 using namespace velmarin_test;
-using names = std::set<std::string>;
-using groups = std::set<names>;
-using counts = std::array<uint64_t, 6>;
 namespace fs = std::filesystem;
-
-// One scan: what it is asked for, and what it told.
-struct scan {
-  std::vector<const char *> roots = {"t"};
-  const char *save_dir = "s";
-  std::vector<const char *> skips = {};
-  uint64_t min_size = 0;
-  int max_depth = 0;
-  sis_ops ops = {nullptr, nullptr, nullptr, nullptr, receive};
-
-  std::thread::id host = std::this_thread::get_id();
-  groups found = {};
-  names reported = {};  // since the last group
-  counts counters = {};
-
-  scan &run() {
-    host = std::this_thread::get_id();
-    EXPECT_EQ(single_instance_storage(roots.data(), static_cast<int>(roots.size()), skips.data(),
-                                      static_cast<int>(skips.size()), save_dir, min_size, max_depth,
-                                      32, 300, &ops, reinterpret_cast<uint64_t>(this), nullptr),
-              0);
-    return *this;
-  }
-
-  static int receive(uint64_t caller_data, sis_report *record) {
-    auto *self = reinterpret_cast<scan *>(caller_data);
-    EXPECT_EQ(std::this_thread::get_id(), self->host);
-    if (record->stage == REPORT_GROUP || record->stage == REPORT_FILE) {
-      self->reported.insert(record->path);
-    } else if (record->stage == REPORT_GROUP_END) {
-      self->found.insert(std::exchange(self->reported, {}));
-    } else if (record->stage == REPORT_END) {
-      memcpy(self->counters.data(), record, sizeof(self->counters));
-    }
-    return 0;
-  }
-};
-
-// Runs independent scans at the same time.
-void run_all(auto &scans) {
-  std::vector<std::jthread> threads;
-  for (scan &one : scans) {
-    threads.emplace_back([&one] { one.run(); });
-  }
-}
 
 TEST(Scan, FindsIdenticalFilesAndReadsNoUnchangedFileAgain) {
   const working_tree tree(
@@ -103,30 +48,29 @@ TEST(Scan, FindsIdenticalFilesAndReadsNoUnchangedFileAgain) {
 
 TEST(Scan, ObeysItsLimitsAndCallbacks) {
   const working_tree tree("t/a=same t/b=same t/d/c=same t/d/e=more t/ab/x=1 s/ s1/");
-  scan scans[4];
-  auto &[shallow, filtered, judged, frozen] = scans;
-  shallow.max_depth = 1;
-  filtered.min_size = 5;
+  scan shallow = {.max_depth = 1};
+  EXPECT_EQ(shallow.run().found, (groups{{"t/a", "t/b"}}));
+  EXPECT_EQ(shallow.counters, (counts{1, 1, 4, 2, 2, 0}));
+
+  scan filtered = {.roots = {"t", "t/d"}, .min_size = 5};
   filtered.ops.filter = [](int, const struct stat *status, const char *path) {
     const std::string_view name = path;
     return S_ISDIR(status->st_mode) ? (name.ends_with("/d") ? -1 : 0) : name.ends_with('b') ? 0 : 7;
   };
-  filtered.roots = judged.roots = {"t", "t/d"};
+  EXPECT_EQ(filtered.run().found, groups{}) << "b is too small, a is alone, t/d is left out";
+  EXPECT_EQ(filtered.counters, (counts{4, 2, 3, 2, 0, 0}));
+
+  scan judged = {.roots = {"t", "t/d"}};
   judged.ops.get_status = [](int, const struct stat *, const char *path) {
     return path[strlen(path) - 1] == 'b' ? 0 : SIS_STATUS_COMPRESSED;
   };
-  frozen.save_dir = "s1";
+  EXPECT_EQ(judged.run().found, (groups{{"t/a", "t/b", "t/d/c"}}));
+  EXPECT_EQ(judged.reported, (names{"t/a", "t/ab/x", "t/d/c", "t/d/e"}));
+
+  scan frozen = {.save_dir = "s1"};
   frozen.ops.prep = [](int, const char *path) { return path[strlen(path) - 1] == 'e' ? EPERM : 0; };
   frozen.ops.verify = [](int, const char *path) { return path[strlen(path) - 1] == 'a' ? -1 : 0; };
-  run_all(scans);
-
-  EXPECT_EQ(shallow.found, (groups{{"t/a", "t/b"}}));
-  EXPECT_EQ(shallow.counters, (counts{1, 1, 4, 2, 2, 0}));
-  EXPECT_EQ(filtered.found, groups{}) << "b is too small, a is alone, t/d is left out";
-  EXPECT_EQ(filtered.counters, (counts{4, 2, 3, 2, 0, 0}));
-  EXPECT_EQ(judged.found, (groups{{"t/a", "t/b", "t/d/c"}}));
-  EXPECT_EQ(judged.reported, (names{"t/a", "t/ab/x", "t/d/c", "t/d/e"}));
-  EXPECT_EQ(frozen.found, (groups{{"t/b", "t/d/c"}}));
+  EXPECT_EQ(frozen.run().found, (groups{{"t/b", "t/d/c"}}));
   EXPECT_EQ(frozen.counters, (counts{3, 3, 9, 5, 3, 1}));
 }
 
@@ -140,29 +84,7 @@ TEST(Scan, WithoutFreezingTrustsNoDigestOfAFileWhoseTimeChangesMeanwhile) {
   scan s;
   EXPECT_EQ(s.run().found, (groups{{"t/b", "t/c"}}));
   EXPECT_EQ(s.counters, (counts{1, 1, 6, 3, 3, 0}));
-}
-
-TEST(Scan, ManyAtOnceOverOneDigestFileAgreeAndLeaveNoDescriptorThreadOrAction) {
-  const alarm_owner owner;
-  const working_tree tree("t/a=same t/b=same t/d/c=more t/d/e=more s/");
-  const auto count_in = [](const char *directory) {
-    return std::ranges::distance(fs::directory_iterator(directory));
-  };
-  std::thread([] {}).join();  // with the first thread a sanitizer may start one of its own
-  const auto descriptors = count_in("/proc/self/fd");
-  const auto threads = count_in("/proc/self/task");
-  for (int round = 0; round < 5; round++) {
-    std::vector<scan> scans(20);
-    run_all(scans);
-    for (const scan &one : scans) {
-      EXPECT_EQ(one.found, (groups{{"t/a", "t/b"}, {"t/d/c", "t/d/e"}}));
-    }
-  }
-  EXPECT_EQ(count_in("/proc/self/fd"), descriptors);
-  while (count_in("/proc/self/task") > threads) {  // a joined thread may take a moment to vanish
-    std::this_thread::yield();
-  }
-  EXPECT_TRUE(owner.has_its_action());
+  during_reading = [](int) {};
 }
 
 TEST(ScanRequest, ChoosesTheMinimumSizeAsksAboutEachFileAndFreezesWhatItReads) {
@@ -170,18 +92,15 @@ TEST(ScanRequest, ChoosesTheMinimumSizeAsksAboutEachFileAndFreezesWhatItReads) {
   scripted_fs file_system;
   file_system.answer_with(GETFLAGS, uint32_t{FS_COMPR_FL});
   file_system.answer_with(SIS_IOC_COINCIDE_FLAG, sis_coincide_arg{SIS_FLAG_COINCIDE, 0});
-  const auto request = [](const char *root, const char *save_dir, int64_t size_hint) {
+  EXPECT_EQ(scan{.save_dir = "no"}.request(), ENOENT);
+  EXPECT_EQ(scan{.roots = {"gone"}}.request(), ENOENT);
+  for (const int64_t size_hint : {0x10000001, 0x10000000, 0}) {  // from 1 MiB on, from 64 KiB on
     scan s;
-    const sis_scan_request asked = {1, 0, &root, nullptr, save_dir, size_hint};
-    const int result = startScanDirImpl(&asked, reinterpret_cast<uint64_t>(&s), scan::receive);
-    EXPECT_EQ(s.found.size() * 2, s.reported.size());
-    return result != 0 ? -result : static_cast<int>(s.reported.size());
-  };
-  EXPECT_EQ(request("t", "no", 0), -ENOENT);
-  EXPECT_EQ(request("gone", "s", 0), -ENOENT);
-  EXPECT_EQ(request("t", "s", 0x10000001), 0) << "from 1 MiB on";
-  EXPECT_EQ(request("t", "s", 0x10000000), 2) << "from 64 KiB on; both are compressed";
-  EXPECT_EQ(request("t", "s", 0), 2);
+    EXPECT_EQ(s.request(size_hint), 0);
+    const names expected = size_hint > 0x10000000 ? names{} : names{"t/a", "t/b"};
+    EXPECT_EQ(s.found, expected.empty() ? groups{} : groups{expected});
+    EXPECT_EQ(s.reported, expected) << "both are compressed";
+  }
   std::erase_if(file_system.texts, [](const auto &text) { return !text.starts_with("COIN"); });
   std::ranges::sort(file_system.texts);
   EXPECT_EQ(file_system.texts,

@@ -58,4 +58,8 @@ void temporary_tree::set_mtime(const std::string &name, long seconds, long nanos
   EXPECT_EQ(utimensat(AT_FDCWD, path(name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path(name);
 }
 
+std::ptrdiff_t count_in(const char *directory) {
+  return std::distance(fs::directory_iterator(directory), {});
+}
+
 }  // namespace velmarin_test

@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <cstddef>
 #include <string>
 
 namespace velmarin_test {
@@ -29,5 +30,8 @@ class temporary_tree {
  private:
   std::string root_;
 };
+
+// How many entries the directory has.
+std::ptrdiff_t count_in(const char *directory);
 
 }  // namespace velmarin_test
