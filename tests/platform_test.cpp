@@ -165,6 +165,7 @@ TEST_P(ControlCodes, RequestsThatDoNotFitAreRefusedWithEveryByteKept) {
 }
 
 TEST_P(ControlCodes, AnAttributeCountsUntilTheNextWriteAndForItsOwnFileOnly) {
+  const mounted_image coarse("ext4 -I 128");  // keeps times in whole seconds
   const test_file writer = make_file("file", "content");
   const test_file reader = open_file("file", O_RDONLY);
   for (int round = 0; round < 20; round++) {  // each set within the clock tick of the write before
@@ -180,6 +181,11 @@ TEST_P(ControlCodes, AnAttributeCountsUntilTheNextWriteAndForItsOwnFileOnly) {
   EXPECT_TRUE(copy.state() == "plain" && copy.recover() == EINVAL);
   EXPECT_TRUE(clear_coincide_flag(reader) == 0 && !reader.is_frozen());
   EXPECT_TRUE(reader.state().ends_with("layered"));
+  if (coarse.is_mounted) {
+    const test_file late(creat(coarse.path("late").c_str(), 0644));
+    EXPECT_TRUE(late.write("one") && late.freeze() == 0 && late.is_frozen());
+    EXPECT_TRUE(late.write("two") && !late.is_frozen());
+  }
 }
 
 TEST_P(ControlCodes, AWriteDuringARequestIsNeverLost) {
