@@ -50,7 +50,8 @@ def flags_of(module):
 class Lists(unittest.TestCase):
     # Chosen by the build type, by a sanitizer or by the build system itself.
     OTHERS = re.compile(r"-(I|O|g|M|o$|c$|DNDEBUG|DGTEST|fPI[CE]|f.*-prefix-map|fsanitize|"
-                        r"fno-sanitize|fno-omit-frame-pointer|Wl,-soname|Wl,-rpath|Wl,--version-s)")
+                        r"fno-sanitize|fno-omit-frame-pointer|Wno-maybe-uninitialized|"
+                        r"Wl,-soname|Wl,-rpath|Wl,--version-s)")
 
     def own_flags(self, words):
         return {word for word in words if word.startswith("-") and not self.OTHERS.match(word)}
