@@ -59,11 +59,12 @@ bool is_unchanged(const file_stamp &left, const file_stamp &right);
 int stat_regular(int fd, file_status *status);
 
 // As `stat_regular`; additionally a write that begins after the call gives the file a modification
-// time that differs from the returned one, however coarsely the file system keeps times. That holds
-// for times taken from this machine's clock, not for a network file system's, and while that clock
-// is not set back; a time that lies in the future holds until the clock gets there. Waits only for
-// a file that was written to within the present tick of the clock, and fails with EAGAIN when the
-// file goes on being written to.
+// time that differs from the returned one, however coarsely, up to one second, the file system
+// keeps times. That holds for times taken from this machine's clock, not for a network file
+// system's, and while that clock is not set back; a time that lies in the future holds until the
+// clock gets there. Waits only for a file that was written to within the present tick of the clock,
+// or within the granularity of its own time, and fails with EAGAIN when the file goes on being
+// written to.
 int stat_settled(int fd, file_status *status);
 
 // Fails with EAGAIN when the file was written to since `before` was taken.
@@ -116,8 +117,9 @@ int share_range(int source, int target, uint64_t offset, uint64_t length);
 // Makes two files of `size` bytes share their data where the file system can; elsewhere only
 // compares them. Fails with EBADE when the contents differ. A comparison takes no lock, and a write
 // sets the file's time before its data: of a long write that had begun before, what arrives behind
-// the comparison is missed. The files keep their own data then, so nothing is lost but the truth of
-// the record, until the next write.
+// the comparison is missed, and so is what is stored through a shared mapping without moving the
+// time. The files keep their own data then, so nothing is lost but the truth of the record, until
+// the next write.
 int merge_contents(int source, int target, uint64_t size);
 
 // A range of a file that holds data, in whole blocks but for the end of the file.
@@ -140,8 +142,8 @@ int copy_contents(int source, int target, uint64_t size);
 // do that, else as a copy. `*is_refused` says that the file system shares extents but would not
 // share these. A clone is the content of one moment. A copy fails with EAGAIN when a write to the
 // source began while it was made; it may hold a part of a write(2) that had begun before, and of
-// what is stored through a shared mapping into a page that is dirty already, since neither moves
-// the file's time again.
+// what is stored through a shared mapping into a page that is dirty already (on tmpfs: mapped
+// already), since neither moves the file's time again.
 int clone_contents(int source, int target, bool *is_refused);
 
 // --- the requests: sisfs_attach.cpp, sisfs_revoke.cpp, sisfs_coincide.cpp ---

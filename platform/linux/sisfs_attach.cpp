@@ -4,7 +4,8 @@
 // A request that is refused leaves every byte of every file as it was; only the unnamed temporary
 // file of a clone that failed may hold a part of the source. One that dies half way leaves extents
 // that are shared but not on record, which is harmless since a write still copies, or a new file
-// that is shorter than its source.
+// that is shorter than its source. For a new file that another process writes to while it is filled
+// see `fill_target`.
 #include <fcntl.h>
 #include <sys/random.h>
 

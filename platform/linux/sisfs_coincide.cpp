@@ -2,7 +2,7 @@
 // were set; the bits read as dropped once the file's size or modification time is another, so a
 // `touch` drops them too. Two kinds of change move no time after the flag was set and are not
 // noticed: what a long write(2) that had begun before still brings, and what is stored through a
-// shared mapping into a page that was dirty already.
+// shared mapping into a page that was dirty already, or on tmpfs into one that was mapped already.
 #include <sys/xattr.h>
 
 #include <cerrno>

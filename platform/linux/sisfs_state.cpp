@@ -47,7 +47,8 @@ int64_t nanoseconds_from(const timespec &time, const file_stamp &stamp) {
 }
 
 // How coarsely the file system may keep times, judged by one of them: one second for a whole
-// second, as on an ext4 with small inodes, and so on. Never too fine.
+// second, as on an ext4 with small inodes, and so on. Never too fine where files
+// have user attributes.
 int64_t granularity_of(const file_stamp &stamp) {
   int64_t granularity = 1;
   while (granularity < SECOND_NS && stamp.mtime_nsec % (granularity * 10) == 0) {
