@@ -101,8 +101,19 @@ std::string name_in(const json &object) {
 }
 
 // The dump and the parsing both end the program at text that is not UTF-8.
+std::string printed(const tool::Report &report) {
+  char *text = nullptr;
+  size_t size = 0;
+  std::FILE *out = open_memstream(&text, &size);
+  tool::print_json(report, out);
+  fclose(out);
+  std::string copy(text, size);
+  free(text);
+  return copy;
+}
+
 void check_json(const tool::Report &report) {
-  const json object = json::parse(tool::json_report(report).dump(2));
+  const json object = json::parse(printed(report));
   require(name_in(object["roots"][0]) == report.roots[0], "the JSON object keeps the root");
   const tool::Findings &findings = report.findings;
   for (size_t g = 0; g < findings.groups.size(); g++) {

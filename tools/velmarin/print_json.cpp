@@ -11,10 +11,12 @@ using Json = nlohmann::ordered_json;
 
 // A name that is not UTF-8 also comes as its bytes, so that it can be told from others like it.
 void put_name(Json &object, const std::string &path) {
-  object["path"] = utf8_name(path);
-  if (!is_utf8(path)) {
-    object["path_bytes"] = hex_text(path);
+  if (is_utf8(path)) {
+    object["path"] = path;
+    return;
   }
+  object["path"] = utf8_name(path);
+  object["path_bytes"] = hex_text(path);
 }
 
 Json json_digest(const FoundFile &file) {
@@ -96,33 +98,63 @@ Json json_roots(const std::vector<std::string> &roots) {
   return list;
 }
 
+// Prints one object, each member of it and each element of its long arrays on a line of its own.
+// Only one of them is held at a time: there may be very many files.
+class ObjectPrinter {
+ public:
+  explicit ObjectPrinter(std::FILE *out) : out_(out) {}
+  ~ObjectPrinter() { std::fputs("\n}\n", out_); }
+  ObjectPrinter(const ObjectPrinter &) = delete;
+  ObjectPrinter &operator=(const ObjectPrinter &) = delete;
+
+  void print(const char *name, const Json &value) {
+    print_name(name);
+    std::fputs(value.dump().c_str(), out_);
+  }
+
+  template <typename Element, typename MakeJson>
+  void print_array(const char *name, const std::vector<Element> &elements, MakeJson make) {
+    print_name(name);
+    const char *before = "[\n    ";
+    for (const Element &element : elements) {
+      std::fputs(before, out_);
+      std::fputs(make(element).dump().c_str(), out_);
+      before = ",\n    ";
+    }
+    std::fputs(elements.empty() ? "[]" : "\n  ]", out_);
+  }
+
+ private:
+  void print_name(const char *name) {
+    std::fprintf(out_, "%s\n  \"%s\": ", before_member_, name);
+    before_member_ = ",";
+  }
+
+  std::FILE *out_;
+  const char *before_member_ = "{";
+};
+
 }  // namespace
 
-Json json_report(const Report &report) {
+void print_json(const Report &report, std::FILE *out) {
   const Findings &findings = report.findings;
-  Json object;
-  object["format"] = 1;
-  object["velmarin"] = VELMARIN_VERSION;
-  object["roots"] = json_roots(report.roots);
-  object["stopped"] = report.stopped;
-  object["out_of_time"] = report.out_of_time;
-  object["elapsed_ms"] = report.elapsed.count();
-  object["unmerged_bytes"] = findings.unmerged_bytes();
-  object["reclaimable_bytes"] = findings.reclaimable_bytes();
-  object["groups"] = Json::array();
-  for (const FoundGroup &group : findings.groups) {
-    object["groups"].push_back(json_group(group, report.applied));
-  }
-  object["compressed"] = Json::array();
-  for (const FoundFile &file : findings.compressed) {
-    object["compressed"].push_back(json_compressed(file));
-  }
-  object["counters"] = json_counters(report);
-  object["statistics"] = json_statistics(findings.statistics);
+  ObjectPrinter object(out);
+  object.print("format", 1);
+  object.print("velmarin", VELMARIN_VERSION);
+  object.print("roots", json_roots(report.roots));
+  object.print("stopped", report.stopped);
+  object.print("out_of_time", report.out_of_time);
+  object.print("elapsed_ms", report.elapsed.count());
+  object.print("unmerged_bytes", findings.unmerged_bytes());
+  object.print("reclaimable_bytes", findings.reclaimable_bytes());
+  object.print_array("groups", findings.groups,
+                     [&](const FoundGroup &group) { return json_group(group, report.applied); });
+  object.print_array("compressed", findings.compressed, json_compressed);
+  object.print("counters", json_counters(report));
+  object.print("statistics", json_statistics(findings.statistics));
   if (report.applied) {
-    object["merged"] = json_merged(findings);
+    object.print("merged", json_merged(findings));
   }
-  return object;
 }
 
 }  // namespace tool

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <chrono>
-#include <nlohmann/json_fwd.hpp>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -39,8 +39,8 @@ const char *status_word(int64_t status);
 // Prints the report for people on standard output.
 void print_text(const Report &report, bool colours);
 
-// The JSON object of `--json`.
-nlohmann::ordered_json json_report(const Report &report);
+// Prints the JSON object of `--json`.
+void print_json(const Report &report, std::FILE *out);
 
 // The page of `--html`.
 std::string html_report(const Report &report);

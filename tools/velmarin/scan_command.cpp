@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <nlohmann/json.hpp>
 
 #include "display_name.h"
 #include "log_lines.h"
@@ -118,7 +117,7 @@ class ScanCommand {
                             &statistics.compressed_saved_bytes, &statistics.deduped_saved_bytes);
     const auto progress = show_progress(
         [this] { return format_duration(since(start_)) + "  looking at the files found"; });
-    survey(report_.findings);
+    survey(report_.findings, options_.apply);
   }
 
   void apply() {
@@ -152,7 +151,7 @@ class ScanCommand {
 
   bool print() {
     if (options_.json) {
-      std::puts(json_report(report_).dump(2).c_str());
+      print_json(report_, stdout);
     } else {
       print_text(report_, !options_.no_color && can_show_colours());
     }

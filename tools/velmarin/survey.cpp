@@ -11,6 +11,7 @@
 #include <set>
 
 #include "layer.h"
+#include "velmarin/control_codes.h"
 
 namespace tool {
 namespace {
@@ -21,17 +22,33 @@ bool fits(const FoundFile &file, const struct stat &status) {
          status.st_mtim.tv_sec == file.mtime.tv_sec && status.st_mtim.tv_nsec == file.mtime.tv_nsec;
 }
 
-FileState state_of_open_file(const FoundFile &file, int fd) {
+// The state of a plain file with that status.
+FileState plain_state(const FoundFile &file, const struct stat &status) {
   FileState state;
-  struct stat status = {};
-  if (fstat(fd, &status) != 0) {
-    state.error = errno;
-    return state;
-  }
   state.unchanged = fits(file, status);
   state.device = status.st_dev;
   state.inode = status.st_ino;
   state.allocated_bytes = static_cast<uint64_t>(status.st_blocks) * 512;
+  return state;
+}
+
+FileState failed_state(int error) {
+  FileState state;
+  state.error = error;
+  return state;
+}
+
+FileState look_at_plain(const FoundFile &file) {
+  struct stat status = {};
+  return lstat(file.path.c_str(), &status) == 0 ? plain_state(file, status) : failed_state(errno);
+}
+
+FileState state_of_open_file(const FoundFile &file, int fd) {
+  struct stat status = {};
+  if (fstat(fd, &status) != 0) {
+    return failed_state(errno);
+  }
+  FileState state = plain_state(file, status);
   const int64_t layer = query_layer(fd);
   state.layer = layer > 0 ? static_cast<uint32_t>(layer) : 0;
   return state;
@@ -40,9 +57,7 @@ FileState state_of_open_file(const FoundFile &file, int fd) {
 FileState look_at(const FoundFile &file) {
   const int fd = open(file.path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
-    FileState state;
-    state.error = errno;
-    return state;
+    return failed_state(errno);
   }
   const FileState state = state_of_open_file(file, fd);
   close(fd);
@@ -108,10 +123,11 @@ void order_by_path(std::vector<FoundFile> &files) {
             [](const FoundFile &a, const FoundFile &b) { return a.path < b.path; });
 }
 
-void look_at_all(std::vector<FoundFile> &files) {
+void look_at_all(std::vector<FoundFile> &files, bool ask_again) {
   order_by_path(files);
   for (FoundFile &file : files) {
-    file.state = look_at(file);
+    const bool is_known = file.status == velmarin::SIS_STATUS_PLAIN && !ask_again;
+    file.state = is_known ? look_at_plain(file) : look_at(file);
   }
 }
 
@@ -134,11 +150,11 @@ uint64_t unmerged_bytes(const FoundGroup &group, const Share &share) {
   return bytes;
 }
 
-void survey(Findings &findings) {
+void survey(Findings &findings, bool before_merging) {
   VolumeKinds kinds;
-  look_at_all(findings.compressed);
+  look_at_all(findings.compressed, before_merging);
   for (FoundGroup &group : findings.groups) {
-    look_at_all(group.files);
+    look_at_all(group.files, before_merging);
     group.shares = shares_of(group, kinds);
   }
   std::sort(findings.groups.begin(), findings.groups.end(),

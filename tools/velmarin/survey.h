@@ -7,8 +7,9 @@
 namespace tool {
 
 // Fills the state of every file and the shares of every group, and puts everything in order: groups
-// by duplicate bytes, files by path.
-void survey(Findings &findings);
+// by duplicate bytes, files by path. What the scan saw as a plain file is opened and asked again
+// only before merging, when another program's merging in the meantime would matter.
+void survey(Findings &findings, bool before_merging);
 
 // Whether the file is still a regular file with the inode, size and modification time that the scan
 // saw.
