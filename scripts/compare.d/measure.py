@@ -4,7 +4,8 @@
 Every run of a round finds the page cache in the same state: filled by reading every candidate just
 before (a tool may drop the pages that it has read), or emptied. A first run finds no saved digests,
 flags or attributes of earlier ones; a repeated run finds those of a run of its own. A ratio is taken
-to the fastest other tool of the same round.
+to the fastest other tool of the same round. The floor of a first run is to walk the tree and to
+digest the candidates, that of a repeated one to open every file.
 """
 
 import argparse
@@ -38,7 +39,8 @@ class Measurement:
     def __init__(self, arguments):
         self.directory = arguments.workspace
         self.root = f"{arguments.workspace}/tree"
-        self.floor = [arguments.floor, self.root, str(arguments.minimum)]
+        self.floor = {"first": [arguments.floor, self.root, str(arguments.minimum)],
+                      "repeated": [arguments.floor, self.root, "open"]}
         self.tools = tools.all_tools(arguments.tool, arguments.minimum, arguments.workspace)
         trees.make_tree(arguments.tree, self.root)
         subprocess.run(["sync"], check=True)
@@ -68,9 +70,9 @@ class Measurement:
         self.empty_cache() if cache == "cold" else self.fill_cache()
         return self.timed(tool.command(self.root, repeated), tool.output)
 
-    def run_floor(self, cache):
+    def run_floor(self, cache, kind):
         self.empty_cache() if cache == "cold" else self.fill_cache()
-        return self.timed(self.floor, f"{self.directory}/floor.out")
+        return self.timed(self.floor[kind], f"{self.directory}/floor.out")
 
     def round(self, number, cache):
         """Each round begins with another tool."""
@@ -81,8 +83,8 @@ class Measurement:
                     continue
                 self.runs.append({"round": number, "cache": cache, "kind": kind,
                                   "tool": tool.name, **self.run_tool(tool, cache, kind == "repeated")})
-        self.runs.append({"round": number, "cache": cache, "kind": "first", "tool": "floor",
-                          **self.run_floor(cache)})
+            self.runs.append({"round": number, "cache": cache, "kind": kind, "tool": "floor",
+                              **self.run_floor(cache, kind)})
         print(f"round {number + 1}, {cache}: " + ", ".join(
             f"{run['tool']}{' again' if run['kind'] == 'repeated' else ''} {run['wall']:.2f}"
             for run in self.runs if run["round"] == number and run["cache"] == cache), flush=True)
@@ -127,8 +129,8 @@ class Measurement:
     def summary(self):
         rows = []
         for cache in sorted({run["cache"] for run in self.runs}, reverse=True):
-            floor = self.values("wall", "floor", cache, "first")
             for kind in ("first", "repeated"):
+                floor = self.values("wall", "floor", cache, kind)
                 peers = {field: self.peer_values(field, cache, kind) for field in FIELDS}
                 for tool in self.tools:
                     values = {field: self.values(field, tool.name, cache, kind) for field in FIELDS}
@@ -144,8 +146,9 @@ class Measurement:
                         value / max(floor[number], 0.01)
                         for number, value in values["wall"].items())
                     rows.append(row)
-            rows.append({"cache": cache, "kind": "first", "tool": "floor",
-                         "wall": statistics.median(floor.values())})
+                rows.append({"cache": cache, "kind": kind, "tool": "floor", **{
+                    field: statistics.median(self.values(field, "floor", cache, kind).values())
+                    for field in FIELDS}})
         return rows
 
 
@@ -153,7 +156,9 @@ def show(rows):
     print("\ncache  run       tool       wall s  ratio   cpu s  ratio  MiB    ratio  x floor")
     for row in rows:
         line = f"{row['cache']:6} {row['kind']:9} {row['tool']:9} {row['wall']:7.2f}"
-        if "processor" in row:
+        if "wall ratio" not in row:
+            line += f"        {row['processor']:7.2f}"
+        else:
             line += (f" {row['wall ratio']:6.2f} {row['processor']:7.2f}"
                      f" {row['processor ratio']:6.2f} {row['memory'] / 1024:6.0f}"
                      f" {row['memory ratio']:6.2f} {row['floor ratio']:7.2f}")
