@@ -204,24 +204,6 @@ usable_hash *read_digest(sis_context *ctx, const dentry *file, int fd, const cha
   return record;
 }
 
-usable_hash *compute_digest(sis_context *ctx, const dentry *file) {
-  path_buffer buffer;
-  const char *path = get_fullpath(file, buffer.text);
-  const unique_fd fd = open_for_digest(ctx, path);
-  if (!fd.is_open()) {
-    return nullptr;
-  }
-  if (!is_ready_to_read(ctx, file, fd.get(), path)) {
-    count_error(ctx);
-    return nullptr;
-  }
-  fetch_add(&ctx->nr_hashed, 1);
-  posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-  usable_hash *record = read_digest(ctx, file, fd.get(), path);
-  posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
-  return record;
-}
-
 }  // namespace
 
 int make_pattern(dentry *file, const char *path, int fd) {
@@ -239,11 +221,34 @@ int make_pattern(dentry *file, const char *path, int fd) {
   return make_pattern_of(file, own_path, own_fd.get());
 }
 
-void digest_file_content(sis_context *ctx, dentry *file) {
-  if (!take_saved_digest(ctx, file)) {
-    // A complete record is stored at once, so that nobody sees one that is being filled.
-    store_release(&file->hash, compute_digest(ctx, file));
+unique_fd begin_digest(sis_context *ctx, dentry *file) {
+  if (take_saved_digest(ctx, file)) {
+    return {};
   }
+  path_buffer buffer;
+  const char *path = get_fullpath(file, buffer.text);
+  unique_fd fd = open_for_digest(ctx, path);
+  if (fd.is_open() && !is_ready_to_read(ctx, file, fd.get(), path)) {
+    fd.reset();
+    count_error(ctx);
+  }
+  if (!fd.is_open()) {
+    store_release(&file->hash, static_cast<usable_hash *>(nullptr));
+    return fd;
+  }
+  fetch_add(&ctx->nr_hashed, 1);
+  posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+  return fd;
+}
+
+// A complete record is stored at once, so that nobody sees one that is being filled.
+void end_digest(sis_context *ctx, dentry *file, unique_fd fd) {
+  path_buffer buffer;
+  const char *path = get_fullpath(file, buffer.text);
+  usable_hash *record = read_digest(ctx, file, fd.get(), path);
+  posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
+  fd.reset();
+  store_release(&file->hash, record);
 }
 
 }  // namespace velmarin

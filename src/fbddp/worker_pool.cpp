@@ -7,8 +7,8 @@
 
 #include "common/atomic_word.h"
 #include "common/log.h"
+#include "fbddp/begun_digests.h"
 #include "fbddp/dentry.h"
-#include "fbddp/fingerprint.h"
 #include "fbddp/grouping.h"
 #include "fbddp/job_queue.h"
 #include "fbddp/walk.h"
@@ -35,48 +35,61 @@ int32_t phase_of(const sis_context *ctx) {
 // A file is queued for its digest only after it was admitted, with its digest marked as wanted, and
 // stays marked until that job is done. An unexamined file never is. So the mark alone, which only
 // the file's own job clears, tells the two jobs of a file apart.
-void treat_in_walk(sis_context *ctx, dentry *d) {
-  if (!is_file_form(d)) {
-    read_directory(ctx, d);
-  } else if (is_digest_wanted(d)) {
-    digest_file_content(ctx, d);
-  } else {
-    admit_file(ctx, d);
+void treat_in_walk(sis_context *ctx, job *taken, begun_digests *begun) {
+  dentry *d = taken->target;
+  if (is_file_form(d) && is_digest_wanted(d)) {
+    begun->add(ctx, taken);
+    return;
   }
+  begun->end_all(ctx);
+  if (is_file_form(d)) {
+    admit_file(ctx, d);
+  } else {
+    read_directory(ctx, d);
+  }
+  finish_job(ctx, taken);
 }
 
-void treat(sis_context *ctx, dentry *d) {
+// While a job is begun it is pending, so the phase in which it ends is the walk.
+void treat(sis_context *ctx, job *taken, begun_digests *begun) {
   switch (phase_of(ctx)) {
     case PHASE_WALK:
-      treat_in_walk(ctx, d);
-      break;
+      treat_in_walk(ctx, taken, begun);
+      return;
     case PHASE_GROUP:
-      split_group(ctx, d);
+      split_group(ctx, taken->target);
       break;
     default:
       break;
   }
+  finish_job(ctx, taken);
+}
+
+// Returns the next job, or null when the run is over.
+job *wait_for_job(sis_context *ctx, begun_digests *begun) {
+  while (phase_of(ctx) != PHASE_STOP) {
+    if (job *taken = take_job(ctx)) {
+      return taken;
+    }
+    if (!begun->end_all(ctx)) {
+      sleep_one_poll();
+    }
+  }
+  return nullptr;
 }
 
 void *enqueued_worker(void *argument) {
   auto *ctx = static_cast<sis_context *>(argument);
+  begun_digests begun;
   for (;;) {
     if (phase_of(ctx) == PHASE_START) {
       sleep_one_poll();
     }
-    job *taken = nullptr;
-    for (;;) {
-      if (phase_of(ctx) == PHASE_STOP) {
-        return nullptr;
-      }
-      taken = take_job(ctx);
-      if (taken != nullptr) {
-        break;
-      }
-      sleep_one_poll();
+    job *taken = wait_for_job(ctx, &begun);
+    if (taken == nullptr) {
+      return nullptr;
     }
-    treat(ctx, taken->target);
-    finish_job(ctx, taken);
+    treat(ctx, taken, &begun);
   }
 }
 
