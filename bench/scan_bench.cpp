@@ -40,7 +40,7 @@ struct run {
     if (create_dentry(parent, name.c_str(), &d, is_file ? 1 : 0) != 0) {
       abort();
     }
-    list_dentry(&ctx, d);
+    track_dentry(&ctx, d);
     return d;
   }
 };

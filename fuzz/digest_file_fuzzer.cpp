@@ -135,9 +135,9 @@ struct run {
       dentry *root = nullptr;
       dentry *file = nullptr;
       require(create_dentry(nullptr, "/r", &root, 0) == 0, "a dentry can be made");
-      list_dentry(&ctx, root);
+      track_dentry(&ctx, root);
       require(create_dentry(root, "f", &file, 1) == 0, "a dentry can be made");
-      list_dentry(&ctx, file);
+      track_dentry(&ctx, file);
       memcpy(&file->key, entry->record, KEY_SIZE);
       file->mtime = {entry->record->mtime_sec, entry->record->mtime_nsec};
       file->hash = entry->record;

@@ -33,7 +33,7 @@ bool is_appending(int fd) {
 
 // The inode number of the temporary file would not do: once that file has gone, ext4 and XFS give
 // its number to the next one, and two layered inodes would look like the same.
-int draw_layer_number(uint32_t *number) {
+int random_layer_number(uint32_t *number) {
   do {
     if (getrandom(number, sizeof(*number), 0) != static_cast<ssize_t>(sizeof(*number))) {
       return errno;
@@ -178,7 +178,7 @@ int connect_layer(int fd, const sis_connect_arg &argument) {
   error = check_clone_mark(static_cast<int>(argument.layer_fd), pair.source.stamp);
   uint32_t layer_ino = 0;
   if (error == 0) {
-    error = draw_layer_number(&layer_ino);
+    error = random_layer_number(&layer_ino);
   }
   return error != 0 ? error : write_layer(fd, pair.source.stamp, false, layer_ino);
 }

@@ -51,7 +51,7 @@ int open_temporary_beside(int fd, const file_status &status, unique_fd *temporar
 // Btrfs shares extents only between files that agree on copy on write, an attribute that can be
 // changed while a file is empty. Other file systems do not know it. A mismatch that remains is
 // found by the file system.
-void agree_on_copy_on_write(int fd, int empty_fd) {
+void match_nocow_flag(int fd, int empty_fd) {
   int flags = 0;
   int empty_flags = 0;
   if (kernel_ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0 ||
@@ -66,7 +66,7 @@ void agree_on_copy_on_write(int fd, int empty_fd) {
 // The whole copy is made before the first extent moves, so that a lack of space is found while the
 // file is untouched. Only data is moved; what was written into a hole meanwhile is private anyway.
 int replace_extents(int fd, int temporary, uint64_t size) {
-  agree_on_copy_on_write(fd, temporary);
+  match_nocow_flag(fd, temporary);
   int error = copy_contents(fd, temporary, size);
   data_range range = {};
   while (error == 0) {

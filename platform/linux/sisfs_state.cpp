@@ -60,7 +60,7 @@ int64_t granularity_of(const file_stamp &stamp) {
 // Times of files come from the coarse clock, or from the fine one where the file system wants to
 // tell changes within a tick apart. A file whose time, cut to the granularity, lies between the two
 // was changed within the present tick, and a further change might leave it with the same time.
-bool may_change_unseen(const file_stamp &stamp) {
+bool is_racily_clean(const file_stamp &stamp) {
   timespec tick_start = {};
   timespec now = {};
   clock_gettime(CLOCK_REALTIME_COARSE, &tick_start);
@@ -130,7 +130,7 @@ int check_unchanged(int fd, const file_status &before) {
 int stat_settled(int fd, file_status *status) {
   for (int64_t waited = 0;; waited += SETTLE_POLL_NS) {
     const int error = stat_regular(fd, status);
-    if (error != 0 || !may_change_unseen(status->stamp)) {
+    if (error != 0 || !is_racily_clean(status->stamp)) {
       return error;
     }
     if (waited > granularity_of(status->stamp) + SETTLE_LIMIT_NS) {

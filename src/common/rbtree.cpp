@@ -124,7 +124,7 @@ void fix_missing_black(rb_node *node, rb_node *parent, rb_root *root) {
 }
 
 // Puts `successor`, which was taken out of the tree, in the place and colour of `node`.
-void take_place(rb_node *successor, const rb_node *node, rb_root *root) {
+void replace_node(rb_node *successor, const rb_node *node, rb_root *root) {
   *successor = *node;
   replace_child(node, successor, parent_of(node), root);
   for (rb_node *below : {successor->left, successor->right}) {
@@ -178,7 +178,7 @@ void rb_erase(rb_node *node, rb_root *root) {
 
   replace_child(leaving, replacement, parent, root);
   if (leaving != node) {
-    take_place(leaving, node, root);
+    replace_node(leaving, node, root);
     if (parent == node) {
       parent = leaving;
     }

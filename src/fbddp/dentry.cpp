@@ -19,7 +19,7 @@ constexpr int FILE_FORM = 1;
 
 // Copies `text` so that it ends just before `end`. Returns its start, or null when it does not fit
 // into the buffer.
-char *put_before(char *end, const char *text, char *buffer) {
+char *prepend(char *end, const char *text, char *buffer) {
   const size_t length = strlen(text);
   const auto room = static_cast<size_t>(end - buffer);
   if (length > room) {
@@ -80,7 +80,7 @@ int create_dentry(dentry *parent, const char *name, dentry **out, int form) {
   return 0;
 }
 
-void list_dentry(sis_context *ctx, dentry *d) {
+void track_dentry(sis_context *ctx, dentry *d) {
   const spinlock_guard guard(&ctx->dentries_lock);
   list_append(&ctx->dentries, &d->link);
 }
@@ -92,14 +92,14 @@ const char *get_fullpath(const dentry *d, char *buffer) {
   if (code != 0) {
     return last;
   }
-  char *start = put_before(last, name_of(d), buffer);
+  char *start = prepend(last, name_of(d), buffer);
   while (start != nullptr && parent_of(d) != nullptr) {
     d = parent_of(d);
     if (start == buffer) {
       return last;
     }
     *--start = '/';
-    start = put_before(start, name_of(d), buffer);
+    start = prepend(start, name_of(d), buffer);
   }
   return start != nullptr ? start : last;
 }

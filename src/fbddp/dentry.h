@@ -134,7 +134,7 @@ inline bool has_member_data(const dentry *file) {
 int create_dentry(dentry *parent, const char *name, dentry **out, int form);
 
 // Appends a dentry to the run's list, under dentries_lock.
-void list_dentry(sis_context *ctx, dentry *d);
+void track_dentry(sis_context *ctx, dentry *d);
 
 // Builds the full path of a dentry at the end of `buffer` (PATH_BUF_SIZE bytes) and returns its
 // start; a path that does not fit, or a failed bounded copy, gives an empty string. Parents and

@@ -21,7 +21,7 @@ struct candidate {
 
 // Computes the patterns of both files unless they are known. One that fails does not keep the other
 // from being computed.
-bool have_patterns(const candidate &added, dentry *present) {
+bool ensure_patterns(const candidate &added, dentry *present) {
   const bool have_added =
       added.file->pattern != 0 || make_pattern(added.file, added.path, added.fd) == 0;
   const bool have_present = present->pattern != 0 || make_pattern(present, nullptr, -1) == 0;
@@ -33,7 +33,7 @@ bool have_patterns(const candidate &added, dentry *present) {
 int compare_with_node(const candidate &added, rb_node *node) {
   dentry *present = owner_of<&dentry::node>(node);
   const int order = compare_keys(added.file->size, present->size);
-  if (order != 0 || added.file->size < PATTERN_MIN_SIZE || !have_patterns(added, present)) {
+  if (order != 0 || added.file->size < PATTERN_MIN_SIZE || !ensure_patterns(added, present)) {
     return order;
   }
   return compare_keys(added.file->pattern, present->pattern);

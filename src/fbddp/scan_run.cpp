@@ -156,7 +156,7 @@ void schedule_root(sis_context *ctx, const char *root) {
   if (create_dentry(nullptr, root, &directory, 0) != 0) {
     return;
   }
-  list_dentry(ctx, directory);
+  track_dentry(ctx, directory);
   if (is_in_time(ctx)) {
     schedule_job(ctx, directory);
   }

@@ -40,7 +40,7 @@ bool open_entry(const dentry *d, mode_t wanted_type, uint64_t *counter, opened_e
          (entry->status.st_mode & S_IFMT) == wanted_type;
 }
 
-bool is_left_out(const rb_root *skips, const struct stat &status) {
+bool is_in_skip_set(const rb_root *skips, const struct stat &status) {
   return skips->node != nullptr && is_skipped(skips, file_key_of(status));
 }
 
@@ -60,7 +60,7 @@ void add_entry(sis_context *ctx, dentry *directory, const struct dirent *entry) 
     fetch_add(&ctx->nr_error, 1);
     return;
   }
-  list_dentry(ctx, added);
+  track_dentry(ctx, added);
   if (load_relaxed(&ctx->in_time) != 0) {
     schedule_job(ctx, added);
   }
@@ -103,12 +103,12 @@ bool read_entries(sis_context *ctx, dentry *directory, opened_entry *entry) {
 
 bool is_readable_directory(sis_context *ctx, const dentry *directory, opened_entry *entry) {
   return open_entry(directory, S_IFDIR, &ctx->nr_dir_opened, entry) &&
-         !is_left_out(&ctx->dir_skips, entry->status) && filter_entry(ctx, *entry) >= 0;
+         !is_in_skip_set(&ctx->dir_skips, entry->status) && filter_entry(ctx, *entry) >= 0;
 }
 
 bool is_candidate(sis_context *ctx, const dentry *file, opened_entry *entry) {
   if (!open_entry(file, S_IFREG, &ctx->nr_file_opened, entry) ||
-      is_left_out(&ctx->file_skips, entry->status)) {
+      is_in_skip_set(&ctx->file_skips, entry->status)) {
     return false;
   }
   const int verdict = filter_entry(ctx, *entry);

@@ -20,7 +20,7 @@ constexpr int SLOT_ATTEMPTS = 4;
 constexpr long WORKER_POLL_NS = 200000000;
 
 // Sleeps one poll interval, also when signals interrupt it.
-void sleep_one_poll() {
+void sleep_poll_interval() {
   struct timespec remaining = {0, WORKER_POLL_NS};
   struct timespec request;
   do {
@@ -35,7 +35,7 @@ int32_t phase_of(const sis_context *ctx) {
 // A file is queued for its digest only after it was admitted, with its digest marked as wanted, and
 // stays marked until that job is done. An unexamined file never is. So the mark alone, which only
 // the file's own job clears, tells the two jobs of a file apart.
-void treat_in_walk(sis_context *ctx, job *taken, begun_digests *begun) {
+void run_walk_job(sis_context *ctx, job *taken, begun_digests *begun) {
   dentry *d = taken->target;
   if (is_file_form(d) && is_digest_wanted(d)) {
     begun->add(ctx, taken);
@@ -51,10 +51,10 @@ void treat_in_walk(sis_context *ctx, job *taken, begun_digests *begun) {
 }
 
 // While a job is begun it is pending, so the phase in which it ends is the walk.
-void treat(sis_context *ctx, job *taken, begun_digests *begun) {
+void run_job(sis_context *ctx, job *taken, begun_digests *begun) {
   switch (phase_of(ctx)) {
     case PHASE_WALK:
-      treat_in_walk(ctx, taken, begun);
+      run_walk_job(ctx, taken, begun);
       return;
     case PHASE_GROUP:
       split_group(ctx, taken->target);
@@ -72,7 +72,7 @@ job *wait_for_job(sis_context *ctx, begun_digests *begun) {
       return taken;
     }
     if (!begun->end_all(ctx)) {
-      sleep_one_poll();
+      sleep_poll_interval();
     }
   }
   return nullptr;
@@ -83,13 +83,13 @@ void *enqueued_worker(void *argument) {
   begun_digests begun;
   for (;;) {
     if (phase_of(ctx) == PHASE_START) {
-      sleep_one_poll();
+      sleep_poll_interval();
     }
     job *taken = wait_for_job(ctx, &begun);
     if (taken == nullptr) {
       return nullptr;
     }
-    treat(ctx, taken, &begun);
+    run_job(ctx, taken, &begun);
   }
 }
 

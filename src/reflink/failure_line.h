@@ -12,15 +12,15 @@ namespace velmarin {
 
 enum class line_kind { erro, info };
 
-struct failure_form {
+struct failure_style {
   line_kind kind;
   const char *verb;
 };
 
-inline constexpr failure_form ERRO_RETURNED = {line_kind::erro, "returned"};
-inline constexpr failure_form INFO_RETURNED = {line_kind::info, "returned"};
-inline constexpr failure_form ERRO_RETURN = {line_kind::erro, "return"};
-inline constexpr failure_form INFO_RETURN = {line_kind::info, "return"};
+inline constexpr failure_style ERRO_RETURNED = {line_kind::erro, "returned"};
+inline constexpr failure_style INFO_RETURNED = {line_kind::info, "returned"};
+inline constexpr failure_style ERRO_RETURN = {line_kind::erro, "return"};
+inline constexpr failure_style INFO_RETURN = {line_kind::info, "return"};
 
 }  // namespace velmarin
 
@@ -28,7 +28,7 @@ inline constexpr failure_form INFO_RETURN = {line_kind::info, "return"};
 // read before anything else happens; the verb and the error's text are added to the message.
 #define log_failure(error, form, message, ...)                                        \
   [&](const int failed_with_) {                                                       \
-    const ::velmarin::failure_form &form_ = (form);                                   \
+    const ::velmarin::failure_style &form_ = (form);                                  \
     const char *error_text_ = strerror(failed_with_);                                 \
     if (form_.kind == ::velmarin::line_kind::erro) {                                  \
       log_erro(message " %s %s" __VA_OPT__(, ) __VA_ARGS__, form_.verb, error_text_); \

@@ -12,7 +12,7 @@ namespace {
 
 constexpr mode_t TEMPORARY_FILE_MODE = 0600;
 
-int log_layer_failure(const layer_outcome &outcome, const failure_form &form) {
+int log_layer_failure(const layer_outcome &outcome, const failure_style &form) {
   switch (outcome.stopped_at) {
     case layer_step::open_temporary:
       return log_failure(outcome.error, form, "fail to open temporary file");
@@ -30,7 +30,7 @@ int log_layer_failure(const layer_outcome &outcome, const failure_form &form) {
 
 }  // namespace
 
-int open_file(opened_file *file, int flags, mode_t mode, const failure_form &form) {
+int open_file(opened_file *file, int flags, mode_t mode, const failure_style &form) {
   file->fd.reset(open(file->path, flags, mode));
   if (!file->fd.is_open()) {
     return log_failure(errno, form, "fail to open %s", file->path);
@@ -38,19 +38,19 @@ int open_file(opened_file *file, int flags, mode_t mode, const failure_form &for
   return 0;
 }
 
-int read_status(opened_file *file, const failure_form &form) {
+int read_status(opened_file *file, const failure_style &form) {
   if (fstat(file->fd.get(), &file->status) != 0) {
     return log_failure(errno, form, "fail to stat %s", file->path);
   }
   return 0;
 }
 
-int open_with_status(opened_file *file, int flags, const failure_form &form) {
+int open_with_status(opened_file *file, int flags, const failure_style &form) {
   const int error = open_file(file, flags, 0, form);
   return error != 0 ? error : read_status(file, form);
 }
 
-int find_directory(const char *path, path_buffer *directory, const failure_form &form) {
+int find_directory(const char *path, path_buffer *directory, const failure_style &form) {
   *directory = {};
   if (realpath(path, directory->text) == nullptr) {
     return log_failure(errno, form, "fail to get real path of %s", path);
@@ -80,8 +80,8 @@ layer_outcome build_layer(int source_fd, const char *directory, mode_t mode,
   return {layer_step::done, result, 0};
 }
 
-int create_layered_inode(const opened_file &source, const char *directory, const failure_form &form,
-                         unique_fd *layer) {
+int create_layered_inode(const opened_file &source, const char *directory,
+                         const failure_style &form, unique_fd *layer) {
   struct stat empty_status = {};
   unique_fd temporary;
   const layer_outcome outcome =
@@ -96,7 +96,7 @@ int create_layered_inode(const opened_file &source, const char *directory, const
   return 0;
 }
 
-int dedup_onto_layer(const opened_file &file, int src_fd, const failure_form &form) {
+int dedup_onto_layer(const opened_file &file, int src_fd, const failure_style &form) {
   if (share_data(file.fd.get(), src_fd, SIS_DEDUP_ATTACHED) < 0) {
     return log_failure(errno, form, "fail to deduplicate %s", file.path);
   }

@@ -56,7 +56,7 @@ int probe_file_system(int fd) {
   return query_file_info(fd, &info) < 0 && errno == EOPNOTSUPP ? -EOPNOTSUPP : 0;
 }
 
-void hand_out(std::atomic<uint64_t> *counter, uint64_t *destination) {
+void read_and_reset(std::atomic<uint64_t> *counter, uint64_t *destination) {
   const uint64_t value = counter->exchange(0, std::memory_order_acq_rel);
   if (destination != nullptr) {
     *destination = value;
@@ -118,8 +118,8 @@ int check_frozen(int fd, const char *path) {
 
 void get_sis_file_statistics(uint64_t *compressed_files, uint64_t *deduped_files,
                              uint64_t *compressed_saved_bytes, uint64_t *deduped_saved_bytes) {
-  hand_out(&compressed_savings.files, compressed_files);
-  hand_out(&deduped_savings.files, deduped_files);
-  hand_out(&compressed_savings.saved_bytes, compressed_saved_bytes);
-  hand_out(&deduped_savings.saved_bytes, deduped_saved_bytes);
+  read_and_reset(&compressed_savings.files, compressed_files);
+  read_and_reset(&deduped_savings.files, deduped_files);
+  read_and_reset(&compressed_savings.saved_bytes, compressed_saved_bytes);
+  read_and_reset(&deduped_savings.saved_bytes, deduped_saved_bytes);
 }

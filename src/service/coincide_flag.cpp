@@ -17,7 +17,7 @@ struct checked_file {
 };
 
 // A null path is refused before it is resolved. Returns 0 or the answer of the entry point.
-int open_given(const char *path, unresolved_answer form, resolved_file *file) {
+int open_checked_path(const char *path, resolve_error_code form, resolved_file *file) {
   if (path == nullptr) {
     log_service("input file is NULL \n");
     return -1;
@@ -66,7 +66,7 @@ int change_flag(int (*change)(int fd), const char *verb, const checked_file &che
 
 // The time is compared before and after the flag is set: a writer that comes between the first
 // comparison and the setting is seen by the second.
-int set_flag_guarded(const timespec &expected, checked_file *checked) {
+int set_flag_if_unmodified(const timespec &expected, checked_file *checked) {
   if (check_time("1st", expected, checked) != time_check::same) {
     return -1;
   }
@@ -97,13 +97,13 @@ using namespace velmarin;
 
 int setCheckFlagImpl(const char *path, long mtime_sec, long mtime_nsec) {
   checked_file checked = {};
-  const int answer = open_given(path, unresolved_answer::minus_one, &checked.file);
-  return answer != 0 ? answer : set_flag_guarded({mtime_sec, mtime_nsec}, &checked);
+  const int answer = open_checked_path(path, resolve_error_code::minus_one, &checked.file);
+  return answer != 0 ? answer : set_flag_if_unmodified({mtime_sec, mtime_nsec}, &checked);
 }
 
 int getCoincideFlagImpl(const char *path) {
   resolved_file file;
-  const int answer = open_given(path, unresolved_answer::minus_errno, &file);
+  const int answer = open_checked_path(path, resolve_error_code::minus_errno, &file);
   if (answer != 0) {
     return answer;
   }

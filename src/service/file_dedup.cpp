@@ -145,7 +145,7 @@ int sisFileTaskImpl(const char *file1, const char *file2) {
 
 int getSISFileInfoImpl(const char *path) {
   resolved_file file;
-  const int answer = open_resolved(path, unresolved_answer::minus_one, &file);
+  const int answer = open_resolved(path, resolve_error_code::minus_one, &file);
   if (answer != 0) {
     return answer;
   }
@@ -156,7 +156,7 @@ int getSISFileInfoImpl(const char *path) {
 
 int recoverFileImpl(const char *path) {
   path_buffer resolved;
-  int answer = resolve_path(path, unresolved_answer::minus_errno, &resolved);
+  int answer = resolve_path(path, resolve_error_code::minus_errno, &resolved);
   if (answer != 0) {
     return answer;
   }

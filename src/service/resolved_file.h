@@ -13,15 +13,15 @@
 namespace velmarin {
 
 // How an entry point answers when its path cannot be resolved.
-enum class unresolved_answer { minus_one, minus_errno };
+enum class resolve_error_code { minus_one, minus_errno };
 
 // Returns 0 or the answer of the entry point, which the line shows too.
-inline int resolve_path(const char *path, unresolved_answer form, path_buffer *resolved) {
+inline int resolve_path(const char *path, resolve_error_code form, path_buffer *resolved) {
   *resolved = {};
   if (realpath(path, resolved->text) != nullptr) {
     return 0;
   }
-  const int answer = form == unresolved_answer::minus_errno ? -errno : -1;
+  const int answer = form == resolve_error_code::minus_errno ? -errno : -1;
   log_service("Failed to realpath %s returned %d\n", path, answer);
   return answer;
 }
@@ -32,7 +32,7 @@ struct resolved_file {
 };
 
 // Returns 0 or the answer of the entry point: that of an unresolved path, or -1.
-inline int open_resolved(const char *path, unresolved_answer form, resolved_file *file) {
+inline int open_resolved(const char *path, resolve_error_code form, resolved_file *file) {
   const int answer = resolve_path(path, form, &file->path);
   if (answer != 0) {
     return answer;

@@ -83,7 +83,7 @@ int Collector::receive(uint64_t collector, velmarin::sis_report *record) {
 void Collector::take(const velmarin::sis_report &record) {
   switch (record.stage) {
     case velmarin::REPORT_BEGIN:
-      retract_stop_handle();
+      withdraw_stop_handle();
       break;
     case velmarin::REPORT_GROUP:
       findings.groups.emplace_back();

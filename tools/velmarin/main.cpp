@@ -27,7 +27,7 @@ bool run_command(const tool::CommandLine &line) {
   const bool done = line.command == "scan" ? tool::run_scan(line.scan)
                                            : run_file_command(line.command, line.file);
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-    tool::complain("cannot write to standard output");
+    tool::print_error("cannot write to standard output");
     return false;
   }
   return done;
@@ -43,7 +43,7 @@ int main(int argc, char **argv) {
     }
     return run_command(line) ? 0 : FAILED;
   } catch (const std::exception &error) {
-    tool::complain(error.what());
+    tool::print_error(error.what());
     return FAILED;
   }
 }

@@ -6,12 +6,12 @@
 
 namespace tool {
 
-void complain(std::string_view text) {
+void print_error(std::string_view text) {
   std::fprintf(stderr, "velmarin: %s\n", std::string(text).c_str());
 }
 
-void complain(std::string_view what, std::string_view name, std::string_view reason) {
-  complain(std::string(what) + ' ' + escaped_name(name) + ": " + std::string(reason));
+void print_error(std::string_view what, std::string_view name, std::string_view reason) {
+  print_error(std::string(what) + ' ' + escaped_name(name) + ": " + std::string(reason));
 }
 
 }  // namespace tool

@@ -7,9 +7,9 @@
 namespace tool {
 
 // "velmarin: TEXT"
-void complain(std::string_view text);
+void print_error(std::string_view text);
 
 // "velmarin: WHAT NAME: REASON", the name escaped.
-void complain(std::string_view what, std::string_view name, std::string_view reason);
+void print_error(std::string_view what, std::string_view name, std::string_view reason);
 
 }  // namespace tool

@@ -54,7 +54,7 @@ bool OutputFile::write(const std::string &text) {
 }
 
 bool OutputFile::fail() {
-  complain("cannot write", path_, std::strerror(errno));
+  print_error("cannot write", path_, std::strerror(errno));
   return false;
 }
 

@@ -13,8 +13,8 @@
 namespace tool {
 namespace {
 
-constexpr std::chrono::milliseconds RENEWAL(200);
-constexpr const char *WIPE = "\r\x1b[K";
+constexpr std::chrono::milliseconds REFRESH_INTERVAL(200);
+constexpr const char *CLEAR_LINE = "\r\x1b[K";
 
 size_t terminal_width() {
   struct winsize size = {};
@@ -24,7 +24,7 @@ size_t terminal_width() {
 // A line that fills the last column would make some terminals go to the next one.
 void show(std::string line) {
   line.resize(std::min(line.size(), terminal_width() - 1));
-  std::fprintf(stderr, "%s%s", WIPE, line.c_str());
+  std::fprintf(stderr, "%s%s", CLEAR_LINE, line.c_str());
   std::fflush(stderr);
 }
 
@@ -54,7 +54,7 @@ void Progress::run() {
   std::unique_lock guard(lock_);
   do {
     show(describe_());
-    wake_.wait_for(guard, RENEWAL, [this] { return finished_; });
+    wake_.wait_for(guard, REFRESH_INTERVAL, [this] { return finished_; });
   } while (!finished_);
 }
 

@@ -63,8 +63,8 @@ class ScanCommand {
     }
     const int error = scan();
     if (error != 0) {
-      complain("the scan could not be made" +
-               (error == 1 ? first_error() : std::string(": ") + std::strerror(error)));
+      print_error("the scan could not be made" +
+                  (error == 1 ? first_error() : std::string(": ") + std::strerror(error)));
       return false;
     }
     finish_scan();
@@ -79,7 +79,7 @@ class ScanCommand {
   bool prepare() {
     state_ = options_.state.empty() ? default_state_directory() : options_.state;
     if (!options_.quiet) {
-      remark_on_skips(options_.skips);
+      warn_of_useless_skips(options_.skips);
     }
     report_.applied = options_.apply;
     return resolve_roots(options_.roots, report_.roots) && prepare_state_directory(state_) &&
@@ -168,16 +168,17 @@ class ScanCommand {
     const MergeCounts merged = count_outcomes(report_.findings);
     const bool none_supported = counters.nr_scan_file == 0 && report_.unsupported > 0;
     if (counters.nr_error > 0) {
-      complain(format_count(counters.nr_error, "error") + " during the scan" + first_error());
+      print_error(format_count(counters.nr_error, "error") + " during the scan" + first_error());
     }
     if (!log_.save_failure().empty()) {
-      complain("the digests were not kept for the next scan: " + escaped_name(log_.save_failure()));
+      print_error("the digests were not kept for the next scan: " +
+                  escaped_name(log_.save_failure()));
     }
     if (none_supported) {
-      complain("no file could be examined: their file systems do not support deduplication");
+      print_error("no file could be examined: their file systems do not support deduplication");
     }
     if (report_.stopped && !options_.quiet) {
-      complain("stopped early: the findings are not complete");
+      print_error("stopped early: the findings are not complete");
     }
     return counters.nr_error == 0 && !none_supported && log_.save_failure().empty() &&
            merged.refused + merged.changed + merged.not_tried == 0;

@@ -81,7 +81,7 @@ bool resolve_roots(const std::vector<std::string> &given, std::vector<std::strin
   for (const std::string &path : given) {
     std::string resolved;
     if (const int error = resolve_directory(path, resolved); error != 0) {
-      complain("cannot scan", path, std::strerror(error));
+      print_error("cannot scan", path, std::strerror(error));
       all_usable = false;
     } else if (std::find(roots.begin(), roots.end(), resolved) == roots.end()) {
       roots.push_back(resolved);
@@ -90,13 +90,13 @@ bool resolve_roots(const std::vector<std::string> &given, std::vector<std::strin
   return all_usable;
 }
 
-void remark_on_skips(const std::vector<std::string> &skips) {
+void warn_of_useless_skips(const std::vector<std::string> &skips) {
   for (const std::string &path : skips) {
     struct stat status = {};
     if (lstat(path.c_str(), &status) != 0) {
-      complain("nothing to skip at", path, std::strerror(errno));
+      print_error("nothing to skip at", path, std::strerror(errno));
     } else if (S_ISLNK(status.st_mode)) {
-      complain("nothing to skip at", path, "a symbolic link, which a scan does not follow");
+      print_error("nothing to skip at", path, "a symbolic link, which a scan does not follow");
     }
   }
 }
@@ -114,7 +114,7 @@ bool prepare_state_directory(const std::string &path) {
     error = error != 0 ? error : check_state_directory(path);
   }
   if (error != 0) {
-    complain("cannot keep digests in", path, std::strerror(error));
+    print_error("cannot keep digests in", path, std::strerror(error));
   }
   return error == 0;
 }

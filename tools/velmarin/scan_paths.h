@@ -13,7 +13,7 @@ namespace tool {
 bool resolve_roots(const std::vector<std::string> &given, std::vector<std::string> &roots);
 
 // Remarks on skip paths that leave nothing out.
-void remark_on_skips(const std::vector<std::string> &skips);
+void warn_of_useless_skips(const std::vector<std::string> &skips);
 
 // The directory of digest files when none is given: `velmarin` in the user's directory for state.
 std::string default_state_directory();

@@ -63,7 +63,7 @@ void publish_stop_handle() {
   }
 }
 
-void retract_stop_handle() {
+void withdraw_stop_handle() {
   published = nullptr;
 }
 

@@ -23,11 +23,11 @@ bool stop_requested();
 // The handle is only valid inside the scan's call, so a signal may use it only between these two:
 // - `publish_stop_handle`, called from the probes of the scan. The scan has started its threads by
 //   then, hence written the handle. A stop asked for before is passed on now.
-// - `retract_stop_handle`, called when the report begins. The scan has joined its threads by then,
+// - `withdraw_stop_handle`, called when the report begins. The scan has joined its threads by then,
 // and
 //   every other thread blocks the two signals, so no handler can be at work with the handle.
 void publish_stop_handle();
-void retract_stop_handle();
+void withdraw_stop_handle();
 
 // Keeps both signals out of the calling thread, and out of threads that it starts meanwhile for as
 // long as they run.

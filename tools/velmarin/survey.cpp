@@ -16,7 +16,7 @@
 namespace tool {
 namespace {
 
-bool fits(const FoundFile &file, const struct stat &status) {
+bool matches_scan(const FoundFile &file, const struct stat &status) {
   return S_ISREG(status.st_mode) && static_cast<uint32_t>(status.st_ino) == file.inode &&
          static_cast<uint64_t>(status.st_size) == file.size &&
          status.st_mtim.tv_sec == file.mtime.tv_sec && status.st_mtim.tv_nsec == file.mtime.tv_nsec;
@@ -25,7 +25,7 @@ bool fits(const FoundFile &file, const struct stat &status) {
 // The state of a plain file with that status.
 FileState plain_state(const FoundFile &file, const struct stat &status) {
   FileState state;
-  state.unchanged = fits(file, status);
+  state.unchanged = matches_scan(file, status);
   state.device = status.st_dev;
   state.inode = status.st_ino;
   state.allocated_bytes = static_cast<uint64_t>(status.st_blocks) * 512;
@@ -38,7 +38,7 @@ FileState failed_state(int error) {
   return state;
 }
 
-FileState look_at_plain(const FoundFile &file) {
+FileState examine_plain(const FoundFile &file) {
   struct stat status = {};
   return lstat(file.path.c_str(), &status) == 0 ? plain_state(file, status) : failed_state(errno);
 }
@@ -54,7 +54,7 @@ FileState state_of_open_file(const FoundFile &file, int fd) {
   return state;
 }
 
-FileState look_at(const FoundFile &file) {
+FileState examine(const FoundFile &file) {
   const int fd = open(file.path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
     return failed_state(errno);
@@ -123,11 +123,11 @@ void order_by_path(std::vector<FoundFile> &files) {
             [](const FoundFile &a, const FoundFile &b) { return a.path < b.path; });
 }
 
-void look_at_all(std::vector<FoundFile> &files, bool ask_again) {
+void examine_all(std::vector<FoundFile> &files, bool ask_again) {
   order_by_path(files);
   for (FoundFile &file : files) {
     const bool is_known = file.status == velmarin::SIS_STATUS_PLAIN && !ask_again;
-    file.state = is_known ? look_at_plain(file) : look_at(file);
+    file.state = is_known ? examine_plain(file) : examine(file);
   }
 }
 
@@ -135,7 +135,7 @@ void look_at_all(std::vector<FoundFile> &files, bool ask_again) {
 
 bool is_unchanged(const FoundFile &file) {
   struct stat status = {};
-  return lstat(file.path.c_str(), &status) == 0 && fits(file, status);
+  return lstat(file.path.c_str(), &status) == 0 && matches_scan(file, status);
 }
 
 uint64_t unmerged_bytes(const FoundGroup &group, const Share &share) {
@@ -152,9 +152,9 @@ uint64_t unmerged_bytes(const FoundGroup &group, const Share &share) {
 
 void survey(Findings &findings, bool before_merging) {
   VolumeKinds kinds;
-  look_at_all(findings.compressed, before_merging);
+  examine_all(findings.compressed, before_merging);
   for (FoundGroup &group : findings.groups) {
-    look_at_all(group.files, before_merging);
+    examine_all(group.files, before_merging);
     group.shares = shares_of(group, kinds);
   }
   std::sort(findings.groups.begin(), findings.groups.end(),
