@@ -37,7 +37,8 @@ struct run {
 
   dentry *add(dentry *parent, const std::string &name, bool is_file) {
     dentry *d = nullptr;
-    if (create_dentry(parent, name.c_str(), &d, is_file ? 1 : 0) != 0) {
+    if (create_dentry(parent, name.c_str(), &d,
+                      is_file ? velmarin::FILE_FORM : velmarin::DIRECTORY_FORM) != 0) {
       abort();
     }
     track_dentry(&ctx, d);

@@ -134,9 +134,9 @@ struct run {
       hash_entry *entry = owner_of<&hash_entry::link>(link);
       dentry *root = nullptr;
       dentry *file = nullptr;
-      require(create_dentry(nullptr, "/r", &root, 0) == 0, "a dentry can be made");
+      require(create_dentry(nullptr, "/r", &root, DIRECTORY_FORM) == 0, "a dentry can be made");
       track_dentry(&ctx, root);
-      require(create_dentry(root, "f", &file, 1) == 0, "a dentry can be made");
+      require(create_dentry(root, "f", &file, FILE_FORM) == 0, "a dentry can be made");
       track_dentry(&ctx, file);
       memcpy(&file->key, entry->record, KEY_SIZE);
       file->mtime = {entry->record->mtime_sec, entry->record->mtime_nsec};

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "fbddp/dentry_forms.h"
 #include "fbddp/fingerprint.h"
 #include "fbddp/forest.h"
 #include "fbddp/grouping.h"

@@ -20,8 +20,6 @@ const char *suffix_list[1] = {".hsh"};
 namespace velmarin {
 namespace {
 
-constexpr unsigned WRITE_MODE = 1;
-constexpr unsigned DISCARD = 1;
 constexpr int PATH_FAILURE = 1;
 constexpr mode_t DIGEST_FILE_MODE = 0777;  // reduced by the process's umask
 
@@ -138,7 +136,7 @@ bool remove_digest_file(digest_path *path, sis_context *ctx) {
 }  // namespace
 
 int create_open_hashfiles(sis_context *ctx, const char *save_dir, int *fd, unsigned write_mode) {
-  const bool writing = (write_mode & WRITE_MODE) != 0;
+  const bool writing = (write_mode & OPEN_FOR_WRITING) != 0;
   digest_path path;
   if (!form_directory(&path, save_dir) || !append_file_name(&path, ctx)) {
     return PATH_FAILURE;
@@ -167,7 +165,7 @@ void destroy_exist_hashfiles(sis_context *ctx, const char *save_dir, int *fd, un
     if (!unlock_digest_file(path, *fd)) {
       return;
     }
-    if ((discard & DISCARD) != 0) {
+    if ((discard & REMOVE_FILE) != 0) {
       close(*fd);
       if (!remove_digest_file(&path, ctx)) {
         return;

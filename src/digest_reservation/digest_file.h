@@ -5,15 +5,17 @@
 // forming of the path fails.
 #pragma once
 
-#include <cstddef>
-
 #include "fbddp/scan_context.h"
 
 namespace velmarin {
 
-inline constexpr size_t DIGEST_NAME_LENGTH = 64;  // lowercase hexadecimal digits
-inline constexpr size_t DIGEST_SUFFIX_SIZE = 5;   // a point, three letters and a NUL
-inline constexpr size_t DIGEST_NAME_SIZE = DIGEST_NAME_LENGTH + DIGEST_SUFFIX_SIZE;
+// Values of `write_mode`.
+inline constexpr unsigned OPEN_FOR_READING = 0;
+inline constexpr unsigned OPEN_FOR_WRITING = 1;
+
+// Values of `discard`.
+inline constexpr unsigned KEEP_FILE = 0;
+inline constexpr unsigned REMOVE_FILE = 1;
 
 // Bit 0 of `write_mode`: create the file for writing and lock it exclusively; otherwise open it for
 // reading and share the lock. Waits for the lock. Stores the descriptor in `*fd` as soon as the

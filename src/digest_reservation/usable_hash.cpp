@@ -22,10 +22,6 @@ namespace velmarin {
 namespace {
 
 constexpr int64_t LOAD_FAILED = -1;
-constexpr unsigned FOR_READING = 0;
-constexpr unsigned FOR_WRITING = 1;
-constexpr unsigned KEEP_FILE = 0;
-constexpr unsigned REMOVE_FILE = 1;
 
 enum class read_result { record, end_of_file, failure };
 
@@ -137,7 +133,7 @@ using namespace velmarin;
 int64_t load_usable_hash(sis_context *ctx, const char *save_dir) {
   int fd = 0;
   int64_t count = LOAD_FAILED;
-  if (create_open_hashfiles(ctx, save_dir, &fd, FOR_READING) == 0 &&
+  if (create_open_hashfiles(ctx, save_dir, &fd, OPEN_FOR_READING) == 0 &&
       initialize_hash_table(ctx) == 0) {
     count = load_records(ctx, fd);
   }
@@ -148,8 +144,8 @@ int64_t load_usable_hash(sis_context *ctx, const char *save_dir) {
 int64_t save_usable_hash(sis_context *ctx, const char *save_dir) {
   int fd = 0;
   int64_t count = 0;
-  const bool saved =
-      create_open_hashfiles(ctx, save_dir, &fd, FOR_WRITING) == 0 && save_records(ctx, fd, &count);
+  const bool saved = create_open_hashfiles(ctx, save_dir, &fd, OPEN_FOR_WRITING) == 0 &&
+                     save_records(ctx, fd, &count);
   destroy_exist_hashfiles(ctx, save_dir, &fd, saved ? KEEP_FILE : REMOVE_FILE);
   return count;
 }

@@ -15,8 +15,6 @@
 namespace velmarin {
 namespace {
 
-constexpr int FILE_FORM = 1;
-
 // Copies `text` so that it ends just before `end`. Returns its start, or null when it does not fit
 // into the buffer.
 char *prepend(char *end, const char *text, char *buffer) {

@@ -117,16 +117,9 @@ inline bool is_digest_wanted(const dentry *file) {
   return load_acquire(&file->hash) == hash_pending();
 }
 
-// Whether a tree node heads a group of candidates; it means nothing for a member. To be asked under
-// the forest lock during the walk.
-inline bool heads_group(const dentry *file) {
-  return file->own.group_marker != MARKER_NOT_SET;
-}
-
-// Whether a file holds member data: it is a member of a group, or was never examined.
-inline bool has_member_data(const dentry *file) {
-  return file->member.marker == MARKER_NOT_SET;
-}
+// Values of `form`.
+inline constexpr int DIRECTORY_FORM = 0;
+inline constexpr int FILE_FORM = 1;
 
 // Creates a dentry below `parent` (null for a root) for the entry `name`; bit 0 of `form` selects
 // the file form. Stores it in `*out`, null on failure; the caller puts it on the run's list.

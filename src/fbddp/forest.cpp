@@ -4,6 +4,7 @@
 
 #include "common/atomic_word.h"
 #include "common/rbtree.h"
+#include "fbddp/dentry_forms.h"
 #include "fbddp/file_key.h"
 #include "fbddp/fingerprint.h"
 #include "fbddp/job_queue.h"
@@ -37,25 +38,6 @@ int compare_with_node(const candidate &added, rb_node *node) {
     return order;
   }
   return compare_keys(added.file->pattern, present->pattern);
-}
-
-// Turns `file` into a member of the group of `head`. The head's status and blocks live on in its
-// members, since its own fields give way to the list.
-void become_member(dentry *file, dentry *head) {
-  const own_attributes own = file->own;
-  file->member.marker = MARKER_NOT_SET;
-  file->member.own_status = static_cast<int16_t>(own.status);
-  file->member.own_blocks = own.blocks;
-  if (!heads_group(head)) {
-    file->member.head_status = static_cast<int16_t>(head->own.status);
-    file->member.head_blocks = head->own.blocks;
-    list_init(&head->group);
-  } else {
-    const dentry *last = owner_of<&dentry::group>(head->group.prev);
-    file->member.head_status = last->member.head_status;
-    file->member.head_blocks = last->member.head_blocks;
-  }
-  list_append(&head->group, &file->group);
 }
 
 void want_digest(sis_context *ctx, dentry *file) {

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "common/hash_set.h"
+#include "fbddp/dentry_forms.h"
 #include "fbddp/file_index.h"
 
 namespace velmarin {
@@ -85,7 +86,7 @@ void split_group(sis_context *ctx, dentry *node) {
   if (!heads_group(node) || list_is_empty(&node->group)) {
     return;
   }
-  const member_data first = owner_of<&dentry::group>(node->group.next)->member;
+  const file_attributes own = attributes_of(node);
 
   // The node's own link becomes the first element of a list of its own.
   list_head candidates;
@@ -99,24 +100,12 @@ void split_group(sis_context *ctx, dentry *node) {
   // What is left stays a ring without a head.
   list_unlink(&candidates);
   if (list_is_empty(&node->same) && list_is_empty(&node->group)) {
-    node->own = {first.head_status, MARKER_NOT_SET, first.head_blocks};
+    restore_head(node, own);
   }
   if (!list_is_empty(&result)) {
     const spinlock_guard guard(&ctx->groups_lock);
     list_append_all(&ctx->groups, &result);
   }
-}
-
-file_attributes attributes_of(const dentry *file) {
-  if (has_member_data(file)) {
-    return {file->member.own_status, file->member.own_blocks};
-  }
-  if (!heads_group(file)) {
-    return {file->own.status, file->own.blocks};
-  }
-  const dentry *first = list_is_empty(&file->same) ? owner_of<&dentry::group>(file->group.next)
-                                                   : owner_of<&dentry::same>(file->same.next);
-  return {first->member.head_status, first->member.head_blocks};
 }
 
 }  // namespace velmarin

@@ -11,12 +11,4 @@ namespace velmarin {
 // list. No other worker touches this node's group meanwhile.
 void split_group(sis_context *ctx, dentry *node);
 
-// A file's status and allocated blocks, wherever its present form keeps them: they move into the
-// members of a group when the file becomes its head. For use after the grouping.
-struct file_attributes {
-  int32_t status;
-  uint64_t blocks;
-};
-file_attributes attributes_of(const dentry *file);
-
 }  // namespace velmarin

@@ -1,5 +1,7 @@
-// Set-up and teardown of a run. The set-up is a table of steps, each with its undoing, so that a
-// failure anywhere releases what was made before it, in reverse order.
+// Set-up and teardown of a run. The set-up is a table of steps, each with its undo function, so
+// that a failure anywhere releases what was made before it, in reverse order. The teardown of a
+// complete run is not that table backwards: hosts rely on its order, in which the time budget goes
+// in the middle and the locks of the forest go last.
 
 #include "fbddp/run_resources.h"
 
@@ -10,7 +12,6 @@
 #include <initializer_list>
 
 #include "common/log.h"
-#include "digest_reservation/digest_file.h"
 #include "fbddp/dentry.h"
 #include "fbddp/time_budget.h"
 #include "fbddp/worker_pool.h"

@@ -21,6 +21,11 @@ struct member_index;
 
 inline constexpr size_t FOREST_TREES = 1024;
 
+// The digest file's name as `pname` holds it: the digits, then room for the suffix.
+inline constexpr size_t DIGEST_NAME_LENGTH = 64;  // lowercase hexadecimal digits
+inline constexpr size_t DIGEST_SUFFIX_SIZE = 5;   // a point, three letters and a NUL
+inline constexpr size_t DIGEST_NAME_SIZE = DIGEST_NAME_LENGTH + DIGEST_SUFFIX_SIZE;
+
 // What the workers do with a job. A run passes through the phases in this order and changes the
 // phase only while no job is pending.
 enum scan_phase : int32_t {
@@ -52,7 +57,7 @@ struct sis_context {
   uint64_t nr_hashed;
   uint64_t nr_error;
   rb_root *hash_table;     // buckets of saved digests, null when none; see file_index.h
-  char *pname;             // digest-file name, DIGEST_NAME_SIZE bytes; see digest_file.h
+  char *pname;             // digest-file name, DIGEST_NAME_SIZE bytes; see digest_name.h
   rb_root *rbtree_roots;   // FOREST_TREES trees; see forest.h
   list_head threads;       // the run's thread slots
   list_head queue;         // jobs, oldest first; guarded by queue_lock

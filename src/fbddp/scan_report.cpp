@@ -5,9 +5,9 @@
 #include "common/log.h"
 #include "common/paths.h"
 #include "fbddp/dentry.h"
+#include "fbddp/dentry_forms.h"
 #include "fbddp/file_index.h"
 #include "fbddp/file_key.h"
-#include "fbddp/grouping.h"
 #include "velmarin/control_codes.h"
 
 namespace velmarin {

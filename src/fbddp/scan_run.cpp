@@ -1,18 +1,14 @@
 // One whole scan run: the order of its phases. Everything here runs on the caller's thread.
 
-#include <bounds_checked.h>
-#include <openssl/sha.h>
-
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
 
 #include "common/atomic_word.h"
 #include "common/log.h"
-#include "digest_reservation/digest_file.h"
 #include "fbddp/dentry.h"
+#include "fbddp/dentry_forms.h"
+#include "fbddp/digest_name.h"
 #include "fbddp/file_index.h"
 #include "fbddp/job_queue.h"
 #include "fbddp/member_index.h"
@@ -82,65 +78,6 @@ int start_workers(sis_context *ctx) {
   return started;
 }
 
-// Copies the root paths one right after the other, without separators or terminators. An empty path
-// is passed over, since a bounded copy may refuse a room of 0 bytes.
-bool join_roots(const scan_arguments &arguments, char *joined, uint32_t size) {
-  uint32_t used = 0;
-  for (int i = 0; i < arguments.root_count; i++) {
-    const size_t length = strlen(arguments.roots[i]);
-    if (length != 0 && memcpy_s(joined + used, size - used, arguments.roots[i], length) != 0) {
-      return false;
-    }
-    used += static_cast<uint32_t>(length);
-  }
-  return true;
-}
-
-bool print_name(sis_context *ctx, const unsigned char *digest) {
-  for (size_t i = 0; i < SHA256_DIGEST_LENGTH; i++) {
-    const size_t written = 2 * i;
-    if (snprintf_s(ctx->pname + written, DIGEST_NAME_LENGTH + 1 - written,
-                   DIGEST_NAME_LENGTH - written, "%02x", digest[i]) < 0) {
-      return false;
-    }
-  }
-  return true;
-}
-
-bool print_digest_name(sis_context *ctx, const char *joined, uint32_t size) {
-  unsigned char digest[SHA256_DIGEST_LENGTH];
-  if (SHA256(reinterpret_cast<const unsigned char *>(joined), size, digest) == nullptr) {
-    return false;
-  }
-  errno = 0;  // whatever the digest left there is no failure
-  return print_name(ctx, digest);
-}
-
-// Names the digest file by the SHA-256 of the root paths: the same roots in the same order find the
-// digests of their last run. Returns 0 or the result of the run.
-int name_digest_file(sis_context *ctx, const scan_arguments &arguments) {
-  uint32_t size = 0;
-  for (int i = 0; i < arguments.root_count; i++) {
-    size += static_cast<uint32_t>(strlen(arguments.roots[i]));
-  }
-  // Without roots the size is 0, for which null is no failure.
-  auto *joined = static_cast<char *>(malloc(size));  // NOLINT(clang-analyzer-optin.*)
-  if (joined == nullptr && size != 0) {
-    log_erro("fail to allocate name buffer for %s", "SAVED");
-    return SET_UP_FAILED;
-  }
-  // A bounded function that fails need not set errno; the run ends with a failure all the same.
-  int error = 0;
-  errno = 0;
-  if (!join_roots(arguments, joined, size) || !print_digest_name(ctx, joined, size)) {
-    error = errno;
-    log_erro("fail to calculate hash filename return %s", strerror(error));
-    error = error != 0 ? error : SET_UP_FAILED;
-  }
-  free(joined);
-  return error;
-}
-
 void load_digests(sis_context *ctx, const char *save_dir, struct timespec *mark) {
   const int64_t count = load_usable_hash(ctx, save_dir);
   if (count < 0) {
@@ -153,7 +90,7 @@ void load_digests(sis_context *ctx, const char *save_dir, struct timespec *mark)
 
 void schedule_root(sis_context *ctx, const char *root) {
   dentry *directory = nullptr;
-  if (create_dentry(nullptr, root, &directory, 0) != 0) {
+  if (create_dentry(nullptr, root, &directory, DIRECTORY_FORM) != 0) {
     return;
   }
   track_dentry(ctx, directory);
@@ -231,7 +168,7 @@ int perform_scan(sis_context *ctx, const scan_arguments &arguments) {
     // Nobody would ever bring `pending` back to 0.
     return abandon_run(ctx, SET_UP_FAILED);
   }
-  const int error = name_digest_file(ctx, arguments);
+  const int error = name_digest_file(ctx, arguments.roots, arguments.root_count);
   if (error != 0) {
     return abandon_run(ctx, error);
   }

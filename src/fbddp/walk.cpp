@@ -14,6 +14,7 @@
 #include "common/log.h"
 #include "common/paths.h"
 #include "common/unique_fd.h"
+#include "fbddp/dentry_forms.h"
 #include "fbddp/file_key.h"
 #include "fbddp/forest.h"
 #include "fbddp/job_queue.h"
@@ -56,7 +57,8 @@ bool is_dot_or_dot_dot(const char *name) {
 
 void add_entry(sis_context *ctx, dentry *directory, const struct dirent *entry) {
   dentry *added = nullptr;
-  if (create_dentry(directory, entry->d_name, &added, entry->d_type == DT_REG ? 1 : 0) != 0) {
+  if (create_dentry(directory, entry->d_name, &added,
+                    entry->d_type == DT_REG ? FILE_FORM : DIRECTORY_FORM) != 0) {
     fetch_add(&ctx->nr_error, 1);
     return;
   }
@@ -121,11 +123,12 @@ bool is_candidate(sis_context *ctx, const dentry *file, opened_entry *entry) {
 void record_attributes(const sis_context *ctx, dentry *file, const opened_entry &entry) {
   file->key = file_key_of(entry.status);
   file->size = static_cast<uint64_t>(entry.status.st_size);
-  file->own.blocks = static_cast<uint64_t>(entry.status.st_blocks);
   file->mtime = entry.status.st_mtim;
+  int status = 0;
   if (ctx->ops->get_status != nullptr) {
-    file->own.status = ctx->ops->get_status(entry.fd.get(), &entry.status, entry.path);
+    status = ctx->ops->get_status(entry.fd.get(), &entry.status, entry.path);
   }
+  set_own_attributes(file, {status, static_cast<uint64_t>(entry.status.st_blocks)});
 }
 
 }  // namespace

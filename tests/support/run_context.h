@@ -29,7 +29,9 @@ struct run_context {
 
   velmarin::dentry *list(velmarin::dentry *parent, const std::string &name, bool is_file) {
     velmarin::dentry *d = nullptr;
-    EXPECT_EQ(velmarin::create_dentry(parent, name.c_str(), &d, is_file ? 1 : 0), 0);
+    EXPECT_EQ(velmarin::create_dentry(parent, name.c_str(), &d,
+                                      is_file ? velmarin::FILE_FORM : velmarin::DIRECTORY_FORM),
+              0);
     velmarin::track_dentry(&ctx, d);
     return d;
   }

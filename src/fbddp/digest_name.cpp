@@ -1,0 +1,79 @@
+// Naming the digest file.
+
+#include "fbddp/digest_name.h"
+
+#include <bounds_checked.h>
+#include <openssl/sha.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/log.h"
+
+namespace velmarin {
+namespace {
+
+constexpr int NAMING_FAILED = 1;
+
+// Copies the root paths one right after the other, without separators or terminators. An empty path
+// is passed over, since a bounded copy may refuse a room of 0 bytes.
+bool join_roots(const char **roots, int root_count, char *joined, uint32_t size) {
+  uint32_t used = 0;
+  for (int i = 0; i < root_count; i++) {
+    const size_t length = strlen(roots[i]);
+    if (length != 0 && memcpy_s(joined + used, size - used, roots[i], length) != 0) {
+      return false;
+    }
+    used += static_cast<uint32_t>(length);
+  }
+  return true;
+}
+
+bool print_name(sis_context *ctx, const unsigned char *digest) {
+  for (size_t i = 0; i < SHA256_DIGEST_LENGTH; i++) {
+    const size_t written = 2 * i;
+    if (snprintf_s(ctx->pname + written, DIGEST_NAME_LENGTH + 1 - written,
+                   DIGEST_NAME_LENGTH - written, "%02x", digest[i]) < 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool print_digest_name(sis_context *ctx, const char *joined, uint32_t size) {
+  unsigned char digest[SHA256_DIGEST_LENGTH];
+  if (SHA256(reinterpret_cast<const unsigned char *>(joined), size, digest) == nullptr) {
+    return false;
+  }
+  errno = 0;  // whatever the digest left there is no failure
+  return print_name(ctx, digest);
+}
+
+}  // namespace
+
+int name_digest_file(sis_context *ctx, const char **roots, int root_count) {
+  uint32_t size = 0;
+  for (int i = 0; i < root_count; i++) {
+    size += static_cast<uint32_t>(strlen(roots[i]));
+  }
+  // Without roots the size is 0, for which null is no failure.
+  auto *joined = static_cast<char *>(malloc(size));  // NOLINT(clang-analyzer-optin.*)
+  if (joined == nullptr && size != 0) {
+    log_erro("fail to allocate name buffer for %s", "SAVED");
+    return NAMING_FAILED;
+  }
+  // A bounded function that fails need not set errno; the run ends with a failure all the same.
+  int error = 0;
+  errno = 0;
+  if (!join_roots(roots, root_count, joined, size) || !print_digest_name(ctx, joined, size)) {
+    error = errno;
+    log_erro("fail to calculate hash filename return %s", strerror(error));
+    error = error != 0 ? error : NAMING_FAILED;
+  }
+  free(joined);
+  return error;
+}
+
+}  // namespace velmarin
