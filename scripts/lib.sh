@@ -5,7 +5,7 @@ repository=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 velmarin=$repository/build/release/velmarin
 
 build_packages=(g++ cmake ninja-build pkg-config libssl-dev libgtest-dev libgmock-dev libbenchmark-dev
-  libcli11-dev nlohmann-json3-dev)
+  libcli11-dev libutfcpp-dev nlohmann-json3-dev)
 test_packages=(btrfs-progs chromium chromium-driver dpkg-dev e2fsprogs mount python3 python3-selenium
   xfsprogs)
 

@@ -1,47 +1,11 @@
 #include "display_name.h"
 
+#include <utf8.h>
+
 #include <cstdint>
 
 namespace tool {
 namespace {
-
-struct Character {
-  uint32_t code;
-  size_t length;  // in bytes; 0 when the text does not start with a valid character
-};
-
-// The shape of a UTF-8 sequence by its first byte, and the smallest code that needs its length.
-struct Shape {
-  size_t length;
-  uint32_t smallest;
-  unsigned char mask, bits;
-};
-constexpr Shape SHAPES[] = {
-    {1, 0, 0x80, 0x00}, {2, 0x80, 0xe0, 0xc0}, {3, 0x800, 0xf0, 0xe0}, {4, 0x10000, 0xf8, 0xf0}};
-
-Character decode(const Shape &shape, std::string_view text) {
-  uint32_t code = static_cast<unsigned char>(text[0]) & static_cast<unsigned char>(~shape.mask);
-  for (size_t i = 1; i < shape.length; ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if ((byte & 0xc0) != 0x80) {
-      return {0, 0};
-    }
-    code = code << 6 | (byte & 0x3f);
-  }
-  const bool is_surrogate = code >= 0xd800 && code < 0xe000;
-  const bool valid = code >= shape.smallest && code <= 0x10ffff && !is_surrogate;
-  return {code, valid ? shape.length : 0};
-}
-
-Character first_character(std::string_view text) {
-  const auto byte = static_cast<unsigned char>(text[0]);
-  for (const Shape &shape : SHAPES) {
-    if ((byte & shape.mask) == shape.bits && text.size() >= shape.length) {
-      return decode(shape, text);
-    }
-  }
-  return {0, 0};
-}
 
 // Control characters, line separators and everything that changes the direction of writing.
 bool is_unsafe(uint32_t code) {
@@ -58,11 +22,8 @@ std::string escaped_bytes(std::string_view bytes) {
   return text;
 }
 
-std::string escaped_character(std::string_view bytes, const Character &character) {
-  if (character.length == 0) {
-    return escaped_bytes(bytes.substr(0, 1));
-  }
-  switch (character.code) {
+std::string escaped_character(uint32_t code, std::string_view bytes) {
+  switch (code) {
     case '\\':
       return "\\\\";
     case '\n':
@@ -72,46 +33,50 @@ std::string escaped_character(std::string_view bytes, const Character &character
     case '\r':
       return "\\r";
     default:
-      break;
+      return is_unsafe(code) ? escaped_bytes(bytes) : std::string(bytes);
   }
-  const std::string_view own = bytes.substr(0, character.length);
-  return is_unsafe(character.code) ? escaped_bytes(own) : std::string(own);
 }
 
-// Builds a text from what `convert` makes of each character, or of each byte that is part of none.
-template <typename Convert>
-std::string converted(std::string_view name, Convert convert) {
+std::string escaped_characters(std::string_view valid) {
   std::string text;
-  while (!name.empty()) {
-    const Character character = first_character(name);
-    text += convert(name, character);
-    name.remove_prefix(character.length == 0 ? 1 : character.length);
+  for (auto at = valid.begin(); at != valid.end();) {
+    const auto start = at;
+    const uint32_t code = utf8::unchecked::next(at);
+    text += escaped_character(code, {start, at});
   }
   return text;
+}
+
+// Splits a name into runs of valid UTF-8 and the single bytes between them. Builds a text from what
+// `convert_valid` makes of each run and `convert_byte` of each byte.
+template <typename ConvertValid, typename ConvertByte>
+std::string converted(std::string_view name, ConvertValid convert_valid, ConvertByte convert_byte) {
+  std::string text;
+  for (;;) {
+    const size_t valid = utf8::find_invalid(name);
+    text += convert_valid(name.substr(0, valid));
+    if (valid == std::string_view::npos) {
+      return text;
+    }
+    text += convert_byte(name.substr(valid, 1));
+    name.remove_prefix(valid + 1);
+  }
 }
 
 }  // namespace
 
 std::string escaped_name(std::string_view name) {
-  return converted(name, escaped_character);
+  return converted(name, escaped_characters, escaped_bytes);
 }
 
 std::string utf8_name(std::string_view name) {
-  return converted(name, [](std::string_view rest, const Character &character) {
-    return character.length == 0 ? std::string("\xef\xbf\xbd")
-                                 : std::string(rest.substr(0, character.length));
-  });
+  return converted(
+      name, [](std::string_view valid) { return valid; },
+      [](std::string_view) { return "\xef\xbf\xbd"; });
 }
 
 bool is_utf8(std::string_view text) {
-  while (!text.empty()) {
-    const size_t length = first_character(text).length;
-    if (length == 0) {
-      return false;
-    }
-    text.remove_prefix(length);
-  }
-  return true;
+  return utf8::is_valid(text);
 }
 
 std::string hex_text(std::string_view bytes) {
