@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "common/heap_ptr.h"
 #include "common/log.h"
 #include "common/paths.h"
 #include "digest_reservation/digest_file.h"
@@ -56,16 +57,14 @@ read_result read_record(int fd, usable_hash *record) {
 
 // An entry that holds a copy of `record`; null when memory is short or the bounded copy fails.
 hash_entry *make_entry(const usable_hash &record) {
-  auto *entry = static_cast<hash_entry *>(calloc(1, sizeof(hash_entry)));
-  auto *copy = static_cast<usable_hash *>(malloc(sizeof(usable_hash)));
+  heap_ptr<hash_entry> entry(static_cast<hash_entry *>(calloc(1, sizeof(hash_entry))));
+  heap_ptr<usable_hash> copy = heap_allocate<usable_hash>();
   if (entry == nullptr || copy == nullptr ||
-      memcpy_s(copy, sizeof(*copy), &record, sizeof(record)) != 0) {
-    free(copy);
-    free(entry);
+      memcpy_s(copy.get(), sizeof(*copy), &record, sizeof(record)) != 0) {
     return nullptr;
   }
-  entry->record = copy;
-  return entry;
+  entry->record = copy.release();
+  return entry.release();
 }
 
 // Reads all records into the table. Returns their number or LOAD_FAILED.

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/heap_ptr.h"
 #include "common/log.h"
 #include "common/memory_error.h"
 #include "common/paths.h"
@@ -44,15 +45,14 @@ int create_dentry(dentry *parent, const char *name, dentry **out, int form) {
 
   *out = nullptr;
   errno = 0;
-  auto *d = static_cast<dentry *>(malloc(size));
+  heap_ptr<dentry> d = heap_allocate<dentry>(size);
   if (d == nullptr) {
     const int error = allocation_error();
     log_erro("failed to allocate dentry for %s returned %s", name, strerror(error));
     return error;
   }
-  int code = memset_s(d, size, 0, size);
+  int code = memset_s(d.get(), size, 0, size);
   if (code != 0) {
-    free(d);
     return code;
   }
   if (file_form) {
@@ -62,9 +62,9 @@ int create_dentry(dentry *parent, const char *name, dentry **out, int form) {
   }
   // The zero fill terminates the name.
   // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
-  code = memcpy_s(reinterpret_cast<char *>(d) + header_size, name_length + 1, name, name_length);
+  code =
+      memcpy_s(reinterpret_cast<char *>(d.get()) + header_size, name_length + 1, name, name_length);
   if (code != 0) {
-    free(d);
     return code;
   }
   list_init(&d->link);
@@ -74,7 +74,7 @@ int create_dentry(dentry *parent, const char *name, dentry **out, int form) {
       d->depth = (parent->depth + 1) & DENTRY_DEPTH_MASK;
     }
   }
-  *out = d;
+  *out = d.release();
   return 0;
 }
 

@@ -7,9 +7,9 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
+#include "common/heap_ptr.h"
 #include "common/log.h"
 
 namespace velmarin {
@@ -59,7 +59,7 @@ int name_digest_file(sis_context *ctx, const char **roots, int root_count) {
     size += static_cast<uint32_t>(strlen(roots[i]));
   }
   // Without roots the size is 0, for which null is no failure.
-  auto *joined = static_cast<char *>(malloc(size));  // NOLINT(clang-analyzer-optin.*)
+  const heap_ptr<char> joined = heap_allocate<char>(size);
   if (joined == nullptr && size != 0) {
     log_erro("fail to allocate name buffer for %s", "SAVED");
     return NAMING_FAILED;
@@ -67,12 +67,12 @@ int name_digest_file(sis_context *ctx, const char **roots, int root_count) {
   // A bounded function that fails need not set errno; the run ends with a failure all the same.
   int error = 0;
   errno = 0;
-  if (!join_roots(roots, root_count, joined, size) || !print_digest_name(ctx, joined, size)) {
+  if (!join_roots(roots, root_count, joined.get(), size) ||
+      !print_digest_name(ctx, joined.get(), size)) {
     error = errno;
     log_erro("fail to calculate hash filename return %s", strerror(error));
     error = error != 0 ? error : NAMING_FAILED;
   }
-  free(joined);
   return error;
 }
 

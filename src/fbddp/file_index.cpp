@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/heap_ptr.h"
 #include "common/log.h"
 #include "common/rbtree.h"
 
@@ -57,16 +58,16 @@ using namespace velmarin;
 
 int initialize_hash_table(sis_context *ctx) {
   constexpr size_t TABLE_SIZE = HASH_BUCKETS * sizeof(rb_root);
-  ctx->hash_table = static_cast<rb_root *>(malloc(TABLE_SIZE));
-  if (ctx->hash_table == nullptr) {
+  ctx->hash_table = nullptr;
+  heap_ptr<rb_root> table = heap_allocate<rb_root>(TABLE_SIZE);
+  if (table == nullptr) {
     log_erro("fail to allocate %u hash buckets\n", HASH_BUCKETS);
     return 1;
   }
-  if (memset_s(ctx->hash_table, TABLE_SIZE, 0, TABLE_SIZE) != 0) {
-    free(ctx->hash_table);
-    ctx->hash_table = nullptr;
+  if (memset_s(table.get(), TABLE_SIZE, 0, TABLE_SIZE) != 0) {
     return 1;
   }
+  ctx->hash_table = table.release();
   return 0;
 }
 

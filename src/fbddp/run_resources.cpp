@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <initializer_list>
 
+#include "common/heap_ptr.h"
 #include "common/log.h"
 #include "fbddp/dentry.h"
 #include "fbddp/time_budget.h"
@@ -41,16 +42,15 @@ void free_name(sis_context *ctx) {
 }
 
 bool make_trees(sis_context *ctx) {
-  ctx->rbtree_roots = static_cast<rb_root *>(malloc(TREES_SIZE));
-  if (ctx->rbtree_roots == nullptr) {
+  heap_ptr<rb_root> trees = heap_allocate<rb_root>(TREES_SIZE);
+  if (trees == nullptr) {
     log_erro("fail to allocate rbtree_roots[%u]", static_cast<unsigned>(FOREST_TREES));
     return false;
   }
-  if (memset_s(ctx->rbtree_roots, TREES_SIZE, 0, TREES_SIZE) != 0) {
-    free(ctx->rbtree_roots);
-    ctx->rbtree_roots = nullptr;
+  if (memset_s(trees.get(), TREES_SIZE, 0, TREES_SIZE) != 0) {
     return false;
   }
+  ctx->rbtree_roots = trees.release();
   return true;
 }
 

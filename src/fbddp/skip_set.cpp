@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/heap_ptr.h"
 #include "common/log.h"
 #include "common/rbtree.h"
 #include "common/unique_fd.h"
@@ -63,7 +64,7 @@ void add_skip_entry(sis_context *ctx, const char *path) {
     log_info("skip entry %s is not a file nor a directory", path);
     return;
   }
-  auto *entry = static_cast<skip_entry *>(malloc(sizeof(skip_entry)));
+  heap_ptr<skip_entry> entry = heap_allocate<skip_entry>();
   if (entry == nullptr) {
     log_info("failed to allocate entry for %s", path);
     return;
@@ -72,11 +73,10 @@ void add_skip_entry(sis_context *ctx, const char *path) {
   const rb_position position = rb_search(set, order_of(entry->key));
   if (position.match != nullptr) {
     log_info("duplicated skip entry of %s", path);
-    free(entry);
     return;
   }
   list_append(&ctx->skip_entries, &entry->link);
-  rb_insert_at(position, &entry->node, set);
+  rb_insert_at(position, &entry.release()->node, set);
 }
 
 }  // namespace
