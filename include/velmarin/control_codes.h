@@ -12,7 +12,7 @@ namespace velmarin {
 // and the source is attached to it.
 inline constexpr unsigned SIS_IOC_CONNECT = 0x4004f532;
 
-// Issued on a target: the target comes to share the data of the source in `sis_dedup_arg`.
+// Issued on a target: the target shares the data of the source in `sis_dedup_arg` from then on.
 inline constexpr unsigned SIS_IOC_DEDUP_FILE = 0x4008f533;
 
 // Issued on a deduplicated or layered file: the file gets its own data back. The argument may be
@@ -53,7 +53,7 @@ struct sis_clone_arg {
 };
 static_assert(sizeof(sis_clone_arg) == 8 && offsetof(sis_clone_arg, flags) == 4);
 
-// Written by the file system; the caller zeroes it first. After a failed request it means nothing.
+// Written by the file system; the caller zeroes it first. Undefined after a failed request.
 struct sis_file_info {
   uint8_t deduped;  // nonzero: deduplicated onto a layered inode
   uint8_t layered;  // nonzero: attached to a layered inode; 0: a plain file
@@ -67,8 +67,8 @@ inline constexpr uint32_t SIS_COINCIDE_SET = 4;
 inline constexpr uint32_t SIS_COINCIDE_GET = 8;
 inline constexpr uint32_t SIS_COINCIDE_CLEAR = 0x10;
 
-// The coincide flag. A file whose flag is set is frozen: the file system drops the flag at the
-// latest when the file's content changes.
+// The coincide flag. A file whose flag is set is frozen: the file system drops the flag when the
+// file's content changes, if not before.
 inline constexpr uint32_t SIS_FLAG_COINCIDE = 0x2;
 
 struct sis_coincide_arg {
@@ -81,6 +81,6 @@ static_assert(sizeof(sis_coincide_arg) == 8 && offsetof(sis_coincide_arg, op) ==
 inline constexpr int SIS_STATUS_PLAIN = 0;       // not attached to a layered inode
 inline constexpr int SIS_STATUS_LAYERED = 1;     // attached to a layered inode, not deduplicated
 inline constexpr int SIS_STATUS_DEDUPED = 2;     // deduplicated onto a layered inode
-inline constexpr int SIS_STATUS_COMPRESSED = 3;  // compressed; its other state was not asked
+inline constexpr int SIS_STATUS_COMPRESSED = 3;  // compressed; nothing else was asked about it
 
 }  // namespace velmarin

@@ -1,5 +1,5 @@
 // Operations on single files and groups of files, status probes and statistics. All of them may be
-// called from any thread, also while a scan runs, and keep no state but the statistics.
+// called from any thread, even while a scan runs. They keep no state but the statistics.
 #pragma once
 
 #include <sys/stat.h>
@@ -34,8 +34,8 @@ VELMARIN_EXPORT int getSISFileInfoImpl(const char *path);
 VELMARIN_EXPORT int recoverFileImpl(const char *path);
 
 // Sets the coincide flag of the plain file at `path`, if the file's modification time is the given
-// one (seconds and nanoseconds). A file whose time has moved once the flag is set gets it cleared
-// again.
+// one (seconds and nanoseconds). If the time has moved by the time the flag is set, the flag
+// is cleared again.
 //
 // Returns 0 when the flag is set; the nonzero state byte when the file is attached to a layered
 // inode, whose flag is left alone; -1 when `path` is null or cannot be resolved, opened, examined
@@ -63,7 +63,7 @@ VELMARIN_EXPORT int sis_them_all(char **paths, int count);
 // is attached to another one already leaves that one, which the other files keep.
 //
 // Returns the file's descriptor, open for reading and writing, which the caller owns: it is the
-// `src_fd` of `dedup_file` and is to be closed when the group is done. Returns -1 on failure; only
+// `src_fd` for `dedup_file`. Close it when the group is done. Returns -1 on failure; only
 // the log says why.
 VELMARIN_EXPORT int create_layer(const char *path);
 
@@ -72,13 +72,13 @@ VELMARIN_EXPORT int create_layer(const char *path);
 // errno; a refused file keeps its own data.
 VELMARIN_EXPORT int dedup_file(const char *path, int src_fd);
 
-// Creates `dst` as a new file, of mode 0644 less the umask, that shares the data of `src`. Returns
-// 0 or a positive errno: EEXIST when `dst` exists, which is then left untouched. When the file
-// system refuses the copy, the new `dst` stays, empty.
+// Creates the new file `dst`, of mode 0644 as reduced by the umask, that shares the data of `src`.
+// Returns 0 or a positive errno: EEXIST when `dst` exists, which is then left untouched. When the
+// file system refuses the copy, the new `dst` stays, empty.
 VELMARIN_EXPORT int reflink_copy(const char *src, const char *dst);
 
 // Detaches the file at `path` from its layered inode, so that it holds its own data again. Returns
-// 0; 1 when the file is not attached, and nothing is done then (1 is EPERM, too); otherwise a
+// 0; 1 when the file is not attached and nothing was done (EPERM has the same value); otherwise a
 // positive errno. On Linux a file that was written to since it was attached counts as not attached,
 // though it may still share the rest of its data: `recoverFileImpl` gives it data of its own.
 VELMARIN_EXPORT int revoke_file(const char *path);
@@ -103,8 +103,8 @@ VELMARIN_EXPORT int freeze_file(int fd, const char *path);
 VELMARIN_EXPORT int check_frozen(int fd, const char *path);
 
 // Reads the process-wide statistics that `filter_out_nonsis` gathers and resets them to 0. Each
-// counter is read and reset in one atomic step, so that nothing counted meanwhile is lost. A null
-// pointer is passed over; its counter is reset all the same.
+// counter is read and reset in one atomic step, so that no count is lost. A counter
+// whose pointer is null is reset, too.
 VELMARIN_EXPORT void get_sis_file_statistics(uint64_t *compressed_files, uint64_t *deduped_files,
                                              uint64_t *compressed_saved_bytes,
                                              uint64_t *deduped_saved_bytes);

@@ -10,9 +10,9 @@
 
 namespace velmarin {
 
-// Records of the scan engine. An ordinary host never has one: the functions that take them serve
-// hosts that lay out a context themselves, as src/fbddp/scan_context.h and file_index.h describe
-// it.
+// Records of the scan engine. Ordinary hosts never see one. The functions that take them are for
+// hosts that lay out a context of their own, as described in src/fbddp/scan_context.h and
+// file_index.h.
 struct sis_context;
 struct hash_entry;
 struct dentry;
@@ -45,12 +45,12 @@ extern "C" {
 VELMARIN_EXPORT int timespec2str(char *buf, unsigned len, const struct timespec *ts);
 
 // CRC-64/ECMA-182, most significant bit first, no final inversion (ECMA-182, annex B). Returns the
-// CRC of the `len` bytes at `p`, continued from `crc`; 0 starts afresh. Thread-safe.
+// CRC of the `len` bytes at `p`, continued from `crc`; 0 starts anew. Thread-safe.
 VELMARIN_EXPORT uint64_t crc64_be(uint64_t crc, const void *p, size_t len);
 
 // CRC-64/NVME, also known as Rocksoft, reflected, inverted before and after (NVM Express NVM
 // Command Set, section 5.2.1.3.4). Returns the CRC of the `len` bytes at `p`, continued from `crc`;
-// 0 starts afresh. Thread-safe.
+// 0 starts anew. Thread-safe.
 VELMARIN_EXPORT uint64_t crc64_rocksoft_generic(uint64_t crc, const void *p, size_t len);
 
 // Rebalances the tree after `node` was linked as a red leaf: its `parent_color` set to the address
@@ -59,7 +59,7 @@ VELMARIN_EXPORT uint64_t crc64_rocksoft_generic(uint64_t crc, const void *p, siz
 // not lock: the caller guards its tree.
 VELMARIN_EXPORT void rb_insert_color(velmarin::rb_node *node, velmarin::rb_root *root);
 
-// Takes `node` out of the tree and rebalances. The node's own fields mean nothing afterwards.
+// Takes `node` out of the tree and rebalances. The node's own fields are undefined afterwards.
 VELMARIN_EXPORT void rb_erase(velmarin::rb_node *node, velmarin::rb_root *root);
 
 // Returns the node with the smallest key, or null for an empty tree.
@@ -80,12 +80,12 @@ VELMARIN_EXPORT void add_to_hash_table(velmarin::sis_context *ctx, velmarin::has
 VELMARIN_EXPORT void free_entry(velmarin::sis_context *ctx, velmarin::dentry *d);
 
 // Reads the digest file of `ctx` in `save_dir` into the hash table and removes the file. Returns
-// the number of records read, or -1: the caller then discards what was loaded.
+// the number of records read, or -1: the caller then discards what has been loaded.
 VELMARIN_EXPORT int64_t load_usable_hash(velmarin::sis_context *ctx, const char *save_dir);
 
 // Writes one record for every file of `ctx` that has a digest to its digest file in `save_dir`.
-// Returns the number of records written, also when a failure ended the writing: the file has been
-// removed then.
+// Returns the number of records written, even if a write failed after them and the file has been
+// removed.
 VELMARIN_EXPORT int64_t save_usable_hash(velmarin::sis_context *ctx, const char *save_dir);
 
 // The suffix of digest files: one element, ".hsh".

@@ -155,7 +155,7 @@ VELMARIN_EXPORT int single_instance_storage(const char **roots, int root_count,
                                             int **stop_handle);
 
 // Tells a running scan to stop early. `in_time` is what the scan wrote to its `stop_handle`. Safe
-// in any thread and in a signal handler, as long as that scan has not returned.
+// in any thread and in a signal handler until that scan returns.
 VELMARIN_EXPORT void signal_no_time(int *in_time);
 
 }  // extern "C"

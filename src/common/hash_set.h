@@ -1,6 +1,5 @@
-// A set of small records by hash, with open addressing and linear probing. It makes searches fast
-// that would work without it, so a set that cannot grow says so and its user searches in another
-// way.
+// A hash set of small records, with open addressing and linear probing. Its users have a slower way
+// to search as well: they fall back on it when the set cannot grow.
 #pragma once
 
 #include <cstddef>
@@ -70,7 +69,7 @@ bool hash_set_grow(hash_set<Entry> *set) {
   return true;
 }
 
-// Adds an entry that is not in the set. Keeps at least every second slot free. Returns false when
+// Adds an entry that is not in the set. At least half of the slots stay free. Returns false when
 // memory is short.
 template <typename Entry>
 bool hash_set_add(hash_set<Entry> *set, const Entry &added) {

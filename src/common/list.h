@@ -1,5 +1,5 @@
-// Intrusive circular doubly linked list. A head and a link are the same pair of pointers; an empty
-// head and an unlinked link point to themselves. Nothing here locks or allocates.
+// Doubly linked lists of records that carry their own links. A list is a ring through its head, so
+// no operation has a special case for the ends. No function locks or allocates.
 #pragma once
 
 #include <bit>
@@ -7,6 +7,8 @@
 
 namespace velmarin {
 
+// The head of a list, or a record's link in one. The head of an empty list points to itself, and so
+// does a link that is on no list.
 struct list_head {
   list_head *next;
   list_head *prev;
@@ -36,7 +38,7 @@ inline void list_unlink(list_head *link) {
   list_init(link);
 }
 
-// Moves all elements of `from` to the tail of `to`, in order; `from` is empty afterwards.
+// Moves all elements of `from` to the tail of `to`, in order, and leaves `from` empty.
 inline void list_append_all(list_head *to, list_head *from) {
   if (list_is_empty(from)) {
     return;

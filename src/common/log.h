@@ -1,6 +1,6 @@
 // The diagnostic log: error and info lines of the modules, service lines of the entry points. Each
-// is one call of the platform's log function; nothing is allocated and no lock is taken. A caller
-// that needs errno afterwards saves it before it logs.
+// line is one call of the platform's log function. Logging allocates nothing and takes no lock. It
+// may change errno: a caller that still needs it saves it first.
 #pragma once
 
 #include <android/log.h>

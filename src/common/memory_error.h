@@ -5,8 +5,8 @@
 
 namespace velmarin {
 
-// To be called right after the failed call, before which errno was set to 0. An allocator need not
-// set errno: the failure counts as ENOMEM then.
+// Call it right after the failed call; set errno to 0 before that call. An allocator that leaves
+// errno alone is taken to have run out of memory.
 inline int allocation_error() {
   return errno != 0 ? errno : ENOMEM;
 }

@@ -41,7 +41,7 @@ void set_black(rb_node *node) {
 }
 
 rb_node *&child(rb_node *node, side s) {
-  // The checker does not know the invariants by which the node is there.
+  // The checker does not know the invariants that keep `node` from being null here.
   return s == side::left ? node->left : node->right;  // NOLINT(clang-analyzer-*)
 }
 
@@ -82,8 +82,8 @@ rb_node *leftmost(rb_node *node) {
   return node;
 }
 
-// Restores the black height where the subtree `node` (possibly empty) below `parent` lacks one
-// black node.
+// Restores the black height after the subtree `node` below `parent`, which may be empty, has lost
+// one black node.
 void fix_missing_black(rb_node *node, rb_node *parent, rb_root *root) {
   while (parent != nullptr && !is_red(node)) {
     const side near = side_of(node, parent);
@@ -123,7 +123,7 @@ void fix_missing_black(rb_node *node, rb_node *parent, rb_root *root) {
   }
 }
 
-// Puts `successor`, which was taken out of the tree, in the place and colour of `node`.
+// Puts `successor`, which is out of the tree, in the place of `node`, with its colour.
 void replace_node(rb_node *successor, const rb_node *node, rb_root *root) {
   *successor = *node;
   replace_child(node, successor, parent_of(node), root);
@@ -167,7 +167,7 @@ void rb_insert_color(rb_node *node, rb_root *root) {
 }
 
 void rb_erase(rb_node *node, rb_root *root) {
-  // The node that leaves its position: `node` itself, or its successor if it has two children.
+  // The node that leaves its position: `node`, or its successor if `node` has two children.
   rb_node *leaving = node;
   if (node->left != nullptr && node->right != nullptr) {
     leaving = leftmost(node->right);

@@ -1,5 +1,5 @@
-// Search in the intrusive red-black tree and linking of a new node. The tree guards nothing: each
-// user has its own lock or builds its tree before others read it.
+// Searching an intrusive red-black tree and linking a new node. The tree has no lock of its own:
+// its user locks it, or builds it before other threads read it.
 #pragma once
 
 #include "velmarin/primitives.h"
@@ -31,7 +31,8 @@ rb_position rb_search(rb_root *root, Compare compare) {
   return {nullptr, parent, slot};
 }
 
-// The node that compares equal, or null. Safe for several threads while nobody changes the tree.
+// The node that compares equal, or null. Any number of threads may search a tree that nobody
+// changes.
 template <typename Compare>
 rb_node *rb_find(const rb_root *root, Compare compare) {
   rb_node *node = root->node;
@@ -49,7 +50,7 @@ inline int compare_keys(uint64_t left, uint64_t right) {
   return left < right ? -1 : static_cast<int>(left > right);
 }
 
-// Links `node` as a red leaf at the end of a search without match, and rebalances.
+// Links `node` as a red leaf where a search without a match ended, and rebalances.
 inline void rb_insert_at(const rb_position &position, rb_node *node, rb_root *root) {
   node->parent_color = reinterpret_cast<uintptr_t>(position.parent);
   node->left = nullptr;

@@ -1,4 +1,4 @@
-// Text of a time for people.
+// Formats local date and time.
 
 #include <bounds_checked.h>
 

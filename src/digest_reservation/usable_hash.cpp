@@ -85,7 +85,7 @@ int64_t load_records(sis_context *ctx, int fd) {
 }
 
 // The record to save for a file: its identity and time from the dentry, its digest from `known`.
-// Returns whether the bounded copy worked.
+// Returns false when the bounded copy fails.
 bool fill_record(const dentry *file, const usable_hash *known, usable_hash *record) {
   record->ino = static_cast<uint32_t>(file->key);
   record->dev = static_cast<uint32_t>(file->key >> 32);
@@ -108,7 +108,7 @@ bool write_record(int fd, const dentry *file, const usable_hash &record) {
   return true;
 }
 
-// Writes the records of all files with a digest, counting them. Returns whether that worked.
+// Writes and counts the records of all files that have a digest. Returns false on failure.
 bool save_records(sis_context *ctx, int fd, int64_t *count) {
   for (const dentry &d : list_range<&dentry::link>(&ctx->dentries)) {
     const usable_hash *known = is_file_form(&d) ? digest_record_of(&d) : nullptr;

@@ -1,8 +1,8 @@
 // The record of a directory entry reached by a scan.
 //
-// A dentry has one of two forms, chosen at creation. The file form is for entries that the
-// directory lists as regular files; everything else, and every root, has the directory form. A
-// dentry is one allocation: the header of its form, then its name.
+// A dentry has one of two forms, chosen at creation. Entries that the directory lists as regular
+// files get the file form; everything else, and every root, gets the directory form. A dentry is
+// one allocation: the header of its form, then its name.
 #pragma once
 
 #include <sys/stat.h>
@@ -39,8 +39,8 @@ struct member_data {
 };
 static_assert(sizeof(member_data) == sizeof(rb_node));
 
-// A file's own attributes, until it becomes the head or a member of a group; a head that the
-// grouping leaves alone takes them back.
+// A file's own attributes, until it becomes the head or a member of a group. A head that ends up
+// with no group takes them back.
 struct own_attributes {
   int32_t status;         // result of the status callback
   uint32_t group_marker;  // MARKER_NOT_SET while the dentry heads no group; in a list link the
@@ -57,10 +57,10 @@ struct dentry {
     uint64_t size;   // file form: st_size when examined
   };
 
-  // The fields from here on exist in the file form only; the name of a directory form begins here.
-  // Up to the insertion into the forest they belong to the worker that examines the file. `key`,
-  // `size` and `mtime` never change after that; the others are guarded by the forest lock of the
-  // file's size while the walk runs, except for `hash`.
+  // The fields from here on exist in the file form only; the name of a directory form starts here.
+  // Until the file is inserted into the forest they belong to the worker that examines it. `key`,
+  // `size` and `mtime` never change after that. While the walk runs, the forest lock of the file's
+  // size guards the others, except for `hash`.
   uint64_t key;           // file key: inode number, then device number
   struct timespec mtime;  // st_mtim when examined
   union {
@@ -74,8 +74,8 @@ struct dentry {
   };
   list_head same;     // head of a group of identical files: the others; in those: link
   uint64_t pattern;   // CRC-64 of sampled content; 0: not computed
-  usable_hash *hash;  // digest record, owned; null: none; HASH_PENDING: wanted. Written without a
-                      // lock by the file's digest job, so read and written atomically
+  usable_hash *hash;  // digest record, owned; null: none; HASH_PENDING: wanted. The file's digest
+                      // job writes it without a lock, so all access is atomic
 };
 
 inline constexpr size_t DIRECTORY_HEADER_SIZE = offsetof(dentry, key);
@@ -86,7 +86,7 @@ static_assert(offsetof(dentry, mtime) == 40 && sizeof(struct timespec) == 16 &&
               offsetof(dentry, same) == 96 && offsetof(dentry, pattern) == 112 &&
               offsetof(dentry, hash) == 120);
 
-// The value of `hash` while a digest is wanted and not yet there.
+// HASH_PENDING: the value of `hash` while a digest is wanted but not there yet.
 inline usable_hash *hash_pending() {
   return reinterpret_cast<usable_hash *>(UINTPTR_MAX);
 }
@@ -130,11 +130,11 @@ int create_dentry(dentry *parent, const char *name, dentry **out, int form);
 void track_dentry(sis_context *ctx, dentry *d);
 
 // Builds the full path of a dentry at the end of `buffer` (PATH_BUF_SIZE bytes) and returns its
-// start; a path that does not fit, or a failed bounded copy, gives an empty string. Parents and
-// names do not change while a run lasts, so no lock is needed.
+// start; the path is empty when it does not fit or a bounded copy fails. Parents and names never
+// change during a run, so no lock is needed.
 const char *get_fullpath(const dentry *d, char *buffer);
 
-// Frees every dentry of a run, children before their parents. No worker runs any more.
+// Frees every dentry of a run, children before their parents. Call it after the workers are joined.
 void free_all_dentries(sis_context *ctx);
 
 }  // namespace velmarin

@@ -1,6 +1,6 @@
-// The hash table of saved digests: the in-memory form of the digest file, keyed by file key. Built
-// by the run's own thread before the walk and only read during it, except for the taking of a
-// record.
+// The hash table of saved digests: the digest file in memory, keyed by file key. The run's own
+// thread builds it before the walk. During the walk workers search it and take records out of its
+// entries; nothing else changes.
 #pragma once
 
 #include <cstddef>
@@ -15,8 +15,8 @@ namespace velmarin {
 inline constexpr size_t DIGEST_SIZE = 32;
 
 // The saved digest of one file: a heap block of its own, the same in memory and on disk
-// (little-endian). Owned by a hash_entry after a load, by a dentry once the file took it or
-// computed its own; a digest computed in this run fills only `digest`.
+// (little-endian). A hash_entry owns it after a load, a dentry once its file has taken or computed
+// it. A digest computed in this run fills in `digest` only.
 struct usable_hash {
   uint32_t ino;  // with `dev`: the file key as one 64-bit word
   uint32_t dev;
@@ -38,7 +38,7 @@ static_assert(sizeof(hash_entry) == 56 && offsetof(hash_entry, node) == 16 &&
               offsetof(hash_entry, link) == 40);
 
 // Returns the entry with this key; null when there is none or no table. Any number of workers may
-// search at once.
+// search it at once.
 hash_entry *lookup_hash_table(const sis_context *ctx, uint64_t key);
 
 // Frees all entries, the records that no file took, and the table.

@@ -20,8 +20,7 @@ struct candidate {
   const char *path;
 };
 
-// Computes the patterns of both files unless they are known. One that fails does not keep the other
-// from being computed.
+// Computes the patterns of both files unless they are known; the second also when the first fails.
 bool ensure_patterns(const candidate &added, dentry *present) {
   const bool have_added =
       added.file->pattern != 0 || make_pattern(added.file, added.path, added.fd) == 0;
@@ -29,8 +28,7 @@ bool ensure_patterns(const candidate &added, dentry *present) {
   return have_added && have_present;
 }
 
-// The order of keys. Files whose patterns cannot be had compare as equal: their digests will keep
-// them apart.
+// The order of keys. Files without a pattern compare as equal: their digests will tell them apart.
 int compare_with_node(const candidate &added, rb_node *node) {
   dentry *present = owner_of<&dentry::node>(node);
   const int order = compare_keys(added.file->size, present->size);

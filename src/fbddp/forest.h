@@ -1,9 +1,9 @@
 // The forest: candidate files by size and, from PATTERN_MIN_SIZE on, by pattern, in FOREST_TREES
 // trees.
 //
-// A file whose key is new becomes a tree node. A file whose key is there joins the group of that
-// node, and both are queued for their digests. So a file that is alone with its key is never read
-// whole.
+// A file with a new key becomes a tree node. A file whose key is already there joins that node's
+// group, and both are queued for their digests. So a file that no other shares its key with is
+// never read whole.
 #pragma once
 
 #include "fbddp/dentry.h"

@@ -17,7 +17,7 @@ struct digest_head {
   const uint8_t *digest;
 
   bool is_empty() const { return file == nullptr; }
-  // A digest's bits are spread already.
+  // The bits of a digest are well spread already.
   uint64_t hash() const {
     uint64_t word = 0;
     memcpy(&word, digest, sizeof(word));
@@ -40,8 +40,8 @@ dentry *find_head_in_list(list_head *candidates, const digest_head &wanted) {
   return nullptr;
 }
 
-// Moves each file whose digest an earlier candidate has to that one's `same` list. The heads are
-// found through a set; when memory for it is short, by going through the list.
+// Moves each file to the `same` list of the first candidate that has its digest. A set finds that
+// candidate; when memory for the set is short, a search through the list does.
 void collect_identical(list_head *candidates) {
   hash_set<digest_head> heads = {};
   bool indexed = true;

@@ -1,4 +1,4 @@
-// The grouping: splitting files with the same key into groups of identical content, after the walk.
+// The grouping: after the walk, files with the same key are split into groups of identical content.
 #pragma once
 
 #include "fbddp/dentry.h"

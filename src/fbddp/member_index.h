@@ -1,5 +1,5 @@
-// Which inodes the groups of a forest tree hold: so that a second name of an inode is found in one
-// step, however large the group is. Without an index, or when it cannot grow, the members are
+// An index of the inodes in the groups of a forest tree. With it, finding a second name of an inode
+// takes one step however large the group is. Without it, or once it cannot grow, the members are
 // searched one by one.
 //
 // An index belongs to one tree and is guarded by that tree's forest lock.
@@ -10,7 +10,7 @@
 
 namespace velmarin {
 
-// Makes the run's indexes, all empty. Failing that, the run goes on without.
+// Makes the run's indexes, all empty. On failure the run goes on without them.
 void make_member_indexes(sis_context *ctx);
 
 void free_member_indexes(sis_context *ctx);

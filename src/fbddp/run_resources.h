@@ -5,11 +5,12 @@
 
 namespace velmarin {
 
-// Makes the lists, locks and arrays of the run. Returns whether that worked; on failure everything
-// made so far has been released again, the time budget included.
+// Makes the lists, locks and arrays of the run. Returns false on failure; everything made until
+// then has been released again, and so has the time budget.
 bool set_up_run(sis_context *ctx);
 
-// Releases the dentries, the locks, the time budget and the arrays. The workers are joined.
+// Releases the dentries, the locks, the time budget and the arrays. Call it after the workers are
+// joined.
 void tear_down_run(sis_context *ctx);
 
 }  // namespace velmarin

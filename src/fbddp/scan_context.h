@@ -1,6 +1,6 @@
 // The shared record of one scan run.
 //
-// Locks: each spinlock is held for a few pointer moves only, but for `forest_lock`, which is held
+// Locks: a spinlock is held for a few pointer moves only, except for a forest_lock, which is held
 // for a whole insertion. The only nesting is forest_lock[i], then queue_lock.
 #pragma once
 
@@ -72,8 +72,8 @@ struct sis_context {
   const sis_ops *ops;    // the host's callbacks
   uint64_t caller_data;  // handed to the report callback
 
-  // Beyond the contract. The place in the set of runs that a SIGALRM may stop;
-  // see time_budget.cpp.
+  // Beyond the contract: the run's place in the set of runs that a SIGALRM may stop; see
+  // time_budget.cpp.
   struct alarm_link {
     sis_context *next;         // next live run; read by the signal handler
     struct timespec deadline;  // monotonic time before which the budget cannot be spent

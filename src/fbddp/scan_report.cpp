@@ -13,7 +13,7 @@
 namespace velmarin {
 namespace {
 
-// The record and the path buffer that every call of the callback shares.
+// The record and the path buffer that all calls of the callback share.
 struct report_pass {
   sis_context *ctx;
   sis_report record;

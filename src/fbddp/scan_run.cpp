@@ -150,7 +150,7 @@ void tear_down_and_log(sis_context *ctx, const struct timespec &elapsed) {
       elapsed.tv_sec, elapsed.tv_nsec, 0ULL, 0ULL, 0ULL);
 }
 
-// Ends a run whose workers may have been started but got nothing to do.
+// Ends a run before its workers, if any were started, got a job.
 int abandon_run(sis_context *ctx, int result) {
   set_phase(ctx, PHASE_STOP);
   join_workers(ctx);

@@ -1,5 +1,5 @@
-// The walk step of a worker. A dropped dentry's record is freed before the descriptor that was
-// opened for it is closed.
+// The walk step of a worker. When a dentry is dropped, its record is freed before the descriptor
+// that was opened for it is closed.
 
 #include "fbddp/walk.h"
 
@@ -23,7 +23,7 @@
 namespace velmarin {
 namespace {
 
-// An entry that was opened to be looked at, of the expected type.
+// An entry that was opened to be examined and has the expected type.
 struct opened_entry {
   path_buffer buffer;
   const char *path;
@@ -45,7 +45,7 @@ bool is_in_skip_set(const rb_root *skips, const struct stat &status) {
   return skips->node != nullptr && is_skipped(skips, file_key_of(status));
 }
 
-// The filter's verdict: negative to leave the entry out; 0 without a filter.
+// The filter's verdict: negative leaves the entry out; 0 without a filter.
 int filter_entry(const sis_context *ctx, const opened_entry &entry) {
   return ctx->ops->filter == nullptr ? 0
                                      : ctx->ops->filter(entry.fd.get(), &entry.status, entry.path);

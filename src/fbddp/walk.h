@@ -7,13 +7,13 @@
 namespace velmarin {
 
 // Reads the directory of a directory-form dentry: makes a dentry and, while there is time, a job
-// for every entry. The dentry is dropped when it lies at the depth limit, cannot be opened or
-// examined, is no directory, is to be skipped, is refused by the filter, or cannot be read as a
-// stream; only the last is logged and counted as an error.
+// for every entry. Drops the dentry when it lies at the depth limit, cannot be opened or examined,
+// is no directory, is in the skip set, is refused by the filter, or cannot be read as a stream.
+// Only the last is logged and counted as an error.
 void read_directory(sis_context *ctx, dentry *directory);
 
-// Examines a file-form dentry for the first time: a regular file that is not to be skipped, passes
-// the filter and has the minimum size goes into the forest; otherwise the dentry is dropped.
+// Examines a file-form dentry for the first time. A regular file that is not in the skip set,
+// passes the filter and has the minimum size goes into the forest; any other dentry is dropped.
 void admit_file(sis_context *ctx, dentry *file);
 
 }  // namespace velmarin
