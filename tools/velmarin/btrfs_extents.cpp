@@ -1,0 +1,105 @@
+#include "btrfs_extents.h"
+
+#include <linux/btrfs.h>
+#include <linux/btrfs_tree.h>
+#include <sys/ioctl.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+namespace tool::btrfs {
+namespace {
+
+constexpr size_t SEARCH_BYTES = 64 << 10;
+constexpr size_t REFERENCE_BYTES = 1 << 20;  // 43,690 references
+
+// Memory with the alignment of the kernel's records.
+std::vector<uint64_t> record_memory(size_t bytes) {
+  return std::vector<uint64_t>(bytes / sizeof(uint64_t) + 1);
+}
+
+btrfs_ioctl_search_key extent_key(const Inode &inode, uint64_t offset) {
+  btrfs_ioctl_search_key key = {};
+  key.tree_id = inode.subvolume;
+  key.min_objectid = key.max_objectid = inode.number;
+  key.min_type = key.max_type = BTRFS_EXTENT_DATA_KEY;
+  key.min_offset = offset;
+  key.max_offset = UINT64_MAX;
+  key.max_transid = UINT64_MAX;
+  key.nr_items = UINT32_MAX;
+  return key;
+}
+
+// Adds what an item of the tree refers to. A hole and inline data refer to nothing.
+void add_extent(const char *item, uint32_t length, uint64_t offset,
+                std::vector<FileExtent> &extents) {
+  btrfs_file_extent_item extent = {};
+  if (length < sizeof extent) {
+    return;
+  }
+  std::memcpy(&extent, item, sizeof extent);
+  if (extent.type != BTRFS_FILE_EXTENT_INLINE && extent.disk_bytenr != 0) {
+    extents.push_back({offset, extent.num_bytes, extent.disk_bytenr, extent.disk_num_bytes});
+  }
+}
+
+}  // namespace
+
+std::optional<Inode> inode_of(int fd, uint64_t number) {
+  btrfs_ioctl_ino_lookup_args lookup = {};
+  lookup.objectid = BTRFS_FIRST_FREE_OBJECTID;  // with tree 0: the subvolume of the file
+  if (ioctl(fd, BTRFS_IOC_INO_LOOKUP, &lookup) != 0) {
+    return std::nullopt;
+  }
+  return Inode{lookup.treeid, number};
+}
+
+std::optional<std::vector<FileExtent>> file_extents(int fd, const Inode &inode) {
+  std::vector<uint64_t> memory = record_memory(sizeof(btrfs_ioctl_search_args_v2) + SEARCH_BYTES);
+  auto *const search = reinterpret_cast<btrfs_ioctl_search_args_v2 *>(memory.data());
+  std::vector<FileExtent> extents;
+  for (uint64_t offset = 0;;) {
+    search->key = extent_key(inode, offset);
+    search->buf_size = SEARCH_BYTES;
+    if (ioctl(fd, BTRFS_IOC_TREE_SEARCH_V2, search) != 0) {
+      return std::nullopt;
+    }
+    if (search->key.nr_items == 0) {
+      return extents;
+    }
+    const char *place = reinterpret_cast<const char *>(search->buf);
+    for (uint32_t i = 0; i < search->key.nr_items; ++i) {
+      btrfs_ioctl_search_header header = {};
+      std::memcpy(&header, place, sizeof header);
+      place += sizeof header;
+      add_extent(place, header.len, header.offset, extents);
+      place += header.len;
+      offset = header.offset + 1;
+    }
+  }
+}
+
+std::optional<std::vector<Inode>> references_of(int fd, uint64_t disk_begin) {
+  std::vector<uint64_t> memory = record_memory(REFERENCE_BYTES);
+  auto *const answer = reinterpret_cast<btrfs_data_container *>(memory.data());
+  btrfs_ioctl_logical_ino_args request = {};
+  request.logical = disk_begin;
+  request.size = REFERENCE_BYTES;
+  request.flags = BTRFS_LOGICAL_INO_ARGS_IGNORE_OFFSET;
+  request.inodes = reinterpret_cast<uintptr_t>(answer);
+  std::vector<Inode> inodes;
+  if (ioctl(fd, BTRFS_IOC_LOGICAL_INO_V2, &request) != 0) {
+    return errno == ENOENT ? std::optional(inodes) : std::nullopt;
+  }
+  if (answer->elem_missed > 0) {
+    return std::nullopt;
+  }
+  // Three words for each reference: inode, offset, subvolume.
+  for (uint32_t i = 0; i + 2 < answer->elem_cnt; i += 3) {
+    inodes.push_back({answer->val[i + 2], answer->val[i]});
+  }
+  return inodes;
+}
+
+}  // namespace tool::btrfs

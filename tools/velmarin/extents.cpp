@@ -1,0 +1,158 @@
+#include "extents.h"
+
+#include <linux/fiemap.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <map>
+
+namespace tool {
+namespace {
+
+constexpr size_t EXTENTS_A_CALL = 128;
+
+// Asks for all extents of the file, also behind its end. Returns false when there is no answer.
+bool ask_extents(int fd, std::vector<fiemap_extent> &extents) {
+  alignas(fiemap) char memory[sizeof(fiemap) + EXTENTS_A_CALL * sizeof(fiemap_extent)] = {};
+  auto *const request = reinterpret_cast<fiemap *>(memory);
+  for (uint64_t start = 0;;) {
+    *request = {};
+    request->fm_start = start;
+    request->fm_length = FIEMAP_MAX_OFFSET - start;
+    request->fm_flags = FIEMAP_FLAG_SYNC;
+    request->fm_extent_count = EXTENTS_A_CALL;
+    if (ioctl(fd, FS_IOC_FIEMAP, request) != 0) {
+      return false;
+    }
+    const uint32_t count = request->fm_mapped_extents;
+    extents.insert(extents.end(), request->fm_extents, request->fm_extents + count);
+    if (count == 0 || (extents.back().fe_flags & FIEMAP_EXTENT_LAST) != 0) {
+      return true;
+    }
+    start = extents.back().fe_logical + extents.back().fe_length;
+  }
+}
+
+bool has(const fiemap_extent &extent, uint32_t flags) {
+  return (extent.fe_flags & flags) != 0;
+}
+
+// Adds data to the list, joined with the piece before it when it continues that one.
+void add_data(std::vector<MappedData> &data, const MappedData &piece) {
+  if (!data.empty()) {
+    MappedData &last = data.back();
+    if (last.offset + last.length == piece.offset && last.address + last.length == piece.address) {
+      last.length += piece.length;
+      return;
+    }
+  }
+  data.push_back(piece);
+}
+
+// The blocks of a compressed extent lie together, but how many they are is not told: at least one.
+HeldRange compressed_range(const fiemap_extent &extent, uint64_t block_size) {
+  return {.begin = extent.fe_physical,
+          .end = extent.fe_physical + block_size,
+          .bytes = extent.fe_length,
+          .is_size_known = false,
+          .is_shared = has(extent, FIEMAP_EXTENT_SHARED)};
+}
+
+// Cuts what lies behind `end` off an extent and returns it.
+fiemap_extent cut_at(fiemap_extent &extent, uint64_t end) {
+  fiemap_extent rest = extent;
+  const uint64_t kept = extent.fe_logical < end ? end - extent.fe_logical : 0;
+  extent.fe_length = std::min<uint64_t>(extent.fe_length, kept);
+  rest.fe_logical += extent.fe_length;
+  rest.fe_physical += extent.fe_length;
+  rest.fe_length -= extent.fe_length;
+  return rest;
+}
+
+HeldRange plain_range(const fiemap_extent &extent, bool is_beyond_end) {
+  return {.begin = extent.fe_physical,
+          .end = extent.fe_physical + extent.fe_length,
+          .bytes = extent.fe_length,
+          .is_shared = has(extent, FIEMAP_EXTENT_SHARED),
+          .is_beyond_end = is_beyond_end};
+}
+
+void add_extent(ExtentMap &map, fiemap_extent extent, uint64_t end, uint64_t block_size) {
+  if (has(extent, FIEMAP_EXTENT_DATA_INLINE)) {
+    map.is_inline = true;
+    return;
+  }
+  if (has(extent, FIEMAP_EXTENT_UNKNOWN)) {
+    map.is_known = false;
+    return;
+  }
+  const bool is_compressed = has(extent, FIEMAP_EXTENT_ENCODED);
+  if (is_compressed) {
+    map.held.push_back(compressed_range(extent, block_size));
+  }
+  const fiemap_extent rest = cut_at(extent, end);
+  if (!is_compressed && extent.fe_length > 0) {
+    map.held.push_back(plain_range(extent, false));
+  }
+  if (!is_compressed && rest.fe_length > 0) {
+    map.held.push_back(plain_range(rest, true));
+  }
+  if (extent.fe_length > 0) {
+    add_data(has(extent, FIEMAP_EXTENT_UNWRITTEN) ? map.reserved : map.data,
+             {extent.fe_logical, extent.fe_length, extent.fe_physical});
+  }
+}
+
+bool is_shared_at(const std::vector<fiemap_extent> &extents, uint64_t offset) {
+  const auto next = std::upper_bound(
+      extents.begin(), extents.end(), offset,
+      [](uint64_t place, const fiemap_extent &extent) { return place < extent.fe_logical; });
+  return next != extents.begin() && has(*(next - 1), FIEMAP_EXTENT_SHARED);
+}
+
+// The extents of a Btrfs as a whole: each stays on disk until nothing refers to any part of it.
+std::vector<HeldRange> whole_extents(const std::vector<btrfs::FileExtent> &file,
+                                     const std::vector<fiemap_extent> &extents, uint64_t end) {
+  std::vector<HeldRange> held;
+  std::map<uint64_t, size_t> places;  // in `held`, by the first address
+  for (const btrfs::FileExtent &extent : file) {
+    const auto [place, is_new] = places.try_emplace(extent.disk_begin, held.size());
+    if (is_new) {
+      held.push_back({.begin = extent.disk_begin,
+                      .end = extent.disk_begin + extent.disk_bytes,
+                      .bytes = extent.disk_bytes});
+    }
+    HeldRange &range = held[place->second];
+    range.is_shared |= is_shared_at(extents, extent.offset);
+    range.is_beyond_end |= extent.offset + extent.length > end;
+  }
+  return held;
+}
+
+}  // namespace
+
+ExtentMap read_extents(int fd, uint64_t inode, uint64_t size, const Volume &volume) {
+  ExtentMap map;
+  std::vector<fiemap_extent> extents;
+  if (!volume.can_share || !ask_extents(fd, extents)) {
+    return map;
+  }
+  map.is_known = true;
+  const uint64_t end = (size + volume.block_size - 1) / volume.block_size * volume.block_size;
+  for (const fiemap_extent &extent : extents) {
+    add_extent(map, extent, end, volume.block_size);
+  }
+  if (!volume.is_btrfs || map.is_inline) {
+    return map;
+  }
+  map.inode = btrfs::inode_of(fd, inode);
+  if (map.inode && !map.held.empty()) {
+    if (const auto file = btrfs::file_extents(fd, *map.inode)) {
+      map.held = whole_extents(*file, extents, end);
+    }
+  }
+  return map;
+}
+
+}  // namespace tool

@@ -1,0 +1,19 @@
+// An amount of space on a file system, as far as it can be known.
+#pragma once
+
+#include <cstdint>
+
+namespace tool {
+
+struct Space {
+  uint64_t certain = 0;
+  uint64_t uncertain = 0;  // at most; others may hold it, or its size is not told
+  bool is_none() const { return certain == 0 && uncertain == 0; }
+  Space &operator+=(const Space &other) {
+    certain += other.certain;
+    uncertain += other.uncertain;
+    return *this;
+  }
+};
+
+}  // namespace tool

@@ -1,0 +1,61 @@
+// Counts the files of a group that refer to each range on disk, and so what is given back when some
+// of them no longer do.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+
+#include "extents.h"
+#include "space.h"
+
+namespace tool {
+
+class SpaceAccount {
+ public:
+  // `is_held_elsewhere` tells of a range that something besides the files of this account may refer
+  // to it. It is asked only for shared ranges to which no file of the account refers any more.
+  explicit SpaceAccount(std::function<bool(uint64_t address)> is_held_elsewhere)
+      : is_held_elsewhere_(std::move(is_held_elsewhere)) {}
+
+  void add(const ExtentMap &map);
+  void remove(const ExtentMap &map);
+
+  // Takes the file as it is once it shares the data of another: it holds what lies behind its end.
+  void keep_rest(const ExtentMap &map);
+  void drop_rest(const ExtentMap &map);  // undoes that
+
+  // Takes `map` as XFS leaves it: where nothing is written in both, it keeps its own blocks.
+  void keep_common_reserve(const ExtentMap &map, const ExtentMap &source);
+
+  // What the files referred to once, and no longer do.
+  const Space &given_back() const { return given_back_; }
+
+  // What separate copies would occupy beyond what the files do.
+  uint64_t shared_bytes() const;
+
+ private:
+  // Keyed by its first address; segments do not overlap.
+  struct Segment {
+    uint64_t end = 0;
+    uint64_t bytes = 0;
+    uint32_t references = 0;
+    bool is_size_known = true;
+    bool is_shared = false;
+    enum class Held { not_asked, no, perhaps } held = Held::not_asked;
+  };
+  using Segments = std::map<uint64_t, Segment>;
+
+  void refer(const HeldRange &range);
+  void release(const HeldRange &range);
+  void split_at(uint64_t address);
+  Segments::iterator cover(Segments::iterator place, uint64_t begin, uint64_t end,
+                           const HeldRange &range);
+  Space space_of(uint64_t address, Segment &segment);
+
+  std::function<bool(uint64_t)> is_held_elsewhere_;
+  Segments segments_;
+  Space given_back_;
+};
+
+}  // namespace tool

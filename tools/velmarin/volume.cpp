@@ -1,0 +1,97 @@
+#include "volume.h"
+
+#include <fcntl.h>
+#include <linux/btrfs.h>
+#include <linux/magic.h>
+#include <sys/ioctl.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace tool {
+namespace {
+
+constexpr uint32_t XFS_MAGIC = 0x58465342;  // "XFSB"
+
+// The answer of XFS about its geometry, as far as it is stable since Linux 4.9.
+struct xfs_geometry {
+  uint32_t sizes[8];
+  uint64_t blocks[4];
+  uint8_t uuid[16];
+  uint32_t stripe[2];
+  int32_t version;
+  uint32_t flags;
+  uint32_t more_sizes[4];
+};
+static_assert(sizeof(xfs_geometry) == 112);
+constexpr unsigned long XFS_GET_GEOMETRY = _IOR('X', 124, xfs_geometry);
+constexpr uint32_t XFS_HAS_REFLINK = 1U << 20;
+
+bool has_reflinks(int fd) {
+  xfs_geometry geometry = {};
+  return ioctl(fd, XFS_GET_GEOMETRY, &geometry) == 0 && (geometry.flags & XFS_HAS_REFLINK) != 0;
+}
+
+bool is_of_type(const struct statfs &status, uint32_t magic) {
+  return static_cast<uint32_t>(status.f_type) == magic;
+}
+
+}  // namespace
+
+bool can_share_data(int fd) {
+  struct statfs status = {};
+  return fstatfs(fd, &status) == 0 && (is_of_type(status, BTRFS_SUPER_MAGIC) ||
+                                       (is_of_type(status, XFS_MAGIC) && has_reflinks(fd)));
+}
+
+bool can_share_data(const std::string &path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    return false;
+  }
+  const bool can_share = can_share_data(fd);
+  close(fd);
+  return can_share;
+}
+
+Volumes::~Volumes() {
+  for (const auto &[device, volume] : volumes_) {
+    if (volume.fd >= 0) {
+      close(volume.fd);
+    }
+  }
+}
+
+const Volume *Volumes::find(dev_t device) const {
+  const auto place = volumes_.find(device);
+  return place != volumes_.end() ? &place->second : nullptr;
+}
+
+const Volume &Volumes::meet(dev_t device, int fd) {
+  const auto [place, is_new] = volumes_.try_emplace(device);
+  Volume &volume = place->second;
+  if (!is_new) {
+    return volume;
+  }
+  volume.id = device;
+  volume.can_share = can_share_data(fd);
+  struct statfs status = {};
+  if (fstatfs(fd, &status) == 0) {
+    volume.is_btrfs = is_of_type(status, BTRFS_SUPER_MAGIC);
+    volume.block_size = static_cast<uint64_t>(status.f_bsize);
+  }
+  if (!volume.is_btrfs) {
+    return volume;
+  }
+  volume.fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  btrfs_ioctl_fs_info_args info = {};
+  if (ioctl(fd, BTRFS_IOC_FS_INFO, &info) == 0) {
+    FileSystemId id;
+    std::copy_n(info.fsid, id.size(), id.begin());
+    volume.id = btrfs_.try_emplace(id, device).first->second;
+  }
+  return volume;
+}
+
+}  // namespace tool

@@ -1,0 +1,51 @@
+// What the file systems of the files found can do with identical data.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace tool {
+
+struct Volume {
+  dev_t id = 0;            // one of its device numbers, the same for all subvolumes of a Btrfs
+  bool can_share = false;  // files of this file system can share extents
+  bool is_btrfs = false;
+  uint64_t block_size = 4096;
+  int fd = -1;  // open on a file of a Btrfs, for questions about it; its owner is `Volumes`
+};
+
+// Whether the file system of an open file can let files share extents.
+bool can_share_data(int fd);
+
+// As above, for a path; false where it cannot be opened.
+bool can_share_data(const std::string &path);
+
+// What the commands say where it cannot.
+inline constexpr const char *CANNOT_SHARE = "; its file system cannot share data";
+
+// The file systems met so far.
+class Volumes {
+ public:
+  Volumes() = default;
+  ~Volumes();
+  Volumes(const Volumes &) = delete;
+  Volumes &operator=(const Volumes &) = delete;
+
+  // Returns null for one that was not met yet.
+  const Volume *find(dev_t device) const;
+
+  // The file system of the open file `fd` with that device number.
+  const Volume &meet(dev_t device, int fd);
+
+ private:
+  using FileSystemId = std::array<uint8_t, 16>;
+
+  std::map<dev_t, Volume> volumes_;
+  std::map<FileSystemId, dev_t> btrfs_;  // the first device number met of each Btrfs
+};
+
+}  // namespace tool
