@@ -65,8 +65,9 @@ tool::FoundGroup take_group(FuzzedDataProvider &input) {
     group.files.push_back(take_file(input));
     share.files.push_back(static_cast<size_t>(i));
   }
-  share.frees_space = input.ConsumeBool();
+  share.can_share = input.ConsumeBool();
   share.unmerged_bytes = input.ConsumeIntegral<uint64_t>();
+  share.reclaimable = {input.ConsumeIntegral<uint64_t>(), input.ConsumeIntegral<uint64_t>()};
   group.shares.push_back(share);
   return group;
 }

@@ -56,12 +56,19 @@ class TreeCase(unittest.TestCase):
 
     def mount_btrfs(self, size, *make_options):
         """Mounts a new file system, made in a file, on the root."""
-        if shutil.which("mkfs.btrfs") is None:
-            self.skipTest("needs mkfs.btrfs")
+        self.mount_image("btrfs", size, *make_options)
+
+    def mount_xfs(self, size, *make_options):
+        """As above; XFS wants at least 300 MiB."""
+        self.mount_image("xfs", size, *make_options)
+
+    def mount_image(self, kind, size, *make_options):
+        if shutil.which(f"mkfs.{kind}") is None:
+            self.skipTest(f"needs mkfs.{kind}")
         image = self.directory / "image"
         run("truncate", "-s", size, image)
-        run("mkfs.btrfs", "-q", *make_options, image)
-        self.mount("btrfs", self.root, "loop", image)
+        run(f"mkfs.{kind}", "-q", *make_options, image)
+        self.mount(kind, self.root, "loop", image)
 
 
 class ToolCase(TreeCase):

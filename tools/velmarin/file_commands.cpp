@@ -13,6 +13,7 @@
 #include "message.h"
 #include "velmarin/control_codes.h"
 #include "velmarin/files.h"
+#include "volume.h"
 
 namespace tool {
 namespace {
@@ -60,7 +61,10 @@ bool dedup(const Files &files, LogLines &log) {
   const std::string &second = files[1];
   const int result = sisFileTaskImpl(first.c_str(), second.c_str());
   if (result == 0) {
-    say(second, "shares the data of " + escaped_name(files[0]));
+    const std::string name = escaped_name(files[0]);
+    say(second, can_share_data(second)
+                    ? "shares the data of " + name
+                    : "is on record as identical to the data of " + name + CANNOT_SHARE);
     return true;
   }
   if (result > 0) {
@@ -77,7 +81,7 @@ bool info(const Files &files, LogLines &log) {
     if (result < 0) {
       return refuse(file, reason_of_failure(file, log));
     }
-    say(file, result == 0 ? "a plain file" : describe_layer(file));
+    say(file, describe_layer(file));
     return true;
   });
 }
@@ -121,7 +125,10 @@ bool copy(const Files &files, LogLines &) {
   const bool existed = lstat(target.c_str(), &status) == 0;
   const int error = reflink_copy(source.c_str(), target.c_str());
   if (error == 0) {
-    say(target, "a new file that shares the data of " + escaped_name(source));
+    const std::string name = escaped_name(source);
+    say(target, can_share_data(target)
+                    ? "a new file that shares the data of " + name
+                    : "a new file with a copy of the data of " + name + CANNOT_SHARE);
     return true;
   }
   const bool is_left = !existed && lstat(target.c_str(), &status) == 0;

@@ -37,8 +37,8 @@ Counters counters_of(const velmarin::sis_report &record) {
 }
 
 template <typename Range, typename Measure>
-uint64_t sum(const Range &range, Measure measure) {
-  uint64_t total = 0;
+auto sum(const Range &range, Measure measure) {
+  decltype(measure(*range.begin())) total{};
   for (const auto &element : range) {
     total += measure(element);
   }
@@ -51,12 +51,31 @@ uint64_t FoundGroup::unmerged_bytes() const {
   return sum(shares, [](const Share &share) { return share.unmerged_bytes; });
 }
 
-uint64_t FoundGroup::reclaimable_bytes() const {
-  return sum(shares, [](const Share &share) { return share.reclaimable_bytes(); });
+uint64_t FoundGroup::unsharable_bytes() const {
+  return sum(shares, [](const Share &share) { return share.can_share ? 0 : share.unmerged_bytes; });
 }
 
-uint64_t FoundGroup::freed_bytes() const {
-  return sum(shares, [](const Share &share) { return share.freed_bytes; });
+uint64_t FoundGroup::saved_bytes() const {
+  return sum(shares, [](const Share &share) { return share.saved_bytes; });
+}
+
+Space FoundGroup::reclaimable() const {
+  return sum(shares, [](const Share &share) { return share.reclaimable; });
+}
+
+Space FoundGroup::freed() const {
+  return sum(shares, [](const Share &share) { return share.freed; });
+}
+
+uint64_t FoundGroup::inline_files() const {
+  return sum(files, [](const FoundFile &file) { return uint64_t{file.state.is_inline}; });
+}
+
+bool Findings::is_unsharable() const {
+  const auto is_sharable = [](const FoundFile &file) { return file.state.can_share; };
+  return !groups.empty() && std::none_of(groups.begin(), groups.end(), [&](const auto &group) {
+    return std::any_of(group.files.begin(), group.files.end(), is_sharable);
+  });
 }
 
 uint64_t Findings::grouped_files() const {
@@ -67,12 +86,24 @@ uint64_t Findings::unmerged_bytes() const {
   return sum(groups, [](const FoundGroup &group) { return group.unmerged_bytes(); });
 }
 
-uint64_t Findings::reclaimable_bytes() const {
-  return sum(groups, [](const FoundGroup &group) { return group.reclaimable_bytes(); });
+uint64_t Findings::unsharable_bytes() const {
+  return sum(groups, [](const FoundGroup &group) { return group.unsharable_bytes(); });
 }
 
-uint64_t Findings::freed_bytes() const {
-  return sum(groups, [](const FoundGroup &group) { return group.freed_bytes(); });
+uint64_t Findings::saved_bytes() const {
+  return sum(groups, [](const FoundGroup &group) { return group.saved_bytes(); });
+}
+
+Space Findings::reclaimable() const {
+  return sum(groups, [](const FoundGroup &group) { return group.reclaimable(); });
+}
+
+Space Findings::freed() const {
+  return sum(groups, [](const FoundGroup &group) { return group.freed(); });
+}
+
+uint64_t Findings::inline_files() const {
+  return sum(groups, [](const FoundGroup &group) { return group.inline_files(); });
 }
 
 int Collector::receive(uint64_t collector, velmarin::sis_report *record) {

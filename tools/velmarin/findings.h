@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "space.h"
 #include "velmarin/scan.h"
 
 namespace tool {
@@ -23,6 +24,7 @@ enum class Outcome {
   changed,         // is not what the scan saw, and was left alone
   refused,         // `reason` says why
   not_tried,       // merging was stopped, or no source was left
+  no_gain,         // sharing its data would free nothing; `reason` says why
 };
 
 // The file as it is after the scan.
@@ -32,7 +34,10 @@ struct FileState {
   dev_t device = 0;
   uint64_t inode = 0;
   uint64_t allocated_bytes = 0;
-  uint32_t layer = 0;  // number of the layered inode that it is attached to, 0 for a plain file
+  uint32_t layer = 0;      // number of the layered inode that it is attached to, 0 for a plain file
+  uint32_t copy = 0;       // the same for the files of a share that have one copy of the data
+  bool can_share = false;  // its file system can share data
+  bool is_inline = false;  // its data lies among the metadata and cannot be shared
 };
 
 // A file as the scan reported it. Everything but `state`, `outcome` and `reason` stays as reported.
@@ -50,14 +55,16 @@ struct FoundFile {
   std::string reason;
 };
 
-// Files of identical content that lie on one file system: what can come to share data.
+// Files of identical content that lie on one file system: what can come to share data. Files whose
+// data lies inline are left out.
 struct Share {
-  dev_t device = 0;
-  bool frees_space = false;     // the file system can share data
+  dev_t volume = 0;             // see `Volume::id`
+  bool can_share = false;       // the file system can share data
   std::vector<size_t> files;    // places in the group, the best source first
   uint64_t unmerged_bytes = 0;  // held by copies beyond the first
-  uint64_t freed_bytes = 0;     // given back by merging
-  uint64_t reclaimable_bytes() const { return frees_space ? unmerged_bytes : 0; }
+  uint64_t saved_bytes = 0;     // what the files share already, counted once for each file but one
+  Space reclaimable;            // given back by merging
+  Space freed;                  // given back
 };
 
 struct FoundGroup {
@@ -66,8 +73,11 @@ struct FoundGroup {
 
   uint64_t size() const { return files.front().size; }
   uint64_t unmerged_bytes() const;
-  uint64_t reclaimable_bytes() const;
-  uint64_t freed_bytes() const;
+  uint64_t unsharable_bytes() const;  // of `unmerged_bytes`: where no data can be shared
+  uint64_t saved_bytes() const;
+  Space reclaimable() const;
+  Space freed() const;
+  uint64_t inline_files() const;
 };
 
 struct Counters {
@@ -87,6 +97,9 @@ struct Statistics {
 };
 
 struct Findings {
+  // Whether nothing can be shared where the files found lie.
+  bool is_unsharable() const;
+
   std::vector<FoundGroup> groups;  // most duplicate bytes first
   std::vector<FoundFile> compressed;
   Counters counters;
@@ -94,8 +107,11 @@ struct Findings {
 
   uint64_t grouped_files() const;
   uint64_t unmerged_bytes() const;
-  uint64_t reclaimable_bytes() const;
-  uint64_t freed_bytes() const;
+  uint64_t unsharable_bytes() const;
+  uint64_t saved_bytes() const;
+  Space reclaimable() const;
+  Space freed() const;
+  uint64_t inline_files() const;
 };
 
 // Receives the report of a scan; pass `this` as the scan's `caller_data`.

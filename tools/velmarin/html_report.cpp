@@ -27,7 +27,7 @@ std::string local_time() {
 // On file systems that cannot share data the map shows what is not merged, since nothing can be
 // freed.
 bool can_free_space(const Findings &findings) {
-  return findings.reclaimable_bytes() > 0 || findings.unmerged_bytes() == 0;
+  return findings.unsharable_bytes() == 0 || !findings.reclaimable().is_none();
 }
 
 std::string about(const Report &report) {
@@ -40,14 +40,11 @@ std::string about(const Report &report) {
 
 Json notes(const Report &report) {
   Json list = Json::array();
-  const Findings &findings = report.findings;
   if (report.stopped || report.out_of_time) {
     list.push_back("Stopped early: the findings are not complete.");
   }
-  if (findings.reclaimable_bytes() < findings.unmerged_bytes()) {
-    list.push_back(
-        "Merging frees nothing on a file system that cannot share data; that holds for " +
-        format_size(findings.unmerged_bytes() - findings.reclaimable_bytes()) + ".");
+  for (const std::string &remark : space_remarks(report)) {
+    list.push_back("Space: " + remark + ".");
   }
   return list;
 }
@@ -56,10 +53,11 @@ Json figures(const Report &report) {
   const Findings &findings = report.findings;
   Json list = Json::array();
   if (report.applied) {
-    list.push_back({"freed", format_size(findings.freed_bytes())});
-    list.push_back({"files merged", std::to_string(count_outcomes(findings).merged)});
+    list.push_back({"freed", format_size(findings.freed().certain)});
+    list.push_back({findings.is_unsharable() ? "files recorded" : "files merged",
+                    std::to_string(count_outcomes(findings).merged)});
   } else {
-    list.push_back({"can be freed", format_size(findings.reclaimable_bytes())});
+    list.push_back({"can be freed", format_size(findings.reclaimable().certain)});
     list.push_back({"not merged yet", format_size(findings.unmerged_bytes())});
   }
   list.push_back({"groups", std::to_string(findings.groups.size())});
@@ -68,7 +66,7 @@ Json figures(const Report &report) {
 }
 
 uint64_t shown_bytes(const Share &share, bool shows_reclaimable) {
-  return shows_reclaimable ? share.reclaimable_bytes() : share.unmerged_bytes;
+  return shows_reclaimable ? share.reclaimable.certain : share.unmerged_bytes;
 }
 
 // The part of each file in what is shown of its group: equal parts within each share.
@@ -87,14 +85,12 @@ Json group_data(const FoundGroup &group, bool shows_reclaimable) {
   Json files = Json::array();
   for (size_t place = 0; place < group.files.size(); ++place) {
     const FoundFile &file = group.files[place];
-    const bool was_merged = file.outcome != Outcome::none;
-    files.push_back({escaped_name(file.path),
-                     was_merged ? outcome_word(file.outcome) : status_word(file.status),
-                     escaped_name(file.reason), parts[place]});
+    files.push_back(
+        {escaped_name(file.path), file_word(file), escaped_name(file.reason), parts[place]});
   }
-  return {{"bytes", shows_reclaimable ? group.reclaimable_bytes() : group.unmerged_bytes()},
+  return {{"bytes", shows_reclaimable ? group.reclaimable().certain : group.unmerged_bytes()},
           {"size", group.size()},
-          {"freed", group.freed_bytes()},
+          {"freed", group.freed().certain},
           {"files", std::move(files)}};
 }
 
@@ -110,17 +106,14 @@ Json counter_rows(const Report &report) {
                       {"left out: unknown state", std::to_string(report.unknown)}});
 }
 
-Json statistics_rows(const Report &report) {
-  const Statistics &statistics = report.findings.statistics;
+Json space_rows(const Report &report) {
   Json rows =
-      Json::array({{"deduplicated files met", std::to_string(statistics.deduped_files)},
-                   {"saved by them", format_size(statistics.deduped_saved_bytes)},
-                   {"compressed files met", std::to_string(statistics.compressed_files)},
-                   {"saved by compression", format_size(statistics.compressed_saved_bytes)}});
+      Json::array({{"saved already by sharing", format_size(report.findings.saved_bytes())}});
   if (report.applied) {
     const MergeCounts counts = count_outcomes(report.findings);
     rows.push_back({"merged", std::to_string(counts.merged)});
     rows.push_back({"shared before", std::to_string(counts.already_shared)});
+    rows.push_back({"nothing to gain", std::to_string(counts.no_gain)});
     rows.push_back({"changed since the scan", std::to_string(counts.changed)});
     rows.push_back({"refused", std::to_string(counts.refused)});
     rows.push_back({"not tried", std::to_string(counts.not_tried)});
@@ -150,7 +143,7 @@ Json page_data(const Report &report) {
   for (const FoundFile &file : findings.compressed) {
     data["compressed"].push_back(escaped_name(file.path));
   }
-  data["lists"] = Json::array({counter_rows(report), statistics_rows(report)});
+  data["lists"] = Json::array({counter_rows(report), space_rows(report)});
   return data;
 }
 

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "velmarin/control_codes.h"
+#include "volume.h"
 
 namespace tool {
 namespace {
@@ -55,11 +56,12 @@ std::string describe_layer(const std::string &path) {
   if (const int error = query(path, info); error != 0) {
     return std::string("cannot be examined: ") + std::strerror(error);
   }
+  const std::string remark = can_share_data(path) ? "" : CANNOT_SHARE;
   if (!is_attached(info)) {
-    return "a plain file";
+    return "a plain file" + remark;
   }
   return std::string(info.deduped != 0 ? "deduplicated onto" : "attached to") + " layered inode " +
-         std::to_string(info.layer_ino);
+         std::to_string(info.layer_ino) + remark;
 }
 
 }  // namespace tool

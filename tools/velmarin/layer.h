@@ -10,7 +10,8 @@ namespace tool {
 int64_t query_layer(int fd);
 int64_t query_layer(const std::string &path);
 
-// In words: "a plain file", "deduplicated onto layered inode 12", ...
+// In words: "a plain file", "deduplicated onto layered inode 12", ...; and whether its file system
+// cannot share data.
 std::string describe_layer(const std::string &path);
 
 }  // namespace tool

@@ -3,10 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <map>
 
+#include "share_plan.h"
 #include "stop_signal.h"
 #include "survey.h"
 #include "velmarin/files.h"
@@ -21,21 +22,19 @@ void set_outcome(FoundFile &file, Outcome outcome, std::string reason = {}) {
   file.reason = std::move(reason);
 }
 
-// Whether there is more than one copy of the data: a file that shares nothing, or a second layered
-// inode, beside the first file.
-bool has_unmerged(const FoundGroup &group, const Share &share) {
-  const uint32_t layer = group.files[share.files.front()].state.layer;
-  for (size_t i = 1; i < share.files.size(); ++i) {
-    const uint32_t other = group.files[share.files[i]].state.layer;
-    if (other == 0 || other != layer) {
-      return true;
-    }
-  }
-  return false;
+bool has_copy_of(const FoundFile &file, const FoundFile &source) {
+  return file.state.copy == source.state.copy;
 }
 
-bool shares_layer(const FoundFile &file, const FoundFile &source) {
-  return file.state.layer != 0 && file.state.layer == source.state.layer;
+bool is_one_copy(const FoundGroup &group, const Share &share) {
+  const FoundFile &source = group.files[share.files.front()];
+  return std::all_of(share.files.begin(), share.files.end(),
+                     [&](size_t place) { return has_copy_of(group.files[place], source); });
+}
+
+// Whether there is more than one copy of the data, and its merging is worth the trouble.
+bool has_work(const FoundGroup &group, const Share &share) {
+  return !is_one_copy(group, share) && (!share.can_share || !share.reclaimable.is_none());
 }
 
 // The library names the error of a failed call at the end of its line.
@@ -70,8 +69,15 @@ int open_as_source(FoundFile &file, LogLines &log) {
 // Merging the files of one share. `source_` is the place of the source in the group.
 class ShareMerge {
  public:
-  ShareMerge(FoundGroup &group, Share &share, LogLines &log, MergeProgress &progress)
-      : group_(group), share_(share), log_(log), progress_(progress) {}
+  ShareMerge(FoundGroup &group, Share &share, const Volume &volume, LogLines &log,
+             MergeProgress &progress)
+      : group_(group),
+        share_(share),
+        volume_(volume),
+        log_(log),
+        progress_(progress),
+        maps_(maps_before()),
+        account_(account_of(volume, maps_)) {}
 
   void run() {
     const int fd = open_source();
@@ -82,14 +88,13 @@ class ShareMerge {
       FoundFile &file = group_.files[place];
       if (place == source_) {
         set_outcome(file, Outcome::source);
-      } else if (shares_layer(file, group_.files[source_])) {
+      } else if (has_copy_of(file, group_.files[source_])) {
         set_outcome(file, Outcome::already_shared);
       } else if (file.outcome != Outcome::changed) {
-        merge(file, fd);  // also if it was refused as the source: it may do as a target
+        merge(place, fd);  // also if it was refused as the source: it may do as a target
       }
     }
     close(fd);
-    count_freed_layers();
   }
 
  private:
@@ -109,7 +114,16 @@ class ShareMerge {
     return -1;
   }
 
-  void merge(FoundFile &file, int source_fd) {
+  std::vector<ExtentMap> maps_before() const {
+    std::vector<ExtentMap> maps(group_.files.size());
+    for (const size_t place : share_.files) {
+      maps[place] = extents_of(group_.files[place], volume_);
+    }
+    return maps;
+  }
+
+  void merge(size_t place, int source_fd) {
+    FoundFile &file = group_.files[place];
     if (stop_requested()) {
       return;
     }
@@ -125,54 +139,62 @@ class ShareMerge {
       return;
     }
     set_outcome(file, Outcome::merged);
-    if (file.state.layer == 0) {
-      add_freed(file.state.allocated_bytes);
+    if (share_.can_share) {
+      count_freed(place);
     }
   }
 
-  // Files that shared a layered inode of their own before gave its data back only if none of them
-  // is left attached to it.
-  void count_freed_layers() {
-    std::map<uint32_t, bool> is_free;
-    for (const size_t place : share_.files) {
-      const FoundFile &file = group_.files[place];
-      const auto [entry, is_new] = is_free.try_emplace(file.state.layer, true);
-      entry->second &= file.outcome == Outcome::merged;
+  void count_freed(size_t place) {
+    const FoundFile &file = group_.files[place];
+    const ExtentMap map = extents_of(file, volume_);
+    if (!map.is_known || !maps_[place].is_known) {
+      unknown_bytes_ += file.state.allocated_bytes;
+    } else {
+      account_.remove(maps_[place]);
+      account_.add(map);
     }
-    is_free.erase(0);
-    for (const size_t place : share_.files) {
-      const FileState &state = group_.files[place].state;
-      const auto entry = is_free.find(state.layer);
-      if (entry != is_free.end() && entry->second) {
-        add_freed(state.allocated_bytes);
-        is_free.erase(entry);
-      }
-    }
-  }
-
-  void add_freed(uint64_t bytes) {
-    if (share_.frees_space) {
-      share_.freed_bytes += bytes;
-      progress_.freed_bytes += bytes;
-    }
+    const uint64_t before = share_.freed.certain;
+    share_.freed = account_.given_back();
+    share_.freed.uncertain += unknown_bytes_;
+    progress_.freed_bytes += share_.freed.certain - before;
   }
 
   FoundGroup &group_;
   Share &share_;
+  const Volume &volume_;
   LogLines &log_;
   MergeProgress &progress_;
+  const std::vector<ExtentMap> maps_;  // of the files of the share, at their places in the group
+  SpaceAccount account_;
+  uint64_t unknown_bytes_ = 0;  // allocated to merged files whose extents are not known
   size_t source_ = 0;
 };
 
-void merge_share(FoundGroup &group, Share &share, LogLines &log, MergeProgress &progress) {
-  const bool is_alone = share.files.size() == 1;
-  const bool has_work = has_unmerged(group, share);
+void mark_idle(FoundGroup &group, const Share &share) {
+  const bool shares_all = is_one_copy(group, share);
   for (const size_t place : share.files) {
-    const Outcome outcome = is_alone ? Outcome::alone : Outcome::already_shared;
-    set_outcome(group.files[place], has_work ? Outcome::not_tried : outcome);
+    FoundFile &file = group.files[place];
+    if (share.files.size() == 1) {
+      set_outcome(file, Outcome::alone);
+    } else if (shares_all) {
+      set_outcome(file, Outcome::already_shared);
+    } else {
+      set_outcome(file, Outcome::no_gain, "merging would free nothing");
+    }
   }
-  if (has_work && !stop_requested()) {
-    ShareMerge(group, share, log, progress).run();
+}
+
+void merge_share(FoundGroup &group, Share &share, const Volume &volume, LogLines &log,
+                 MergeProgress &progress) {
+  if (!has_work(group, share)) {
+    mark_idle(group, share);
+    return;
+  }
+  for (const size_t place : share.files) {
+    set_outcome(group.files[place], Outcome::not_tried);
+  }
+  if (!stop_requested()) {
+    ShareMerge(group, share, volume, log, progress).run();
   }
 }
 
@@ -183,6 +205,8 @@ void mark_unusable(FoundGroup &group) {
       set_outcome(file, Outcome::refused, std::strerror(file.state.error));
     } else if (!file.state.unchanged) {
       set_outcome(file, Outcome::changed, CHANGED);
+    } else if (file.state.is_inline) {
+      set_outcome(file, Outcome::no_gain, "its data lies inline, among the metadata");
     }
   }
 }
@@ -192,10 +216,13 @@ void mark_unusable(FoundGroup &group) {
 void plan_merge(const Findings &findings, MergeProgress &progress) {
   for (const FoundGroup &group : findings.groups) {
     for (const Share &share : group.shares) {
+      if (!has_work(group, share)) {
+        continue;
+      }
       const FoundFile &source = group.files[share.files.front()];
       for (size_t i = 1; i < share.files.size(); ++i) {
         const FoundFile &file = group.files[share.files[i]];
-        if (!shares_layer(file, source)) {
+        if (!has_copy_of(file, source)) {
           ++progress.files_to_do;
           progress.bytes_to_do += file.state.allocated_bytes;
         }
@@ -204,11 +231,11 @@ void plan_merge(const Findings &findings, MergeProgress &progress) {
   }
 }
 
-void merge_all(Findings &findings, LogLines &log, MergeProgress &progress) {
+void merge_all(Findings &findings, Volumes &volumes, LogLines &log, MergeProgress &progress) {
   for (FoundGroup &group : findings.groups) {
     mark_unusable(group);
     for (Share &share : group.shares) {
-      merge_share(group, share, log, progress);
+      merge_share(group, share, *volumes.find(share.volume), log, progress);
     }
   }
 }

@@ -5,6 +5,7 @@
 
 #include "findings.h"
 #include "log_lines.h"
+#include "volume.h"
 
 namespace tool {
 
@@ -12,18 +13,18 @@ namespace tool {
 struct MergeProgress {
   uint64_t files_to_do = 0;  // set before merging starts, like the next
   uint64_t bytes_to_do = 0;
-  std::atomic<uint64_t> files_done = 0;  // merged, refused or changed
-  std::atomic<uint64_t> bytes_done = 0;  // allocated bytes of those files
-  std::atomic<uint64_t> freed_bytes = 0;
+  std::atomic<uint64_t> files_done = 0;   // merged, refused or changed
+  std::atomic<uint64_t> bytes_done = 0;   // allocated bytes of those files
+  std::atomic<uint64_t> freed_bytes = 0;  // certainly
 };
 
 // Counts what there is to do.
 void plan_merge(const Findings &findings, MergeProgress &progress);
 
 // Merges the files of every group onto one source per file system and fills the outcome of each
-// file and the freed bytes of each share. A file that is refused keeps its data and does not stop
-// the rest. Ends early, after the file in hand, when a stop is asked for. `log` tells why the
-// library could not make a layered inode.
-void merge_all(Findings &findings, LogLines &log, MergeProgress &progress);
+// file and what was freed of each share: what the files referred to before and no longer do. A file
+// that is refused keeps its data and does not stop the rest. Ends early, after the file in hand,
+// when a stop is asked for. `log` tells why the library could not make a layered inode.
+void merge_all(Findings &findings, Volumes &volumes, LogLines &log, MergeProgress &progress);
 
 }  // namespace tool

@@ -48,9 +48,12 @@ Json json_group(const FoundGroup &group, bool applied) {
   object["size"] = group.size();
   object["digest"] = json_digest(group.files.front());
   object["unmerged_bytes"] = group.unmerged_bytes();
-  object["reclaimable_bytes"] = group.reclaimable_bytes();
+  object["reclaimable_bytes"] = group.reclaimable().certain;
+  object["uncertain_bytes"] = group.reclaimable().uncertain;
+  object["saved_bytes"] = group.saved_bytes();
   if (applied) {
-    object["freed_bytes"] = group.freed_bytes();
+    object["freed_bytes"] = group.freed().certain;
+    object["freed_uncertain_bytes"] = group.freed().uncertain;
   }
   object["files"] = Json::array();
   for (const FoundFile &file : group.files) {
@@ -83,9 +86,14 @@ Json json_statistics(const Statistics &statistics) {
 
 Json json_merged(const Findings &findings) {
   const MergeCounts counts = count_outcomes(findings);
-  return {{"files", counts.merged},        {"already_shared", counts.already_shared},
-          {"changed", counts.changed},     {"refused", counts.refused},
-          {"not_tried", counts.not_tried}, {"freed_bytes", findings.freed_bytes()}};
+  return {{"files", counts.merged},
+          {"already_shared", counts.already_shared},
+          {"no_gain", counts.no_gain},
+          {"changed", counts.changed},
+          {"refused", counts.refused},
+          {"not_tried", counts.not_tried},
+          {"freed_bytes", findings.freed().certain},
+          {"freed_uncertain_bytes", findings.freed().uncertain}};
 }
 
 Json json_roots(const std::vector<std::string> &roots) {
@@ -146,7 +154,9 @@ void print_json(const Report &report, std::FILE *out) {
   object.print("out_of_time", report.out_of_time);
   object.print("elapsed_ms", report.elapsed.count());
   object.print("unmerged_bytes", findings.unmerged_bytes());
-  object.print("reclaimable_bytes", findings.reclaimable_bytes());
+  object.print("reclaimable_bytes", findings.reclaimable().certain);
+  object.print("uncertain_bytes", findings.reclaimable().uncertain);
+  object.print("saved_bytes", findings.saved_bytes());
   object.print_array("groups", findings.groups,
                      [&](const FoundGroup &group) { return json_group(group, report.applied); });
   object.print_array("compressed", findings.compressed, json_compressed);

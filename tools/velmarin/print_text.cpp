@@ -42,22 +42,26 @@ class TextPrinter {
     put("\n");
   }
 
+  // ", 8 MiB freed", ", 8 MiB can be freed, up to 4 MiB more", ...
   std::string gain(const FoundGroup &group) const {
-    if (report_.applied) {
-      return ", " + format_size(group.freed_bytes()) + " freed";
+    const Space space = report_.applied ? group.freed() : group.reclaimable();
+    const char *const verb = report_.applied ? " freed" : " can be freed";
+    const std::string more = "up to " + format_size(space.uncertain);
+    if (space.certain > 0 || (report_.applied && space.uncertain == 0)) {
+      return ", " + format_size(space.certain) + verb +
+             (space.uncertain > 0 ? ", " + more + " more" : "");
     }
-    if (group.reclaimable_bytes() > 0) {
-      return ", " + format_size(group.reclaimable_bytes()) + " can be freed";
+    if (space.uncertain > 0) {
+      return ", " + more + verb;
     }
-    return group.unmerged_bytes() > 0 ? "" : ", nothing left to free";
+    return group.unsharable_bytes() > 0 ? "" : ", nothing left to free";
   }
 
   // The word comes first, so that the name has the rest of the line to itself.
   void print_file(const FoundFile &file) const {
     const bool was_merged = file.outcome != Outcome::none;
-    const char *const word = was_merged ? outcome_word(file.outcome) : status_word(file.status);
     char column[16];
-    std::snprintf(column, sizeof column, "  %-11s ", word);
+    std::snprintf(column, sizeof column, "  %-11s ", file_word(file));
     put(column, was_merged ? outcome_colour(file.outcome) : nullptr);
     put(escaped_name(file.path));
     if (!file.reason.empty()) {
@@ -105,7 +109,6 @@ class TextPrinter {
     put("\n");
     print_sharing();
     print_counters();
-    print_statistics();
     print_row("time", format_duration(report_.elapsed) +
                           (report_.stopped ? ", stopped early" : "") +
                           (report_.out_of_time ? ", the time budget was used up" : ""));
@@ -118,29 +121,34 @@ class TextPrinter {
     if (report_.applied) {
       print_merged();
     } else {
-      const uint64_t reclaimable = findings.reclaimable_bytes();
+      const uint64_t reclaimable = findings.reclaimable().certain;
       print_row("not merged yet", format_size(findings.unmerged_bytes()));
       print_row("can be freed",
                 format_size(reclaimable) + (reclaimable > 0 ? " (with --apply)" : ""));
     }
-    if (findings.reclaimable_bytes() < findings.unmerged_bytes()) {
-      print_row("", "merging frees nothing on a file system that cannot share data: " +
-                        format_size(findings.unmerged_bytes() - findings.reclaimable_bytes()));
+    for (const std::string &remark : space_remarks(report_)) {
+      print_row("", remark);
+    }
+    if (!findings.is_unsharable()) {
+      print_row("saved already", format_size(findings.saved_bytes()) + " by sharing data");
     }
   }
 
   void print_merged() const {
     const MergeCounts counts = count_outcomes(report_.findings);
+    const bool is_unsharable = report_.findings.is_unsharable();
     std::string text = format_count(counts.merged, "file") + ", " +
-                       std::to_string(counts.already_shared) + " shared already";
+                       std::to_string(counts.already_shared) +
+                       (is_unsharable ? " before" : " shared already");
     const auto append = [&text](uint64_t count, const char *what) {
       text += count > 0 ? ", " + std::to_string(count) + what : "";
     };
+    append(counts.no_gain, " with nothing to gain");
     append(counts.changed, " changed since the scan");
     append(counts.refused, " refused");
     append(counts.not_tried, " not tried");
-    print_row("merged", text);
-    print_row("freed", format_size(report_.findings.freed_bytes()));
+    print_row(is_unsharable ? "recorded" : "merged", text);
+    print_row("freed", format_size(report_.findings.freed().certain));
   }
 
   void print_counters() const {
@@ -155,14 +163,6 @@ class TextPrinter {
       print_row("left out", std::to_string(report_.unsupported) + " without deduplication, " +
                                 std::to_string(report_.unknown) + " in an unknown state");
     }
-  }
-
-  void print_statistics() const {
-    const Statistics &statistics = report_.findings.statistics;
-    print_row("saved already", format_size(statistics.deduped_saved_bytes) + " by " +
-                                   format_count(statistics.deduped_files, "deduplicated file") +
-                                   ", " + format_size(statistics.compressed_saved_bytes) + " by " +
-                                   format_count(statistics.compressed_files, "compressed file"));
   }
 
   const Report &report_;

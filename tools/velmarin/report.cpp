@@ -1,5 +1,6 @@
 #include "report.h"
 
+#include "size_text.h"
 #include "velmarin/control_codes.h"
 
 namespace tool {
@@ -13,6 +14,7 @@ MergeCounts count_outcomes(const Findings &findings) {
       counts.changed += file.outcome == Outcome::changed;
       counts.refused += file.outcome == Outcome::refused;
       counts.not_tried += file.outcome == Outcome::not_tried;
+      counts.no_gain += file.outcome == Outcome::no_gain;
     }
   }
   return counts;
@@ -34,6 +36,8 @@ const char *outcome_word(Outcome outcome) {
       return "refused";
     case Outcome::not_tried:
       return "not tried";
+    case Outcome::no_gain:
+      return "no gain";
     case Outcome::none:
       break;
   }
@@ -53,6 +57,43 @@ const char *status_word(int64_t status) {
     default:
       return "unknown";
   }
+}
+
+const char *file_word(const FoundFile &file) {
+  switch (file.outcome) {
+    case Outcome::none:
+      return status_word(file.status);
+    case Outcome::source:
+    case Outcome::merged:
+    case Outcome::already_shared:
+      return file.state.can_share ? outcome_word(file.outcome) : "recorded";
+    default:
+      return outcome_word(file.outcome);
+  }
+}
+
+std::vector<std::string> space_remarks(const Report &report) {
+  std::vector<std::string> remarks;
+  const Findings &findings = report.findings;
+  if (report.applied && findings.freed().uncertain > 0) {
+    remarks.push_back("up to " + format_size(findings.freed().uncertain) +
+                      " more: now, or once no snapshot or other file holds it");
+  }
+  if (!report.applied && findings.reclaimable().uncertain > 0) {
+    remarks.push_back("up to " + format_size(findings.reclaimable().uncertain) +
+                      " more: snapshots, other files or compression decide");
+  }
+  if (findings.is_unsharable()) {
+    remarks.push_back("the file system of these files cannot share data: nothing can be freed");
+  } else if (findings.unsharable_bytes() > 0) {
+    remarks.push_back(format_size(findings.unsharable_bytes()) +
+                      " lies where the file system cannot share data: nothing can be freed there");
+  }
+  if (findings.inline_files() > 0) {
+    remarks.push_back(format_count(findings.inline_files(), "file") +
+                      " with nothing to gain: the data lies inline, among the metadata");
+  }
+  return remarks;
 }
 
 }  // namespace tool

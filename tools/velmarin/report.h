@@ -28,6 +28,7 @@ struct MergeCounts {
   uint64_t changed = 0;
   uint64_t refused = 0;
   uint64_t not_tried = 0;
+  uint64_t no_gain = 0;
 };
 MergeCounts count_outcomes(const Findings &findings);
 
@@ -35,6 +36,13 @@ const char *outcome_word(Outcome outcome);
 
 // "plain", "layered", "deduped", "compressed", or "unknown" for an error.
 const char *status_word(int64_t status);
+
+// The word that people see before the name of a file. Where nothing can be shared, merging only
+// puts on record what is identical.
+const char *file_word(const FoundFile &file);
+
+// What must be said of the figures of space, one sentence without its full stop each.
+std::vector<std::string> space_remarks(const Report &report);
 
 // Prints the report for people on standard output.
 void print_text(const Report &report, bool colours);

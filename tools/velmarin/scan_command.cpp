@@ -18,6 +18,7 @@
 #include "stop_signal.h"
 #include "survey.h"
 #include "velmarin/files.h"
+#include "volume.h"
 
 namespace tool {
 namespace {
@@ -117,7 +118,7 @@ class ScanCommand {
                             &statistics.compressed_saved_bytes, &statistics.deduped_saved_bytes);
     const auto progress = show_progress(
         [this] { return format_duration(since(start_)) + "  looking at the files found"; });
-    survey(report_.findings, options_.apply);
+    survey(report_.findings, volumes_, options_.apply);
   }
 
   void apply() {
@@ -125,7 +126,7 @@ class ScanCommand {
     plan_merge(report_.findings, merging);
     const Clock::time_point start = Clock::now();
     const auto progress = show_progress([&] { return merge_progress(merging, since(start)); });
-    merge_all(report_.findings, log_, merging);
+    merge_all(report_.findings, volumes_, log_, merging);
     report_.stopped = stop_requested();
   }
 
@@ -191,6 +192,7 @@ class ScanCommand {
   std::string state_;
   OutputFile page_;
   Collector collector_;
+  Volumes volumes_;
   Report report_;
 };
 

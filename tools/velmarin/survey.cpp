@@ -1,16 +1,14 @@
 #include "survey.h"
 
 #include <fcntl.h>
-#include <linux/magic.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <map>
-#include <set>
 
 #include "layer.h"
+#include "share_plan.h"
 #include "velmarin/control_codes.h"
 
 namespace tool {
@@ -38,84 +36,15 @@ FileState failed_state(int error) {
   return state;
 }
 
-FileState examine_plain(const FoundFile &file) {
-  struct stat status = {};
-  return lstat(file.path.c_str(), &status) == 0 ? plain_state(file, status) : failed_state(errno);
-}
-
-FileState state_of_open_file(const FoundFile &file, int fd) {
+FileState state_of_open_file(const FoundFile &file, int fd, bool asks_layer) {
   struct stat status = {};
   if (fstat(fd, &status) != 0) {
     return failed_state(errno);
   }
   FileState state = plain_state(file, status);
-  const int64_t layer = query_layer(fd);
+  const int64_t layer = asks_layer ? query_layer(fd) : 0;
   state.layer = layer > 0 ? static_cast<uint32_t>(layer) : 0;
   return state;
-}
-
-FileState examine(const FoundFile &file) {
-  const int fd = open(file.path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    return failed_state(errno);
-  }
-  const FileState state = state_of_open_file(file, fd);
-  close(fd);
-  return state;
-}
-
-// On other file systems merging keeps account of what belongs together, but each file keeps its
-// data.
-bool can_share_data(const std::string &path) {
-  struct statfs volume = {};
-  return statfs(path.c_str(), &volume) == 0 &&
-         (volume.f_type == BTRFS_SUPER_MAGIC || volume.f_type == XFS_SUPER_MAGIC);
-}
-
-// The answer of `can_share_data` for each file system met so far.
-using VolumeKinds = std::map<dev_t, bool>;
-
-bool frees_space(VolumeKinds &kinds, const FoundFile &file) {
-  const auto [place, is_new] = kinds.try_emplace(file.state.device, false);
-  if (is_new) {
-    place->second = can_share_data(file.path);
-  }
-  return place->second;
-}
-
-// Puts the best source first: a file whose layered inode is shared by the most files of the share.
-void order_by_sharers(const FoundGroup &group, Share &share) {
-  std::map<uint32_t, size_t> sharers;
-  for (const size_t place : share.files) {
-    ++sharers[group.files[place].state.layer];
-  }
-  sharers[0] = 0;
-  std::stable_sort(share.files.begin(), share.files.end(), [&](size_t left, size_t right) {
-    const uint32_t a = group.files[left].state.layer;
-    const uint32_t b = group.files[right].state.layer;
-    return sharers[a] != sharers[b] ? sharers[a] > sharers[b] : a < b;
-  });
-}
-
-std::vector<Share> shares_of(const FoundGroup &group, VolumeKinds &kinds) {
-  std::map<dev_t, Share> by_device;
-  for (size_t place = 0; place < group.files.size(); ++place) {
-    const FoundFile &file = group.files[place];
-    if (file.state.error != 0 || !file.state.unchanged) {
-      continue;
-    }
-    Share &share = by_device[file.state.device];
-    share.device = file.state.device;
-    share.frees_space = frees_space(kinds, file);
-    share.files.push_back(place);
-  }
-  std::vector<Share> shares;
-  for (auto &[device, share] : by_device) {
-    order_by_sharers(group, share);
-    share.unmerged_bytes = unmerged_bytes(group, share);
-    shares.push_back(std::move(share));
-  }
-  return shares;
 }
 
 void order_by_path(std::vector<FoundFile> &files) {
@@ -123,12 +52,108 @@ void order_by_path(std::vector<FoundFile> &files) {
             [](const FoundFile &a, const FoundFile &b) { return a.path < b.path; });
 }
 
-void examine_all(std::vector<FoundFile> &files, bool ask_again) {
-  order_by_path(files);
-  for (FoundFile &file : files) {
-    const bool is_known = file.status == velmarin::SIS_STATUS_PLAIN && !ask_again;
-    file.state = is_known ? examine_plain(file) : examine(file);
+int open_found(const FoundFile &file) {
+  return open(file.path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+}
+
+// One survey. Each group is looked at in turn; the extents of its files are forgotten afterwards.
+class Survey {
+ public:
+  Survey(Volumes &volumes, bool before_merging)
+      : volumes_(volumes), before_merging_(before_merging) {}
+
+  void examine_group(FoundGroup &group) {
+    order_by_path(group.files);
+    std::vector<ExtentMap> maps(group.files.size());
+    for (size_t place = 0; place < group.files.size(); ++place) {
+      FoundFile &file = group.files[place];
+      file.state = examine(file, &maps[place]);
+      file.state.is_inline = maps[place].is_inline;
+      const Volume *const volume = volumes_.find(file.state.device);
+      file.state.can_share = volume != nullptr && volume->can_share;
+    }
+    group.shares = shares_of(group);
+    for (Share &share : group.shares) {
+      plan_share(group, share, maps_of(share, maps), *volumes_.find(share.volume));
+    }
   }
+
+  void examine_compressed(std::vector<FoundFile> &files) {
+    order_by_path(files);
+    for (FoundFile &file : files) {
+      file.state = examine(file, nullptr);
+    }
+  }
+
+ private:
+  // A plain file is not opened where its extents say nothing.
+  FileState examine(const FoundFile &file, ExtentMap *map) {
+    struct stat status = {};
+    if (lstat(file.path.c_str(), &status) != 0) {
+      return failed_state(errno);
+    }
+    const bool asks_layer = before_merging_ || file.status != velmarin::SIS_STATUS_PLAIN;
+    const Volume *const volume = volumes_.find(status.st_dev);
+    if (volume != nullptr && !volume->can_share && !asks_layer) {
+      return plain_state(file, status);
+    }
+    const int fd = open_found(file);
+    if (fd < 0) {
+      return failed_state(errno);
+    }
+    const FileState state = examine_open(file, fd, asks_layer, map);
+    close(fd);
+    return state;
+  }
+
+  FileState examine_open(const FoundFile &file, int fd, bool asks_layer, ExtentMap *map) {
+    const FileState state = state_of_open_file(file, fd, asks_layer);
+    if (state.error == 0 && state.unchanged) {
+      const Volume &volume = volumes_.meet(state.device, fd);
+      if (map != nullptr) {
+        *map = read_extents(fd, state.inode, file.size, volume);
+      }
+    }
+    return state;
+  }
+
+  std::vector<Share> shares_of(const FoundGroup &group) const {
+    std::map<dev_t, Share> by_volume;
+    for (size_t place = 0; place < group.files.size(); ++place) {
+      const FileState &state = group.files[place].state;
+      if (state.error != 0 || !state.unchanged || state.is_inline) {
+        continue;
+      }
+      const Volume &volume = *volumes_.find(state.device);
+      Share &share = by_volume[volume.id];
+      share.volume = volume.id;
+      share.can_share = volume.can_share;
+      share.files.push_back(place);
+    }
+    std::vector<Share> shares;
+    for (auto &[id, share] : by_volume) {
+      shares.push_back(std::move(share));
+    }
+    return shares;
+  }
+
+  // The extents of the files of one share, at the same places.
+  static std::vector<ExtentMap> maps_of(const Share &share, std::vector<ExtentMap> &maps) {
+    std::vector<ExtentMap> own(maps.size());
+    for (const size_t place : share.files) {
+      own[place] = std::move(maps[place]);
+    }
+    return own;
+  }
+
+  Volumes &volumes_;
+  const bool before_merging_;
+};
+
+// What decides about the order of two groups.
+std::array<uint64_t, 3> weight(const FoundGroup &group) {
+  const Space space = group.reclaimable();
+  return {space.certain, space.uncertain, group.unmerged_bytes()};
 }
 
 }  // namespace
@@ -138,30 +163,32 @@ bool is_unchanged(const FoundFile &file) {
   return lstat(file.path.c_str(), &status) == 0 && matches_scan(file, status);
 }
 
-uint64_t unmerged_bytes(const FoundGroup &group, const Share &share) {
-  uint64_t bytes = 0;
-  std::set<uint32_t> counted = {group.files[share.files.front()].state.layer};
-  for (size_t i = 1; i < share.files.size(); ++i) {
-    const FileState &state = group.files[share.files[i]].state;
-    if (state.layer == 0 || counted.insert(state.layer).second) {
-      bytes += state.allocated_bytes;
-    }
+ExtentMap extents_of(const FoundFile &file, const Volume &volume) {
+  ExtentMap map;
+  const int fd = volume.can_share ? open_found(file) : -1;
+  if (fd < 0) {
+    return map;
   }
-  return bytes;
+  struct stat status = {};
+  if (fstat(fd, &status) == 0 && status.st_dev == file.state.device &&
+      status.st_ino == file.state.inode) {
+    map = read_extents(fd, status.st_ino, file.size, volume);
+  }
+  close(fd);
+  return map;
 }
 
-void survey(Findings &findings, bool before_merging) {
-  VolumeKinds kinds;
-  examine_all(findings.compressed, before_merging);
+void survey(Findings &findings, Volumes &volumes, bool before_merging) {
+  Survey survey(volumes, before_merging);
+  survey.examine_compressed(findings.compressed);
   for (FoundGroup &group : findings.groups) {
-    examine_all(group.files, before_merging);
-    group.shares = shares_of(group, kinds);
+    survey.examine_group(group);
   }
   std::sort(findings.groups.begin(), findings.groups.end(),
             [](const FoundGroup &a, const FoundGroup &b) {
-              return a.unmerged_bytes() != b.unmerged_bytes()
-                         ? a.unmerged_bytes() > b.unmerged_bytes()
-                         : a.files.front().path < b.files.front().path;
+              const auto left = weight(a);
+              const auto right = weight(b);
+              return left != right ? left > right : a.files.front().path < b.files.front().path;
             });
 }
 

@@ -1,0 +1,187 @@
+"""What the tool says of space, beside what the file system says after a sync."""
+
+import os
+import sys
+from pathlib import Path
+
+from support.script import ToolCase, content, main, run
+
+MIB = 1 << 20
+SIZE = 6 * MIB
+ALLOWED = 0.06  # part of a figure by which it may be off
+
+
+class SpaceCase(ToolCase):
+    """Each situation is a directory below the root with one group of identical files."""
+
+    def used(self):
+        run("sync", "-f", self.root)
+        status = os.statvfs(self.root)
+        return (status.f_blocks - status.f_bfree) * status.f_frsize
+
+    def copies(self, folder, data, count=3):
+        """Makes files that share nothing."""
+        for number in range(count):
+            self.write(f"{folder}/{number}", data)
+
+    def clones(self, folder, data, count=3):
+        self.copies(folder, data, 1)
+        for number in range(1, count):
+            run("cp", "--reflink=always", self.root / folder / "0",
+                self.root / folder / str(number))
+
+    def pieces(self, folder, *places, reserve=(), size=None):
+        """Makes three files with a MiB of data at each place, in blocks reserved before, if any."""
+        for number in range(3):
+            path = self.write(f"{folder}/{number}", b"")
+            if reserve:
+                run("fallocate", *reserve, path)
+            with open(path, "r+b") as file:
+                for place in places:
+                    file.seek(place)
+                    file.write(content(f"{folder}{place}", MIB))
+                if size:
+                    file.truncate(size)
+
+    def make_common(self):
+        """What Btrfs and XFS have in common."""
+        self.copies("plain", content("plain", SIZE))
+        self.clones("clones", content("clones", SIZE))
+        self.pieces("holes", 0, 20 * MIB)
+        self.copies("zeros", bytes(SIZE), 2)
+        os.truncate(self.write("zeros/hole", b""), SIZE)
+        self.clones("partly", content("partly", SIZE), 2)
+        run("sync", "-f", self.root)
+        for number in range(2):
+            with open(self.root / f"partly/{number}", "r+b") as file:
+                file.seek(MIB)
+                file.write(content("own", 2 * MIB))
+        self.pieces("reserved", 0, 2 * MIB, reserve=("-l", SIZE))
+        self.pieces("reserved beyond", 0, reserve=("-n", "-l", SIZE))
+
+    def summary(self, report, *fields):
+        """The figures and outcomes of each situation."""
+        return {Path(group["files"][0]["path"]).relative_to(self.root).parts[0]:
+                ([group[field] for field in fields],
+                 {file.get("outcome") for file in group["files"]} - {"source"})
+                for group in report["groups"]}
+
+    def close_to(self, amount, expected):
+        return abs(amount - expected) <= ALLOWED * expected
+
+    def check(self, expected):
+        """Scans, merges and compares with {situation: (freed, perhaps freed, outcome)}."""
+        run("sync", "-f", self.root)
+        promised = self.scan("--skip", self.root / "old")
+        before = self.used()
+        done = self.scan("--apply", "--skip", self.root / "old")
+        gained = before - self.used()
+        promises = self.summary(promised, "reclaimable_bytes", "uncertain_bytes")
+        claims = self.summary(done, "freed_bytes", "freed_uncertain_bytes")
+        self.assertEqual(set(promises), set(expected))
+        for name, (freed, perhaps, outcome) in expected.items():
+            for figures in promises[name][0], claims[name][0]:
+                self.assertTrue(self.close_to(figures[0], freed) and
+                                self.close_to(figures[1], perhaps), (name, figures))
+            self.assertEqual(claims[name][1], {outcome}, name)
+        total = sum(freed for freed, _, _ in expected.values())
+        self.assertLessEqual(abs(gained - total), max(MIB, ALLOWED * total), (gained, total))
+
+
+COMMON = {"plain": (2 * SIZE, 0, "merged"), "clones": (0, 0, "shared"),
+          "holes": (4 * MIB, 0, "merged"), "zeros": (2 * SIZE, 0, "merged"),
+          "partly": (2 * MIB, 0, "merged")}
+
+
+class Xfs(SpaceCase):
+    def test_figures_are_what_the_file_system_gives(self):
+        self.mount_xfs("320M")
+        self.make_common()
+        self.check(COMMON | {"reserved": (4 * MIB, 0, "merged"),
+                             "reserved beyond": (2 * MIB, 0, "merged")})
+
+
+class Btrfs(SpaceCase):
+    def setUp(self):
+        super().setUp()
+        self.mount_btrfs("1G")
+
+    def make_compressed(self):
+        """Returns what two of the files occupy."""
+        (self.root / "compressed").mkdir()
+        run("btrfs", "property", "set", self.root / "compressed", "compression", "zstd")
+        before = self.used()
+        self.copies("compressed", content("compressed", SIZE).hex().encode())
+        return (self.used() - before) * 2 // 3
+
+    def make_snapshot(self):
+        run("btrfs", "subvolume", "create", self.root / "kept")
+        self.copies("kept", content("kept", SIZE))
+        run("btrfs", "subvolume", "snapshot", "-r", self.root / "kept", self.root / "old")
+
+    def test_figures_are_what_the_file_system_gives(self):
+        compressed = self.make_compressed()
+        self.make_common()
+        self.make_snapshot()
+        self.copies("inline", content("inline", 1500), 3000)
+        self.check(COMMON | {"reserved": (2 * SIZE, 0, "merged"),
+                             "reserved beyond": (0, 0, "no gain"),
+                             "kept": (0, 2 * SIZE, "merged"), "inline": (0, 0, "no gain"),
+                             "compressed": (compressed, 0, "merged")})
+
+    def test_what_a_user_may_not_ask_is_promised_as_up_to(self):
+        self.make_compressed()
+        self.make_snapshot()
+        self.copies("plain", content("plain", SIZE))
+        self.clones("pair", content("two pairs", SIZE), 2)
+        self.clones("pair/more", content("two pairs", SIZE), 2)
+        run("chmod", "-R", "a+rwX", self.root / "kept", *self.root.glob("[cp]*"))
+        report = self.scan("--skip", self.root / "old", before=self.become_nobody())
+        self.assertEqual({name: figures for name, (figures, _) in self.summary(
+                              report, "reclaimable_bytes", "uncertain_bytes").items()},
+                         {"compressed": [0, 4 * SIZE], "kept": [0, 2 * SIZE],
+                          "plain": [2 * SIZE, 0], "pair": [0, SIZE]})
+
+    def test_only_what_shares_extents_counts_as_shared(self):
+        for start in (0, 64 << 10):  # in pieces, as defragmenting wants them
+            for number in range(3):
+                with open(self.write(f"merged/{number}", b"") if start == 0
+                          else self.root / f"merged/{number}", "r+b") as file:
+                    for place in range(start, MIB, 128 << 10):
+                        file.seek(place)
+                        file.write(content(place, 64 << 10))
+            run("sync", "-f", self.root)
+        self.check({"merged": (2 * MIB, 0, "merged")})
+        times = [path.stat().st_ctime_ns for path in sorted((self.root / "merged").iterdir())]
+        self.check({"merged": (0, 0, "shared")})
+        self.assertEqual(self.scan()["saved_bytes"], 2 * MIB)
+        self.assertEqual(times, [path.stat().st_ctime_ns
+                                 for path in sorted((self.root / "merged").iterdir())])
+        run("btrfs", "filesystem", "defragment", "-r", self.root / "merged")
+        self.assertEqual(self.scan()["saved_bytes"], 0)
+        self.check({"merged": (2 * MIB, 0, "merged")})
+
+
+class Unsharable(SpaceCase):
+    def check_words(self):
+        for name in "abc":
+            self.write(name, content("same", SIZE))
+        for command in ("scan .", "scan --apply .", "scan --apply .", "info a", "dedup a b",
+                        "copy a d"):
+            before = self.used()
+            output, _ = self.run_tool(*command.split())
+            self.assertIn(" cannot share data", output, command)
+            self.assertNotRegex(output, r"shares|shared|sharing|can be freed +[1-9]", command)
+            self.assertLess(abs(before - self.used()), MIB + SIZE * (command == "copy a d"))
+        self.check({"a": (0, 0, "shared")})
+
+    def test_xfs_without_reflinks_says_so(self):
+        self.mount_xfs("320M", "-m", "reflink=0")
+        self.check_words()
+
+    def test_tmpfs_says_so(self):
+        self.mount("tmpfs", self.root, "size=64M")
+        self.check_words()
+
+
+main(sys.argv[1:-1])

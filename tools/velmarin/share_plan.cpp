@@ -1,0 +1,153 @@
+#include "share_plan.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+namespace tool {
+namespace {
+
+// Files with one copy of the data.
+struct Copy {
+  std::vector<size_t> files;  // places in the group
+  uint64_t freed_bytes = 0;   // certainly, when none of the files refers to it any more
+  bool is_layered = false;
+};
+
+// Numbers the copies. Files share one when they have the same extents or, where these are not
+// known, when they are attached to the same layered inode.
+std::vector<Copy> copies_of(FoundGroup &group, const Share &share,
+                            const std::vector<ExtentMap> &maps) {
+  std::vector<Copy> copies;
+  std::map<std::vector<MappedData>, size_t> by_data;
+  std::map<uint32_t, size_t> by_layer;
+  for (const size_t place : share.files) {
+    FileState &state = group.files[place].state;
+    size_t number = copies.size();
+    if (maps[place].is_known) {
+      number = by_data.try_emplace(maps[place].data, number).first->second;
+    } else if (state.layer != 0) {
+      number = by_layer.try_emplace(state.layer, number).first->second;
+    }
+    if (number == copies.size()) {
+      copies.emplace_back();
+    }
+    copies[number].files.push_back(place);
+    copies[number].is_layered |= state.layer != 0;
+    state.copy = static_cast<uint32_t>(number);
+  }
+  return copies;
+}
+
+// What each copy occupies alone.
+void weigh(std::vector<Copy> &copies, const std::vector<ExtentMap> &maps, SpaceAccount &account) {
+  for (Copy &copy : copies) {
+    for (const size_t place : copy.files) {
+      account.remove(maps[place]);
+      account.keep_rest(maps[place]);
+    }
+    copy.freed_bytes = account.given_back().certain;
+    for (const size_t place : copy.files) {
+      account.drop_rest(maps[place]);
+      account.add(maps[place]);
+    }
+  }
+}
+
+// Puts the best source first: of the copy that would free the least space, or else has the most
+// files, a file that is attached to a layered inode.
+void order_files(FoundGroup &group, Share &share, const std::vector<Copy> &copies) {
+  const auto is_better = [&](size_t left, size_t right) {
+    const FileState &a = group.files[left].state;
+    const FileState &b = group.files[right].state;
+    const Copy &x = copies[a.copy];
+    const Copy &y = copies[b.copy];
+    if (x.freed_bytes != y.freed_bytes) {
+      return x.freed_bytes < y.freed_bytes;
+    }
+    if (x.files.size() != y.files.size()) {
+      return x.files.size() > y.files.size();
+    }
+    if (x.is_layered != y.is_layered) {
+      return x.is_layered;
+    }
+    return a.copy != b.copy ? a.copy < b.copy : (a.layer != 0) > (b.layer != 0);
+  };
+  std::stable_sort(share.files.begin(), share.files.end(), is_better);
+}
+
+// Plays the merging of all further copies.
+Space reclaimable(const FoundGroup &group, const Share &share, const std::vector<ExtentMap> &maps,
+                  SpaceAccount &account, bool is_btrfs) {
+  const size_t source_place = share.files.front();
+  const uint32_t source = group.files[source_place].state.copy;
+  Space unknown;
+  for (const size_t place : share.files) {
+    const FileState &state = group.files[place].state;
+    if (state.copy == source) {
+      continue;
+    }
+    if (!maps[place].is_known) {
+      unknown.uncertain += state.allocated_bytes;
+    }
+    account.remove(maps[place]);
+    account.keep_rest(maps[place]);
+    if (!is_btrfs) {
+      account.keep_common_reserve(maps[place], maps[source_place]);
+    }
+  }
+  unknown += account.given_back();
+  return unknown;
+}
+
+uint64_t unmerged_bytes(const FoundGroup &group, const Share &share) {
+  uint64_t bytes = 0;
+  std::set<uint32_t> counted = {group.files[share.files.front()].state.copy};
+  for (const size_t place : share.files) {
+    const FileState &state = group.files[place].state;
+    if (counted.insert(state.copy).second) {
+      bytes += state.allocated_bytes;
+    }
+  }
+  return bytes;
+}
+
+}  // namespace
+
+SpaceAccount account_of(const Volume &volume, const std::vector<ExtentMap> &maps) {
+  std::set<btrfs::Inode> known;
+  for (const ExtentMap &map : maps) {
+    if (map.is_known && map.inode) {
+      known.insert(*map.inode);
+    }
+  }
+  const int fd = volume.fd;
+  SpaceAccount account([fd, known = std::move(known)](uint64_t address) {
+    const auto references = btrfs::references_of(fd, address);
+    return !references || !std::all_of(references->begin(), references->end(),
+                                       [&](const auto &inode) { return known.contains(inode); });
+  });
+  for (const ExtentMap &map : maps) {
+    account.add(map);
+  }
+  return account;
+}
+
+void plan_share(FoundGroup &group, Share &share, const std::vector<ExtentMap> &maps,
+                const Volume &volume) {
+  std::vector<Copy> copies = copies_of(group, share, maps);
+  if (share.can_share) {
+    SpaceAccount account = account_of(volume, maps);
+    share.saved_bytes = account.shared_bytes();
+    if (copies.size() > 1) {
+      weigh(copies, maps, account);
+    }
+    order_files(group, share, copies);
+    share.reclaimable = reclaimable(group, share, maps, account, volume.is_btrfs);
+  } else {
+    order_files(group, share, copies);
+  }
+  share.unmerged_bytes = unmerged_bytes(group, share);
+}
+
+}  // namespace tool
