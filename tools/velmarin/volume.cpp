@@ -15,7 +15,7 @@ namespace {
 constexpr uint32_t XFS_MAGIC = 0x58465342;  // "XFSB"
 
 // The answer of XFS about its geometry, as far as it is stable since Linux 4.9.
-struct xfs_geometry {
+struct XfsGeometry {
   uint32_t sizes[8];
   uint64_t blocks[4];
   uint8_t uuid[16];
@@ -24,12 +24,12 @@ struct xfs_geometry {
   uint32_t flags;
   uint32_t more_sizes[4];
 };
-static_assert(sizeof(xfs_geometry) == 112);
-constexpr unsigned long XFS_GET_GEOMETRY = _IOR('X', 124, xfs_geometry);
+static_assert(sizeof(XfsGeometry) == 112);
+constexpr unsigned long XFS_GET_GEOMETRY = _IOR('X', 124, XfsGeometry);
 constexpr uint32_t XFS_HAS_REFLINK = 1U << 20;
 
 bool has_reflinks(int fd) {
-  xfs_geometry geometry = {};
+  XfsGeometry geometry = {};
   return ioctl(fd, XFS_GET_GEOMETRY, &geometry) == 0 && (geometry.flags & XFS_HAS_REFLINK) != 0;
 }
 
