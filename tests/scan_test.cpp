@@ -69,8 +69,8 @@ TEST(Scan, ObeysItsLimitsAndCallbacks) {
 
   scan frozen = {.save_dir = "s1"};
   frozen.ops.prep = [](int, const char *path) { return path[strlen(path) - 1] == 'e' ? EPERM : 0; };
-  frozen.ops.verify = [](int, const char *path) { return path[strlen(path) - 1] == 'a' ? -1 : 0; };
-  EXPECT_EQ(frozen.run().found, (groups{{"t/b", "t/d/c"}}));
+  frozen.ops.verify = [](int, const char *path) { return path[strlen(path) - 1] == 'c' ? -1 : 0; };
+  EXPECT_EQ(frozen.run().found, (groups{{"t/a", "t/b"}}));
   EXPECT_EQ(frozen.counters, (counts{3, 3, 9, 5, 3, 1}));
 }
 
