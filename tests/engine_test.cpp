@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <future>
 
 #include "fbddp/dentry_forms.h"
 #include "fbddp/fingerprint.h"
@@ -17,6 +18,7 @@
 #include "fbddp/time_budget.h"
 #include "support/alarm_owner.h"
 #include "support/run_context.h"
+#include "support/temporary_tree.h"
 #include "velmarin/control_codes.h"
 
 namespace {
@@ -210,6 +212,48 @@ TEST(TimeBudget, ASignalStopsOnlyTheLiveRunItNamesAndNeverReachesTheFormerAction
   release_time_budget(&second);
   alarm_owner::mask_alarm(SIG_UNBLOCK);
   EXPECT_TRUE(owner.has_its_action() && second.in_time == 1);
+}
+
+TEST(TimeBudget, TheFormerActionGetsWhatIsPendingForOtherThreadsAndNothingElse) {
+  for (const bool is_for_thread : {true, false}) {
+    for (const bool is_blocked : {true, false}) {
+      const alarm_owner owner;
+      alarm_owner::mask_alarm(SIG_BLOCK);
+      std::promise<void> is_pending, is_released;
+      std::thread other([&] {  // inherits the mask
+        pthread_kill(pthread_self(), SIGALRM);
+        is_pending.set_value();
+        is_released.get_future().wait();
+        EXPECT_TRUE(owner.has_its_action());
+        alarm_owner::mask_alarm(SIG_UNBLOCK);
+        usleep(0);
+        EXPECT_FALSE(owner.has_its_action()) << "the host lost its signal";
+      });
+      is_pending.get_future().wait();
+      sis_context ctx = {};
+      arm_time_budget(&ctx, 300);
+      alarm_owner::mask_alarm(SIG_BLOCK);
+      is_for_thread ? void(pthread_kill(pthread_self(), SIGALRM)) : alarm_owner::send_alarm(&ctx);
+      is_blocked ? void() : void(alarm_owner::mask_alarm(SIG_UNBLOCK));
+      release_time_budget(&ctx);
+      EXPECT_EQ(alarm_owner::mask_alarm(SIG_UNBLOCK), is_blocked);
+      EXPECT_TRUE(owner.has_its_action()) << is_for_thread << is_blocked;
+      is_released.set_value();
+      other.join();
+    }
+  }
+}
+
+TEST(Pattern, DoesNotWaitForAFifoThatTookTheFilesPlace) {
+  const temporary_tree tree;
+  ASSERT_EQ(mkfifo(tree.path("fifo").c_str(), 0600), 0);
+  run_context run;
+  dentry *file = run.list(run.list(nullptr, tree.root(), false), "fifo", true);
+  alarm(60);  // ends a test that waits
+  EXPECT_EQ(make_pattern(file, nullptr, -1), ESPIPE);
+  alarm(0);
+  EXPECT_EQ(run.log.messages(),
+            (std::vector<std::string>{"ERRO fail to seek to 0 from " + tree.path("fifo")}));
 }
 
 }  // namespace

@@ -145,6 +145,13 @@ TEST_F(Threads, ABudgetThatIsSpentAsTheRunEndsTouchesNothing) {
   EXPECT_LT(stopped, all_rounds);
 }
 
+// A process that is started by another thread inherits the action of that moment.
+TEST_F(Threads, ARunWithABudgetSetsTheSignalActionOnceAndPutsItBackOnce) {
+  const failure_injector counter(library_call::sigaction, UINT64_MAX);
+  scan{.time_budget = 300}.run();
+  EXPECT_EQ(counter.calls(), 2U);
+}
+
 TEST_F(Threads, OperationsOnFilesOfATreeThatIsBeingScannedChangeNoContent) {
   if (setxattr("t", "user.velmarin.probe", "1", 1, 0) != 0) {
     GTEST_SKIP() << "no user attributes in the temporary directory";

@@ -38,6 +38,7 @@ bool form_directory(digest_path *path, const char *save_dir) {
   *path = {};
   const auto length = static_cast<int32_t>(strlen(save_dir));
   if (length < 0 || length >= static_cast<int32_t>(PATH_BUF_SIZE)) {
+    // Spelled so on purpose (sic): hosts know the line.
     log_erro("Too looong save_dir, %s\n", "quit!");
     return false;
   }

@@ -212,7 +212,9 @@ int make_pattern(dentry *file, const char *path, int fd) {
   }
   path_buffer buffer;
   const char *own_path = get_fullpath(file, buffer.text);
-  const unique_fd own_fd(open(own_path, O_RDONLY));
+  // A FIFO that has taken the file's place must not keep the forest lock held: it opens at once,
+  // and the first seek refuses it.
+  const unique_fd own_fd(open(own_path, O_RDONLY | O_NONBLOCK));
   if (!own_fd.is_open()) {
     const int error = errno;
     log_erro("fail to open %s returned %s", own_path, strerror(error));

@@ -85,13 +85,36 @@ bool install_handler() {
   return sigaction(SIGALRM, &alarm_action, &saved_action) == 0;
 }
 
-// Puts the former action back. Ignoring the signal first discards one that is still pending, which
-// the former action (to end the process, perhaps) must not get. A SIGALRM of the host's own that is
-// pending at this moment goes with it, like every one that arrives while the handler is installed.
+sigset_t alarm_only() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGALRM);
+  return signals;
+}
+
+// Blocks or unblocks SIGALRM in the calling thread.
+bool change_alarm_mask(int how) {
+  const sigset_t signals = alarm_only();
+  return sigprocmask(how, &signals, nullptr) == 0;
+}
+
+// Lets a SIGALRM that is pending for the process or for the calling thread reach the handler now.
+// The kernel looks for pending signals when a mask changes, so the signal is blocked before it is
+// unblocked.
+void deliver_pending_alarm() {
+  const sigset_t signals = alarm_only();
+  sigset_t former_mask;
+  if (sigprocmask(SIG_BLOCK, &signals, &former_mask) == 0) {
+    sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+    sigprocmask(SIG_SETMASK, &former_mask, nullptr);
+  }
+}
+
+// The former action (to end the process, perhaps) must not get the signal of a deleted timer. A
+// SIGALRM that the host sent to another of its threads stays pending there. The signal is never
+// ignored, since a process that is started at such a moment would inherit that.
 void restore_former_action() {
-  struct sigaction ignore = {};
-  ignore.sa_handler = SIG_IGN;
-  sigaction(SIGALRM, &ignore, nullptr);
+  deliver_pending_alarm();
   sigaction(SIGALRM, &saved_action, nullptr);
 }
 
@@ -113,14 +136,6 @@ bool acquire_handler() {
   }
   pthread_mutex_unlock(&users_lock);
   return installed;
-}
-
-// Blocks or unblocks SIGALRM in the calling thread.
-bool change_alarm_mask(int how) {
-  sigset_t alarm_only;
-  sigemptyset(&alarm_only);
-  sigaddset(&alarm_only, SIGALRM);
-  return sigprocmask(how, &alarm_only, nullptr) == 0;
 }
 
 bool create_timer(sis_context *ctx, unsigned seconds) {

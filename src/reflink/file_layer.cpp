@@ -19,6 +19,7 @@ int log_layer_failure(const layer_outcome &outcome, const failure_style &form) {
     case layer_step::read_status:
       return log_failure(outcome.error, form, "fail to stat temporary file");
     case layer_step::clone:
+      // Spelled so on purpose (sic): hosts know the line.
       return log_failure(outcome.error, form, "fail to clone to temperory file");
     case layer_step::connect:
       return log_failure(outcome.error, form, "fail to create layered inode");
