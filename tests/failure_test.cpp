@@ -67,6 +67,11 @@ lines lines_without_numbers(const captured_log &log) {
   return messages;
 }
 
+std::set<std::string> formats_of(const captured_log &log) {
+  const lines formats = log.formats();
+  return {formats.begin(), formats.end()};
+}
+
 bool has_part(const lines &messages, const std::string &part) {
   return std::ranges::any_of(
       messages, [&](const std::string &message) { return message.find(part) != message.npos; });
@@ -103,6 +108,58 @@ struct state {
   std::ptrdiff_t threads = count_in("/proc/self/task");
 };
 
+// Every line of the operations on files, when they go well and when a call of theirs fails.
+const std::set<std::string> FILE_OPERATION_FORMATS = {
+    "ERRO fail to allocate a group of %d files returned %s",
+    "ERRO fail to clone to temperory file returned %s",
+    "ERRO fail to create layered inode returned %s",
+    "ERRO fail to deduplicate %s returned %s",
+    "ERRO fail to do rapid copy from %s to %s return %s",
+    "ERRO fail to get real path of %s returned %s",
+    "ERRO fail to open %s return %s",
+    "ERRO fail to open %s returned %s",
+    "ERRO fail to open temporary file returned %s",
+    "ERRO fail to revoke %s return %s",
+    "ERRO fail to stat %s return %s",
+    "ERRO fail to stat %s returned %s",
+    "ERRO fail to stat temporary file returned %s",
+    "INFO cannot determine whether %s is compressed, errno = %d",
+    "INFO cannot determine whether %s is dedupped, errno = %d",
+    "INFO created layered inode[ino:%lu,size:%lu] for %s[ino:%lu,size:%lu]",
+    "INFO creating temporary file for %s",
+    "INFO creating temporary file under %s",
+    "INFO done deduplication for %s[ino:%lu,size:%lu]",
+    "INFO fail to clone to temperory file returned %s",
+    "INFO fail to create layered inode returned %s",
+    "INFO fail to deduplicate %s returned %s",
+    "INFO fail to get real path of %s returned %s",
+    "INFO fail to open %s return %s",
+    "INFO fail to open %s returned %s",
+    "INFO fail to open temporary file returned %s",
+    "INFO fail to query %s return %s",
+    "INFO fail to stat %s return %s",
+    "INFO fail to stat %s returned %s",
+    "INFO fail to stat temporary file returned %s",
+    "INFO reflink %s[ino:%lu,size:%lu] to %s[ino:%lu,size:%lu]",
+    "INFO revoke %s[ino:%lu,size:%lu] from its %s inode[ino:%d]",
+    "SERVICE 1st lstat Error %s \n",
+    "SERVICE 2nd lstat Error %s \n",
+    "SERVICE Create tmp_file Failed, malloc fail\n",
+    "SERVICE Create tmp_file Failed, memcpy_s fail\n",
+    "SERVICE Failed to realpath %s returned %d\n",
+    "SERVICE ioctl clone file failed! ret = %d, errno = %d\n",
+    "SERVICE ioctl connect failed! ret = %d, errno = %d\n",
+    "SERVICE ioctl dedup file failed! ret = %d, errno = %d\n",
+    "SERVICE ioctl get %s coincide flag failed! ret = %d, errno = %d\n",
+    "SERVICE ioctl get %s(%lu) file info failed! ret = %d, errno = %d\n",
+    "SERVICE ioctl get file info failed! ret = %d, errno = %d\n",
+    "SERVICE ioctl set %s(%lu) coincide flag failed! ret = %d, errno = %d\n",
+    "SERVICE open file1:%s failed !\n",
+    "SERVICE open file2:%s failed !\n",
+    "SERVICE open file:%s failed !\n",
+    "SERVICE open tmp_fd failed! ret = %d, errno = %d, tmp_file %s\n",
+    "SERVICE recover file %s, open FAIL \n"};
+
 class Failure : public testing::Test {
  protected:
   Failure() {
@@ -119,9 +176,10 @@ class Failure : public testing::Test {
   // Prints how many.
   void fail_every_call(const operation &tried) const {
     tried.prepare();
-    const lines usual = [&tried] {
+    const lines usual = [&] {
       const captured_log log;
       EXPECT_EQ(tried.run(), tried.result);
+      formats_seen_.merge(formats_of(log));
       return lines_without_numbers(log);
     }();
     const char *text = getenv("VELMARIN_FAILURE_STRIDE");
@@ -162,6 +220,7 @@ class Failure : public testing::Test {
       fprintf(stderr, "hangs: %s\n", point.c_str());
       abort();
     }
+    formats_seen_.merge(formats_of(log));
     lines unusual = lines_without_numbers(log);
     std::erase_if(unusual, [&](const auto &line) { return std::ranges::count(usual, line) > 0; });
     SCOPED_TRACE(unusual.empty() ? "no line" : unusual.back());
@@ -254,6 +313,7 @@ class Failure : public testing::Test {
     return tried;
   }
 
+  mutable std::set<std::string> formats_seen_;
   // Files whose names begin with the same letter have the same content.
   const temporary_tree tree{
       "t/a1=a*65536 t/d/a2=a*65536 t/a3=a*65536 t/skip/a4=a*65536 t/e1=e*65536 t/sparse= "
@@ -317,6 +377,7 @@ TEST_F(Failure, OfACallOfAnOperationOnFilesIsAnsweredAsStated) {
   expect("check_frozen", separate, 0, {{{ioctl}, {-EIO}, SILENT}},
          [fd] { return check_frozen(fd, "a"); });
   ::close(fd);
+  EXPECT_EQ(formats_seen_, FILE_OPERATION_FORMATS);
 }
 
 // The parts of a run's context that the digest store uses, with one file that has a digest.

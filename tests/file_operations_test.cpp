@@ -196,6 +196,11 @@ TEST(CoincideFlag, IsLeftOnlyOnAPlainFileThatStaysAsItWas) {
   expect(answered(QUERY, LAYERED, set_flag_while(nothing)), 1, {requests[0]});
   expect(set_flag_while(nothing, 1000, 6), -1, {});
   expect(set_flag_while(nothing, 1001, 5), -1, {});
+  world w;
+  w.file_system.failures[3] = EIO;
+  EXPECT_EQ(set_flag_while(touch)(w), -EIO);
+  EXPECT_EQ(w.log.formats(),
+            texts{"SERVICE ioctl clear %s(%lu) coincide flag failed! ret = %d, errno = %d\n"});
 }
 
 }  // namespace

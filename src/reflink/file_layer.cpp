@@ -12,17 +12,17 @@ namespace {
 
 constexpr mode_t TEMPORARY_FILE_MODE = 0600;
 
-int log_layer_failure(const layer_outcome &outcome, const failure_style &form) {
+int log_layer_failure(const layer_outcome &outcome, failure_style style) {
   switch (outcome.stopped_at) {
     case layer_step::open_temporary:
-      return log_failure(outcome.error, form, "fail to open temporary file");
+      return log_failure(outcome.error, style, "fail to open temporary file");
     case layer_step::read_status:
-      return log_failure(outcome.error, form, "fail to stat temporary file");
+      return log_failure(outcome.error, style, "fail to stat temporary file");
     case layer_step::clone:
       // Spelled so on purpose (sic): hosts know the line.
-      return log_failure(outcome.error, form, "fail to clone to temperory file");
+      return log_failure(outcome.error, style, "fail to clone to temperory file");
     case layer_step::connect:
-      return log_failure(outcome.error, form, "fail to create layered inode");
+      return log_failure(outcome.error, style, "fail to create layered inode");
     case layer_step::done:
       break;
   }
@@ -31,30 +31,30 @@ int log_layer_failure(const layer_outcome &outcome, const failure_style &form) {
 
 }  // namespace
 
-int open_file(opened_file *file, int flags, mode_t mode, const failure_style &form) {
+int open_file(opened_file *file, int flags, mode_t mode, failure_style style) {
   file->fd.reset(open(file->path, flags, mode));
   if (!file->fd.is_open()) {
-    return log_failure(errno, form, "fail to open %s", file->path);
+    return log_failure(errno, style, "fail to open %s", file->path);
   }
   return 0;
 }
 
-int read_status(opened_file *file, const failure_style &form) {
+int read_status(opened_file *file, failure_style style) {
   if (fstat(file->fd.get(), &file->status) != 0) {
-    return log_failure(errno, form, "fail to stat %s", file->path);
+    return log_failure(errno, style, "fail to stat %s", file->path);
   }
   return 0;
 }
 
-int open_with_status(opened_file *file, int flags, const failure_style &form) {
-  const int error = open_file(file, flags, 0, form);
-  return error != 0 ? error : read_status(file, form);
+int open_with_status(opened_file *file, int flags, failure_style style) {
+  const int error = open_file(file, flags, 0, style);
+  return error != 0 ? error : read_status(file, style);
 }
 
-int find_directory(const char *path, path_buffer *directory, const failure_style &form) {
+int find_directory(const char *path, path_buffer *directory, failure_style style) {
   *directory = {};
   if (realpath(path, directory->text) == nullptr) {
-    return log_failure(errno, form, "fail to get real path of %s", path);
+    return log_failure(errno, style, "fail to get real path of %s", path);
   }
   *strrchr(directory->text, '/') = '\0';
   return 0;
@@ -81,14 +81,14 @@ layer_outcome build_layer(int source_fd, const char *directory, mode_t mode,
   return {layer_step::done, result, 0};
 }
 
-int create_layered_inode(const opened_file &source, const char *directory,
-                         const failure_style &form, unique_fd *layer) {
+int create_layered_inode(const opened_file &source, const char *directory, failure_style style,
+                         unique_fd *layer) {
   struct stat empty_status = {};
   unique_fd temporary;
   const layer_outcome outcome =
       build_layer(source.fd.get(), directory, TEMPORARY_FILE_MODE, &empty_status, &temporary);
   if (outcome.stopped_at != layer_step::done) {
-    return log_layer_failure(outcome, form);
+    return log_layer_failure(outcome, style);
   }
   log_info("created layered inode[ino:%lu,size:%lu] for %s[ino:%lu,size:%lu]",
            inode_of(empty_status), size_of(empty_status), source.path, inode_of(source.status),
@@ -97,9 +97,9 @@ int create_layered_inode(const opened_file &source, const char *directory,
   return 0;
 }
 
-int dedup_onto_layer(const opened_file &file, int src_fd, const failure_style &form) {
+int dedup_onto_layer(const opened_file &file, int src_fd, failure_style style) {
   if (share_data(file.fd.get(), src_fd, SIS_DEDUP_ATTACHED) < 0) {
-    return log_failure(errno, form, "fail to deduplicate %s", file.path);
+    return log_failure(errno, style, "fail to deduplicate %s", file.path);
   }
   log_info("done deduplication for %s[ino:%lu,size:%lu]", file.path, inode_of(file.status),
            size_of(file.status));

@@ -28,16 +28,16 @@ inline unsigned long size_of(const struct stat &status) {
   return static_cast<unsigned long>(status.st_size);
 }
 
-// The four steps below write a line in the given form when they fail. They return 0 or an errno.
+// The four steps below write a line in the given style when they fail. They return 0 or an errno.
 
 // `mode` is the permission of a file that `flags` creates.
-int open_file(opened_file *file, int flags, mode_t mode, const failure_style &form);
-int read_status(opened_file *file, const failure_style &form);
-int open_with_status(opened_file *file, int flags, const failure_style &form);
+int open_file(opened_file *file, int flags, mode_t mode, failure_style style);
+int read_status(opened_file *file, failure_style style);
+int open_with_status(opened_file *file, int flags, failure_style style);
 
 // Leaves the directory of the file's real path, without the final '/'; a file in the root directory
 // has "".
-int find_directory(const char *path, path_buffer *directory, const failure_style &form);
+int find_directory(const char *path, path_buffer *directory, failure_style style);
 
 // The calls that make a layered inode, in their order.
 enum class layer_step { open_temporary, read_status, clone, connect, done };
@@ -58,11 +58,11 @@ layer_outcome build_layer(int source_fd, const char *directory, mode_t mode,
 // Builds the layered inode of `source` in `directory`; writes the line of success or, in the given
 // form, of failure. Returns 0 or an errno; `layer` holds the temporary file's descriptor on
 // success.
-int create_layered_inode(const opened_file &source, const char *directory,
-                         const failure_style &form, unique_fd *layer);
+int create_layered_inode(const opened_file &source, const char *directory, failure_style style,
+                         unique_fd *layer);
 
 // Deduplicates `file` onto the layered inode of `src_fd`; writes the line of success or, in the
-// given form, of failure. Returns 0 or an errno.
-int dedup_onto_layer(const opened_file &file, int src_fd, const failure_style &form);
+// given style, of failure. Returns 0 or an errno.
+int dedup_onto_layer(const opened_file &file, int src_fd, failure_style style);
 
 }  // namespace velmarin

@@ -43,7 +43,7 @@ class file_group {
 // Stops at the first member that cannot be opened.
 int open_members(file_group *group) {
   for (opened_file &file : *group) {
-    const int error = open_with_status(&file, O_RDWR, ERRO_RETURNED);
+    const int error = open_with_status(&file, O_RDWR, failure_style::erro_returned);
     if (error != 0) {
       return error;
     }
@@ -55,7 +55,8 @@ int open_members(file_group *group) {
 int dedup_further_members(file_group *group) {
   int result = 0;
   for (opened_file *file = group->begin() + 1; file != group->end(); file++) {
-    const int error = dedup_onto_layer(*file, group->first().fd.get(), ERRO_RETURNED);
+    const int error =
+        dedup_onto_layer(*file, group->first().fd.get(), failure_style::erro_returned);
     if (error != 0) {
       result = error;
     }
@@ -69,13 +70,14 @@ int dedup_group(file_group *group) {
     return error;
   }
   path_buffer directory;
-  error = find_directory(group->first().path, &directory, ERRO_RETURNED);
+  error = find_directory(group->first().path, &directory, failure_style::erro_returned);
   if (error != 0) {
     return error;
   }
   log_info("creating temporary file under %s", directory.text);
   unique_fd layer;
-  error = create_layered_inode(group->first(), directory.text, ERRO_RETURNED, &layer);
+  error =
+      create_layered_inode(group->first(), directory.text, failure_style::erro_returned, &layer);
   if (error != 0) {
     return error;
   }
@@ -89,11 +91,13 @@ using namespace velmarin;
 
 int sis_them_all(char **paths, int count) {
   if (count < 1) {
-    return log_failure(EINVAL, ERRO_RETURNED, "fail to deduplicate a group of %d files", count);
+    return log_failure(EINVAL, failure_style::erro_returned,
+                       "fail to deduplicate a group of %d files", count);
   }
   file_group group(paths, count);
   if (!group.is_allocated()) {
-    return log_failure(ENOMEM, ERRO_RETURNED, "fail to allocate a group of %d files", count);
+    return log_failure(ENOMEM, failure_style::erro_returned, "fail to allocate a group of %d files",
+                       count);
   }
   return dedup_group(&group);
 }

@@ -19,13 +19,13 @@ using namespace velmarin;
 int create_layer(const char *path) {
   opened_file file = {path, {}, {}};
   path_buffer directory;
-  if (open_with_status(&file, O_RDWR, INFO_RETURNED) != 0 ||
-      find_directory(path, &directory, INFO_RETURNED) != 0) {
+  if (open_with_status(&file, O_RDWR, failure_style::info_returned) != 0 ||
+      find_directory(path, &directory, failure_style::info_returned) != 0) {
     return -1;
   }
   log_info("creating temporary file for %s", path);
   unique_fd layer;
-  if (create_layered_inode(file, directory.text, INFO_RETURNED, &layer) != 0) {
+  if (create_layered_inode(file, directory.text, failure_style::info_returned, &layer) != 0) {
     return -1;
   }
   return file.fd.release();
@@ -33,25 +33,26 @@ int create_layer(const char *path) {
 
 int dedup_file(const char *path, int src_fd) {
   opened_file file = {path, {}, {}};
-  const int error = open_with_status(&file, O_RDWR, INFO_RETURNED);
-  return error != 0 ? error : dedup_onto_layer(file, src_fd, INFO_RETURNED);
+  const int error = open_with_status(&file, O_RDWR, failure_style::info_returned);
+  return error != 0 ? error : dedup_onto_layer(file, src_fd, failure_style::info_returned);
 }
 
 int reflink_copy(const char *src, const char *dst) {
   opened_file source = {src, {}, {}};
-  int error = open_with_status(&source, O_RDONLY, ERRO_RETURN);
+  int error = open_with_status(&source, O_RDONLY, failure_style::erro_return);
   if (error != 0) {
     return error;
   }
   opened_file copy = {dst, {}, {}};
-  error = open_file(&copy, O_RDONLY | O_CREAT | O_EXCL, COPY_MODE, ERRO_RETURN);
+  error = open_file(&copy, O_RDONLY | O_CREAT | O_EXCL, COPY_MODE, failure_style::erro_return);
   if (error != 0) {
     return error;
   }
   if (share_data(copy.fd.get(), source.fd.get(), SIS_DEDUP_COPY) < 0) {
-    return log_failure(errno, ERRO_RETURN, "fail to do rapid copy from %s to %s", src, dst);
+    return log_failure(errno, failure_style::erro_return, "fail to do rapid copy from %s to %s",
+                       src, dst);
   }
-  error = read_status(&copy, ERRO_RETURN);
+  error = read_status(&copy, failure_style::erro_return);
   if (error != 0) {
     return error;
   }
@@ -62,13 +63,13 @@ int reflink_copy(const char *src, const char *dst) {
 
 int revoke_file(const char *path) {
   opened_file file = {path, {}, {}};
-  const int error = open_with_status(&file, O_RDONLY, INFO_RETURN);
+  const int error = open_with_status(&file, O_RDONLY, failure_style::info_return);
   if (error != 0) {
     return error;
   }
   sis_file_info info;
   if (query_file_info(file.fd.get(), &info) < 0) {
-    return log_failure(errno, INFO_RETURN, "fail to query %s", path);
+    return log_failure(errno, failure_style::info_return, "fail to query %s", path);
   }
   if (info.deduped == 0 && info.layered == 0) {
     log_info("%s[ino:%lu,size:%lu] is not deduped inode nor layered inode", path,
@@ -76,7 +77,7 @@ int revoke_file(const char *path) {
     return 1;
   }
   if (revoke(file.fd.get()) < 0) {
-    return log_failure(errno, ERRO_RETURN, "fail to revoke %s", path);
+    return log_failure(errno, failure_style::erro_return, "fail to revoke %s", path);
   }
   log_info("revoke %s[ino:%lu,size:%lu] from its %s inode[ino:%d]", path, inode_of(file.status),
            size_of(file.status), info.deduped != 0 ? "deduped" : "layered",

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "reflink/control.h"
+#include "service/refusal_line.h"
 #include "service/resolved_file.h"
 #include "velmarin/files.h"
 
@@ -27,11 +28,9 @@ int open_checked_path(const char *path, resolve_error_code form, resolved_file *
 
 enum class time_check { failed, differs, same };
 
-// Compares the file's present modification time with the expected one. `reading` names the call in
-// the line of a failure.
-time_check check_time(const char *reading, const timespec &expected, checked_file *checked) {
+// Compares the file's present modification time with the expected one.
+time_check check_time(const timespec &expected, checked_file *checked) {
   if (lstat(checked->file.path.text, &checked->status) != 0) {
-    log_service("%s lstat Error %s \n", reading, checked->file.path.text);
     return time_check::failed;
   }
   const timespec &time = checked->status.st_mtim;
@@ -39,12 +38,8 @@ time_check check_time(const char *reading, const timespec &expected, checked_fil
                                                                             : time_check::differs;
 }
 
-// Writes the line of a refused request and returns its errno.
-int log_refusal(const char *verb, const char *object, const checked_file &checked, int result) {
-  const int error = errno;
-  log_service("ioctl %s %s(%lu) %s failed! ret = %d, errno = %d\n", verb, checked.file.path.text,
-              static_cast<unsigned long>(checked.status.st_ino), object, result, error);
-  return error;
+unsigned long inode_of(const checked_file &checked) {
+  return checked.status.st_ino;
 }
 
 // Returns 0 for a plain file, else the answer of the entry point.
@@ -52,41 +47,58 @@ int refuse_attached(const checked_file &checked) {
   sis_file_info info;
   const int result = query_file_info(checked.file.fd.get(), &info);
   if (result != 0) {
-    log_refusal("get", "file info", checked, result);
+    log_refusal(result, errno, "get %s(%lu) file info", checked.file.path.text, inode_of(checked));
     return -1;
   }
   return info.layered;
 }
 
 // Returns 0 or minus errno.
-int change_flag(int (*change)(int fd), const char *verb, const checked_file &checked) {
-  const int result = change(checked.file.fd.get());
-  return result < 0 ? -log_refusal(verb, "coincide flag", checked, result) : 0;
+int set_flag(const checked_file &checked) {
+  const int result = set_coincide_flag(checked.file.fd.get());
+  return result >= 0 ? 0
+                     : -log_refusal(result, errno, "set %s(%lu) coincide flag",
+                                    checked.file.path.text, inode_of(checked));
+}
+
+// Returns 0 or minus errno.
+int clear_flag(const checked_file &checked) {
+  const int result = clear_coincide_flag(checked.file.fd.get());
+  return result >= 0 ? 0
+                     : -log_refusal(result, errno, "clear %s(%lu) coincide flag",
+                                    checked.file.path.text, inode_of(checked));
+}
+
+// Sets the flag if the file has the expected time. Returns 0 or the answer of the entry point.
+int set_flag_at_time(const timespec &expected, checked_file *checked) {
+  const time_check time = check_time(expected, checked);
+  if (time == time_check::failed) {
+    log_service("1st lstat Error %s \n", checked->file.path.text);
+  }
+  if (time != time_check::same) {
+    return -1;
+  }
+  const int answer = refuse_attached(*checked);
+  return answer != 0 ? answer : set_flag(*checked);
 }
 
 // The time is compared before and after the flag is set: a writer that comes between the first
 // comparison and the setting is seen by the second.
 int set_flag_if_unmodified(const timespec &expected, checked_file *checked) {
-  if (check_time("1st", expected, checked) != time_check::same) {
-    return -1;
-  }
-  int answer = refuse_attached(*checked);
+  int answer = set_flag_at_time(expected, checked);
   if (answer != 0) {
     return answer;
   }
-  answer = change_flag(set_coincide_flag, "set", *checked);
-  if (answer != 0) {
-    return answer;
-  }
-  switch (check_time("2nd", expected, checked)) {
+  switch (check_time(expected, checked)) {
     case time_check::same:
       return 0;
     case time_check::failed:
+      log_service("2nd lstat Error %s \n", checked->file.path.text);
       return -1;  // the flag stays set
     case time_check::differs:
       break;
   }
-  answer = change_flag(clear_coincide_flag, "clear", *checked);
+  answer = clear_flag(*checked);
   return answer != 0 ? answer : -1;
 }
 
@@ -110,10 +122,7 @@ int getCoincideFlagImpl(const char *path) {
   uint32_t flags = SIS_FLAG_COINCIDE;
   const int result = get_flag_word(file.fd.get(), &flags);
   if (result < 0) {
-    const int error = errno;
-    log_service("ioctl get %s coincide flag failed! ret = %d, errno = %d\n", file.path.text, result,
-                error);
-    return -error;
+    return -log_refusal(result, errno, "get %s coincide flag", file.path.text);
   }
   return static_cast<int>(flags);
 }

@@ -8,6 +8,7 @@
 
 #include "reflink/control.h"
 #include "reflink/file_layer.h"
+#include "service/refusal_line.h"
 #include "service/resolved_file.h"
 #include "velmarin/files.h"
 
@@ -69,16 +70,11 @@ int open_pair(const char *file1, const char *file2, file_pair *files) {
   return 0;
 }
 
-void log_refusal(const char *request, int result, int error) {
-  log_service("ioctl %s failed! ret = %d, errno = %d\n", request, result, error);
-}
-
 // Only 0 is an answer of the file system. `error` is set for any other result.
 int request_file_info(int fd, sis_file_info *info, int *error) {
   const int result = query_file_info(fd, info);
   if (result != 0) {
-    *error = errno;
-    log_refusal("get file info", result, *error);
+    *error = log_refusal(result, errno, "get file info");
   }
   return result;
 }
@@ -93,10 +89,10 @@ bool make_single_instance(int fd, const char *directory, unique_fd *temporary, i
                   outcome.error, directory);
       break;
     case layer_step::clone:
-      log_refusal("clone file", outcome.result, outcome.error);
+      log_refusal(outcome.result, outcome.error, "clone file");
       break;
     case layer_step::connect:
-      log_refusal("connect", outcome.result, outcome.error);
+      log_refusal(outcome.result, outcome.error, "connect");
       break;
     case layer_step::read_status:
     case layer_step::done:
@@ -112,8 +108,7 @@ int share_with_first(const file_pair &files, const char *file1) {
   if (result >= 0) {
     return result;
   }
-  const int error = errno;
-  log_refusal("dedup file", result, error);
+  const int error = log_refusal(result, errno, "dedup file");
   getSISFileInfoImpl(file1);  // for its lines only
   return error;
 }

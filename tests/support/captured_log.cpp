@@ -1,7 +1,11 @@
 #include "support/captured_log.h"
 
 #include <android/log.h>
+#include <dlfcn.h>
 
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <regex>
 
 #include "velmarin_platform/log_sink.h"
@@ -10,6 +14,7 @@ namespace velmarin_test {
 namespace {
 
 captured_log *innermost = nullptr;
+thread_local const char *current_format = "";
 
 std::string message_of(int buffer_id, int priority, const char *tag, const char *text) {
   static const std::regex prefix(R"(\[velmarin\]\[\d+\] |\[(ERRO|INFO) from thread \d+ at )"
@@ -22,6 +27,15 @@ std::string message_of(int buffer_id, int priority, const char *tag, const char 
     return std::string("MALFORMED ") + text;
   }
   return kind + " " + match.suffix().str();
+}
+
+// The part of the format behind the prefix; empty when the prefix is not that of the kind.
+std::string message_format(const std::string &kind) {
+  const std::string prefix = kind == "SERVICE"
+                                 ? "[velmarin][%d] "
+                                 : "[" + kind + " from thread %d at %s:%04d @%ld.%09ld] ";
+  const std::string format = current_format;
+  return format.starts_with(prefix) ? format.substr(prefix.size()) : "";
 }
 
 }  // namespace
@@ -40,7 +54,27 @@ void captured_log::receive(void *log, int buffer_id, int priority, const char *t
                            const char *text) {
   auto *self = static_cast<captured_log *>(log);
   const std::lock_guard<std::mutex> guard(self->mutex_);
-  self->messages_.push_back(message_of(buffer_id, priority, tag, text));
+  const std::string message = message_of(buffer_id, priority, tag, text);
+  const std::string kind = message.substr(0, message.find(' '));
+  const std::string format = message_format(kind);
+  self->messages_.push_back(format.empty() ? std::string("MALFORMED ") + text : message);
+  self->formats_.push_back(kind + " " + format);
 }
 
 }  // namespace velmarin_test
+
+extern "C" int __android_log_buf_print(int buffer_id, int priority, const char *tag,
+                                       const char *format, ...) {
+  static const auto next =
+      reinterpret_cast<decltype(&__android_log_buf_print)>(dlsym(RTLD_NEXT, __func__));
+  const int saved_errno = errno;
+  char text[12 * 1024];
+  va_list arguments;
+  va_start(arguments, format);
+  vsnprintf(text, sizeof(text), format, arguments);
+  va_end(arguments);
+  velmarin_test::current_format = format;
+  const int result = next(buffer_id, priority, tag, "%s", text);
+  errno = saved_errno;
+  return result;
+}

@@ -1,4 +1,5 @@
-// Catches the log lines of the library while the object lives.
+// Catches the log lines of the library while the object lives. The test executable has a log
+// function of its own, which notes the format of each line and passes the line on.
 #pragma once
 
 #include <mutex>
@@ -16,11 +17,17 @@ class captured_log {
 
   // One "KIND message" for each line, in order: ERRO, INFO or SERVICE and the text behind the
   // prefix, with its newline if it has one. The kind is MALFORMED, and the whole line follows, when
-  // the prefix is none of the three, when it names no module that has such lines, or when buffer,
-  // priority or tag are not those of the kind.
+  // the prefix, or that of the format, is none of the three, when it names no module that has such
+  // lines, or when buffer, priority or tag are not those of the kind.
   std::vector<std::string> messages() const {
     const std::lock_guard<std::mutex> guard(mutex_);
     return messages_;
+  }
+
+  // The same with each line's format in place of its text.
+  std::vector<std::string> formats() const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return formats_;
   }
 
  private:
@@ -29,6 +36,7 @@ class captured_log {
   captured_log *outer_;
   mutable std::mutex mutex_;
   std::vector<std::string> messages_;
+  std::vector<std::string> formats_;
 };
 
 }  // namespace velmarin_test
