@@ -3,8 +3,11 @@
 //
 // VELMARIN_ROUNDS_FACTOR=n makes every test n times as long.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <barrier>
 #include <filesystem>
@@ -12,6 +15,7 @@
 #include <random>
 
 #include "support/alarm_owner.h"
+#include "support/captured_log.h"
 #include "support/failure_injector.h"
 #include "support/temporary_tree.h"
 #include "support/test_scan.h"
@@ -150,6 +154,62 @@ TEST_F(Threads, ARunWithABudgetSetsTheSignalActionOnceAndPutsItBackOnce) {
   const failure_injector counter(library_call::sigaction, UINT64_MAX);
   scan{.time_budget = 300}.run();
   EXPECT_EQ(counter.calls(), 2U);
+}
+
+// A host that holds a descriptor for each file that is frozen.
+struct holding_host {
+  static inline thread_local std::string frozen;
+  static inline thread_local int held = -1;
+  static inline std::atomic<int> overlaps = 0;
+
+  static int filter(int, const struct stat *, const char *) {
+    overlaps += frozen.empty() ? 0 : 1;
+    return 0;
+  }
+  static int prep(int, const char *path) {
+    filter(0, nullptr, path);
+    held = open("/dev/null", O_RDONLY);
+    frozen = held < 0 ? "" : path;
+    return held < 0 ? errno : 0;
+  }
+  static int verify(int, const char *path) {
+    overlaps += frozen == path ? 0 : 1;
+    frozen.clear();
+    return close(held);
+  }
+};
+
+// What a scan finds and counts, and the formats of its lines, when `workers` workers may open so
+// many descriptors.
+auto scan_with(int workers, rlim_t descriptors) {
+  fs::remove_all("s");
+  fs::create_directory("s");
+  const captured_log log;
+  workers_allowed = workers;
+  rlimit former = {};
+  getrlimit(RLIMIT_NOFILE, &former);
+  const rlimit lowered = {std::min(descriptors, former.rlim_cur), former.rlim_max};
+  scan s = {.ops = {holding_host::filter, nullptr, holding_host::prep, holding_host::verify,
+                    scan::receive}};
+  setrlimit(RLIMIT_NOFILE, &lowered);
+  s.run();
+  setrlimit(RLIMIT_NOFILE, &former);
+  workers_allowed = 1 << 30;
+  const auto formats = log.formats();
+  return std::tuple(s.found, s.counters, std::multiset(formats.begin(), formats.end()));
+}
+
+TEST_F(Threads, AWorkerTakesOneFileAfterTheOtherAndNoDescriptorMoreThanThat) {
+  const int next = dup(STDOUT_FILENO);
+  close(next);
+  for (const int workers : {1, 3}) {
+    const auto unlimited = scan_with(workers, RLIM_INFINITY);
+    EXPECT_EQ(std::get<groups>(unlimited), all);
+    for (int free = 30; free >= 2 * workers; free--) {
+      EXPECT_EQ(scan_with(workers, static_cast<rlim_t>(next + free)), unlimited) << free;
+    }
+  }
+  EXPECT_EQ(holding_host::overlaps, 0);
 }
 
 TEST_F(Threads, OperationsOnFilesOfATreeThatIsBeingScannedChangeNoContent) {

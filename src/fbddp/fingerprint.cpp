@@ -92,20 +92,6 @@ bool has_mtime_of(const struct stat &status, const dentry *file) {
          status.st_mtim.tv_nsec == file->mtime.tv_nsec;
 }
 
-// Takes the saved digest of an unchanged file over from the hash table. Hardly ever do two dentries
-// with one key live long enough to want it (a hard link whose pattern could not be read once); then
-// one of them gets the record and the other is computed.
-bool take_saved_digest(sis_context *ctx, dentry *file) {
-  hash_entry *entry = lookup_hash_table(ctx, file->key);
-  usable_hash *record = entry == nullptr ? nullptr : load_acquire(&entry->record);
-  if (record == nullptr || record->mtime_sec != file->mtime.tv_sec ||
-      record->mtime_nsec != file->mtime.tv_nsec || !take_pointer(&entry->record, record)) {
-    return false;
-  }
-  store_release(&file->hash, record);
-  return true;
-}
-
 unique_fd open_for_digest(sis_context *ctx, const char *path) {
   for (;;) {
     fetch_add(&ctx->nr_file_opened, 1);
@@ -184,7 +170,7 @@ usable_hash *allocate_record(const char *path) {
   return nullptr;
 }
 
-// Reads the opened file. Returns a complete record, or null when there is no digest to be had.
+// Reads the file. Returns a complete record, or null when there is no digest to be had.
 usable_hash *read_digest(sis_context *ctx, const dentry *file, int fd, const char *path) {
   SHA256_CTX digest;
   SHA256_Init(&digest);
@@ -201,6 +187,19 @@ usable_hash *read_digest(sis_context *ctx, const dentry *file, int fd, const cha
   if (record != nullptr) {
     SHA256_Final(record->digest, &digest);
   }
+  return record;
+}
+
+// Freezes and reads the opened file. Returns a complete record or null.
+usable_hash *digest_of_opened(sis_context *ctx, const dentry *file, int fd, const char *path) {
+  if (!is_ready_to_read(ctx, file, fd, path)) {
+    count_error(ctx);
+    return nullptr;
+  }
+  fetch_add(&ctx->nr_hashed, 1);
+  posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+  usable_hash *record = read_digest(ctx, file, fd, path);
+  posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
   return record;
 }
 
@@ -223,33 +222,29 @@ int make_pattern(dentry *file, const char *path, int fd) {
   return make_pattern_of(file, own_path, own_fd.get());
 }
 
-unique_fd begin_digest(sis_context *ctx, dentry *file) {
-  if (take_saved_digest(ctx, file)) {
-    return {};
+// Takes the saved digest of an unchanged file over from the hash table. Hardly ever do two dentries
+// with one key live long enough to want it (a hard link whose pattern could not be read once); then
+// one of them gets the record and the other is computed.
+bool take_saved_digest(sis_context *ctx, dentry *file) {
+  hash_entry *entry = lookup_hash_table(ctx, file->key);
+  usable_hash *record = entry == nullptr ? nullptr : load_acquire(&entry->record);
+  if (record == nullptr || record->mtime_sec != file->mtime.tv_sec ||
+      record->mtime_nsec != file->mtime.tv_nsec || !take_pointer(&entry->record, record)) {
+    return false;
   }
-  path_buffer buffer;
-  const char *path = get_fullpath(file, buffer.text);
-  unique_fd fd = open_for_digest(ctx, path);
-  if (fd.is_open() && !is_ready_to_read(ctx, file, fd.get(), path)) {
-    fd.reset();
-    count_error(ctx);
-  }
-  if (!fd.is_open()) {
-    store_release(&file->hash, static_cast<usable_hash *>(nullptr));
-    return fd;
-  }
-  fetch_add(&ctx->nr_hashed, 1);
-  posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-  return fd;
+  store_release(&file->hash, record);
+  return true;
 }
 
 // A complete record is stored at once, so that nobody sees one that is being filled.
-void end_digest(sis_context *ctx, dentry *file, unique_fd fd) {
+void compute_digest(sis_context *ctx, dentry *file) {
   path_buffer buffer;
   const char *path = get_fullpath(file, buffer.text);
-  usable_hash *record = read_digest(ctx, file, fd.get(), path);
-  posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
-  fd.reset();
+  usable_hash *record = nullptr;
+  const unique_fd fd = open_for_digest(ctx, path);
+  if (fd.is_open()) {
+    record = digest_of_opened(ctx, file, fd.get(), path);
+  }
   store_release(&file->hash, record);
 }
 

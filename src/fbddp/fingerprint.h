@@ -3,7 +3,6 @@
 
 #include <cstdint>
 
-#include "common/unique_fd.h"
 #include "fbddp/dentry.h"
 #include "fbddp/scan_context.h"
 
@@ -18,15 +17,13 @@ inline constexpr uint64_t PATTERN_MIN_SIZE = 1048576;
 // file is too short; `pattern` is unchanged then. The caller holds the file's forest lock.
 int make_pattern(dentry *file, const char *path, int fd);
 
-// The digest job of an examined file, in two steps; other jobs may be treated in between.
+// The digest job of an examined file is these two steps.
 //
-// Gives the file its saved digest when it is unchanged since then; otherwise opens it and makes it
-// ready to be read. Returns the descriptor for the second step, or none when the job is over: the
-// saved digest was taken, or `hash` is null because there is none to be had.
-unique_fd begin_digest(sis_context *ctx, dentry *file);
+// Gives the file its saved digest if it is unchanged since then. Returns whether it did.
+bool take_saved_digest(sis_context *ctx, dentry *file);
 
-// Reads the file and gives it a digest record, or leaves `hash` null when it cannot be read or has
-// changed.
-void end_digest(sis_context *ctx, dentry *file, unique_fd fd);
+// Opens and reads the file and gives it a digest record, or leaves `hash` null when it cannot be
+// read or has changed.
+void compute_digest(sis_context *ctx, dentry *file);
 
 }  // namespace velmarin

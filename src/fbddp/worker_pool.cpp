@@ -7,8 +7,8 @@
 
 #include "common/atomic_word.h"
 #include "common/log.h"
-#include "fbddp/begun_digests.h"
 #include "fbddp/dentry.h"
+#include "fbddp/digest_read_ahead.h"
 #include "fbddp/grouping.h"
 #include "fbddp/job_queue.h"
 #include "fbddp/walk.h"
@@ -35,13 +35,13 @@ int32_t phase_of(const sis_context *ctx) {
 // A file is queued for its digest only after it was admitted, with its digest marked as wanted, and
 // stays marked until that job is done. An unexamined file never is. So the mark alone, which only
 // the file's own job clears, tells the two jobs of a file apart.
-void run_walk_job(sis_context *ctx, job *taken, begun_digests *begun) {
+void run_walk_job(sis_context *ctx, job *taken, digest_read_ahead *ahead) {
   dentry *d = taken->target;
   if (is_file_form(d) && is_digest_wanted(d)) {
-    begun->add(ctx, taken);
+    ahead->add(ctx, taken);
     return;
   }
-  begun->end_all(ctx);
+  ahead->do_all(ctx);
   if (is_file_form(d)) {
     admit_file(ctx, d);
   } else {
@@ -50,11 +50,11 @@ void run_walk_job(sis_context *ctx, job *taken, begun_digests *begun) {
   finish_job(ctx, taken);
 }
 
-// While a job is begun it is pending, so the phase in which it ends is the walk.
-void run_job(sis_context *ctx, job *taken, begun_digests *begun) {
+// A job that waits to be done is pending, so the phase in which it is done is the walk.
+void run_job(sis_context *ctx, job *taken, digest_read_ahead *ahead) {
   switch (phase_of(ctx)) {
     case PHASE_WALK:
-      run_walk_job(ctx, taken, begun);
+      run_walk_job(ctx, taken, ahead);
       return;
     case PHASE_GROUP:
       split_group(ctx, taken->target);
@@ -66,12 +66,12 @@ void run_job(sis_context *ctx, job *taken, begun_digests *begun) {
 }
 
 // Returns the next job, or null when the run is over.
-job *wait_for_job(sis_context *ctx, begun_digests *begun) {
+job *wait_for_job(sis_context *ctx, digest_read_ahead *ahead) {
   while (phase_of(ctx) != PHASE_STOP) {
     if (job *taken = take_job(ctx)) {
       return taken;
     }
-    if (!begun->end_all(ctx)) {
+    if (!ahead->do_all(ctx)) {
       sleep_poll_interval();
     }
   }
@@ -80,16 +80,16 @@ job *wait_for_job(sis_context *ctx, begun_digests *begun) {
 
 void *enqueued_worker(void *argument) {
   auto *ctx = static_cast<sis_context *>(argument);
-  begun_digests begun;
+  digest_read_ahead ahead;
   for (;;) {
     if (phase_of(ctx) == PHASE_START) {
       sleep_poll_interval();
     }
-    job *taken = wait_for_job(ctx, &begun);
+    job *taken = wait_for_job(ctx, &ahead);
     if (taken == nullptr) {
       return nullptr;
     }
-    run_job(ctx, taken, &begun);
+    run_job(ctx, taken, &ahead);
   }
 }
 
