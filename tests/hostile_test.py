@@ -118,7 +118,8 @@ class HostileTree(ToolCase):
             self.write(name, SAME)
         (self.root / "closed").chmod(0)
         (self.root / "hidden").chmod(0)
-        _, errors = self.run_tool("scan", "--state", "../state", ".", status=1, before=nobody)
+        _, errors = self.run_tool("scan", "--apply", "--state", "../state", ".", status=1,
+                                  before=nobody)
         self.assertRegex(errors, "2 errors during the scan: call prep for .* Permission denied")
 
 

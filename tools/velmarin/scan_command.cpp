@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "display_name.h"
+#include "guarded_roots.h"
 #include "log_lines.h"
 #include "merge.h"
 #include "message.h"
@@ -62,6 +63,7 @@ class ScanCommand {
     if (!prepare()) {
       return false;
     }
+    const GuardedRoots guard(report_.roots);
     const int error = scan();
     if (error != 0) {
       print_error("the scan could not be made" +
@@ -79,18 +81,16 @@ class ScanCommand {
  private:
   bool prepare() {
     state_ = options_.state.empty() ? default_state_directory() : options_.state;
-    if (!options_.quiet) {
-      warn_of_useless_skips(options_.skips);
-    }
+    skips_ = resolve_skips(options_.skips, !options_.quiet);
     report_.applied = options_.apply;
     return resolve_roots(options_.roots, report_.roots) && prepare_state_directory(state_) &&
            (options_.html.empty() || page_.open(options_.html));
   }
 
   int scan() {
-    const velmarin::sis_ops ops = counted_probes(Collector::receive);
+    const velmarin::sis_ops ops = counted_probes(Collector::receive, options_.apply);
     std::vector<const char *> roots = pointers(report_.roots);
-    std::vector<const char *> skips = pointers(options_.skips);
+    std::vector<const char *> skips = pointers(skips_);
     // An empty file holds no data that could be shared.
     const uint64_t min_size = std::max<uint64_t>(options_.min_size, 1);
     const auto progress = show_progress([this] { return scan_progress(); });
@@ -102,8 +102,8 @@ class ScanCommand {
 
   std::string scan_progress() const {
     return format_duration(since(start_)) + "  " + phase_word(log_.phase()) + "  " +
-           format_count(probe_counts.entries, "file") + " looked at, " +
-           std::to_string(probe_counts.digests) + " read";
+           format_count(probe_counts.entries, "file") + " looked at" +
+           (options_.apply ? ", " + std::to_string(probe_counts.frozen) + " frozen" : "");
   }
 
   void finish_scan() {
@@ -190,6 +190,7 @@ class ScanCommand {
   StopSignals signals_;
   LogLines log_;
   std::string state_;
+  std::vector<std::string> skips_;
   OutputFile page_;
   Collector collector_;
   Volumes volumes_;

@@ -90,15 +90,25 @@ bool resolve_roots(const std::vector<std::string> &given, std::vector<std::strin
   return all_usable;
 }
 
-void warn_of_useless_skips(const std::vector<std::string> &skips) {
-  for (const std::string &path : skips) {
+std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bool remark) {
+  std::vector<std::string> skips;
+  for (const std::string &path : given) {
     struct stat status = {};
+    char resolved[PATH_MAX];
+    const char *useless = nullptr;
     if (lstat(path.c_str(), &status) != 0) {
-      print_error("nothing to skip at", path, std::strerror(errno));
+      useless = std::strerror(errno);
     } else if (S_ISLNK(status.st_mode)) {
-      print_error("nothing to skip at", path, "a symbolic link, which a scan does not follow");
+      useless = "a symbolic link, which a scan does not follow";
+    } else if (realpath(path.c_str(), resolved) == nullptr) {
+      useless = std::strerror(errno);
     }
+    if (useless != nullptr && remark) {
+      print_error("nothing to skip at", path, useless);
+    }
+    skips.push_back(useless == nullptr ? resolved : path);
   }
+  return skips;
 }
 
 std::string default_state_directory() {
@@ -107,16 +117,22 @@ std::string default_state_directory() {
   return (is_usable ? state : home_directory() + "/.local/state") + "/velmarin";
 }
 
-bool prepare_state_directory(const std::string &path) {
+bool prepare_state_directory(std::string &path) {
   int error = check_state_directory(path);
   if (error == ENOENT) {
     error = make_directories(path);
     error = error != 0 ? error : check_state_directory(path);
   }
+  char resolved[PATH_MAX];
+  if (error == 0) {
+    error = realpath(path.c_str(), resolved) == nullptr ? errno : check_state_directory(resolved);
+  }
   if (error != 0) {
     print_error("cannot keep digests in", path, std::strerror(error));
+    return false;
   }
-  return error == 0;
+  path = resolved;
+  return true;
 }
 
 }  // namespace tool

@@ -12,14 +12,14 @@ namespace tool {
 // root that is no readable directory and returns false then.
 bool resolve_roots(const std::vector<std::string> &given, std::vector<std::string> &roots);
 
-// Remarks on skip paths that leave nothing out.
-void warn_of_useless_skips(const std::vector<std::string> &skips);
+// Resolves the skip paths; what leaves nothing out stays as it is, with a remark if wanted.
+std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bool remark);
 
 // The directory of digest files when none is given: `velmarin` in the user's directory for state.
 std::string default_state_directory();
 
-// Makes the directory, with its parents, for its user alone, unless it exists. Says on standard
-// error what went wrong and returns false then.
-bool prepare_state_directory(const std::string &path);
+// Makes the directory, with its parents, for its user alone, unless it exists, and resolves its
+// path. Says on standard error what went wrong and returns false then.
+bool prepare_state_directory(std::string &path);
 
 }  // namespace tool

@@ -22,17 +22,17 @@ int counted_filter(int fd, const struct stat *status, const char *path) {
 }
 
 int counted_freeze(int fd, const char *path) {
-  ++probe_counts.digests;
+  ++probe_counts.frozen;
   return freeze_file(fd, path);
 }
 
 }  // namespace
 
-velmarin::sis_ops counted_probes(velmarin::sis_report_callback report) {
+velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool freezes) {
   return {.filter = counted_filter,
           .get_status = check_file_status,
-          .prep = counted_freeze,
-          .verify = check_frozen,
+          .prep = freezes ? counted_freeze : nullptr,
+          .verify = freezes ? check_frozen : nullptr,
           .report = report};
 }
 

@@ -11,13 +11,14 @@ namespace tool {
 // Written by the scan's threads. Process-wide, since a probe is given no data of its caller.
 struct ProbeCounts {
   std::atomic<uint64_t> entries = 0;      // directories and files seen
-  std::atomic<uint64_t> digests = 0;      // files taken up to be read for a digest
+  std::atomic<uint64_t> frozen = 0;       // files frozen to be read for a digest
   std::atomic<uint64_t> unsupported = 0;  // files left out: their file system cannot deduplicate
   std::atomic<uint64_t> unknown = 0;      // files left out: their state could not be asked
 };
 extern ProbeCounts probe_counts;
 
-// The callback table of a scan that reports to `report`.
-velmarin::sis_ops counted_probes(velmarin::sis_report_callback report);
+// The callback table of a scan that reports to `report`. One that does not freeze the files that it
+// reads writes nothing to their file systems; modification times tell it which files change.
+velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool freezes);
 
 }  // namespace tool

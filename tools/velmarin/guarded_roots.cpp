@@ -1,0 +1,95 @@
+#include "guarded_roots.h"
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <string_view>
+
+#include "beneath.h"
+
+namespace tool {
+namespace {
+
+struct HeldRoot {
+  std::string path;
+  int fd;  // a negative one makes every open below the root fail
+};
+
+// Written before the scan starts its threads.
+std::vector<HeldRoot> held_roots;
+
+int plain_open(const char *path, int flags, mode_t mode) {
+  return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+}
+
+// The part of `path` below the root: "." for the root itself, null for a path elsewhere.
+const char *path_below(const std::string &root, const char *path) {
+  if (!std::string_view(path).starts_with(root)) {
+    return nullptr;
+  }
+  const char *rest = path + root.size();
+  if (*rest != '\0' && *rest != '/' && root != "/") {
+    return nullptr;
+  }
+  while (*rest == '/') {
+    ++rest;
+  }
+  return *rest == '\0' ? "." : rest;
+}
+
+bool is_temporary(int flags) {
+  return (flags & O_TMPFILE) == O_TMPFILE;
+}
+
+int guarded_open(const char *path, int flags, mode_t mode) {
+  // A link to a descriptor of this process, by which the platform opens a file a second time.
+  if (std::string_view(path).starts_with("/proc/self/fd/")) {
+    return plain_open(path, flags, mode);
+  }
+  for (const HeldRoot &root : held_roots) {
+    if (const char *const rest = path_below(root.path, path)) {
+      return open_beneath(root.fd, rest, flags, mode);
+    }
+  }
+  if (is_temporary(flags) && !held_roots.empty()) {
+    errno = EXDEV;
+    return -1;
+  }
+  return plain_open(path, flags, mode);
+}
+
+}  // namespace
+
+GuardedRoots::GuardedRoots(const std::vector<std::string> &roots) {
+  std::vector<HeldRoot> held;
+  for (const std::string &root : roots) {
+    held.push_back({root, plain_open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC, 0)});
+  }
+  held_roots = std::move(held);
+}
+
+GuardedRoots::~GuardedRoots() {
+  for (const HeldRoot &root : held_roots) {
+    if (root.fd >= 0) {
+      close(root.fd);
+    }
+  }
+  held_roots.clear();
+}
+
+}  // namespace tool
+
+// Found before the C library's by everything in the process.
+extern "C" int open(const char *path, int flags, ...) {
+  mode_t mode = 0;
+  if ((flags & O_CREAT) != 0 || tool::is_temporary(flags)) {
+    va_list arguments;
+    va_start(arguments, flags);
+    mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+  }
+  return tool::guarded_open(path, flags, mode);
+}
