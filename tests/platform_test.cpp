@@ -189,6 +189,34 @@ TEST_P(ControlCodes, AnAttributeCountsUntilTheNextWriteAndForItsOwnFileOnly) {
   }
 }
 
+TEST_P(ControlCodes, AFileIsRefusedBeforeAnythingIsDoneThatTheEndCouldNotBeDoneTo) {
+  const std::string content = random_bytes(100'000);
+  ASSERT_TRUE(image_.run("mkdir lower upper work overlay"));
+  const test_file a = make_file("lower/a", content);
+  const test_file b = make_file("lower/b", content);
+  ASSERT_TRUE(attach(a) && b.dedup(a) == 0);
+  for (const char *const attribute : {"i", "a"}) {
+    if (image_.run(std::string("chattr +") + attribute + " lower/b")) {
+      EXPECT_EQ(b.recover(), EPERM);
+      EXPECT_TRUE(b.state().ends_with("deduped"));
+      EXPECT_EQ(has_shared_extents("lower/b"), shares_extents_);
+      EXPECT_TRUE(image_.run(std::string("chattr -") + attribute + " lower/b"));
+    }
+  }
+  if (image_.run("mount -t overlay -o lowerdir=lower,upperdir=upper,workdir=work none overlay")) {
+    const test_file over_a = open_file("overlay/a", O_RDONLY);
+    const test_file over_b = open_file("overlay/b", O_RDONLY);
+    const test_file layer = open_file("overlay", NAMELESS);
+    for (const int error :
+         {over_b.freeze(), error_of(clear_coincide_flag(over_b)), over_b.recover(),
+          over_b.dedup(over_a), layer.clone(over_b), over_b.connect(layer)}) {
+      EXPECT_EQ(error, EOPNOTSUPP);
+    }
+    EXPECT_TRUE(!over_b.is_frozen() && over_b.content() == content);
+    EXPECT_TRUE(image_.run("umount overlay; rmdir upper"));  // it is empty
+  }
+}
+
 TEST_P(ControlCodes, AWriteDuringARequestIsNeverLost) {
   const std::string content = random_bytes(200'000);
   const test_file source = make_file("source", content);

@@ -37,6 +37,7 @@ struct file_status {
   file_stamp stamp;
   uint64_t device;
   uint32_t links;
+  bool is_protected;  // immutable or append-only
 };
 
 // The record of a file that is, or was until it was written to, attached to a layered inode.
@@ -82,9 +83,12 @@ int write_layer(int fd, const file_stamp &file, bool deduped, uint32_t layer_ino
 // Leaves a record alone that is not `record`, since another request wrote it meanwhile.
 int remove_layer(int fd, const layer_record &record);
 
-// Stores a record of `size` bytes that holds the stamp `*file`. On an overlay the first change to a
-// file of the lower layer makes it another inode; the record is then written anew.
-int write_stamped(int fd, const char *name, const void *record, size_t size, file_stamp *file);
+int write_attribute(int fd, const char *name, const void *record, size_t size);
+
+// Fails with EOPNOTSUPP for a file of an overlay. The first change to one of its lower layer, be it
+// of an attribute, would copy the file up: that takes space instead of saving it, and parts hard
+// links.
+int check_changeable(int fd);
 
 // Notes on the temporary file `fd` that it was filled from the file of `source`, as that was then.
 int write_clone_mark(int fd, const file_stamp &source);

@@ -52,7 +52,10 @@ struct file_pair {
 
 int stat_pair(int target_fd, uint32_t source_fd, file_pair *pair) {
   pair->source_fd = static_cast<int>(source_fd);
-  int error = stat_regular(target_fd, &pair->target);
+  int error = check_changeable(target_fd);
+  if (error == 0) {
+    error = stat_regular(target_fd, &pair->target);
+  }
   if (error == 0) {
     error = stat_settled(pair->source_fd, &pair->source);
   }

@@ -36,11 +36,11 @@ int set_flags(int fd, uint32_t flags) {
   if (error != 0) {
     return error;
   }
-  coincide_record record = {COINCIDE_VERSION, flags, status.stamp};
+  const coincide_record record = {COINCIDE_VERSION, flags, status.stamp};
   if (has_record(fd, record)) {
     return 0;
   }
-  return write_stamped(fd, COINCIDE_ATTRIBUTE, &record, sizeof(record), &record.file);
+  return write_attribute(fd, COINCIDE_ATTRIBUTE, &record, sizeof(record));
 }
 
 int clear_flags(int fd) {
@@ -78,6 +78,9 @@ int coincide_flag(int fd, sis_coincide_arg *argument) {
   const bool is_change = argument->op == SIS_COINCIDE_SET || argument->op == SIS_COINCIDE_CLEAR;
   if (!is_change || argument->flags != SIS_FLAG_COINCIDE) {
     return EINVAL;
+  }
+  if (const int error = check_changeable(fd); error != 0) {
+    return error;
   }
   return argument->op == SIS_COINCIDE_SET ? set_flags(fd, argument->flags) : clear_flags(fd);
 }

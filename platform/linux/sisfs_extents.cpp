@@ -1,6 +1,5 @@
 // Data of files and its sharing. On Btrfs and XFS extents are shared for real; on every other file
-// system, and on an XFS made without reflinks, files keep their own data and are only compared. So
-// also on an overlay over XFS, whose lower files could not be shared.
+// system, and on an XFS made without reflinks, files keep their own data and are only compared.
 #include <fcntl.h>
 #include <linux/btrfs.h>
 #include <linux/fs.h>

@@ -75,6 +75,9 @@ int replace_extents(int fd, int temporary, uint64_t size) {
       break;
     }
     error = share_range(temporary, fd, range.begin, range.end - range.begin);
+    if (error == EOPNOTSUPP) {
+      return 0;  // an XFS without reflinks: nothing was ever shared
+    }
   }
   return error;
 }
@@ -104,22 +107,29 @@ int unshare(int fd) {
       error = unshare_once(fd, status);
     }
   }
-  return error == EOPNOTSUPP ? 0 : error;  // a file system that cannot share has nothing to undo
+  return error;
 }
 
 }  // namespace
 
 // Also a file that was written to since it was attached is given its own data: it may still share
-// what was not written. EINVAL for a file that was never attached.
+// what was not written. EINVAL for a file that was never attached. One that keeps its attributes is
+// refused at once: its extents could be moved, but not its record removed.
 int revoke_file(int fd) {
   layer_record record = {};
   file_status status;
-  int error = stat_regular(fd, &status);
+  int error = check_changeable(fd);
+  if (error == 0) {
+    error = stat_regular(fd, &status);
+  }
   if (error == 0) {
     error = read_layer(fd, &record, &status);
   }
   if (error != 0) {
     return error == ENODATA ? EINVAL : error;
+  }
+  if (status.is_protected) {
+    return EPERM;
   }
   if (can_share_extents(fd)) {
     error = unshare(fd);

@@ -10,8 +10,10 @@
 // until then); and a program that writes a file and then puts the old time back, keeping the size,
 // goes unnoticed. The latter never endangers content, since data is merged only after a comparison.
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/vfs.h>
 #include <sys/xattr.h>
 
 #include <cerrno>
@@ -115,6 +117,7 @@ int stat_regular(int fd, file_status *status) {
   }
   status->device = makedev(stx.stx_dev_major, stx.stx_dev_minor);
   status->links = stx.stx_nlink;
+  status->is_protected = (stx.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0;
   return 0;
 }
 
@@ -171,7 +174,7 @@ int write_layer(int fd, const file_stamp &file, bool deduped, uint32_t layer_ino
   record.layered = 1;
   record.layer_ino = layer_ino;
   record.file = file;
-  return write_stamped(fd, LAYER_ATTRIBUTE, &record, sizeof(record), &record.file);
+  return write_attribute(fd, LAYER_ATTRIBUTE, &record, sizeof(record));
 }
 
 int remove_layer(int fd, const layer_record &record) {
@@ -187,19 +190,15 @@ int remove_layer(int fd, const layer_record &record) {
   return is_gone ? 0 : errno;
 }
 
-int write_stamped(int fd, const char *name, const void *record, size_t size, file_stamp *file) {
-  if (fsetxattr(fd, name, record, size, 0) != 0) {
-    return errno;
-  }
-  file_status now;
-  const int error = stat_regular(fd, &now);
-  if (error != 0 || is_same_inode(*file, now.stamp)) {
-    return error;
-  }
-  file->ino = now.stamp.ino;
-  file->birth_sec = now.stamp.birth_sec;
-  file->birth_nsec = now.stamp.birth_nsec;
+int write_attribute(int fd, const char *name, const void *record, size_t size) {
   return fsetxattr(fd, name, record, size, 0) == 0 ? 0 : errno;
+}
+
+int check_changeable(int fd) {
+  struct statfs file_system = {};
+  const bool is_overlay =
+      fstatfs(fd, &file_system) == 0 && file_system.f_type == OVERLAYFS_SUPER_MAGIC;
+  return is_overlay ? EOPNOTSUPP : 0;
 }
 
 int write_clone_mark(int fd, const file_stamp &source) {
@@ -209,7 +208,7 @@ int write_clone_mark(int fd, const file_stamp &source) {
     return error;
   }
   const clone_record record = {RECORD_VERSION, 0, clone.stamp, source};
-  return fsetxattr(fd, CLONE_ATTRIBUTE, &record, sizeof(record), 0) == 0 ? 0 : errno;
+  return write_attribute(fd, CLONE_ATTRIBUTE, &record, sizeof(record));
 }
 
 int check_clone_mark(int fd, const file_stamp &source) {
