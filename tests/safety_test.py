@@ -6,6 +6,7 @@ import itertools
 import os
 import re
 import shutil
+import struct
 import sys
 import threading
 
@@ -13,6 +14,7 @@ from support.script import ToolCase, content, main, run
 
 EXCHANGE = 2  # RENAME_EXCHANGE
 HERE = -100  # AT_FDCWD
+NO_ID = 0xffffffff
 
 
 def traces(directory):
@@ -72,6 +74,25 @@ class OnlyLooking(ToolCase):
             shutil.rmtree(self.directory / "state")
             self.mount("none", self.root, "bind,ro", self.root)
 
+    def test_no_file_of_an_overlay_is_copied_up(self):
+        self.make_tree()
+        lower, upper = self.root, self.directory / "upper"
+        self.root = self.directory / "overlay"
+        for place in (upper, self.directory / "work", self.root):
+            place.mkdir()
+        self.mount("overlay", self.root,
+                   f"lowerdir={lower},upperdir={upper},workdir={self.directory / 'work'}")
+        self.assertEqual(len(self.scan()["groups"][0]["files"]), 3)
+        self.assertEqual(self.scan("--apply", status=1)["groups"], [])
+        self.assertIn(": 4 files of an overlay left out: ",
+                      self.run_tool("scan", "--apply", ".", status=1)[1])
+        for command in ("info a b", "flags a b", "freeze a", "dedup a b", "group a b", "revoke a",
+                        "recover a", "copy a new"):
+            _, errors = self.run_tool(*command.split(), status=1)
+            self.assertIn("velmarin: a: left alone: on an overlay it would be copied up\n", errors)
+        self.assertEqual(list(upper.iterdir()), [])
+
+
 class OutsideTheRoots(ToolCase):
     def test_nothing_there_changes_while_names_below_a_root_are_swapped(self):
         """A directory with a link to one of the same names elsewhere, a file with a FIFO."""
@@ -101,6 +122,65 @@ class OutsideTheRoots(ToolCase):
         self.assertEqual((traces(outside), extents(victims)), (before, places))
         self.assertEqual({path.name: path.read_bytes() for path in victims},
                          {name: content(name[1:], 20000) for name in names})
+
+
+class OwnData(ToolCase):
+    def test_a_file_without_room_for_a_temporary_one_beside_it_goes_on_sharing_and_says_why(self):
+        self.mount_btrfs("256M")
+        shared = [self.write(name, content("same", 200000)) for name in "ab"]
+        self.run_tool("dedup", "a", "b")
+        before = extents(shared)
+        self.assertIn("shared", "".join(before))
+        elsewhere = self.directory / "elsewhere"
+        elsewhere.mkdir()
+        for kind in ("tmpfs", "mqueue"):  # the second makes no temporary files
+            self.mount(kind, elsewhere, "rw")
+            (elsewhere / "file").touch()
+            self.mount("none", elsewhere / "file", "bind", self.root / "b")
+            for command in ("revoke", "recover"):
+                _, errors = self.run_tool(command, elsewhere / "file", status=1)
+                self.assertRegex(errors, f"no temporary file beside it in {elsewhere}: (Inv|Op)")
+                self.assertEqual(extents(shared), before, kind)
+        run("chattr", "+i", shared[1])
+        self.addCleanup(run, "chattr", "-i", shared[1])
+        for command in ("revoke", "recover"):
+            self.assertIn("Operation not permitted", self.run_tool(command, "b", status=1)[1])
+        self.assertEqual(extents(shared), before)
+
+
+class Secrets(ToolCase):
+    def test_a_copy_is_never_open_to_more_than_its_source(self):
+        nobody = self.become_nobody()
+        self.root.chmod(0o777)
+        source = self.write("source", content("same"))
+        open_to_all = [(1, 7, NO_ID), (2, 7, 65534), (4, 7, NO_ID), (16, 7, NO_ID), (32, 7, NO_ID)]
+        os.setxattr(self.root, "system.posix_acl_default", struct.pack("<I", 2) + b"".join(
+            struct.pack("<HHI", *entry) for entry in open_to_all))  # counts in place of the umask
+        for mode, owner, group, user, copied in (
+                (0o600, 0, 0, [], 0o600), (0o640, 0, 0, [], 0o640), (0o6755, 0, 0, [], 0o6755),
+                (0o444, 0, 0, [], 0o444), (0o6755, 65534, 65534, [], 0o755),
+                (0o640, 0, 65534, [], 0o640), (0o6754, 0, 0, nobody, 0o744)):
+            os.chown(source, owner, group)
+            source.chmod(mode)
+            self.run_tool("copy", "source", "copy", before=user)
+            copy = self.root / "copy"
+            self.assertEqual(copy.stat().st_mode & 0o7777, copied, oct(mode))
+            self.assertEqual(os.listxattr(copy), os.listxattr(source))
+            copy.unlink()
+
+    def test_digest_files_are_their_owners_alone(self):
+        for name in "ab":
+            self.write(name, content("same"))
+        state = self.directory / "state"
+        state.mkdir(mode=0o777)
+        state.chmod(0o777)
+        former = state / ("0" * 64 + ".hsh")
+        former.touch()
+        former.chmod(0o755)
+        self.addCleanup(os.umask, os.umask(0))
+        self.scan()
+        self.assertEqual({path.stat().st_mode & 0o777 for path in state.iterdir()}, {0o600})
+        self.assertEqual(len(list(state.iterdir())), 2)
 
 
 main(sys.argv[1:-1])

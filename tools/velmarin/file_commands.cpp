@@ -5,12 +5,18 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
+#include "copy_permissions.h"
 #include "display_name.h"
+#include "guarded_open.h"
 #include "layer.h"
 #include "message.h"
+#include "overlay.h"
 #include "velmarin/control_codes.h"
 #include "velmarin/files.h"
 #include "volume.h"
@@ -44,18 +50,55 @@ std::string reason_of_failure(const std::string &file, const LogLines &log) {
   return message.empty() ? "the call failed" : escaped_name(message);
 }
 
+// The commands open files for writing, which copies a file of an overlay up.
+bool refuse_on_overlay(const Files &files) {
+  for (const std::string &file : files) {
+    if (is_on_overlay(file)) {
+      return !refuse(file, "left alone: on an overlay it would be copied up");
+    }
+  }
+  return false;
+}
+
 // Acts on every file, also after a failure.
 template <typename Act>
 bool for_each(const Files &files, LogLines &log, Act act) {
   bool all_done = true;
   for (const std::string &file : files) {
     log.forget();
-    all_done = act(file) && all_done;
+    all_done = !refuse_on_overlay({file}) && act(file) && all_done;
   }
   return all_done;
 }
 
+// Why a file cannot be given its own data: that takes a temporary file in its directory, where it
+// shares data.
+std::string reason_of_sharing_on(const std::string &file, int error) {
+  char resolved[PATH_MAX];
+  struct stat status = {};
+  if (realpath(file.c_str(), resolved) == nullptr || stat(resolved, &status) != 0) {
+    return std::strerror(error);
+  }
+  const std::string directory = std::filesystem::path(resolved).parent_path();
+  const int fd = open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  const int open_error = fd < 0 ? errno : 0;
+  struct stat temporary = {};
+  const bool is_elsewhere =
+      fd >= 0 && fstat(fd, &temporary) == 0 && temporary.st_dev != status.st_dev;
+  if (fd >= 0) {
+    close(fd);
+  }
+  if (!is_elsewhere && open_error == 0) {
+    return std::strerror(error);
+  }
+  return "no temporary file beside it in " + escaped_name(directory) + ": " +
+         std::strerror(is_elsewhere ? EXDEV : open_error);
+}
+
 bool dedup(const Files &files, LogLines &log) {
+  if (refuse_on_overlay(files)) {
+    return false;
+  }
   // The library wants a path with a directory.
   const std::string first = files[0].find('/') == std::string::npos ? "./" + files[0] : files[0];
   const std::string &second = files[1];
@@ -101,11 +144,15 @@ bool recover(const Files &files, LogLines &log) {
     if (result == -2 && access(file.c_str(), F_OK) == 0) {
       return refuse(file, "is still attached to a layered inode");
     }
-    return refuse(file, result == -1 ? reason_of_failure(file, log) : std::strerror(-result));
+    return refuse(
+        file, result == -1 ? reason_of_failure(file, log) : reason_of_sharing_on(file, -result));
   });
 }
 
 bool group(const Files &files, LogLines &) {
+  if (refuse_on_overlay(files)) {
+    return false;
+  }
   std::vector<char *> paths;
   for (const std::string &file : files) {
     paths.push_back(const_cast<char *>(file.c_str()));
@@ -118,17 +165,30 @@ bool group(const Files &files, LogLines &) {
                                             std::strerror(error));
 }
 
+// The copy is its user's alone until it has the permissions of its source.
+int private_copy(const std::string &source, const std::string &target) {
+  const PrivateFiles new_file;
+  return reflink_copy(source.c_str(), target.c_str());
+}
+
 bool copy(const Files &files, LogLines &) {
   const std::string &source = files[0];
   const std::string &target = files[1];
   struct stat status = {};
   const bool existed = lstat(target.c_str(), &status) == 0;
-  const int error = reflink_copy(source.c_str(), target.c_str());
+  if (refuse_on_overlay({source})) {
+    return false;
+  }
+  const int error = private_copy(source, target);
   if (error == 0) {
     const std::string name = escaped_name(source);
     say(target, can_share_data(target)
                     ? "a new file that shares the data of " + name
                     : "a new file with a copy of the data of " + name + CANNOT_SHARE);
+    if (const int unset = copy_permissions(source, target); unset != 0) {
+      return refuse(target, std::string("does not have the permissions of its source: ") +
+                                std::strerror(unset));
+    }
     return true;
   }
   const bool is_left = !existed && lstat(target.c_str(), &status) == 0;
@@ -148,7 +208,7 @@ bool revoke(const Files &files, LogLines &log) {
       say(file, "was a plain file already");
       return true;
     }
-    return refuse(file, std::string("cannot be revoked: ") + std::strerror(result));
+    return refuse(file, "cannot be revoked: " + reason_of_sharing_on(file, result));
   });
 }
 

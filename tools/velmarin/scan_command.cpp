@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "display_name.h"
-#include "guarded_roots.h"
+#include "guarded_open.h"
 #include "log_lines.h"
 #include "merge.h"
 #include "message.h"
@@ -63,7 +63,8 @@ class ScanCommand {
     if (!prepare()) {
       return false;
     }
-    const GuardedRoots guard(report_.roots);
+    const GuardedRoots roots(report_.roots);
+    const PrivateFiles digest_files;
     const int error = scan();
     if (error != 0) {
       print_error("the scan could not be made" +
@@ -174,6 +175,10 @@ class ScanCommand {
     if (!log_.save_failure().empty()) {
       print_error("the digests were not kept for the next scan: " +
                   escaped_name(log_.save_failure()));
+    }
+    if (probe_counts.on_overlay > 0) {
+      print_error(format_count(probe_counts.on_overlay, "file") +
+                  " of an overlay left out: merging would copy each of them up");
     }
     if (none_supported) {
       print_error("no file could be examined: their file systems do not support deduplication");

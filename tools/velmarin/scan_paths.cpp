@@ -1,5 +1,6 @@
 #include "scan_paths.h"
 
+#include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -74,6 +75,24 @@ int check_state_directory(const std::string &path) {
   return access(path.c_str(), R_OK | W_OK | X_OK) == 0 ? 0 : errno;
 }
 
+// Digest files of former versions were open to others.
+void close_to_others(const std::string &directory) {
+  std::error_code error;
+  for (const auto &entry : std::filesystem::directory_iterator(directory, error)) {
+    if (entry.path().extension() != ".hsh") {
+      continue;
+    }
+    const int fd = open(entry.path().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat status = {};
+    if (fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1) {
+      fchmod(fd, S_IRUSR | S_IWUSR);
+    }
+    if (fd >= 0) {
+      close(fd);
+    }
+  }
+}
+
 }  // namespace
 
 bool resolve_roots(const std::vector<std::string> &given, std::vector<std::string> &roots) {
@@ -132,6 +151,7 @@ bool prepare_state_directory(std::string &path) {
     return false;
   }
   path = resolved;
+  close_to_others(path);
   return true;
 }
 

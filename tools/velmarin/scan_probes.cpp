@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "overlay.h"
 #include "stop_signal.h"
 #include "velmarin/files.h"
 
@@ -21,6 +22,16 @@ int counted_filter(int fd, const struct stat *status, const char *path) {
   return result;
 }
 
+int filter_for_merging(int fd, const struct stat *status, const char *path) {
+  if (S_ISREG(status->st_mode) && is_on_overlay(fd)) {
+    ++probe_counts.entries;
+    ++probe_counts.unsupported;
+    ++probe_counts.on_overlay;
+    return -EOPNOTSUPP;
+  }
+  return counted_filter(fd, status, path);
+}
+
 int counted_freeze(int fd, const char *path) {
   ++probe_counts.frozen;
   return freeze_file(fd, path);
@@ -28,11 +39,11 @@ int counted_freeze(int fd, const char *path) {
 
 }  // namespace
 
-velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool freezes) {
-  return {.filter = counted_filter,
+velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool merges) {
+  return {.filter = merges ? filter_for_merging : counted_filter,
           .get_status = check_file_status,
-          .prep = freezes ? counted_freeze : nullptr,
-          .verify = freezes ? check_frozen : nullptr,
+          .prep = merges ? counted_freeze : nullptr,
+          .verify = merges ? check_frozen : nullptr,
           .report = report};
 }
 

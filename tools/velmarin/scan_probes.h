@@ -13,12 +13,14 @@ struct ProbeCounts {
   std::atomic<uint64_t> entries = 0;      // directories and files seen
   std::atomic<uint64_t> frozen = 0;       // files frozen to be read for a digest
   std::atomic<uint64_t> unsupported = 0;  // files left out: their file system cannot deduplicate
+  std::atomic<uint64_t> on_overlay = 0;   // of these, those whose merging would copy them up
   std::atomic<uint64_t> unknown = 0;      // files left out: their state could not be asked
 };
 extern ProbeCounts probe_counts;
 
-// The callback table of a scan that reports to `report`. One that does not freeze the files that it
-// reads writes nothing to their file systems; modification times tell it which files change.
-velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool freezes);
+// The callback table of a scan that reports to `report`. One that does not merge afterwards freezes
+// nothing, so it writes nothing to the file systems that it reads; modification times tell it which
+// files change. One that does leaves out the files of an overlay.
+velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool merges);
 
 }  // namespace tool

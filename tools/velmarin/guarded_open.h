@@ -1,6 +1,6 @@
-// Keeps a scan inside its roots while other users rename in them. The library opens files by their
-// paths, so a directory that is swapped for a symbolic link at the right moment would lead it to
-// files elsewhere. The tool therefore answers the library's calls of open(2) itself.
+// The tool answers the library's calls of open(2) itself. The library opens files by their paths,
+// so a directory below a root that another user swaps for a symbolic link at the right moment would
+// lead it to files elsewhere; and it makes files that others may read.
 #pragma once
 
 #include <string>
@@ -19,6 +19,17 @@ class GuardedRoots {
   ~GuardedRoots();
   GuardedRoots(const GuardedRoots &) = delete;
   GuardedRoots &operator=(const GuardedRoots &) = delete;
+};
+
+// While an object lives, a file that is made is for its user alone, whatever default access control
+// list its directory has; and a file that is there and belongs to somebody else is not opened to be
+// made. At most one object lives.
+class PrivateFiles {
+ public:
+  PrivateFiles();
+  ~PrivateFiles();
+  PrivateFiles(const PrivateFiles &) = delete;
+  PrivateFiles &operator=(const PrivateFiles &) = delete;
 };
 
 }  // namespace tool

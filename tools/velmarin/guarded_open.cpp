@@ -1,6 +1,7 @@
-#include "guarded_roots.h"
+#include "guarded_open.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -18,8 +19,9 @@ struct HeldRoot {
   int fd;  // a negative one makes every open below the root fail
 };
 
-// Written before the scan starts its threads.
+// Both are written while the process has one thread.
 std::vector<HeldRoot> held_roots;
+bool makes_private_files = false;
 
 int plain_open(const char *path, int flags, mode_t mode) {
   return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
@@ -40,11 +42,22 @@ const char *path_below(const std::string &root, const char *path) {
   return *rest == '\0' ? "." : rest;
 }
 
+// Closes a file that was found rather than made, and belongs to somebody else.
+int refuse_foreign(int fd) {
+  struct stat status = {};
+  if (fd < 0 || (fstat(fd, &status) == 0 && status.st_uid == geteuid())) {
+    return fd;
+  }
+  close(fd);
+  errno = EACCES;
+  return -1;
+}
+
 bool is_temporary(int flags) {
   return (flags & O_TMPFILE) == O_TMPFILE;
 }
 
-int guarded_open(const char *path, int flags, mode_t mode) {
+int open_below_roots(const char *path, int flags, mode_t mode) {
   // A link to a descriptor of this process, by which the platform opens a file a second time.
   if (std::string_view(path).starts_with("/proc/self/fd/")) {
     return plain_open(path, flags, mode);
@@ -59,6 +72,13 @@ int guarded_open(const char *path, int flags, mode_t mode) {
     return -1;
   }
   return plain_open(path, flags, mode);
+}
+
+int guarded_open(const char *path, int flags, mode_t mode) {
+  if (!makes_private_files || (flags & O_CREAT) == 0) {
+    return open_below_roots(path, flags, mode);
+  }
+  return refuse_foreign(open_below_roots(path, flags, mode & (S_IRUSR | S_IWUSR)));
 }
 
 }  // namespace
@@ -78,6 +98,14 @@ GuardedRoots::~GuardedRoots() {
     }
   }
   held_roots.clear();
+}
+
+PrivateFiles::PrivateFiles() {
+  makes_private_files = true;
+}
+
+PrivateFiles::~PrivateFiles() {
+  makes_private_files = false;
 }
 
 }  // namespace tool
