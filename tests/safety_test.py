@@ -117,7 +117,7 @@ class OutsideTheRoots(ToolCase):
                                 tree) as process:
                     output, _ = process.communicate(timeout=60)
                 merged += output.count(b"  merged  ")
-        self.assertGreater(swapper.count, 1000)
+        self.assertGreater(swapper.count, 100)
         self.assertGreater(merged, 0)
         self.assertEqual((traces(outside), extents(victims)), (before, places))
         self.assertEqual({path.name: path.read_bytes() for path in victims},

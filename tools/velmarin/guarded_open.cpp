@@ -7,9 +7,11 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstring>
 #include <string_view>
 
 #include "beneath.h"
+#include "message.h"
 
 namespace tool {
 namespace {
@@ -87,6 +89,13 @@ GuardedRoots::GuardedRoots(const std::vector<std::string> &roots) {
   std::vector<HeldRoot> held;
   for (const std::string &root : roots) {
     held.push_back({root, plain_open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC, 0)});
+    const int trial = open_beneath(held.back().fd, ".", O_RDONLY | O_CLOEXEC, 0);
+    if (trial < 0) {
+      print_error("cannot keep a scan below", root, std::strerror(errno));
+      are_held_ = false;
+    } else {
+      close(trial);
+    }
   }
   held_roots = std::move(held);
 }

@@ -19,6 +19,12 @@ class GuardedRoots {
   ~GuardedRoots();
   GuardedRoots(const GuardedRoots &) = delete;
   GuardedRoots &operator=(const GuardedRoots &) = delete;
+
+  // False, with a word on standard error, when a root has gone or the kernel has no openat2.
+  bool are_held() const { return are_held_; }
+
+ private:
+  bool are_held_ = true;
 };
 
 // While an object lives, a file that is made is for its user alone, whatever default access control

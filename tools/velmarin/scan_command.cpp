@@ -64,6 +64,9 @@ class ScanCommand {
       return false;
     }
     const GuardedRoots roots(report_.roots);
+    if (!roots.are_held()) {
+      return false;
+    }
     const PrivateFiles digest_files;
     const int error = scan();
     if (error != 0) {
