@@ -5,6 +5,12 @@
 # sources, and a host needs neither.
 include(CMakePackageConfigHelpers)
 
+# velmarin_compress(FILE): FILE.gz, always the same for the same content.
+find_program(GZIP gzip REQUIRED)
+function(velmarin_compress file)
+  execute_process(COMMAND ${GZIP} -9 --no-name --force --keep ${file} COMMAND_ERROR_IS_FATAL ANY)
+endfunction()
+
 set_target_properties(velmarin_platform PROPERTIES EXPORT_NAME platform)
 install(TARGETS velmarin velmarin_platform
   EXPORT velmarin-targets
@@ -40,7 +46,10 @@ cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${CMAKE_INSTAL
   OUTPUT_VARIABLE libraries_from_tool)
 set_target_properties(velmarin_tool PROPERTIES INSTALL_RPATH $ORIGIN/${libraries_from_tool})
 install(TARGETS velmarin_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
-install(FILES docs/velmarin.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+configure_file(docs/velmarin.1 velmarin.1 COPYONLY)
+velmarin_compress(${CMAKE_CURRENT_BINARY_DIR}/velmarin.1)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/velmarin.1.gz
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
 install(FILES tools/velmarin/completion/velmarin.bash RENAME velmarin
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
 # Debian's zsh looks in a directory of its own for what packages bring.

@@ -26,11 +26,11 @@ add_executable(host {EXAMPLE})
 target_link_libraries(host PRIVATE velmarin::platform velmarin::velmarin)
 """
 SAME_LIBRARY = f"libvelmarin1 (= {VERSION})"
-# What each package depends on, how many files it holds and which among them.
+# What each package depends on and some of the files that it holds.
 PACKAGES = {
-    "libvelmarin1": ("libssl3", 4, "libvelmarin.so.1", f"libvelmarin_platform.so.{VERSION}"),
-    "libvelmarin-dev": (SAME_LIBRARY, 13, "libvelmarin.so", "velmarin.pc", "velmarin/scan.h"),
-    "velmarin": (SAME_LIBRARY, 4, "bin/velmarin", "man1/velmarin.1", "completions/_velmarin"),
+    "libvelmarin1": ("libssl3", "libvelmarin.so.1", f"libvelmarin_platform.so.{VERSION}"),
+    "libvelmarin-dev": (SAME_LIBRARY, "libvelmarin.so", "velmarin.pc", "velmarin/scan.h"),
+    "velmarin": (SAME_LIBRARY, "bin/velmarin", "man1/velmarin.1.gz", "completions/_velmarin"),
 }
 
 
@@ -94,14 +94,22 @@ class Installation(Installed):
 
 
 class Packages(Installed):
-    @unittest.skipUnless(shutil.which("dpkg-shlibdeps"), "there is no dpkg-shlibdeps")
+    @unittest.skipUnless(shutil.which("lintian") and shutil.which("dpkg-gensymbols"),
+                         "needs lintian and dpkg-dev")
     def test_debian_packages_hold_each_their_part_and_work_together(self):
         run("cpack", "--config", BUILD + "/CPackConfig.cmake", "-B", self.directory)
-        for name, (dependency, count, *expected) in PACKAGES.items():
+        run("lintian", "--fail-on", "error,warning", "--allow-root", *self.directory.glob("*.deb"))
+        (self.directory / "debian").mkdir()
+        shutil.copy(BUILD + "/packaging/changelog", self.directory / "debian")
+        (self.directory / "debian/control").write_text(
+            "Source: velmarin\n\nPackage: libvelmarin1\nArchitecture: any\n", encoding="utf-8")
+        run("dpkg-gensymbols", "-c4", "-O", "-plibvelmarin1", f"-I{SOURCE}/packaging/symbols",
+            *(f"-e{BUILD}/{name}.so.1" for name in ("libvelmarin", "libvelmarin_platform")),
+            cwd=self.directory)
+        for name, (dependency, *expected) in PACKAGES.items():
             package, = self.directory.glob(name + "_*.deb")
             listed = re.findall(r" \./(\S*[^/\s])(?: -> \S+)?$",
                                 run("dpkg-deb", "--contents", package), re.M)
-            self.assertEqual(len(listed), count, listed)
             for ending in expected:
                 self.assertTrue(any(path.endswith(ending) for path in listed), ending)
             self.assertIn(dependency, run("dpkg-deb", "--field", package, "Depends"))
