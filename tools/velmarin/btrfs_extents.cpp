@@ -11,8 +11,11 @@
 namespace tool::btrfs {
 namespace {
 
-constexpr size_t SEARCH_BYTES = 64 << 10;
-constexpr size_t REFERENCE_BYTES = 1 << 20;  // 43,690 references
+constexpr size_t SEARCH_BYTES = 8 << 10;
+// An item of a search. With less room than that left there may be more items.
+constexpr size_t ITEM_BYTES = sizeof(btrfs_ioctl_search_header) + sizeof(btrfs_file_extent_item);
+// Room for 2,730 references, which will mostly do, and for 43,690.
+constexpr size_t REFERENCE_BYTES[] = {64 << 10, 1 << 20};
 
 // Memory with the alignment of the kernel's records.
 std::vector<uint64_t> record_memory(size_t bytes) {
@@ -44,15 +47,23 @@ void add_extent(const char *item, uint32_t length, uint64_t offset,
   }
 }
 
+// Three words for each reference: inode, offset, subvolume.
+std::vector<Inode> inodes_in(const btrfs_data_container &answer) {
+  std::vector<Inode> inodes;
+  inodes.reserve(answer.elem_cnt / 3);
+  for (uint32_t i = 0; i + 2 < answer.elem_cnt; i += 3) {
+    inodes.push_back({answer.val[i + 2], answer.val[i]});
+  }
+  return inodes;
+}
+
 }  // namespace
 
-std::optional<Inode> inode_of(int fd, uint64_t number) {
+std::optional<uint64_t> subvolume_of(int fd) {
   btrfs_ioctl_ino_lookup_args lookup = {};
   lookup.objectid = BTRFS_FIRST_FREE_OBJECTID;  // with tree 0: the subvolume of the file
-  if (ioctl(fd, BTRFS_IOC_INO_LOOKUP, &lookup) != 0) {
-    return std::nullopt;
-  }
-  return Inode{lookup.treeid, number};
+  return ioctl(fd, BTRFS_IOC_INO_LOOKUP, &lookup) == 0 ? std::optional(lookup.treeid)
+                                                       : std::nullopt;
 }
 
 std::optional<std::vector<FileExtent>> file_extents(int fd, const Inode &inode) {
@@ -65,10 +76,8 @@ std::optional<std::vector<FileExtent>> file_extents(int fd, const Inode &inode) 
     if (ioctl(fd, BTRFS_IOC_TREE_SEARCH_V2, search) != 0) {
       return std::nullopt;
     }
-    if (search->key.nr_items == 0) {
-      return extents;
-    }
     const char *place = reinterpret_cast<const char *>(search->buf);
+    const char *const end = place + SEARCH_BYTES;
     for (uint32_t i = 0; i < search->key.nr_items; ++i) {
       btrfs_ioctl_search_header header = {};
       std::memcpy(&header, place, sizeof header);
@@ -77,29 +86,29 @@ std::optional<std::vector<FileExtent>> file_extents(int fd, const Inode &inode) 
       place += header.len;
       offset = header.offset + 1;
     }
+    if (search->key.nr_items == 0 || static_cast<size_t>(end - place) >= ITEM_BYTES) {
+      return extents;
+    }
   }
 }
 
 std::optional<std::vector<Inode>> references_of(int fd, uint64_t disk_begin) {
-  std::vector<uint64_t> memory = record_memory(REFERENCE_BYTES);
-  auto *const answer = reinterpret_cast<btrfs_data_container *>(memory.data());
-  btrfs_ioctl_logical_ino_args request = {};
-  request.logical = disk_begin;
-  request.size = REFERENCE_BYTES;
-  request.flags = BTRFS_LOGICAL_INO_ARGS_IGNORE_OFFSET;
-  request.inodes = reinterpret_cast<uintptr_t>(answer);
-  std::vector<Inode> inodes;
-  if (ioctl(fd, BTRFS_IOC_LOGICAL_INO_V2, &request) != 0) {
-    return errno == ENOENT ? std::optional(inodes) : std::nullopt;
+  for (const size_t bytes : REFERENCE_BYTES) {
+    std::vector<uint64_t> memory = record_memory(bytes);
+    auto *const answer = reinterpret_cast<btrfs_data_container *>(memory.data());
+    btrfs_ioctl_logical_ino_args request = {};
+    request.logical = disk_begin;
+    request.size = bytes;
+    request.flags = BTRFS_LOGICAL_INO_ARGS_IGNORE_OFFSET;
+    request.inodes = reinterpret_cast<uintptr_t>(answer);
+    if (ioctl(fd, BTRFS_IOC_LOGICAL_INO_V2, &request) != 0) {
+      return errno == ENOENT ? std::optional(std::vector<Inode>()) : std::nullopt;
+    }
+    if (answer->elem_missed == 0) {
+      return inodes_in(*answer);
+    }
   }
-  if (answer->elem_missed > 0) {
-    return std::nullopt;
-  }
-  // Three words for each reference: inode, offset, subvolume.
-  for (uint32_t i = 0; i + 2 < answer->elem_cnt; i += 3) {
-    inodes.push_back({answer->val[i + 2], answer->val[i]});
-  }
-  return inodes;
+  return std::nullopt;
 }
 
 }  // namespace tool::btrfs

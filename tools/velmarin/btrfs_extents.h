@@ -22,11 +22,11 @@ struct FileExtent {
 struct Inode {
   uint64_t subvolume = 0;
   uint64_t number = 0;
-  auto operator<=>(const Inode &) const = default;
+  auto operator<=>(const Inode &) const = default;  // NOLINT(modernize-use-nullptr)
 };
 
-// The inode behind an open file. Needs no special right.
-std::optional<Inode> inode_of(int fd, uint64_t number);
+// The subvolume of an open file. Needs no special right.
+std::optional<uint64_t> subvolume_of(int fd);
 
 // All extents of a file, in the order of the file; those behind its end are among them. Data that
 // is not on disk yet is not.

@@ -143,11 +143,11 @@ ExtentMap read_extents(int fd, uint64_t inode, uint64_t size, const Volume &volu
   for (const fiemap_extent &extent : extents) {
     add_extent(map, extent, end, volume.block_size);
   }
-  if (!volume.is_btrfs || map.is_inline) {
+  if (!volume.subvolume || map.is_inline) {
     return map;
   }
-  map.inode = btrfs::inode_of(fd, inode);
-  if (map.inode && !map.held.empty()) {
+  map.inode = btrfs::Inode{*volume.subvolume, inode};
+  if (!map.held.empty()) {
     if (const auto file = btrfs::file_extents(fd, *map.inode)) {
       map.held = whole_extents(*file, extents, end);
     }

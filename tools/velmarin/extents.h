@@ -17,7 +17,7 @@ struct MappedData {
   uint64_t offset = 0;
   uint64_t length = 0;
   uint64_t address = 0;
-  auto operator<=>(const MappedData &) const = default;
+  auto operator<=>(const MappedData &) const = default;  // NOLINT(modernize-use-nullptr)
 };
 
 // A range on disk to which a file refers, so that it stays occupied.

@@ -60,6 +60,10 @@ Json figures(const Report &report) {
     list.push_back({"can be freed", format_size(findings.reclaimable().certain)});
     list.push_back({"not merged yet", format_size(findings.unmerged_bytes())});
   }
+  const Space space = report.applied ? findings.freed() : findings.reclaimable();
+  if (space.uncertain > 0) {
+    list.push_back({"at most besides", format_size(space.uncertain)});
+  }
   list.push_back({"groups", std::to_string(findings.groups.size())});
   list.push_back({"identical files", std::to_string(findings.grouped_files())});
   return list;

@@ -69,15 +69,15 @@ int open_as_source(FoundFile &file, LogLines &log) {
 // Merging the files of one share. `source_` is the place of the source in the group.
 class ShareMerge {
  public:
-  ShareMerge(FoundGroup &group, Share &share, const Volume &volume, LogLines &log,
+  ShareMerge(FoundGroup &group, Share &share, const Volumes &volumes, LogLines &log,
              MergeProgress &progress)
       : group_(group),
         share_(share),
-        volume_(volume),
+        volumes_(volumes),
         log_(log),
         progress_(progress),
         maps_(maps_before()),
-        account_(account_of(volume, maps_)) {}
+        account_(account_of(*volumes.find(share.volume), maps_)) {}
 
   void run() {
     const int fd = open_source();
@@ -117,7 +117,7 @@ class ShareMerge {
   std::vector<ExtentMap> maps_before() const {
     std::vector<ExtentMap> maps(group_.files.size());
     for (const size_t place : share_.files) {
-      maps[place] = extents_of(group_.files[place], volume_);
+      maps[place] = extents_of(group_.files[place], volumes_);
     }
     return maps;
   }
@@ -146,7 +146,7 @@ class ShareMerge {
 
   void count_freed(size_t place) {
     const FoundFile &file = group_.files[place];
-    const ExtentMap map = extents_of(file, volume_);
+    const ExtentMap map = extents_of(file, volumes_);
     if (!map.is_known || !maps_[place].is_known) {
       unknown_bytes_ += file.state.allocated_bytes;
     } else {
@@ -161,7 +161,7 @@ class ShareMerge {
 
   FoundGroup &group_;
   Share &share_;
-  const Volume &volume_;
+  const Volumes &volumes_;
   LogLines &log_;
   MergeProgress &progress_;
   const std::vector<ExtentMap> maps_;  // of the files of the share, at their places in the group
@@ -184,7 +184,7 @@ void mark_idle(FoundGroup &group, const Share &share) {
   }
 }
 
-void merge_share(FoundGroup &group, Share &share, const Volume &volume, LogLines &log,
+void merge_share(FoundGroup &group, Share &share, const Volumes &volumes, LogLines &log,
                  MergeProgress &progress) {
   if (!has_work(group, share)) {
     mark_idle(group, share);
@@ -194,7 +194,7 @@ void merge_share(FoundGroup &group, Share &share, const Volume &volume, LogLines
     set_outcome(group.files[place], Outcome::not_tried);
   }
   if (!stop_requested()) {
-    ShareMerge(group, share, volume, log, progress).run();
+    ShareMerge(group, share, volumes, log, progress).run();
   }
 }
 
@@ -231,11 +231,11 @@ void plan_merge(const Findings &findings, MergeProgress &progress) {
   }
 }
 
-void merge_all(Findings &findings, Volumes &volumes, LogLines &log, MergeProgress &progress) {
+void merge_all(Findings &findings, const Volumes &volumes, LogLines &log, MergeProgress &progress) {
   for (FoundGroup &group : findings.groups) {
     mark_unusable(group);
     for (Share &share : group.shares) {
-      merge_share(group, share, *volumes.find(share.volume), log, progress);
+      merge_share(group, share, volumes, log, progress);
     }
   }
 }

@@ -25,6 +25,6 @@ void plan_merge(const Findings &findings, MergeProgress &progress);
 // file and what was freed of each share: what the files referred to before and no longer do. A file
 // that is refused keeps its data and does not stop the rest. Ends early, after the file in hand,
 // when a stop is asked for. `log` tells why the library could not make a layered inode.
-void merge_all(Findings &findings, Volumes &volumes, LogLines &log, MergeProgress &progress);
+void merge_all(Findings &findings, const Volumes &volumes, LogLines &log, MergeProgress &progress);
 
 }  // namespace tool

@@ -131,6 +131,7 @@ class Survey {
       share.files.push_back(place);
     }
     std::vector<Share> shares;
+    shares.reserve(by_volume.size());
     for (auto &[id, share] : by_volume) {
       shares.push_back(std::move(share));
     }
@@ -163,8 +164,9 @@ bool is_unchanged(const FoundFile &file) {
   return lstat(file.path.c_str(), &status) == 0 && matches_scan(file, status);
 }
 
-ExtentMap extents_of(const FoundFile &file, const Volume &volume) {
+ExtentMap extents_of(const FoundFile &file, const Volumes &volumes) {
   ExtentMap map;
+  const Volume &volume = *volumes.find(file.state.device);
   const int fd = volume.can_share ? open_found(file) : -1;
   if (fd < 0) {
     return map;

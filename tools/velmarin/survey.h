@@ -18,6 +18,6 @@ void survey(Findings &findings, Volumes &volumes, bool before_merging);
 bool is_unchanged(const FoundFile &file);
 
 // The extents of the file as it is now; not known when it is no longer what the survey saw.
-ExtentMap extents_of(const FoundFile &file, const Volume &volume);
+ExtentMap extents_of(const FoundFile &file, const Volumes &volumes);
 
 }  // namespace tool

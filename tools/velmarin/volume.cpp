@@ -9,6 +9,8 @@
 
 #include <algorithm>
 
+#include "btrfs_extents.h"
+
 namespace tool {
 namespace {
 
@@ -84,6 +86,7 @@ const Volume &Volumes::meet(dev_t device, int fd) {
   if (!volume.is_btrfs) {
     return volume;
   }
+  volume.subvolume = btrfs::subvolume_of(fd);
   volume.fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
   btrfs_ioctl_fs_info_args info = {};
   if (ioctl(fd, BTRFS_IOC_FS_INFO, &info) == 0) {

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace tool {
@@ -14,6 +15,7 @@ struct Volume {
   dev_t id = 0;            // one of its device numbers, the same for all subvolumes of a Btrfs
   bool can_share = false;  // files of this file system can share extents
   bool is_btrfs = false;
+  std::optional<uint64_t> subvolume;  // of a Btrfs
   uint64_t block_size = 4096;
   int fd = -1;  // open on a file of a Btrfs, for questions about it; its owner is `Volumes`
 };
