@@ -9,6 +9,7 @@ import shutil
 import signal
 import subprocess
 import sys
+import time
 from pathlib import Path
 
 from support.script import DEADLINE, TOOL, ToolCase, content, main, run
@@ -163,6 +164,22 @@ class Interrupted(ToolCase):
         self.assertEqual((process.returncode, report["stopped"], report["merged"]["not_tried"]),
                          (1, True, list(outcomes.values()).count("not tried")))
         self.assertEqual({path.read_bytes() for path in changed}, {b"something else"})
+
+    def test_the_time_budget_ends_merging_after_the_file_in_hand(self):
+        for number in range(60):
+            for twin in "ab":
+                self.write(f"{number:02}{twin}", content(number, 90000 - 1000 * number))
+        with self.start("scan", "--apply", "--json", "--verbose", "--time-budget", "4", "--min-size",
+                        "1K", ".") as process:
+            end = time.monotonic() + 4
+            self.wait_for(process, b"done deduplication")  # merging stands still soon after
+            while time.monotonic() < end:
+                time.sleep(0.1)
+            report = json.loads(process.communicate(timeout=DEADLINE)[0])
+        outcomes = self.outcomes(report)
+        self.assertEqual((outcomes["00b"], outcomes["59b"]), ("merged", "not tried"))
+        self.assertEqual((process.returncode, report["stopped"], report["out_of_time"]),
+                         (1, False, True))
 
     def test_a_signal_while_walking_ends_the_walk_and_digests_are_saved(self):
         self.write("a", content("same"))

@@ -107,18 +107,22 @@ class Rounds:
         return phase
 
     def state_of_digest_file(self):
-        """What the next scan will find."""
+        """What the next scan will find, besides what was saved before under its second name."""
         names = os.listdir(self.state) if os.path.isdir(self.state) else []
-        if not names:
+        kept = [name for name in names if name.endswith(".kept")]
+        found = sorted(set(names) - set(kept))
+        require(len(found) <= 1 and len(kept) <= 1, f"more than one digest file: {names}")
+        if not found:
             return "absent"
-        require(len(names) == 1, f"more than one digest file: {names}")
-        with open(os.path.join(self.state, names[0]), "rb") as file:
+        with open(os.path.join(self.state, found[0]), "rb") as file:
             data = file.read()
         for place in range(0, len(data) - ENTRY + 1, ENTRY):
             (crc,) = struct.unpack_from("<Q", data, place)
             require(crc == crc64(data[place + CRC:place + ENTRY]), "a saved digest is damaged")
         require(len(data) % ENTRY in (0, CRC), f"the digest file has {len(data)} bytes")
-        return "whole entries" if len(data) % ENTRY == 0 else "cut behind a checksum"
+        if len(data) % ENTRY == 0:
+            return "whole entries"
+        return "cut behind a checksum, kept" if kept else "cut behind a checksum"
 
     def check_files(self):
         require(sorted(os.listdir(self.tree)) == sorted(self.expected), "other files than before")
@@ -127,7 +131,7 @@ class Rounds:
                 require(hashlib.sha256(file.read()).hexdigest() == digest, f"{name} has changed")
 
     def check_next_scan(self, digest_file):
-        """It finds all groups and logs no error, but for a digest file that was cut."""
+        """It finds all groups and logs no error, but for a cut digest file without a second."""
         done = self.run(*self.scan_command(), statuses=(0,))
         report = json.loads(done.stdout)
         require(sorted(len(group["files"]) for group in report["groups"]) == [COPIES] * GROUPS,

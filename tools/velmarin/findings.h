@@ -43,6 +43,7 @@ struct FileState {
 // A file as the scan reported it. Everything but `state`, `outcome` and `reason` stays as reported.
 struct FoundFile {
   std::string path;
+  dev_t device = 0;    // on which the scan met it
   uint64_t inode = 0;  // low 32 bits
   int64_t status = 0;  // SIS_STATUS_* or minus an errno
   uint64_t size = 0;

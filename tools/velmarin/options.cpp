@@ -47,6 +47,8 @@ void add_scan_limits(CLI::App *command, ScanOptions &scan) {
       ->add_option("--max-depth", scan.max_depth, "Do not read directories N levels below a root")
       ->type_name("N")
       ->check(CLI::Range(0, 2047));
+  command->add_flag("-x,--one-file-system", scan.one_file_system,
+                    "Stay on the file systems of the roots");
   command->add_option("--time-budget", scan.time_budget, "End the scan early after this time")
       ->type_name("SECONDS")
       ->check(CLI::Range(0U, 31536000U));

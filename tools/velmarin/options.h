@@ -13,6 +13,7 @@ struct ScanOptions {
   bool verbose = false;
   bool quiet = false;
   bool no_color = false;
+  bool one_file_system = false;
   std::string state;  // empty: the default directory
   std::string html;   // empty: no page
   std::vector<std::string> skips;

@@ -1,6 +1,5 @@
 #include "scan_command.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -15,20 +14,16 @@
 #include "report.h"
 #include "scan_paths.h"
 #include "scan_probes.h"
+#include "scan_runs.h"
 #include "size_text.h"
 #include "stop_signal.h"
 #include "survey.h"
+#include "time_limit.h"
 #include "velmarin/files.h"
 #include "volume.h"
 
 namespace tool {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-std::chrono::milliseconds since(Clock::time_point start) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
-}
 
 const char *phase_word(ScanPhase phase) {
   switch (phase) {
@@ -46,20 +41,13 @@ const char *phase_word(ScanPhase phase) {
   return "reporting";
 }
 
-std::vector<const char *> pointers(const std::vector<std::string> &texts) {
-  std::vector<const char *> list;
-  list.reserve(texts.size());
-  for (const std::string &text : texts) {
-    list.push_back(text.c_str());
-  }
-  return list;
-}
-
 class ScanCommand {
  public:
-  explicit ScanCommand(const ScanOptions &options) : options_(options), log_(options.verbose) {}
+  explicit ScanCommand(const ScanOptions &options)
+      : options_(options), limit_(options.time_budget), log_(options.verbose) {}
 
   bool run() {
+    stop_after(limit_);
     if (!prepare()) {
       return false;
     }
@@ -78,7 +66,7 @@ class ScanCommand {
     if (options_.apply) {
       apply();
     }
-    report_.elapsed = since(start_);
+    report_.elapsed = limit_.elapsed();
     return print() && is_success();
   }
 
@@ -92,50 +80,44 @@ class ScanCommand {
   }
 
   int scan() {
-    const velmarin::sis_ops ops = counted_probes(Collector::receive, options_.apply);
-    std::vector<const char *> roots = pointers(report_.roots);
-    std::vector<const char *> skips = pointers(skips_);
-    // An empty file holds no data that could be shared.
-    const uint64_t min_size = std::max<uint64_t>(options_.min_size, 1);
     const auto progress = show_progress([this] { return scan_progress(); });
-    return single_instance_storage(
-        roots.data(), static_cast<int>(roots.size()), skips.data(), static_cast<int>(skips.size()),
-        state_.c_str(), min_size, options_.max_depth, 0, options_.time_budget, &ops,
-        reinterpret_cast<uintptr_t>(&collector_), signals_.handle_slot());
+    return runs_.run();
   }
 
   std::string scan_progress() const {
-    return format_duration(since(start_)) + "  " + phase_word(log_.phase()) + "  " +
+    return format_duration(limit_.elapsed()) + "  " + phase_word(log_.phase()) + "  " +
            format_count(probe_counts.entries, "file") + " looked at" +
            (options_.apply ? ", " + std::to_string(probe_counts.frozen) + " frozen" : "");
   }
 
   void finish_scan() {
-    report_.stopped = stop_requested();
-    report_.out_of_time =
-        options_.time_budget > 0 && since(start_) >= std::chrono::seconds(options_.time_budget);
+    report_.stopped = stop_signalled();
+    report_.out_of_time = limit_.is_over();
     report_.unsupported = probe_counts.unsupported;
     report_.unknown = probe_counts.unknown;
-    report_.findings = std::move(collector_.findings);
+    report_.findings = std::move(runs_.findings);
     Statistics &statistics = report_.findings.statistics;
     get_sis_file_statistics(&statistics.compressed_files, &statistics.deduped_files,
                             &statistics.compressed_saved_bytes, &statistics.deduped_saved_bytes);
     const auto progress = show_progress(
-        [this] { return format_duration(since(start_)) + "  looking at the files found"; });
+        [this] { return format_duration(limit_.elapsed()) + "  looking at the files found"; });
     survey(report_.findings, volumes_, options_.apply);
   }
 
   void apply() {
     MergeProgress merging;
     plan_merge(report_.findings, merging);
-    const Clock::time_point start = Clock::now();
-    const auto progress = show_progress([&] { return merge_progress(merging, since(start)); });
+    const auto start = limit_.elapsed();
+    const auto progress =
+        show_progress([&] { return merge_progress(merging, limit_.elapsed() - start); });
     merge_all(report_.findings, volumes_, log_, merging);
-    report_.stopped = stop_requested();
+    report_.stopped = stop_signalled();
+    report_.out_of_time =
+        report_.out_of_time || (limit_.is_over() && count_outcomes(report_.findings).not_tried > 0);
   }
 
   std::string merge_progress(const MergeProgress &merging, std::chrono::milliseconds spent) const {
-    std::string text = format_duration(since(start_)) + "  merging  " +
+    std::string text = format_duration(limit_.elapsed()) + "  merging  " +
                        std::to_string(merging.files_done) + " of " +
                        format_count(merging.files_to_do, "file") + ", " +
                        format_size(merging.freed_bytes) + " freed";
@@ -183,6 +165,9 @@ class ScanCommand {
       print_error(format_count(probe_counts.on_overlay, "file") +
                   " of an overlay left out: merging would copy each of them up");
     }
+    if (!runs_.kept_digests) {
+      print_error("digests of files that were not reached could not be written");
+    }
     if (none_supported) {
       print_error("no file could be examined: their file systems do not support deduplication");
     }
@@ -190,19 +175,19 @@ class ScanCommand {
       print_error("stopped early: the findings are not complete");
     }
     return counters.nr_error == 0 && !none_supported && log_.save_failure().empty() &&
-           merged.refused + merged.changed + merged.not_tried == 0;
+           runs_.kept_digests && merged.refused + merged.changed + merged.not_tried == 0;
   }
 
   const ScanOptions &options_;
-  const Clock::time_point start_ = Clock::now();
+  const TimeLimit limit_;
   StopSignals signals_;
   LogLines log_;
   std::string state_;
   std::vector<std::string> skips_;
   OutputFile page_;
-  Collector collector_;
   Volumes volumes_;
   Report report_;
+  ScanRuns runs_{options_, report_.roots, skips_, state_, limit_, signals_};
 };
 
 }  // namespace

@@ -9,12 +9,17 @@
 namespace tool {
 
 ProbeCounts probe_counts;
+velmarin::sis_entry_callback entry_watch = nullptr;
 
 namespace {
 
 int counted_filter(int fd, const struct stat *status, const char *path) {
   publish_stop_handle();
   ++probe_counts.entries;
+  const int verdict = entry_watch == nullptr ? 0 : entry_watch(fd, status, path);
+  if (verdict < 0) {
+    return verdict;
+  }
   const int result = filter_out_nonsis(fd, status, path);
   if (result < 0) {
     ++(result == -EOPNOTSUPP ? probe_counts.unsupported : probe_counts.unknown);

@@ -18,6 +18,10 @@ struct ProbeCounts {
 };
 extern ProbeCounts probe_counts;
 
+// Called for every directory and regular file before the library's own filter; a negative result
+// leaves the entry out. Set before a scan, null for none.
+extern velmarin::sis_entry_callback entry_watch;
+
 // The callback table of a scan that reports to `report`. One that does not merge afterwards freezes
 // nothing, so it writes nothing to the file systems that it reads; modification times tell it which
 // files change. One that does leaves out the files of an overlay.

@@ -14,6 +14,7 @@ std::atomic<int *> published = nullptr;
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int *>::is_always_lock_free);
 
 int *written_handle = nullptr;  // written by the scan before it starts its threads
+const TimeLimit *time_limit = nullptr;
 struct sigaction former_actions[std::size(STOP_SIGNALS)];
 
 // Either this finds the handle published, or the publishing thread finds the request: both sides
@@ -51,7 +52,15 @@ int **StopSignals::handle_slot() {
 }
 
 bool stop_requested() {
+  return requested || (time_limit != nullptr && time_limit->is_over());
+}
+
+bool stop_signalled() {
   return requested;
+}
+
+void stop_after(const TimeLimit &limit) {
+  time_limit = &limit;
 }
 
 void publish_stop_handle() {

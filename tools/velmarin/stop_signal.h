@@ -1,8 +1,11 @@
-// Ctrl-C (and SIGTERM) as a request to stop: the scan ends early but in order, merging ends after
-// the file in hand. The first signal asks; a second one ends the process.
+// Ctrl-C (and SIGTERM), and the end of the time budget, as a request to stop: the scan ends early
+// but in order, merging ends after the file in hand. The first signal asks; a second one ends the
+// process.
 #pragma once
 
 #include <signal.h>
+
+#include "time_limit.h"
 
 namespace tool {
 
@@ -18,7 +21,14 @@ class StopSignals {
   int **handle_slot();
 };
 
+// Whether what is under way is to end: by a signal, or since the time of `stop_after` is over.
 bool stop_requested();
+
+// Whether a signal asked for it.
+bool stop_signalled();
+
+// Lets the end of that time count as a request, too. The limit must outlive whatever asks.
+void stop_after(const TimeLimit &limit);
 
 // The handle is only valid inside the scan's call, so a signal may use it only between these two:
 // - `publish_stop_handle`, called from the probes of the scan. The scan has started its threads by

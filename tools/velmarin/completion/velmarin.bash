@@ -33,7 +33,7 @@ _velmarin() {
   if [[ $command == scan ]]; then
     names=-d
     options+=${options:+ --apply --state --skip --min-size --max-depth --time-budget --json}
-    options+=${options:+ --html --quiet --no-color}
+    options+=${options:+ --one-file-system --html --quiet --no-color}
     [[ -n $options ]] && _velmarin_value && return
   fi
   if [[ -n $options && ${COMP_WORDS[COMP_CWORD]} == -* ]]; then

@@ -1,0 +1,152 @@
+"""Trees that span several file systems and subvolumes, and the digests that scans of them keep."""
+
+import os
+import shutil
+import signal
+import sys
+
+from support.script import DEADLINE, ToolCase, content, main, run
+
+ENTRY = 64  # bytes of a digest file
+
+
+class SavedDigests(ToolCase):
+    PAIRS = 20
+
+    def setUp(self):
+        super().setUp()
+        for number in range(self.PAIRS):
+            for name in (f"{number}a", f"sub/{number}b"):
+                self.write(name, content(number, 2000 + number))
+        self.scan()
+        self.state = self.directory / "state"
+        shutil.copytree(self.state, self.directory / "saved")
+        (self.file,) = self.state.iterdir()
+
+    def stop(self):
+        skips = [word for number in range(100) for word in ("--skip", f"missing{number}")]
+        with self.start("scan", "--verbose", "--state", self.state, *skips, self.root) as process:
+            self.assertTrue(any(b"missing" in line for line in process.stderr))
+            process.send_signal(signal.SIGTERM)  # while the rest of these lines holds up the walk
+            process.communicate(timeout=DEADLINE)
+        self.assertEqual(process.returncode, 0)
+
+    def die(self, left=None):
+        """Leaves what a killed scan leaves: the second name, and what it had saved by then."""
+        self.file.rename(f"{self.file}.kept")
+        if left is not None:
+            self.file.write_bytes(left)
+
+    def touch_one_and_remove_another(self):
+        os.utime(self.root / "0a")
+        (self.root / "1a").unlink()
+        self.scan(min_size="1G")
+
+    def lose_a_twin(self):
+        (self.root / "3a").unlink()
+        self.scan()
+        self.write("3a", content(3, 2003))
+
+    def test_what_a_scan_did_not_reach_or_compare_is_not_read_again_by_the_next(self):
+        every = self.file.read_bytes()
+        damaged = every[:ENTRY] + b"\0" * ENTRY
+        for name, disturb, read_again, entries in (
+                ("size", lambda: self.scan(min_size="1G"), 0, 40),
+                ("depth", lambda: self.scan("--max-depth", "1"), 0, 40),
+                ("skip", lambda: self.scan("--skip", "sub"), 0, 40),
+                ("stopped", self.stop, 0, 40),
+                ("killed", self.die, 0, 40),
+                ("killed while it saved", lambda: self.die(every[-10 * ENTRY:]), 0, 40),
+                ("killed, damaged", lambda: self.die(damaged), 0, 40),
+                ("killed, cut", lambda: self.die(every[:ENTRY + 8]), 0, 40),
+                ("one alone for a while", self.lose_a_twin, 1, 40),
+                ("changed and gone, after that", self.touch_one_and_remove_another, 2, 39)):
+            with self.subTest(name):
+                shutil.rmtree(self.state)
+                shutil.copytree(self.directory / "saved", self.state)
+                disturb()
+                self.assertEqual(self.scan()["counters"]["nr_hashed"], read_again)
+                self.assertEqual([file.name for file in self.state.iterdir()], [self.file.name])
+                self.assertEqual(self.file.stat().st_size, entries * ENTRY)
+
+
+class Volumes(ToolCase):
+    SAME = content("same", 200000)
+
+    def setUp(self):
+        super().setUp()
+        self.mount_btrfs("200M")
+        (self.directory / "state").mkdir()
+        self.mount("tmpfs", self.directory / "state", "size=8m")  # no waiting for a disk
+
+    def fill(self, *places):
+        """Makes the same files in each place. In new volumes they get the same inode numbers, too."""
+        for place in places:
+            for name in "abc":
+                self.write(f"{place}/{name}", self.SAME)
+            self.write(f"{place}/alone", content(place, 90000))
+
+    def assert_groups(self, report, *groups):
+        self.assertEqual(sorted(self.groups(report)), sorted(sorted(group) for group in groups))
+
+    def test_identical_files_of_two_subvolumes_are_one_group_and_come_to_share_their_data(self):
+        for name in ("one", "two"):
+            run("btrfs", "-q", "subvolume", "create", self.root / name)
+        self.fill("one", "two")
+        for name in ("one/only", "two/only"):
+            self.write(name, content("pair", 2 << 20))
+        self.write("two/size", content("none", 2 << 20))
+        groups = ([f"{place}/{name}" for place in ("one", "two") for name in "abc"],
+                  ["one/only", "two/only"])
+        report = self.scan("-x")
+        self.assert_groups(report, *groups)
+        # Six, two of equal size, and the pair: of larger ones a pattern is compared before.
+        self.assertEqual(report["counters"]["nr_hashed"], 10)
+        os.sync()
+        before = shutil.disk_usage(self.root).used
+        report = self.scan("--apply")
+        os.sync()
+        self.assert_groups(report, *groups)
+        self.assertEqual((report["counters"]["nr_hashed"], report["merged"]["files"]), (0, 6))
+        freed = before - shutil.disk_usage(self.root).used
+        self.assertAlmostEqual(freed, 5 * len(self.SAME) + (2 << 20), delta=200000)
+        self.assertEqual(set(self.outcomes(self.scan("--apply")).values()), {"shared"})
+
+    def test_a_tree_of_several_file_systems_is_compared_as_a_whole_within_its_limits(self):
+        for name in ("one", "two"):
+            (self.root / name).mkdir()
+            self.mount("tmpfs", self.root / name, "size=16m")
+        self.fill(".", "one", "two")
+        self.write("deep", content("deep"))
+        self.write("two/sub/deep", content("deep"))
+        (self.root / "bound").touch()
+        run("mount", "--bind", self.root / "one/a", self.root / "bound")
+        self.addCleanup(run, "umount", self.root / "bound")
+        run("mount", "--bind", self.root / "one", self.write("again/x", b"").parent)
+        self.addCleanup(run, "umount", self.root / "again")
+        top, one, two = (["a", "b", "c"], ["one/a", "one/b", "one/c"], ["two/a", "two/b", "two/c"])
+        deep = ["deep", "two/sub/deep"]
+
+        def own_name(path):
+            return path.replace("again/", "one/").replace("bound", "one/a")
+
+        for arguments, *groups in (
+                ((), top + one + two, deep),
+                (("--max-depth", "2"), top + one + two),
+                (("--max-depth", "1"), [*top, "one/a"]),
+                (("--skip", self.root / "two"), top + one),
+                (("-x",), top),
+                (("-x", self.root / "two"), top + two, deep)):
+            with self.subTest(arguments):
+                report = self.scan(*arguments)
+                self.assertEqual(
+                    sorted(sorted(map(own_name, group)) for group in self.groups(report)),
+                    sorted(map(sorted, groups)))
+                again = self.scan(*arguments)
+                self.assertEqual((self.groups(again), again["counters"]["nr_hashed"]),
+                                 (self.groups(report), 0))
+        self.assertEqual({name.suffix for name in (self.directory / "state").iterdir()}, {".hsh"})
+        self.assertEqual(self.scan("--apply", status=0)["merged"]["refused"], 0)
+
+
+main(sys.argv[1:-1])

@@ -1,0 +1,187 @@
+#include "digest_file.h"
+
+#include <fcntl.h>
+#include <openssl/sha.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "velmarin/primitives.h"
+
+namespace tool {
+namespace {
+
+// An entry of the file: a checksum, then the record, little-endian as in memory.
+constexpr size_t CHECKSUM_SIZE = sizeof(uint64_t);
+constexpr size_t ENTRY_SIZE = CHECKSUM_SIZE + sizeof(SavedDigest);
+constexpr size_t BUFFER_ENTRIES = 4096;
+using Buffer = std::vector<unsigned char>;
+
+uint64_t checksum_of(const unsigned char *record) {
+  return crc64_rocksoft_generic(0, record, sizeof(SavedDigest));
+}
+
+// A call that a signal cut short (that of the library's time budget, say) is made again.
+int lock(int fd, int operation) {
+  int result = 0;
+  do {
+    result = flock(fd, operation);
+  } while (result != 0 && errno == EINTR);
+  return result;
+}
+
+// Reads until the buffer is full or the file ends. Returns the bytes read, or -1.
+ssize_t read_fully(int fd, Buffer &buffer, off_t offset) {
+  size_t used = 0;
+  while (used < buffer.size()) {
+    const ssize_t count =
+        pread(fd, buffer.data() + used, buffer.size() - used, offset + static_cast<off_t>(used));
+    if (count == 0) {
+      break;
+    }
+    if (count < 0 && errno != EINTR) {
+      return -1;
+    }
+    used += count > 0 ? static_cast<size_t>(count) : 0;
+  }
+  return static_cast<ssize_t>(used);
+}
+
+// Appends the records in `bytes` to `digests`. Returns whether all of them are whole.
+bool take_entries(const Buffer &buffer, size_t bytes, SavedDigests &digests) {
+  for (size_t place = 0; place + ENTRY_SIZE <= bytes; place += ENTRY_SIZE) {
+    const unsigned char *const record = buffer.data() + place + CHECKSUM_SIZE;
+    uint64_t checksum = 0;
+    std::memcpy(&checksum, buffer.data() + place, CHECKSUM_SIZE);
+    if (checksum != checksum_of(record)) {
+      return false;
+    }
+    std::memcpy(&digests.emplace_back(), record, sizeof(SavedDigest));
+  }
+  return bytes % ENTRY_SIZE == 0;
+}
+
+void put_entry(Buffer &buffer, const SavedDigest &digest) {
+  unsigned char entry[ENTRY_SIZE];
+  std::memcpy(entry + CHECKSUM_SIZE, &digest, sizeof digest);
+  const uint64_t checksum = checksum_of(entry + CHECKSUM_SIZE);
+  std::memcpy(entry, &checksum, CHECKSUM_SIZE);
+  buffer.insert(buffer.end(), entry, entry + ENTRY_SIZE);
+}
+
+int write_fully(int fd, const Buffer &buffer, off_t offset) {
+  for (size_t done = 0; done < buffer.size();) {
+    const ssize_t count =
+        pwrite(fd, buffer.data() + done, buffer.size() - done, offset + static_cast<off_t>(done));
+    if (count < 0 && errno != EINTR) {
+      return errno;
+    }
+    done += count > 0 ? static_cast<size_t>(count) : 0;
+  }
+  return 0;
+}
+
+int write_digests(int fd, const SavedDigests &digests, off_t offset) {
+  int error = 0;
+  for (size_t first = 0; error == 0 && first < digests.size(); first += BUFFER_ENTRIES) {
+    Buffer buffer;
+    for (size_t i = first; i < digests.size() && i < first + BUFFER_ENTRIES; ++i) {
+      put_entry(buffer, digests[i]);
+    }
+    error = write_fully(fd, buffer, offset);
+    offset += static_cast<off_t>(buffer.size());
+  }
+  return error == 0 && fsync(fd) != 0 ? errno : error;
+}
+
+// Whether the name still leads to the opened file: another scan may have removed it meanwhile.
+bool is_still_at(const std::string &path, int fd) {
+  struct stat named = {};
+  struct stat opened = {};
+  return stat(path.c_str(), &named) == 0 && fstat(fd, &opened) == 0 &&
+         named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
+}
+
+}  // namespace
+
+uint64_t digest_key(const struct stat &status) {
+  return static_cast<uint64_t>(static_cast<uint32_t>(status.st_dev)) << 32 |
+         static_cast<uint32_t>(status.st_ino);
+}
+
+bool has_time_of(const SavedDigest &saved, const struct stat &status) {
+  return saved.mtime_sec == status.st_mtim.tv_sec && saved.mtime_nsec == status.st_mtim.tv_nsec;
+}
+
+std::string digest_file_name(const std::vector<std::string> &roots) {
+  std::string joined;
+  for (const std::string &root : roots) {
+    joined += root;
+  }
+  unsigned char digest[SHA256_DIGEST_LENGTH];
+  SHA256(reinterpret_cast<const unsigned char *>(joined.data()), joined.size(), digest);
+  std::string name;
+  for (const unsigned char byte : digest) {
+    char digits[3];
+    std::snprintf(digits, sizeof digits, "%02x", byte);
+    name += digits;
+  }
+  return name + ".hsh";
+}
+
+std::optional<SavedDigests> read_digests(const std::string &path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    return {};
+  }
+  auto digests = lock(fd, LOCK_SH) == 0 ? read_locked_digests(fd) : std::nullopt;
+  close(fd);
+  return digests;
+}
+
+int lock_digest_file(const std::string &path, bool make_it) {
+  for (;;) {
+    const int flags = O_RDWR | O_NONBLOCK | O_CLOEXEC | (make_it ? O_CREAT : 0);
+    const int fd = open(path.c_str(), flags, 0600);
+    if (fd < 0) {
+      return -1;
+    }
+    const int error = lock(fd, LOCK_EX) == 0 ? 0 : errno;
+    if (error == 0 && is_still_at(path, fd)) {
+      return fd;
+    }
+    close(fd);
+    if (error != 0) {
+      errno = error;
+      return -1;
+    }
+  }
+}
+
+std::optional<SavedDigests> read_locked_digests(int fd) {
+  SavedDigests digests;
+  Buffer buffer(BUFFER_ENTRIES * ENTRY_SIZE);
+  for (off_t offset = 0;; offset += static_cast<off_t>(buffer.size())) {
+    const ssize_t bytes = read_fully(fd, buffer, offset);
+    if (bytes < 0 || !take_entries(buffer, static_cast<size_t>(bytes), digests)) {
+      return {};
+    }
+    if (static_cast<size_t>(bytes) < buffer.size()) {
+      return digests;
+    }
+  }
+}
+
+int append_digests(int fd, const SavedDigests &digests) {
+  const off_t end = lseek(fd, 0, SEEK_END);
+  if (end < 0) {
+    return errno;
+  }
+  const int error = write_digests(fd, digests, end);
+  return error == 0 || ftruncate(fd, end) == 0 ? error : errno;
+}
+
+}  // namespace tool

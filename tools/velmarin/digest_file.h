@@ -1,0 +1,46 @@
+// The library's digest files as the tool reads and completes them: what the library saves is never
+// taken out again here.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tool {
+
+// A record of a digest file.
+struct SavedDigest {
+  uint64_t key = 0;  // device number and inode number, 32 bits each
+  int64_t mtime_sec = 0;
+  int64_t mtime_nsec = 0;
+  std::array<uint8_t, 32> digest = {};
+};
+static_assert(sizeof(SavedDigest) == 56);
+
+using SavedDigests = std::vector<SavedDigest>;
+
+uint64_t digest_key(const struct stat &status);
+bool has_time_of(const SavedDigest &saved, const struct stat &status);
+
+// The name of the digest file of these roots.
+std::string digest_file_name(const std::vector<std::string> &roots);
+
+// Reads a digest file under its lock. Without a value there is none, or one that is damaged.
+std::optional<SavedDigests> read_digests(const std::string &path);
+
+// Opens a digest file, which its owner alone can read if it has to be made, and locks it against
+// every other process. Returns -1, with errno, on failure. Closing the descriptor unlocks.
+int lock_digest_file(const std::string &path, bool make_it);
+
+// The records of a file that `lock_digest_file` opened.
+std::optional<SavedDigests> read_locked_digests(int fd);
+
+// Puts the records behind those that are there, and syncs them to storage. Returns 0, or the errno
+// of a failure; the file is as it was then.
+int append_digests(int fd, const SavedDigests &digests);
+
+}  // namespace tool

@@ -1,0 +1,197 @@
+#include "digest_keeper.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <iterator>
+#include <system_error>
+
+namespace tool {
+namespace {
+
+// At most so many digests of files that were not met are kept (64 bytes each in the digest
+// file): who never looks everywhere would pile up those of files that are gone.
+constexpr size_t MOST_NOT_MET = 1U << 20;
+
+bool is_before(const SavedDigest &left, const SavedDigest &right) {
+  return left.key < right.key;
+}
+
+bool is_same_file(const SavedDigest &left, const SavedDigest &right) {
+  return left.key == right.key;
+}
+
+// Orders by key; of several with one key the first stays.
+void order(SavedDigests &digests) {
+  std::stable_sort(digests.begin(), digests.end(), is_before);
+  digests.erase(std::unique(digests.begin(), digests.end(), is_same_file), digests.end());
+}
+
+// Returns null when there is none. The digests are ordered.
+const SavedDigest *find_by_key(const SavedDigests &digests, uint64_t key) {
+  const auto place =
+      std::lower_bound(digests.begin(), digests.end(), SavedDigest{.key = key}, is_before);
+  return place != digests.end() && place->key == key ? &*place : nullptr;
+}
+
+std::string name_in(const std::string &directory, const std::vector<std::string> &roots) {
+  return directory + "/" + digest_file_name(roots);
+}
+
+}  // namespace
+
+void DigestKeeper::open(const std::string &state, const std::vector<std::string> &roots,
+                        bool library_takes_it) {
+  path_ = name_in(state, roots);
+  kept_ = path_ + ".kept";
+  runs_ = path_ + ".runs";
+  std::error_code ignored;
+  std::filesystem::remove_all(runs_, ignored);  // left by a killed scan
+  recover();
+  remember(read_digests(path_).value_or(SavedDigests()));
+  if (!saved_.empty()) {
+    // Without links a killed scan loses what was saved, and no other one.
+    [[maybe_unused]] const int result = link(path_.c_str(), kept_.c_str());
+  }
+  if (!library_takes_it) {
+    unlink(path_.c_str());
+  }
+}
+
+// Puts back what a killed scan has left under the second name.
+void DigestKeeper::recover() {
+  const auto kept = read_digests(kept_);
+  if (!kept) {
+    unlink(kept_.c_str());
+    return;
+  }
+  const int fd = lock_digest_file(path_, false);
+  if (fd < 0) {
+    restore();
+    return;
+  }
+  remember(*kept);
+  if (complete(fd, false)) {
+    unlink(kept_.c_str());
+  }
+  ::close(fd);
+}
+
+void DigestKeeper::remember(SavedDigests digests) {
+  saved_ = std::move(digests);
+  order(saved_);
+  marks_.assign(saved_.size(), Mark::not_met);
+}
+
+void DigestKeeper::meet(const struct stat &status) {
+  if (const SavedDigest *const saved = find_by_key(saved_, digest_key(status))) {
+    Mark &mark = marks_[static_cast<size_t>(saved - saved_.data())];
+    std::atomic_ref(mark).store(has_time_of(*saved, status) ? Mark::met : Mark::met_changed,
+                                std::memory_order_relaxed);
+  }
+}
+
+std::string DigestKeeper::lend(const std::vector<std::string> &roots, dev_t device) {
+  mkdir(runs_.c_str(), 0700);
+  SavedDigests digests;
+  std::copy_if(
+      saved_.begin(), saved_.end(), std::back_inserter(digests),
+      [&](const SavedDigest &saved) { return saved.key >> 32 == static_cast<uint32_t>(device); });
+  const int fd = digests.empty() ? -1 : lock_digest_file(name_in(runs_, roots), true);
+  if (fd >= 0) {
+    append_digests(fd, digests);
+    ::close(fd);
+  }
+  return runs_;
+}
+
+void DigestKeeper::take_back(const std::vector<std::string> &roots) {
+  const std::string path = name_in(runs_, roots);
+  take(read_digests(path));
+  unlink(path.c_str());
+  rmdir(runs_.c_str());
+}
+
+void DigestKeeper::take_up() {
+  take(read_digests(path_));
+}
+
+void DigestKeeper::take(const std::optional<SavedDigests> &digests) {
+  for (const SavedDigest &digest : digests.value_or(SavedDigests())) {
+    fresh_.insert_or_assign(digest.key, digest);
+  }
+}
+
+std::optional<DigestKeeper::Digest> DigestKeeper::find(const struct stat &status) const {
+  const auto fresh = fresh_.find(digest_key(status));
+  const SavedDigest *const known =
+      fresh != fresh_.end() ? &fresh->second : find_by_key(saved_, digest_key(status));
+  return known != nullptr && has_time_of(*known, status) ? std::optional(known->digest)
+                                                         : std::nullopt;
+}
+
+void DigestKeeper::add(const struct stat &status, const Digest &digest) {
+  const uint64_t key = digest_key(status);
+  fresh_.insert_or_assign(key, SavedDigest{.key = key,
+                                           .mtime_sec = status.st_mtim.tv_sec,
+                                           .mtime_nsec = status.st_mtim.tv_nsec,
+                                           .digest = digest});
+}
+
+bool DigestKeeper::close(bool looked_everywhere) {
+  if (saved_.empty() && fresh_.empty()) {
+    return true;
+  }
+  const int fd = lock_digest_file(path_, !fresh_.empty());
+  if (fd < 0) {
+    return restore();  // the library could not save, and has said so
+  }
+  const bool is_complete = complete(fd, looked_everywhere);
+  if (is_complete) {
+    unlink(kept_.c_str());
+  }
+  ::close(fd);
+  return is_complete;
+}
+
+// What the file lacks, which holds `present`.
+SavedDigests DigestKeeper::worth_keeping(SavedDigests present, bool looked_everywhere) const {
+  order(present);
+  SavedDigests digests;
+  for (const auto &[key, fresh] : fresh_) {
+    if (find_by_key(present, key) == nullptr) {
+      digests.push_back(fresh);
+    }
+  }
+  size_t room = looked_everywhere ? 0 : MOST_NOT_MET;
+  for (size_t i = 0; i < saved_.size(); ++i) {
+    const bool is_replaced =
+        fresh_.contains(saved_[i].key) || find_by_key(present, saved_[i].key) != nullptr;
+    if (is_replaced || marks_[i] == Mark::met_changed ||
+        (marks_[i] == Mark::not_met && room == 0)) {
+      continue;
+    }
+    room -= marks_[i] == Mark::not_met ? 1U : 0U;
+    digests.push_back(saved_[i]);
+  }
+  return digests;
+}
+
+bool DigestKeeper::complete(int fd, bool looked_everywhere) const {
+  auto present = read_locked_digests(fd);
+  if (!present) {
+    return restore();
+  }
+  const SavedDigests digests = worth_keeping(std::move(*present), looked_everywhere);
+  return digests.empty() || append_digests(fd, digests) == 0;
+}
+
+bool DigestKeeper::restore() const {
+  return rename(kept_.c_str(), path_.c_str()) == 0 || errno == ENOENT;
+}
+
+}  // namespace tool

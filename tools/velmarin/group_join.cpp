@@ -1,0 +1,153 @@
+#include "group_join.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <set>
+
+#include "file_digest.h"
+#include "stop_signal.h"
+
+namespace tool {
+namespace {
+
+FoundFile found_file(const CollectedFile &collected) {
+  const struct stat &status = collected.status;
+  FoundFile file;
+  file.path = collected.path;
+  file.device = status.st_dev;
+  file.inode = static_cast<uint32_t>(status.st_ino);
+  file.status = collected.state;
+  file.size = static_cast<uint64_t>(status.st_size);
+  file.blocks = static_cast<uint64_t>(status.st_blocks);
+  file.mtime = status.st_mtim;
+  return file;
+}
+
+// Whether the files come from more than one run; those of one have been compared.
+bool span_runs(std::span<const CollectedFile> files) {
+  return std::any_of(files.begin(), files.end(),
+                     [&](const CollectedFile &file) { return file.run != files.front().run; });
+}
+
+// Cuts an ordered range into parts of equal measure and hands each to `act`.
+template <typename Measure, typename Act>
+void for_each_part(std::span<CollectedFile> files, Measure measure, Act act) {
+  for (size_t first = 0, last = 0; first < files.size(); first = last) {
+    while (last < files.size() && measure(files[last]) == measure(files[first])) {
+      ++last;
+    }
+    act(files.subspan(first, last - first));
+  }
+}
+
+uint64_t size_of(const CollectedFile &file) {
+  return static_cast<uint64_t>(file.status.st_size);
+}
+
+// Leaves one name of each file, and orders by size.
+void drop_other_names(std::vector<CollectedFile> &files) {
+  const auto measure = [](const CollectedFile &file) {
+    return std::tuple(file.status.st_size, file.status.st_dev, file.status.st_ino);
+  };
+  std::sort(files.begin(), files.end(), [&](const CollectedFile &a, const CollectedFile &b) {
+    return std::tie(a.path) < std::tie(b.path);
+  });
+  std::stable_sort(files.begin(), files.end(),
+                   [&](const auto &a, const auto &b) { return measure(a) < measure(b); });
+  files.erase(std::unique(files.begin(), files.end(),
+                          [&](const auto &a, const auto &b) { return measure(a) == measure(b); }),
+              files.end());
+}
+
+}  // namespace
+
+void GroupJoin::run(std::vector<CollectedFile> files) {
+  take_groups();
+  drop_other_names(files);
+  for_each_part(files, size_of, [this](std::span<CollectedFile> part) { join_size(part); });
+  put_groups_back();
+}
+
+void GroupJoin::take_groups() {
+  for (FoundGroup &group : findings_.groups) {
+    for (FoundFile &file : group.files) {
+      if (const auto digest = file.digest) {
+        add(std::move(file), *digest);
+      }
+    }
+  }
+  findings_.groups.clear();
+}
+
+// A file that is known already has been met again, by way of another mount.
+void GroupJoin::add(FoundFile file, const Digest &digest) {
+  const FileId id = {file.device, static_cast<uint32_t>(file.inode)};
+  if (known_.emplace(id, digest).second) {
+    file.digest = digest;
+    groups_[{digest, file.size}].files.push_back(std::move(file));
+  }
+}
+
+void GroupJoin::join_size(std::span<CollectedFile> files) {
+  const bool are_known =
+      std::all_of(files.begin(), files.end(), [this](const auto &file) { return is_known(file); });
+  if (are_known || !span_runs(files)) {
+    return;
+  }
+  if (size_of(files.front()) < PATTERN_MIN_SIZE) {
+    join_candidates(files);
+    return;
+  }
+  std::map<uint64_t, std::vector<CollectedFile>> patterns;
+  for (const CollectedFile &file : files) {
+    patterns[read_pattern(file.path)].push_back(file);
+  }
+  for (auto &[pattern, part] : patterns) {
+    join_candidates(part);
+  }
+}
+
+// Files of equal size and, if they are large, equal pattern.
+void GroupJoin::join_candidates(std::span<CollectedFile> files) {
+  if (!span_runs(files)) {
+    return;
+  }
+  for (const CollectedFile &file : files) {
+    Digest digest;
+    if (!is_known(file) && find_digest(file, digest)) {
+      add(found_file(file), digest);
+    }
+  }
+}
+
+bool GroupJoin::is_known(const CollectedFile &file) const {
+  return known_.contains({file.status.st_dev, static_cast<uint32_t>(file.status.st_ino)});
+}
+
+bool GroupJoin::find_digest(const CollectedFile &file, Digest &digest) {
+  if (const auto saved = keeper_.find(file.status)) {
+    digest = *saved;
+    return true;
+  }
+  if (stop_requested()) {
+    return false;
+  }
+  const int error = read_digest(file.path, file.status, digest);
+  ++findings_.counters.nr_file_opened;
+  findings_.counters.nr_hashed += error == 0 ? 1 : 0;
+  findings_.counters.nr_error += error != 0 && error != ESTALE ? 1 : 0;
+  if (error == 0) {
+    keeper_.add(file.status, digest);
+  }
+  return error == 0;
+}
+
+void GroupJoin::put_groups_back() {
+  for (auto &[content, group] : groups_) {
+    if (group.files.size() > 1) {
+      findings_.groups.push_back(std::move(group));
+    }
+  }
+}
+
+}  // namespace tool

@@ -1,0 +1,45 @@
+// Joins what several runs of the library found: groups of the same content, and files that found no
+// partner in their own run.
+#pragma once
+
+#include <array>
+#include <map>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include "digest_keeper.h"
+#include "findings.h"
+#include "volume_watch.h"
+
+namespace tool {
+
+class GroupJoin {
+ public:
+  GroupJoin(Findings &findings, DigestKeeper &keeper) : findings_(findings), keeper_(keeper) {}
+
+  // Puts together the groups of `findings` that have one digest and adds the collected files that
+  // are identical to a file of another run. Digests that are not saved are computed, until a stop
+  // is asked for.
+  void run(std::vector<CollectedFile> files);
+
+ private:
+  using Digest = std::array<uint8_t, 32>;
+  using FileId = std::pair<dev_t, uint32_t>;  // the low half of the inode number, as a run knows it
+  using Content = std::pair<Digest, uint64_t>;
+
+  void take_groups();
+  void add(FoundFile file, const Digest &digest);
+  void join_size(std::span<CollectedFile> files);
+  void join_candidates(std::span<CollectedFile> files);
+  bool is_known(const CollectedFile &file) const;
+  bool find_digest(const CollectedFile &file, Digest &digest);
+  void put_groups_back();
+
+  Findings &findings_;
+  DigestKeeper &keeper_;
+  std::map<FileId, Digest> known_;
+  std::map<Content, FoundGroup> groups_;
+};
+
+}  // namespace tool

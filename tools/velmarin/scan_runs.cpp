@@ -1,0 +1,197 @@
+#include "scan_runs.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include "file_system.h"
+#include "group_join.h"
+#include "scan_probes.h"
+
+namespace tool {
+namespace {
+
+std::vector<const char *> pointers(const std::vector<std::string> &texts) {
+  std::vector<const char *> list;
+  list.reserve(texts.size());
+  for (const std::string &text : texts) {
+    list.push_back(text.c_str());
+  }
+  return list;
+}
+
+template <typename Element>
+void append(std::vector<Element> &list, std::vector<Element> &more) {
+  list.insert(list.end(), std::make_move_iterator(more.begin()),
+              std::make_move_iterator(more.end()));
+}
+
+bool is_below(const std::string &path, const std::string &root) {
+  return root == "/" || path.starts_with(root + "/");
+}
+
+// How many levels the path lies below the innermost of the roots.
+int depth_below(const std::vector<std::string> &roots, const std::string &path) {
+  size_t length = 0;
+  for (const std::string &root : roots) {
+    if (is_below(path, root) && root != "/") {
+      length = std::max(length, root.size());
+    }
+  }
+  return static_cast<int>(
+      std::count(path.begin() + static_cast<std::ptrdiff_t>(length), path.end(), '/'));
+}
+
+void add_counters(Counters &sum, const Counters &more) {
+  sum.nr_dir_opened += more.nr_dir_opened;
+  sum.nr_dir_read += more.nr_dir_read;
+  sum.nr_file_opened += more.nr_file_opened;
+  sum.nr_scan_file += more.nr_scan_file;
+  sum.nr_hashed += more.nr_hashed;
+  sum.nr_error += more.nr_error;
+}
+
+}  // namespace
+
+int ScanRuns::run() {
+  plan_roots();
+  keeper_.open(state_, roots_, planned_.size() == 1);
+  VolumeWatch watch(keeper_);
+  watch.min_size = smallest_size();
+  const int error = make_planned_runs(watch);
+  if (error == 0 && (made_.size() > 1 || !watch.collected.empty())) {
+    join_runs(watch);
+  }
+  kept_digests = keeper_.close(error == 0 && looked_everywhere());
+  return error;
+}
+
+// An empty file holds no data that could be shared.
+uint64_t ScanRuns::smallest_size() const {
+  return std::max<uint64_t>(options_.min_size, 1);
+}
+
+// Adds a root to the planned run that sees its device as deep.
+void ScanRuns::plan(dev_t device, int max_depth, const std::string &root) {
+  if (!planned_paths_.insert(root).second) {
+    return;
+  }
+  const auto run = std::find_if(planned_.begin(), planned_.end(), [&](const VolumeRun &planned) {
+    return planned.device == device && planned.max_depth == max_depth;
+  });
+  if (run != planned_.end()) {
+    run->roots.push_back(root);
+  } else {
+    planned_.push_back({device, max_depth, {root}});
+  }
+}
+
+void ScanRuns::plan_roots() {
+  for (const std::string &root : roots_) {
+    struct stat status = {};
+    const int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0 && fstat(fd, &status) == 0) {
+      own_file_systems_.insert(file_system_of(fd, status));
+    }
+    if (fd >= 0) {
+      close(fd);
+    }
+    plan(status.st_dev, options_.max_depth, root);
+  }
+}
+
+void ScanRuns::plan_directories(const VolumeRun &run, std::vector<ForeignDirectory> directories) {
+  std::sort(directories.begin(), directories.end(),
+            [](const auto &left, const auto &right) { return left.path < right.path; });
+  for (const ForeignDirectory &directory : directories) {
+    if (is_left_out(directory.file_system)) {
+      continue;
+    }
+    const int depth = depth_below(run.roots, directory.path);
+    plan(directory.device, run.max_depth == 0 ? 0 : run.max_depth - depth, directory.path);
+  }
+}
+
+// Each run may find further devices.
+int ScanRuns::make_planned_runs(VolumeWatch &watch) {
+  int error = 0;
+  while (error == 0 && !planned_.empty() && (made_.empty() || !stop_requested())) {
+    const VolumeRun run = planned_.front();
+    planned_.erase(planned_.begin());
+    error = make_run(watch, run);
+  }
+  return error;
+}
+
+int ScanRuns::make_run(VolumeWatch &watch, const VolumeRun &run) {
+  const bool is_whole = run.roots == roots_;  // its digest file is that of the whole scan
+  watch.begin_run(run.device);
+  Collector collector;
+  const int error =
+      call_library(run, is_whole ? state_ : keeper_.lend(run.roots, run.device), collector);
+  if (!is_whole) {
+    keeper_.take_back(run.roots);
+  }
+  take_findings(run.device, std::move(collector.findings));
+  plan_directories(run, watch.take_directories());
+  made_.push_back(run);
+  return error;
+}
+
+int ScanRuns::call_library(const VolumeRun &run, const std::string &state, Collector &collector) {
+  const velmarin::sis_ops ops = counted_probes(Collector::receive, options_.apply);
+  std::vector<const char *> roots = pointers(run.roots);
+  std::vector<const char *> skips = pointers(skips_);
+  return single_instance_storage(roots.data(), static_cast<int>(roots.size()), skips.data(),
+                                 static_cast<int>(skips.size()), state.c_str(), smallest_size(),
+                                 run.max_depth, 0, limit_.seconds_left(), &ops,
+                                 reinterpret_cast<uintptr_t>(&collector), signals_.handle_slot());
+}
+
+void ScanRuns::take_findings(dev_t device, Findings found) {
+  for (FoundGroup &group : found.groups) {
+    for (FoundFile &file : group.files) {
+      file.device = device;
+    }
+  }
+  append(findings.groups, found.groups);
+  append(findings.compressed, found.compressed);
+  add_counters(findings.counters, found.counters);
+}
+
+void ScanRuns::join_runs(VolumeWatch &watch) {
+  keeper_.take_up();
+  std::erase_if(watch.collected,
+                [this](const CollectedFile &file) { return is_left_out(file.file_system); });
+  findings.counters.nr_scan_file += watch.collected.size();
+  if (watch.has_common_sizes()) {
+    collect_candidates(watch);
+  }
+  GroupJoin(findings, keeper_).run(std::move(watch.collected));
+}
+
+// Walks again, without comparing: the paths of all files are more than a scan of one device should
+// have to remember.
+void ScanRuns::collect_candidates(VolumeWatch &watch) {
+  for (size_t i = 0; i < made_.size() && !stop_requested(); ++i) {
+    watch.begin_collection(made_[i].device, i);
+    Collector unused;
+    call_library(made_[i], keeper_.lend({}, 0), unused);
+    keeper_.take_back(made_[i].roots);
+  }
+}
+
+bool ScanRuns::is_left_out(uint64_t file_system) {
+  const bool is_foreign = options_.one_file_system && !own_file_systems_.contains(file_system);
+  has_left_out_ = has_left_out_ || is_foreign;
+  return is_foreign;
+}
+
+// Files below the smallest size are met, too: they are only not compared.
+bool ScanRuns::looked_everywhere() const {
+  return options_.max_depth == 0 && skips_.empty() && !has_left_out_ && !stop_requested();
+}
+
+}  // namespace tool

@@ -1,0 +1,73 @@
+// The runs of the library that make up one `velmarin scan`: one for each device that the trees
+// span. Most scans are a single run.
+#pragma once
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "digest_keeper.h"
+#include "findings.h"
+#include "options.h"
+#include "stop_signal.h"
+#include "time_limit.h"
+#include "volume_watch.h"
+
+namespace tool {
+
+class ScanRuns {
+ public:
+  // `roots`, `skips` and `state` are checked before `run`; everything that is referred to outlives
+  // the object.
+  ScanRuns(const ScanOptions &options, const std::vector<std::string> &roots,
+           const std::vector<std::string> &skips, const std::string &state, const TimeLimit &limit,
+           StopSignals &signals)
+      : options_(options),
+        roots_(roots),
+        skips_(skips),
+        state_(state),
+        limit_(limit),
+        signals_(signals) {}
+
+  // Scans, and takes over what was found. Returns 0, or as the library does when a scan could not
+  // be made.
+  int run();
+
+  Findings findings;
+  bool kept_digests = true;  // false: digests that the library has not saved could not be written
+
+ private:
+  struct VolumeRun {
+    dev_t device = 0;
+    int max_depth = 0;
+    std::vector<std::string> roots;
+  };
+
+  uint64_t smallest_size() const;
+  void plan(dev_t device, int max_depth, const std::string &root);
+  void plan_roots();
+  void plan_directories(const VolumeRun &run, std::vector<ForeignDirectory> directories);
+  int make_planned_runs(VolumeWatch &watch);
+  int make_run(VolumeWatch &watch, const VolumeRun &run);
+  int call_library(const VolumeRun &run, const std::string &state, Collector &collector);
+  void take_findings(dev_t device, Findings found);
+  void join_runs(VolumeWatch &watch);
+  void collect_candidates(VolumeWatch &watch);
+  bool is_left_out(uint64_t file_system);
+  bool looked_everywhere() const;
+
+  const ScanOptions &options_;
+  const std::vector<std::string> &roots_;
+  const std::vector<std::string> &skips_;
+  const std::string &state_;
+  const TimeLimit &limit_;
+  StopSignals &signals_;
+  DigestKeeper keeper_;
+  std::vector<VolumeRun> planned_;
+  std::vector<VolumeRun> made_;
+  std::set<std::string> planned_paths_;
+  std::set<uint64_t> own_file_systems_;  // of the roots
+  bool has_left_out_ = false;            // something on another file system
+};
+
+}  // namespace tool

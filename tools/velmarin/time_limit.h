@@ -1,0 +1,34 @@
+// The time that a command may take.
+#pragma once
+
+#include <chrono>
+
+namespace tool {
+
+class TimeLimit {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  explicit TimeLimit(unsigned seconds) : seconds_(seconds) {}
+
+  std::chrono::milliseconds elapsed() const {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start_);
+  }
+
+  bool is_over() const { return seconds_ != 0 && elapsed() >= std::chrono::seconds(seconds_); }
+
+  // What is left, in whole seconds and at least one; 0 means that there is no limit.
+  unsigned seconds_left() const {
+    if (seconds_ == 0) {
+      return 0;
+    }
+    const auto spent = std::chrono::duration_cast<std::chrono::seconds>(elapsed()).count();
+    return spent >= seconds_ ? 1 : seconds_ - static_cast<unsigned>(spent);
+  }
+
+ private:
+  const Clock::time_point start_ = Clock::now();
+  const unsigned seconds_;
+};
+
+}  // namespace tool
