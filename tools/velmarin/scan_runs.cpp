@@ -166,7 +166,7 @@ void ScanRuns::join_runs(VolumeWatch &watch) {
   std::erase_if(watch.collected,
                 [this](const CollectedFile &file) { return is_left_out(file.file_system); });
   findings.counters.nr_scan_file += watch.collected.size();
-  if (watch.has_common_sizes()) {
+  if (watch.has_common_sizes() && !stop_requested()) {
     collect_candidates(watch);
   }
   GroupJoin(findings, keeper_).run(std::move(watch.collected));
@@ -175,12 +175,31 @@ void ScanRuns::join_runs(VolumeWatch &watch) {
 // Walks again, without comparing: the paths of all files are more than a scan of one device should
 // have to remember.
 void ScanRuns::collect_candidates(VolumeWatch &watch) {
-  for (size_t i = 0; i < made_.size() && !stop_requested(); ++i) {
-    watch.begin_collection(made_[i].device, i);
-    Collector unused;
-    call_library(made_[i], keeper_.lend({}, 0), unused);
-    keeper_.take_back(made_[i].roots);
+  const size_t singles = watch.collected.size();
+  watch.begin_collection();
+  Collector unused;
+  call_library({0, options_.max_depth, roots_}, keeper_.lend({}, 0), unused);
+  keeper_.take_back(roots_);
+  for (size_t i = singles; i < watch.collected.size(); ++i) {
+    CollectedFile &file = watch.collected[i];
+    file.run = run_of(file).value_or(FIRST_SINGLE + i);
   }
+}
+
+// The run with the innermost root above the file that saw its device.
+std::optional<size_t> ScanRuns::run_of(const CollectedFile &file) const {
+  std::optional<size_t> found;
+  size_t length = 0;
+  for (size_t i = 0; i < made_.size(); ++i) {
+    for (const std::string &root : made_[i].roots) {
+      if (made_[i].device == file.status.st_dev && is_below(file.path, root) &&
+          root.size() > length) {
+        found = i;
+        length = root.size();
+      }
+    }
+  }
+  return found;
 }
 
 bool ScanRuns::is_left_out(uint64_t file_system) {

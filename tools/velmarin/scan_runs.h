@@ -2,6 +2,7 @@
 // span. Most scans are a single run.
 #pragma once
 
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -53,6 +54,7 @@ class ScanRuns {
   void take_findings(dev_t device, Findings found);
   void join_runs(VolumeWatch &watch);
   void collect_candidates(VolumeWatch &watch);
+  std::optional<size_t> run_of(const CollectedFile &file) const;
   bool is_left_out(uint64_t file_system);
   bool looked_everywhere() const;
 

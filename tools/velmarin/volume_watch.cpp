@@ -10,9 +10,6 @@
 namespace tool {
 namespace {
 
-// Single files on another device count as runs of their own, far above the numbers of runs.
-constexpr size_t FIRST_SINGLE = size_t{1} << 32;
-
 // Probes are given no data of their caller.
 VolumeWatch *present = nullptr;
 
@@ -36,11 +33,10 @@ VolumeWatch::~VolumeWatch() {
 void VolumeWatch::begin_run(dev_t device) {
   earlier_.absorb(sizes_, common_);
   device_ = device;
+  devices_.insert(device);
 }
 
-void VolumeWatch::begin_collection(dev_t device, size_t run) {
-  device_ = device;
-  run_ = run;
+void VolumeWatch::begin_collection() {
   is_collecting_ = true;
 }
 
@@ -62,48 +58,44 @@ int VolumeWatch::watch(int fd, const struct stat *status, const char *path) {
 }
 
 int VolumeWatch::watch_directory(int fd, const struct stat &status, const char *path) {
+  if (is_collecting_) {
+    return devices_.contains(status.st_dev) ? 0 : -EXDEV;
+  }
   if (status.st_dev == device_) {
     return 0;
   }
-  if (!is_collecting_) {
-    const uint64_t file_system = file_system_of(fd, status);
-    const std::lock_guard guard(lock_);
-    directories_.push_back({without_doubled_slash(path), status.st_dev, file_system});
-  }
+  const uint64_t file_system = file_system_of(fd, status);
+  const std::lock_guard guard(lock_);
+  directories_.push_back({without_doubled_slash(path), status.st_dev, file_system});
   return -EXDEV;
 }
 
 int VolumeWatch::watch_file(int fd, const struct stat &status, const char *path) {
-  const bool is_single = status.st_dev != device_;
+  const auto size = static_cast<uint64_t>(status.st_size);
   if (is_collecting_) {
-    if (!is_single && common_.holds(static_cast<uint64_t>(status.st_size))) {
-      collect(fd, status, path, run_);
+    if (devices_.contains(status.st_dev) && common_.holds(size)) {
+      collect(fd, status, path);
     }
     return -EXDEV;
   }
   keeper_.meet(status);
-  if (is_single) {
-    collect(fd, status, path, FIRST_SINGLE);
+  if (status.st_dev != device_) {
+    collect(fd, status, path);
     return -EXDEV;
   }
-  sizes_.add(static_cast<uint64_t>(status.st_size));
+  sizes_.add(size);
   return 0;
 }
 
-void VolumeWatch::collect(int fd, const struct stat &status, const char *path, size_t run) {
+void VolumeWatch::collect(int fd, const struct stat &status, const char *path) {
   const int state = check_file_status(fd, &status, path);
   if (static_cast<uint64_t>(status.st_size) < min_size || state < 0) {
     return;
   }
-  CollectedFile file = {without_doubled_slash(path), status, state, run, 0};
-  if (run == FIRST_SINGLE) {
-    file.file_system = file_system_of(fd, status);
-  }
+  const uint64_t file_system = is_collecting_ ? 0 : file_system_of(fd, status);
   const std::lock_guard guard(lock_);
-  if (run == FIRST_SINGLE) {
-    file.run += singles_++;
-  }
-  collected.push_back(std::move(file));
+  collected.push_back({without_doubled_slash(path), status, state,
+                       is_collecting_ ? 0 : FIRST_SINGLE + collected.size(), file_system});
 }
 
 }  // namespace tool

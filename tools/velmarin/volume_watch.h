@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,9 +28,13 @@ struct CollectedFile {
   std::string path;
   struct stat status = {};
   int64_t state = 0;  // SIS_STATUS_*
-  size_t run = 0;     // files of one run have been compared with each other
+  size_t run = 0;     // files of one run have been compared with each other; see `FIRST_SINGLE`
   uint64_t file_system = 0;
 };
+
+// Single files on another device than their directory count as runs of their own, numbered from
+// here.
+inline constexpr size_t FIRST_SINGLE = size_t{1} << 32;
 
 // One object at a time, and only while no run is under way is it asked or changed.
 class VolumeWatch {
@@ -42,9 +47,9 @@ class VolumeWatch {
   // The next run is to see this device. Sizes of its files are noted.
   void begin_run(dev_t device);
 
-  // The next run is to compare nothing, but to collect the files of that earlier run that have a
-  // size which occurs in several runs.
-  void begin_collection(dev_t device, size_t run);
+  // The next run is to compare nothing, but to see all devices of the runs before and to collect
+  // the files that have a size which occurs in several of them. Their `run` is left open.
+  void begin_collection();
 
   // What the run noted.
   std::vector<ForeignDirectory> take_directories();
@@ -59,18 +64,17 @@ class VolumeWatch {
   static int watch(int fd, const struct stat *status, const char *path);
   int watch_directory(int fd, const struct stat &status, const char *path);
   int watch_file(int fd, const struct stat &status, const char *path);
-  void collect(int fd, const struct stat &status, const char *path, size_t run);
+  void collect(int fd, const struct stat &status, const char *path);
 
   DigestKeeper &keeper_;
   dev_t device_ = 0;
+  std::set<dev_t> devices_;  // of all runs
   bool is_collecting_ = false;
-  size_t run_ = 0;
   SizeSet sizes_;    // met in this run
   SizeSet earlier_;  // met in the runs before
   SizeSet common_;   // met in several runs
-  std::mutex lock_;  // guards `collected`, `directories_` and `singles_` while a run is under way
+  std::mutex lock_;  // guards `collected` and `directories_` while a run is under way
   std::vector<ForeignDirectory> directories_;
-  size_t singles_ = 0;
 };
 
 }  // namespace tool
