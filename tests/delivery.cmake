@@ -19,7 +19,7 @@ target_include_directories(device_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
 target_link_libraries(device_tests PRIVATE
   velmarin_platform velmarin velmarin_build_flags GTest::gtest_main)
 gtest_discover_tests(device_tests
-  DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS device_tests)
+  DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${test_timeout} LABELS device_tests)
 
 # The example host as it was built, and what is installed: the latter not for a cross build, whose
 # host could not run here, and not with a sanitizer, which the host would need, too.

@@ -1,8 +1,12 @@
 // The digest file: its path, its locks, its life cycle and its records, undamaged and damaged.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/syscall.h>
 
+#include <cerrno>
+#include <cstdarg>
 #include <cstring>
 #include <filesystem>
 
@@ -10,11 +14,38 @@
 #include "support/run_context.h"
 #include "support/temporary_tree.h"
 
-static std::string locks;  // what was asked for, in order
+// What is done with the digest file, in order. Nobody else opens files here.
+static std::string steps;
+static int interruptions = 0;  // of the next calls of flock
+
+extern "C" int open(const char *path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const auto mode = va_arg(arguments, mode_t);
+  va_end(arguments);
+  steps += flags == O_RDONLY ? "open " : flags == (O_RDWR | O_CREAT) ? "create " : "otherwise ";
+  return openat(AT_FDCWD, path, flags, mode);
+}
+
+extern "C" int close(int fd) {
+  steps += "close ";
+  return static_cast<int>(syscall(SYS_close, fd));
+}
+
+extern "C" int fsync(int) {
+  steps += "sync ";
+  return 0;
+}
+
+extern "C" int remove(const char *path) noexcept {
+  steps += "remove ";
+  return unlink(path);
+}
 
 extern "C" int flock(int, int operation) noexcept {
-  locks += operation == LOCK_EX ? "exclusive " : operation == LOCK_SH ? "shared " : "none ";
-  return 0;
+  steps += operation == LOCK_EX ? "exclusive " : operation == LOCK_SH ? "shared " : "unlock ";
+  errno = EINTR;
+  return interruptions-- > 0 ? -1 : 0;
 }
 
 namespace {
@@ -58,47 +89,79 @@ struct store : run_context {
 };
 
 TEST(DigestStore, SavesIdentityTimeAndDigestOfEachFileAndLoadsThemOnce) {
-  store s;
-  EXPECT_EQ(s.load(), -1) << "there is no file yet";
-  EXPECT_EQ(s.save(), 2);
-  EXPECT_EQ(s.state.read(s.file), bytes_of(FIRST) + bytes_of(SECOND));
-  EXPECT_EQ(s.load(), 2);
-  EXPECT_FALSE(s.file_exists());
-  EXPECT_EQ(locks, "exclusive none shared none ");
-  for (const usable_hash &record : {FIRST, SECOND}) {
-    const hash_entry *entry = lookup_hash_table(&s.ctx, uint64_t{5} << 32 | record.ino);
-    ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(memcmp(entry->record, &record, sizeof(record)), 0);
+  for (const bool has_input : {true, false}) {  // without, the file is opened as descriptor 0
+    store s;
+    const int input = dup(STDIN_FILENO);
+    has_input ? 0 : close(STDIN_FILENO);
+    umask(022);
+    steps.clear();
+    EXPECT_EQ(s.load(), -1) << "there is no file yet";
+    interruptions = 2;
+    EXPECT_EQ(s.save(), 2);
+    EXPECT_EQ(s.state.read(s.file), bytes_of(FIRST) + bytes_of(SECOND));
+    EXPECT_EQ(s.state.status(s.file).st_mode & 0777, 0755U);
+    interruptions = 1;
+    EXPECT_EQ(s.load(), 2);
+    EXPECT_FALSE(s.file_exists());
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD) == 0, has_input);
+    dup2(input, STDIN_FILENO);
+    const std::string moved = has_input ? "" : "close ";
+    EXPECT_EQ(steps, "open create " + moved + "exclusive exclusive exclusive unlock sync close " +
+                         "open " + moved + "shared shared unlock close remove ");
+    close(input);
+    const std::string path = s.state.path(s.file);
+    EXPECT_EQ(s.log.messages(),
+              (std::vector<std::string>{
+                  "INFO Cannot open " + path + " returned No such file or directory\n",
+                  "INFO CREATE " + path + " success\n", "INFO OPEN " + path + " success\n"}));
+    for (const usable_hash &record : {FIRST, SECOND}) {
+      const hash_entry *entry = lookup_hash_table(&s.ctx, uint64_t{5} << 32 | record.ino);
+      ASSERT_NE(entry, nullptr);
+      EXPECT_EQ(memcmp(entry->record, &record, sizeof(record)), 0);
+    }
+    EXPECT_EQ(lookup_hash_table(&s.ctx, uint64_t{6} << 32 | FIRST.ino), nullptr);
   }
-  EXPECT_EQ(lookup_hash_table(&s.ctx, uint64_t{6} << 32 | FIRST.ino), nullptr);
 }
 
 TEST(DigestStore, UsesACutOrChangedFileNotAtAll) {
   store s;
-  const auto load = [&s](const std::string &content) {
+  const auto load = [&s](const std::string &content, int64_t expected, const std::string &line) {
     s.state.write(s.file, content);
-    const int64_t count = s.load();
+    EXPECT_EQ(s.load(), expected) << content.size();
     EXPECT_FALSE(s.file_exists());
+    EXPECT_TRUE(s.log.messages().back().ends_with(line)) << s.log.messages().back();
     drop_hash_table(&s.ctx);
-    return count;
   };
   const std::string whole = bytes_of(FIRST) + bytes_of(SECOND);
   for (size_t i = 0; i < whole.size(); i++) {
-    EXPECT_EQ(load(whole.substr(0, i)), i == 0 ? 0 : i == 64 ? 1 : -1) << i;
+    const std::string place = " on " + std::to_string(i) + " of .hsh\n";
+    load(whole.substr(0, i),
+         i % 64 != 0 ? -1
+         : i == 64   ? 1
+                     : 0,
+         i % 64 == 0  ? " success\n"
+         : i % 64 < 8 ? "ERRO fail to read crc checksum" + place
+                      : "ERRO fail to read hash" + place);
     std::string changed = whole;
     changed[i] = static_cast<char>(changed[i] ^ (1 << i % 8));
-    EXPECT_EQ(load(changed), -1) << i;
+    load(changed, -1,
+         std::string("ERRO check sum verify failure on ") + (i < 64 ? "64" : "128") + " of .hsh\n");
   }
-  EXPECT_EQ(load(bytes_of(FIRST) + bytes_of(FIRST)), 2) << "a second record of a file counts";
+  load(bytes_of(FIRST) + bytes_of(FIRST), 2, "same dev:ino found in hash table for 5:4660\n");
 }
 
 TEST(DigestStore, TakesAStateDirectoryOfAtMost4026Characters) {
-  for (const size_t length : {4026U, 4027U, 4095U, 4096U}) {
+  const auto check = [](size_t length, const std::string &line) {
     store s;
     s.save_dir.resize(length, '/');
     EXPECT_EQ(s.save(), length == 4026 ? 2 : 0) << length;
     EXPECT_EQ(s.load(), length == 4026 ? 2 : -1) << length;
-  }
+    EXPECT_TRUE(s.log.messages().back().ends_with(line)) << s.log.messages().back();
+  };
+  check(4026, ".hsh success\n");
+  check(4027, "ERRO fail to copy string pname\n");
+  check(4095, "ERRO fail to copy string pname\n");
+  check(4096, "ERRO Too looong save_dir, quit!\n");
 }
 
 }  // namespace

@@ -8,6 +8,9 @@
 #include <cstring>
 #include <future>
 
+#include <filesystem>
+
+#include "common/paths.h"
 #include "fbddp/dentry_forms.h"
 #include "fbddp/fingerprint.h"
 #include "fbddp/forest.h"
@@ -16,6 +19,7 @@
 #include "fbddp/member_index.h"
 #include "fbddp/scan_report.h"
 #include "fbddp/time_budget.h"
+#include "fbddp/walk.h"
 #include "support/alarm_owner.h"
 #include "support/run_context.h"
 #include "support/temporary_tree.h"
@@ -37,11 +41,11 @@ struct forest : run_context {
   ~forest() { free_member_indexes(&ctx); }
 
   // Inserts the next file: "a", "b" and so on, with inode numbers from 1 on. Null when refused.
-  dentry *insert(uint64_t size, uint64_t pattern = 0, uint32_t ino = 0) {
+  dentry *insert(uint64_t size, uint64_t pattern = 0, uint64_t key = 0) {
     dentry *file = list(root, std::string(1, static_cast<char>('a' + count)), true);
     file->own = {STATUSES[count % std::size(STATUSES)], MARKER_NOT_SET, 100 + count};
     count++;
-    file->key = ino != 0 ? ino : count;
+    file->key = key != 0 ? key : count;
     file->size = size;
     file->pattern = pattern;
     if (insert_into_forest(&ctx, file, -1, nullptr)) {
@@ -77,6 +81,55 @@ struct forest : run_context {
   }
 };
 
+TEST(Dentry, HasAPathOfAtMost4095CharactersAndWritesNothingBeforeItsBuffer) {
+  run_context c;
+  struct {
+    char canary[8] = "#######";
+    path_buffer path = {};
+  } place;
+  for (const size_t root : {1U, 2U, 4093U, 4094U, 4095U, 4096U}) {
+    for (const size_t leaf : {1U, 2U, 4091U, 4092U, 4093U, 4094U, 4095U, 4096U}) {
+      const std::string names[] = {std::string(root, 'r'), std::string(leaf, 'f')};
+      dentry *parent = c.list(nullptr, names[0], false);
+      dentry *file = c.list(parent, names[1], true);
+      const std::string whole = names[0] + "/" + names[1];
+      EXPECT_STREQ(get_fullpath(file, place.path.text), whole.size() < 4096 ? whole.c_str() : "");
+      EXPECT_STREQ(get_fullpath(parent, place.path.text), root < 4096 ? names[0].c_str() : "");
+      EXPECT_EQ(memcmp(place.canary, "#######", 8), 0) << root << " " << leaf;
+    }
+  }
+}
+
+// Which entries of a tree keep a record, and the counters, when it is walked to a depth.
+TEST(Walk, KeepsARecordOfEachCandidateAndOfWhatItReadOnly) {
+  const temporary_tree tree("a=same b=other_content d/e=depth d/f/g=deeper");
+  std::filesystem::create_hard_link(tree.path("a"), tree.path("c"));
+  const auto walk = [&tree](uint64_t max_depth, uint64_t min_size, bool in_time) {
+    run_context c;
+    c.ctx.max_depth = max_depth;
+    c.ctx.min_size = min_size;
+    c.ctx.in_time = in_time ? 1 : 0;
+    read_directory(&c.ctx, c.list(nullptr, tree.root(), false));
+    for (job *taken; (taken = take_job(&c.ctx)) != nullptr; finish_job(&c.ctx, taken)) {
+      is_file_form(taken->target) ? admit_file(&c.ctx, taken->target)
+                                  : read_directory(&c.ctx, taken->target);
+    }
+    std::string kept;
+    for (const dentry &d : list_range<&dentry::link>(&c.ctx.dentries)) {
+      kept += parent_of(&d) == nullptr ? '/' : name_of(&d)[0];
+    }
+    std::ranges::replace(kept, 'c', 'a');  // either name of the one file may come first
+    std::ranges::sort(kept);
+    return kept + " " + std::to_string(c.ctx.nr_dir_opened) + std::to_string(c.ctx.nr_dir_read) +
+           std::to_string(c.ctx.nr_file_opened) + std::to_string(c.ctx.nr_scan_file);
+  };
+  EXPECT_EQ(walk(0, 0, true), "/abdefg 3355");
+  EXPECT_EQ(walk(1, 0, true), "/ab 1133");
+  EXPECT_EQ(walk(2, 4, true), "/abde 2244");
+  EXPECT_EQ(walk(0, 5, true), "/bdefg 3353");
+  EXPECT_EQ(walk(0, 0, false), "/aabd 1100") << "no job is made";
+}
+
 TEST(Forest, WantsADigestOfEachInodeThatSharesItsKeyAndOfNoOther) {
   for (void (*make_indexes)(sis_context *) : {make_member_indexes, +[](sis_context *) {}}) {
     forest f;
@@ -88,12 +141,14 @@ TEST(Forest, WantsADigestOfEachInodeThatSharesItsKeyAndOfNoOther) {
     EXPECT_EQ(f.queued(), "ac");
     EXPECT_EQ(f.insert(10, 0, 1), nullptr) << "a hard link to the node";
     EXPECT_EQ(f.insert(10, 0, 3), nullptr) << "a hard link to a member";
+    EXPECT_EQ(f.insert(10, 0, uint64_t{7} << 32 | 1), nullptr) << "only inode numbers count";
+    EXPECT_EQ(f.insert(10, 0, uint64_t{7} << 32 | 3), nullptr);
     EXPECT_NE(f.insert(11, 0, 1), nullptr) << "an inode counts within one key only";
     f.insert(10);
-    EXPECT_EQ(f.queued(), "g") << "the node's digest is still wanted";
+    EXPECT_EQ(f.queued(), "i") << "the node's digest is still wanted";
     a->hash = nullptr;  // as if the node's digest job had failed
     f.insert(10);
-    EXPECT_EQ(f.queued(), "ah");
+    EXPECT_EQ(f.queued(), "aj");
     f.ctx.in_time = 0;
     EXPECT_TRUE(is_digest_wanted(f.insert(10)));
     EXPECT_EQ(f.queued(), "");

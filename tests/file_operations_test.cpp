@@ -1,11 +1,15 @@
 // The operations on single files and groups, the status probes and the service entry points,
-// against the built library: exact requests and results, for success and for each request that is
-// refused.
+// against the built library. A row has everything that can be observed of a call: its result, the
+// requests with their arguments and the log lines in the order in which they come, and what becomes
+// of all that when a request is refused. No call leaves a descriptor behind.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <optional>
+#include <regex>
 
 #include "support/scripted_fs.h"
 #include "velmarin/control_codes.h"
@@ -31,16 +35,44 @@ struct world : working_tree {
   std::function<void()> while_flag_is_set = [] {};
   int fd_of_a = open("a", O_RDONLY);
   int temporary_fd = -1;
+  std::vector<size_t> lines_before;  // each request
+  const std::string inodes[3] = {inode_of("a"), inode_of("b"), inode_of("d/c")};
+  const std::ptrdiff_t descriptors = count_in("/proc/self/fd");
 
   world() : working_tree("a=same b=same d/c=same") {
     umask(0);
     file_system.before_each = [this](unsigned code, int fd) {
       temporary_fd = code == SIS_IOC_CLONE_FILE ? fd : temporary_fd;
       EXPECT_TRUE(temporary_fd < 0 || fcntl(temporary_fd, F_GETFD) >= 0) << code;
+      lines_before.push_back(log.messages().size());
       code == FLAG ? while_flag_is_set() : void();
     };
   }
   ~world() { close(fd_of_a); }
+
+  std::string inode_of(const char *name) const { return std::to_string(status(name).st_ino); }
+
+  // A line with the names of the files instead of their inode numbers.
+  std::string readable(std::string line) const {
+    const char *const known[] = {"a", "b", "c"};
+    for (size_t i = 0; i < 3; i++) {
+      line = std::regex_replace(line, std::regex("(\\[ino:|\\()" + inodes[i] + "(?=,|\\))"),
+                                std::string("$1") + known[i]);
+    }
+    line = std::regex_replace(line, std::regex(R"(\[ino:\d{3,},)"), "[ino:new,");
+    return std::regex_replace(line, std::regex(root()), "ROOT");
+  }
+
+  // The requests and lines so far, in their order.
+  texts trace() const {
+    texts all;
+    const texts lines = log.messages();
+    for (size_t line = 0, request = 0; line < lines.size() || request < lines_before.size();) {
+      const bool is_line = request == lines_before.size() || line < lines_before[request];
+      all.push_back(is_line ? readable(lines[line++]) : file_system.texts[request++]);
+    }
+    return all;
+  }
 };
 
 using call = std::function<int(world &)>;
@@ -54,55 +86,132 @@ call answered(unsigned code, const Record &record, const call &then) {
   };
 }
 
-// The result and the requests of a call when nothing is refused, and its results when the first,
-// the second and so on is refused with EIO, which is the last one then.
-void expect(const call &operation, int result, const texts &requests,
-            std::vector<int> results_of_refusal = {}) {
-  results_of_refusal.insert(results_of_refusal.begin(), result);
-  for (size_t nth = 0; nth < results_of_refusal.size(); nth++) {
-    SCOPED_TRACE(nth);
+// A request or a line. Of a request also the result of the call when it is refused with EIO, which
+// the errno is unless told otherwise, and what follows then.
+struct step {
+  std::string what;
+  std::optional<int> refused = {};
+  texts then = {};
+  int error = EIO;
+};
+
+// The result of the call and all its steps.
+void expect(const call &operation, int result, const std::vector<step> &steps) {
+  for (size_t chosen = 0; chosen <= steps.size(); chosen++) {
+    const bool is_refusal = chosen < steps.size();
+    if (is_refusal && !steps[chosen].refused) {
+      continue;
+    }
     world w;
-    w.file_system.failures[nth] = EIO;
-    EXPECT_EQ(operation(w), results_of_refusal[nth]);
-    const auto made = static_cast<ptrdiff_t>(nth == 0 ? requests.size() : nth);
-    EXPECT_EQ(w.file_system.texts, texts(requests.begin(), requests.begin() + made));
+    texts trace;
+    size_t requests = 0;
+    for (size_t i = 0; i < steps.size() && i <= chosen; i++) {
+      trace.push_back(steps[i].what);
+      requests += std::regex_search(steps[i].what, std::regex("^(INFO|ERRO|SERVICE) ")) ? 0U : 1U;
+    }
+    if (is_refusal) {
+      w.file_system.failures[requests] = steps[chosen].error;
+      trace.insert(trace.end(), steps[chosen].then.begin(), steps[chosen].then.end());
+    }
+    EXPECT_EQ(operation(w), is_refusal ? *steps[chosen].refused : result);
+    EXPECT_EQ(w.trace(), trace);
+    EXPECT_EQ(count_in("/proc/self/fd"), w.descriptors);
   }
 }
 
+const std::string FAILED = " returned Input/output error";
+const std::string GONE = " No such file or directory";
+const std::string LAYER_LINE = "INFO created layered inode[ino:new,size:0] for a[ino:a,size:4]";
 const std::string QUERY_A = "GET_FILE_INFO a ro 0 0";
-const std::string CLONE_A = "CLONE_FILE [600] rw a 96";
-const std::string CONNECT_A = "CONNECT a rw [600] 0";
+const std::string QUERY_RW = "GET_FILE_INFO a rw 0 0";
+
+// Lines of the steps that make a layered inode of `a`, of one kind or the other.
+step clone_step(int refused, const std::string &kind) {
+  return {
+      "CLONE_FILE [600] rw a 96", refused, {kind + " fail to clone to temperory file" + FAILED}};
+}
+step connect_step(int refused, const std::string &kind) {
+  return {"CONNECT a rw [600] 0", refused, {kind + " fail to create layered inode" + FAILED}};
+}
 
 TEST(GroupDedup, SharesOneLayerMadeFromTheFirstMemberWithAllThatCan) {
-  static char a[] = "a", b[] = "b", c[] = "d/c";
+  static char a[] = "a", b[] = "b", c[] = "d/c", gone[] = "gone";
   static char *group[] = {a, b, c};
-  const texts requests = {CLONE_A, CONNECT_A, "DEDUP_FILE b rw a 0", "DEDUP_FILE d/c rw a 0"};
-  expect([](world &) { return sis_them_all(group, 3); }, 0, requests, {EIO, EIO});
-  expect([](world &) { return sis_them_all(group, 1); }, 0, {CLONE_A, CONNECT_A}, {EIO, EIO});
-  expect([](world &) { return sis_them_all(group, 0); }, EINVAL, {});
-  // A refused member does not stop it; the last error is returned.
-  world w;
-  w.file_system.failures[3] = EXDEV;
-  EXPECT_EQ(sis_them_all(group, 3), EXDEV);
-  EXPECT_EQ(w.file_system.texts, requests);
-  w.file_system.failures = {{7, EXDEV}, {8, EPERM}};
+  static char *broken[] = {a, gone, b};
+  const step under = {"INFO creating temporary file under ROOT"};
+  const step clone = clone_step(EIO, "ERRO");
+  const step connect = connect_step(EIO, "ERRO");
+  const texts shared_c = {"DEDUP_FILE d/c rw a 0", "INFO done deduplication for d/c[ino:c,size:4]"};
+  const texts after_b = {"ERRO fail to deduplicate b returned Invalid cross-device link",
+                         shared_c[0], shared_c[1]};
+  expect([](world &) { return sis_them_all(group, 3); }, 0,
+         {under,
+          clone,
+          connect,
+          {LAYER_LINE},
+          {"DEDUP_FILE b rw a 0", EXDEV, after_b, EXDEV},
+          {"INFO done deduplication for b[ino:b,size:4]"},
+          {shared_c[0], EIO, {"ERRO fail to deduplicate d/c" + FAILED}},
+          {shared_c[1]}});
+  expect([](world &) { return sis_them_all(group, 1); }, 0, {under, clone, connect, {LAYER_LINE}});
+  expect([](world &) { return sis_them_all(broken, 3); }, ENOENT,
+         {{"ERRO fail to open gone returned" + GONE}});
+  expect([](world &) { return sis_them_all(group, 0); }, EINVAL,
+         {{"ERRO fail to deduplicate a group of 0 files returned Invalid argument"}});
+  world w;  // the error of the last refused member is returned
+  w.file_system.failures = {{3, EXDEV}, {4, EPERM}};
   EXPECT_EQ(sis_them_all(group, 3), EPERM);
 }
 
 TEST(SingleFile, IsAttachedToANewLayerDedupedCopiedOrDetached) {
-  const call create = [](world &) {
-    const int fd = create_layer("a");
-    EXPECT_TRUE(fd < 0 || fs::equivalent("/proc/self/fd/" + std::to_string(fd), "a"));
-    return fd < 0 ? fd : close(fd);
+  const auto create = [](const char *path) {
+    return [path](world &) {
+      const int fd = create_layer(path);
+      EXPECT_TRUE(fd < 0 || fs::equivalent("/proc/self/fd/" + std::to_string(fd), path));
+      return fd < 0 ? fd : close(fd);
+    };
   };
-  expect(create, 0, {CLONE_A, CONNECT_A}, {-1, -1});
-  expect([](world &w) { return dedup_file("b", w.fd_of_a); }, 0, {"DEDUP_FILE b rw a 0"}, {EIO});
-  expect([](world &) { return reflink_copy("a", "copy"); }, 0, {"DEDUP_FILE copy ro a 1"}, {EIO});
+  expect(create("a"), 0,
+         {{"INFO creating temporary file for a"},
+          clone_step(-1, "INFO"),
+          connect_step(-1, "INFO"),
+          {LAYER_LINE}});
+  expect(create("gone"), -1, {{"INFO fail to open gone returned" + GONE}});
+  expect([](world &w) { return dedup_file("b", w.fd_of_a); }, 0,
+         {{"DEDUP_FILE b rw a 0", EIO, {"INFO fail to deduplicate b" + FAILED}},
+          {"INFO done deduplication for b[ino:b,size:4]"}});
+  expect([](world &w) { return dedup_file("gone", w.fd_of_a); }, ENOENT,
+         {{"INFO fail to open gone returned" + GONE}});
+  const auto copy = [](const char *from, const char *to) {
+    return [=](world &w) {
+      const int result = reflink_copy(from, to);
+      EXPECT_TRUE(result != 0 || (w.status(to).st_mode & 0777) == 0644);
+      return result;
+    };
+  };
+  expect(copy("a", "copy"), 0,
+         {{"DEDUP_FILE copy ro a 1",
+           EIO,
+           {"ERRO fail to do rapid copy from a to copy return Input/output error"}},
+          {"INFO reflink copy[ino:new,size:0] to a[ino:a,size:4]"}});
+  expect(copy("gone", "copy"), ENOENT, {{"ERRO fail to open gone return" + GONE}});
+  expect(copy("a", "b"), EEXIST, {{"ERRO fail to open b return File exists"}});
+}
+
+TEST(SingleFile, IsGivenItsOwnDataUnlessItHasItAlready) {
   const call revoke = [](world &) { return revoke_file("a"); };
-  const texts requests = {QUERY_A, "REVOKE a ro null"};
-  expect(answered(QUERY, LAYERED, revoke), 0, requests, {EIO, EIO});
-  expect(answered(QUERY, DEDUPED_ONLY, revoke), 0, requests);
-  expect(revoke, 1, {QUERY_A});
+  const auto steps = [](const std::string &detached) {
+    return std::vector<step>{
+        {QUERY_A, EIO, {"INFO fail to query a return Input/output error"}},
+        {"REVOKE a ro null", EIO, {"ERRO fail to revoke a return Input/output error"}},
+        {"INFO revoke a[ino:a,size:4] from its " + detached}};
+  };
+  expect(answered(QUERY, LAYERED, revoke), 0, steps("layered inode[ino:-2]"));
+  expect(answered(QUERY, DEDUPED, revoke), 0, steps("deduped inode[ino:77]"));
+  expect(answered(QUERY, DEDUPED_ONLY, revoke), 0, steps("deduped inode[ino:77]"));
+  expect(revoke, 1, {{QUERY_A}, {"INFO a[ino:a,size:4] is not deduped inode nor layered inode"}});
+  expect([](world &) { return revoke_file("gone"); }, ENOENT,
+         {{"INFO fail to open gone return" + GONE}});
 }
 
 int filter(off_t size, mode_t type = S_IFREG) {
@@ -123,7 +232,7 @@ TEST(StatusProbe, FilterCountsShrunkenFilesAndFindsUnfitFileSystems) {
   EXPECT_EQ(w.file_system.texts.size(), 3U);
   for (const sis_file_info &info : {sis_file_info{}, LAYERED, DEDUPED, DEDUPED}) {
     w.file_system.answer_with(QUERY, info);
-    EXPECT_EQ(filter(8193), info.layered + info.deduped);
+    EXPECT_EQ(filter(info.deduped != 0 ? 8193 : 4097), info.layered + info.deduped);
   }
   w.file_system.answer_with(GETFLAGS, COMPRESSED);
   EXPECT_EQ(filter(8192), SIS_STATUS_COMPRESSED);
@@ -134,45 +243,79 @@ TEST(StatusProbe, FilterCountsShrunkenFilesAndFindsUnfitFileSystems) {
   EXPECT_EQ(n[0] + n[1] + n[2], 0U) << "they are handed out once";
 }
 
-TEST(FileDedupRequest, SharesDataAndGivesItBack) {
-  expect([](world &) { return sisFileTaskImpl("d/c", "a"); }, 0,
-         {"GET_FILE_INFO d/c rw 0 0", "CLONE_FILE d/[777] rw d/c 96", "CONNECT d/c rw d/[777] 0",
-          "DEDUP_FILE a rw d/c 1"},
-         {EIO, EIO, EIO});
-  // A file that is attached already is only shared; a refusal leads to one more query.
-  const std::string query_rw = "GET_FILE_INFO a rw 0 0";
-  world w;
-  w.file_system.answer_with(QUERY, LAYERED);
-  w.file_system.failures[2] = EXDEV;
-  EXPECT_EQ(sisFileTaskImpl("./a", "b"), EXDEV);
-  EXPECT_EQ(w.file_system.texts, (texts{query_rw, "DEDUP_FILE b rw a 1", query_rw}));
-
-  const call recover = [](world &) { return recoverFileImpl("d/../a"); };
-  const texts requests = {"REVOKE a rw a 0", query_rw};
-  expect(answered(QUERY, sis_file_info{1, 5, {}, 0}, recover), 5, requests, {-EIO, -1});
-  expect(answered(QUERY, LAYERED, recover), -2, requests);
-}
-
 TEST(StatusProbe, AsksForCompressionFirst) {
   const call check = [](world &w) { return check_file_status(w.fd_of_a, nullptr, "a"); };
-  const texts requests = {"GETFLAGS a ro 0 0", QUERY_A};
-  expect(answered(GETFLAGS, COMPRESSED, check), SIS_STATUS_COMPRESSED, {requests[0]});
-  expect(answered(QUERY, DEDUPED_ONLY, check), SIS_STATUS_PLAIN, requests);
-  expect(answered(QUERY, LAYERED, check), SIS_STATUS_LAYERED, requests);
-  const call not_compressed = answered(GETFLAGS, ~COMPRESSED, check);
-  expect(answered(QUERY, DEDUPED, not_compressed), SIS_STATUS_DEDUPED, requests, {-EIO, -EIO});
+  const auto flags = [](const char *told) {
+    return step{"GETFLAGS a ro 0 0", -EIO, {std::string(told) + "compressed, errno = 5"}};
+  };
+  const char *unknown = "INFO cannot determine whether a is ";
+  const std::vector<step> both = {flags(unknown),
+                                  {QUERY_A, -EIO, {std::string(unknown) + "dedupped, errno = 5"}}};
+  expect(answered(GETFLAGS, COMPRESSED, check), SIS_STATUS_COMPRESSED, {flags(unknown)});
+  expect(answered(QUERY, DEDUPED_ONLY, check), SIS_STATUS_PLAIN, both);
+  expect(answered(QUERY, LAYERED, check), SIS_STATUS_LAYERED, both);
+  expect(answered(QUERY, DEDUPED, answered(GETFLAGS, ~COMPRESSED, check)), SIS_STATUS_DEDUPED,
+         both);
+}
+
+// The line of a request that a service entry point was refused.
+std::string refusal(const std::string &request) {
+  return "SERVICE ioctl " + request + " failed! ret = -1, errno = 5\n";
+}
+
+TEST(FileDedupRequest, SharesData) {
+  const step query = {QUERY_RW, EIO, {refusal("get file info")}};
+  const step share = {"DEDUP_FILE b rw a 1", EIO, {refusal("dedup file"), QUERY_RW}};
+  const call of_two = [](world &) { return sisFileTaskImpl("./a", "b"); };
+  const std::vector<step> with_layer = {query,
+                                        {"CLONE_FILE [777] rw a 96", EIO, {refusal("clone file")}},
+                                        {"CONNECT a rw [777] 0", EIO, {refusal("connect")}},
+                                        share};
+  expect(of_two, 0, with_layer);
+  expect(answered(QUERY, DEDUPED_ONLY, of_two), 0, with_layer);
+  expect(answered(QUERY, LAYERED, of_two), 0, {query, share});
+  const auto fail = [](const char *file1, const char *file2, const std::string &line) {
+    expect([=](world &) { return sisFileTaskImpl(file1, file2); }, -1, {{"SERVICE " + line}});
+  };
+  fail("a", "b", "file1 a invalid \n");
+  fail("d/gone", "b", "open file1:d/gone failed !\n");
+  fail("./a", "gone", "open file2:gone failed !\n");
+}
+
+TEST(FileDedupRequest, GivesDataBackAndTellsAboutAFile) {
+  const auto recover = [](const char *path) {
+    return [path](world &) { return recoverFileImpl(path); };
+  };
+  const step revoke = {"REVOKE a rw a 0", -EIO};
+  const step query = {QUERY_RW, -1, {refusal("get file info")}};
+  expect(answered(QUERY, sis_file_info{1, 5, {}, 0}, recover("d/../a")), 5, {revoke, query});
+  expect(answered(QUERY, LAYERED, recover("a")), -2,
+         {revoke, query, {"SERVICE get file info, this file NOT recover!!! \n"}});
+  expect(recover("d"), -1, {{"SERVICE recover file ROOT/d, open FAIL \n"}});
+  expect(recover("d/gone"), -ENOENT, {{"SERVICE Failed to realpath d/gone returned -2\n"}});
+  const auto ask = [](const char *path) {
+    return [path](world &) { return getSISFileInfoImpl(path); };
+  };
+  expect(answered(QUERY, DEDUPED, ask("a")), 1, {query});
+  expect(ask("d"), -1, {{"SERVICE open file:ROOT/d failed !\n"}});
+  expect(ask("gone"), -1, {{"SERVICE Failed to realpath gone returned -1\n"}});
 }
 
 TEST(CoincideFlag, IsSetAndReadAsAsked) {
   const call freeze = [](world &w) { return freeze_file(w.fd_of_a, "a"); };
   const call check = [](world &w) { return check_frozen(w.fd_of_a, "a"); };
-  const call read = [](world &) { return getCoincideFlagImpl("a"); };
-  const texts get = {"COINCIDE_FLAG a ro 0 8"};
-  expect(freeze, 0, {"COINCIDE_FLAG a ro 2 4"}, {EIO});
-  expect(answered(FLAG, sis_coincide_arg{3, 0}, check), 0, get, {-EIO});
-  expect(answered(FLAG, sis_coincide_arg{~SIS_FLAG_COINCIDE, 0}, check), -1, get);
-  EXPECT_TRUE(getCoincideFlagImpl(nullptr) == -1 && setCheckFlagImpl(nullptr, 0, 0) == -1);
-  expect(answered(FLAG, sis_coincide_arg{0x12, 0}, read), 0x12, {"COINCIDE_FLAG a rw 2 8"}, {-EIO});
+  const auto read = [](const char *path) {
+    return [path](world &) { return getCoincideFlagImpl(path); };
+  };
+  const step get = {"COINCIDE_FLAG a ro 0 8", -EIO};
+  expect(freeze, 0, {{"COINCIDE_FLAG a ro 2 4", EIO}});
+  expect(answered(FLAG, sis_coincide_arg{3, 0}, check), 0, {get});
+  expect(answered(FLAG, sis_coincide_arg{~SIS_FLAG_COINCIDE, 0}, check), -1,
+         {get, {"INFO a is not frozen any longer"}});
+  expect(answered(FLAG, sis_coincide_arg{0x12, 0}, read("a")), 0x12,
+         {{"COINCIDE_FLAG a rw 2 8", -EIO, {refusal("get ROOT/a coincide flag")}}});
+  expect(read(nullptr), -1, {{"SERVICE input file is NULL \n"}});
+  expect(read("gone"), -ENOENT, {{"SERVICE Failed to realpath gone returned -2\n"}});
 }
 
 // `moved` happens while the flag is being set.
@@ -187,15 +330,20 @@ call set_flag_while(void (*moved)(const world &), long seconds = 1000, long nano
 TEST(CoincideFlag, IsLeftOnlyOnAPlainFileThatStaysAsItWas) {
   const auto nothing = [](const world &) {};
   const auto touch = [](const world &w) { w.set_mtime("a", 1000, 6); };
-  const texts requests = {"GET_FILE_INFO a rw 0 0", "COINCIDE_FLAG a rw 2 4",
-                          "COINCIDE_FLAG a rw 2 16"};
-  const texts first_two = {requests[0], requests[1]};
-  expect(set_flag_while(nothing), 0, first_two, {-1, -EIO});
-  expect(set_flag_while(touch), -1, requests, {-1, -EIO, -EIO});
-  expect(set_flag_while([](const world &) { unlink("a"); }), -1, first_two);
-  expect(answered(QUERY, LAYERED, set_flag_while(nothing)), 1, {requests[0]});
+  const step query = {QUERY_RW, -1, {refusal("get ROOT/a(a) file info")}};
+  const step set = {"COINCIDE_FLAG a rw 2 4", -EIO, {refusal("set ROOT/a(a) coincide flag")}};
+  const step clear = {"COINCIDE_FLAG a rw 2 16", -EIO, {refusal("clear ROOT/a(a) coincide flag")}};
+  expect(set_flag_while(nothing), 0, {query, set});
+  expect(set_flag_while(touch), -1, {query, set, clear});
+  expect(set_flag_while([](const world &) { unlink("a"); }), -1,
+         {query, {set.what}, {"SERVICE 2nd lstat Error ROOT/a \n"}});
+  expect(answered(QUERY, LAYERED, set_flag_while(nothing)), 1, {query});
   expect(set_flag_while(nothing, 1000, 6), -1, {});
   expect(set_flag_while(nothing, 1001, 5), -1, {});
+  expect([](world &) { return setCheckFlagImpl(nullptr, 0, 0); }, -1,
+         {{"SERVICE input file is NULL \n"}});
+  expect([](world &) { return setCheckFlagImpl("gone", 0, 0); }, -1,
+         {{"SERVICE Failed to realpath gone returned -1\n"}});
   world w;
   w.file_system.failures[3] = EIO;
   EXPECT_EQ(set_flag_while(touch)(w), -EIO);

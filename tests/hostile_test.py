@@ -1,17 +1,15 @@
-"""No room, no rights, trees that nobody wants to meet, and a few rounds of the long runs: whatever
-happens is said, and no file loses a byte. VELMARIN_FILES says how many files are very many."""
+"""No room, no rights, and trees that nobody wants to meet: whatever happens is said, and no file loses
+a byte. VELMARIN_FILES says how many files are very many."""
 
 import os
 import shutil
 import socket
 import stat
-import subprocess
 import sys
 from pathlib import Path
 
-from support.script import TOOL, ToolCase, content, main, run
+from support.script import ToolCase, content, main
 
-SOAK = Path(__file__).resolve().parents[1] / "scripts/soak.d"
 SAME = content("same", 200000)
 FILES = int(os.environ.get("VELMARIN_FILES", 20000))
 PATH_ROOM = 4095  # the longest path, without its NUL
@@ -121,17 +119,6 @@ class HostileTree(ToolCase):
         _, errors = self.run_tool("scan", "--apply", "--state", "../state", ".", status=1,
                                   before=nobody)
         self.assertRegex(errors, "2 errors during the scan: call prep for .* Permission denied")
-
-
-class ShortSoak(ToolCase):
-    """A few seconds of what runs for hours in scripts/soak."""
-
-    def test_a_tree_that_changes_and_a_kill_while_merging(self):
-        self.mount_btrfs("400M")
-        for script, amount in (("moving_tree.py", 4), ("kill_rounds.py", 12)):
-            (self.root / script).mkdir()
-            run(sys.executable, SOAK / script, TOOL, self.root / script,
-                self.directory / ("state of " + script), amount, self.directory / "expected")
 
 
 main(sys.argv[1:-1])

@@ -8,12 +8,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <random>
-#include <thread>
 
 #include "../src/common/unique_fd.h"
 #include "../src/reflink/control.h"
+#include "support/kernel_call.h"
 #include "support/mounted_image.h"
+#include "support/temporary_tree.h"
 
 namespace velmarin_test {
 namespace {
@@ -71,8 +73,10 @@ struct test_file : unique_fd {
   }
 };
 
-class ControlCodes : public testing::TestWithParam<const char *> {
+class OnImage : public testing::Test {
  protected:
+  explicit OnImage(const char *type)
+      : shares_extents_(strstr("btrfs xfs", type) != nullptr), image_(type) {}
   void SetUp() override {
     if (!image_.is_mounted ||
         setxattr(image_.directory.c_str(), "user.velmarin.probe", "", 0, 0) != 0) {
@@ -92,15 +96,30 @@ class ControlCodes : public testing::TestWithParam<const char *> {
     const test_file layer = open_file("", NAMELESS);
     return layer.clone(file) == 0 && file.connect(layer) == 0;
   }
+  // Gives the file a time long ago, so that no request waits for the clock to move on.
+  static void settle(const test_file &file) {
+    const timespec long_ago[] = {{1, 5}, {1, 5}};
+    EXPECT_EQ(futimens(file, long_ago), 0);
+  }
   bool has_shared_extents(const std::string &name) {
     return image_.run("filefrag -vs " + name + " | grep -q shared");
   }
 
-  const bool shares_extents_ = strstr("btrfs xfs", GetParam()) != nullptr;
-  mounted_image image_{GetParam()};
+  const bool shares_extents_;
+  mounted_image image_;
 };
 
-INSTANTIATE_TEST_SUITE_P(, ControlCodes, testing::Values("btrfs", "xfs", "ext4", "tmpfs"),
+class ControlCodes : public OnImage, public testing::WithParamInterface<const char *> {
+ protected:
+  ControlCodes() : OnImage(GetParam()) {}
+};
+
+class ControlCodesOnBtrfs : public OnImage {
+ protected:
+  ControlCodesOnBtrfs() : OnImage("btrfs") {}
+};
+
+INSTANTIATE_TEST_SUITE_P(, ControlCodes, testing::Values("btrfs", "xfs", "ext4"),
                          [](const auto &type) { return std::string(type.param); });
 
 TEST_P(ControlCodes, FilesAreMergedAndSeparatedWithContentTimesAndHolesKept) {
@@ -217,25 +236,176 @@ TEST_P(ControlCodes, AFileIsRefusedBeforeAnythingIsDoneThatTheEndCouldNotBeDoneT
   }
 }
 
-TEST_P(ControlCodes, AWriteDuringARequestIsNeverLost) {
-  const std::string content = random_bytes(200'000);
-  const test_file source = make_file("source", content);
-  const test_file target = make_file("target", content);
-  const timespec long_ago[] = {{1, 0}, {1, 0}};
-  ASSERT_TRUE(attach(source));
-  for (unsigned round = 0; round < 200; round++) {  // the files are identical when a round begins
-    EXPECT_EQ(futimens(target, long_ago), 0);
-    const unsigned place = round * 4099 % 200'000;
-    std::thread writer([&] {
-      usleep(round % 20 * 20);
-      EXPECT_TRUE(target.write("x", place));
-    });
-    round % 4 == 0 ? target.recover() : target.dedup(source);
-    writer.join();
-    EXPECT_EQ(target.content()[place], 'x');
-    EXPECT_TRUE(target.write(content));
+// The files of a request: `a` is attached to a layered inode, `b` has the same content and is
+// attached to it where the request is to detach it.
+struct request_files {
+  test_file a, b;
+  test_file layer;  // a clone of `a` where the request is to connect it
+  test_file copy;   // new and empty
+};
+
+struct request {
+  const char *name;
+  std::function<int(const request_files &)> make;
+  // Calls whose failure need not make the request fail: they decide only how it is done.
+  std::string passed_over;
+  bool can_be_repeated = true;
+};
+
+const request REQUESTS[] = {
+    {"clone", [](const auto &f) { return f.layer.clone(f.a); }, "fstatfs", false},
+    {"connect", [](const auto &f) { return f.a.connect(f.layer); }, "fstatfs"},
+    {"dedup", [](const auto &f) { return f.b.dedup(f.a); }, "fstatfs"},
+    {"copy", [](const auto &f) { return f.copy.copy(f.a); }, "fstatfs statx"},
+    {"recover", [](const auto &f) { return f.b.recover(); }, "fstatfs GETFLAGS SETFLAGS"},
+    {"freeze", [](const auto &f) { return f.a.freeze(); }, "fstatfs fgetxattr"},
+    {"clear", [](const auto &f) { return error_of(clear_coincide_flag(f.a)); }, "fstatfs"},
+    {"get flags",
+     [](const auto &f) {
+       uint32_t flags = 0;
+       return error_of(get_flag_word(f.a, &flags));
+     },
+     ""},
+    {"query",
+     [](const auto &f) {
+       sis_file_info info;
+       return error_of(query_file_info(f.a, &info));
+     },
+     ""}};
+
+class Requests : public ControlCodes {
+ protected:
+  request_files prepare(const std::string &name) {
+    image_.run("rm -f a b copy");
+    request_files f = {make_file("a", content_), make_file("b", content_), open_file("", NAMELESS),
+                       open_file("copy", NEW_COPY)};
+    EXPECT_EQ(ftruncate(f.a, HOLE_END) | ftruncate(f.b, HOLE_END), 0);
+    settle(f.a);
+    settle(f.b);
+    EXPECT_TRUE(attach(f.a) && (name != "connect" || f.layer.clone(f.a) == 0));
+    EXPECT_TRUE(name != "recover" || f.b.dedup(f.a) == 0);
+    EXPECT_TRUE((name != "clear" && name != "get flags") || f.a.freeze() == 0);
+    return f;
   }
-  EXPECT_TRUE(source.content() == content);
+  std::string whole() const { return content_ + std::string(HOLE_END - content_.size(), '\0'); }
+
+  static constexpr size_t HOLE_END = 400'000;
+  const std::string content_ = random_bytes(200'000);
+};
+
+INSTANTIATE_TEST_SUITE_P(, Requests, testing::Values("btrfs", "ext4"),
+                         [](const auto &type) { return std::string(type.param); });
+
+TEST_P(Requests, FailWithACallThatFailsAndChangeNoContent) {
+  for (const request &tried : REQUESTS) {
+    for (const std::string call : KERNEL_CALLS) {
+      for (unsigned nth = 1;; nth++) {
+        SCOPED_TRACE(std::string(tried.name) + ", " + call + " " + std::to_string(nth));
+        const request_files f = prepare(tried.name);
+        const std::ptrdiff_t descriptors = count_in("/proc/self/fd");
+        int result = 0;
+        bool was_called = false;
+        {
+          const kernel_call failing(call, nth);
+          result = tried.make(f);
+          was_called = failing.has_come();
+        }
+        const bool may_go_on = !was_called || tried.passed_over.find(call) != std::string::npos;
+        EXPECT_TRUE(result == EIO ? was_called : result == 0 && may_go_on) << result;
+        EXPECT_EQ(count_in("/proc/self/fd"), descriptors);
+        EXPECT_TRUE(f.a.content() == whole() && f.b.content() == whole());
+        const bool is_copy = tried.name == std::string("copy");
+        if (is_copy && call == "statx" && result != 0) {
+          continue;  // what cannot be looked at after it was filled is left as it is
+        }
+        EXPECT_TRUE(f.copy.content() == (is_copy && result == 0 ? whole() : ""));
+        EXPECT_TRUE(result == 0 || !tried.can_be_repeated || tried.make(f) == 0);
+        if (!was_called || HasFailure()) {
+          break;
+        }
+      }
+    }
+  }
+}
+
+TEST_P(Requests, NoticeWhatHappensToTheirFilesMeanwhile) {
+  const std::string share = shares_extents_ ? "FIDEDUPERANGE" : "pread";
+  const std::string clone = shares_extents_ ? "FICLONE" : "pread";
+  const auto touch = [](const test_file &file) {
+    const timespec later[] = {{2, 5}, {2, 5}};
+    futimens(file, later);
+  };
+  // Makes a request while something happens before a call; returns its result.
+  const auto make = [](const request_files &f, unsigned which, const std::string &call,
+                       unsigned nth, const std::function<void()> &happens) {
+    const kernel_call watched(call, nth, happens);
+    const int result = REQUESTS[which].make(f);
+    EXPECT_TRUE(watched.has_come()) << call;
+    return result;
+  };
+  enum { CLONE, CONNECT, DEDUP, COPY, RECOVER };
+  const auto write = [](const test_file &file) { EXPECT_TRUE(file.write("mine")); };
+  const std::string written = "mine" + whole().substr(4);
+  {
+    const request_files f = prepare("dedup");
+    EXPECT_EQ(make(f, DEDUP, share, 1, [&] { touch(f.b); }), EAGAIN);
+    EXPECT_EQ(make(f, DEDUP, share, 1, [&] { touch(f.a); }), EAGAIN);
+    EXPECT_TRUE(f.b.state() == "plain" && f.a.state() == "plain") << "both have another time";
+  }
+  {
+    const request_files f = prepare("dedup");
+    EXPECT_EQ(make(f, DEDUP, share, 1, [&] { write(f.b); }), EBADE);
+    EXPECT_TRUE(f.b.content() == written && f.b.state() == "plain");
+  }
+  {
+    const request_files f = prepare("copy");
+    const int result = make(f, COPY, clone, 1, [&] { touch(f.a); });
+    EXPECT_EQ(result, shares_extents_ ? 0 : EAGAIN);
+    EXPECT_TRUE(f.copy.content() == (result == 0 ? whole() : "") && f.copy.state() == "plain");
+  }
+  {
+    const request_files f = prepare("copy");
+    const test_file writer = open_file("copy", O_WRONLY);
+    EXPECT_EQ(make(f, COPY, "fgetxattr", 1, [&] { write(writer); }), EAGAIN);
+    EXPECT_TRUE(f.copy.content() == written && f.copy.state() == "plain");
+  }
+  {
+    const request_files f = prepare("clone");
+    const int result = make(f, CLONE, clone, 1, [&] { touch(f.a); });
+    EXPECT_EQ(result, shares_extents_ ? 0 : EAGAIN);
+    EXPECT_EQ(f.a.connect(f.layer), shares_extents_ ? EAGAIN : EINVAL);
+  }
+  {
+    const request_files f = prepare("connect");
+    write(f.layer);
+    EXPECT_EQ(f.a.connect(f.layer), EAGAIN);
+    EXPECT_EQ(ftruncate(f.layer, 1), 0);
+    EXPECT_EQ(f.a.connect(f.layer), EINVAL);
+  }
+  {
+    const request_files f = prepare("recover");
+    const auto other = [&] { EXPECT_TRUE(attach(f.b)); };
+    EXPECT_EQ(make(f, RECOVER, "fgetxattr", 2, other), 0);
+    EXPECT_TRUE(f.b.state().ends_with("layered")) << "another request's record stays";
+  }
+  if (shares_extents_) {
+    const request_files f = prepare("recover");
+    off_t place = 0;  // each time another byte
+    EXPECT_EQ(make(f, RECOVER, share, 0, [&] { f.b.write("x", place++); }), EBUSY);
+    EXPECT_EQ(place, 5) << "it is tried so often";
+    EXPECT_EQ(make(f, RECOVER, share, 1, [&] { f.b.write("n"); }), 0);
+    EXPECT_TRUE(f.b.state() == "plain" && f.b.content() == "nxxxx" + whole().substr(5));
+    EXPECT_FALSE(has_shared_extents("b"));
+  }
+}
+
+TEST_F(ControlCodesOnBtrfs, AFileWithoutCopyOnWriteKeepsItsOwnData) {
+  ASSERT_TRUE(image_.run("mkdir in_place && chattr +C in_place"));
+  const std::string content = random_bytes(100'000);
+  const test_file a = make_file("in_place/a", content);
+  const test_file copy = open_file("copy", NEW_COPY);
+  EXPECT_EQ(open_file("", NAMELESS).clone(a), 0) << "as a copy";
+  EXPECT_TRUE(copy.copy(a) == 0 && copy.content() == content && copy.state() == "plain");
 }
 
 }  // namespace

@@ -46,16 +46,23 @@ TEST(RedBlackTree, StaysSortedAndBalancedUnderRisingAndRandomInsertionsAndRemova
 }
 
 TEST(TimeText, TellsWhatDidNotFitAndWritesNothingBeyondTheBuffer) {
-  constexpr struct timespec TIME = {1700049600, 5};
-  const std::string text = "2023-11-15 12:00:00.000000005";
   setenv("TZ", "UTC", 1);
-  for (unsigned size = 0; size < 40; size++) {
-    std::string buffer(40, '#');
-    const int result = size >= 30 ? 0 : size >= 20 ? 1 : 2;
-    EXPECT_EQ(timespec2str(buffer.data(), size, &TIME), result) << size;
-    EXPECT_EQ(buffer.substr(size), std::string(40 - size, '#')) << size;
-    EXPECT_TRUE(result == 2 || buffer.c_str() == text.substr(0, result == 0 ? 29 : 19)) << buffer;
+  for (const long nanoseconds : {0L, 5L, 999'999'999L}) {
+    const timespec time = {1700049600, nanoseconds};
+    const std::string fraction = std::to_string(nanoseconds);
+    const std::string date = "2023-11-15 12:00:00";
+    const std::string whole =
+        nanoseconds == 0 ? date : date + "." + std::string(9 - fraction.size(), '0') + fraction;
+    for (unsigned size = 0; size < 40; size++) {
+      std::string buffer(40, '#');
+      const int result = size < 20 ? 2 : size > whole.size() ? 0 : 1;
+      EXPECT_EQ(timespec2str(buffer.data(), size, &time), result) << size;
+      EXPECT_EQ(buffer.substr(size), std::string(40 - size, '#')) << size;
+      EXPECT_TRUE(result == 2 || buffer.c_str() == (result == 0 ? whole : date)) << buffer;
+    }
   }
+  const timespec never = {INT64_MAX, 0};
+  EXPECT_EQ(timespec2str(nullptr, 0, &never), 1);
 }
 
 }  // namespace

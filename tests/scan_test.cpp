@@ -1,5 +1,6 @@
 // Whole scans of real trees through the built library.
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
@@ -7,11 +8,33 @@
 #include "support/test_scan.h"
 #include "velmarin/control_codes.h"
 
-static std::function<void(int fd)> during_reading = [](int) {};
+static std::function<void(int fd, int advice)> during_reading = [](int, int) {};
+static std::string asked;  // what a request asks of the system
 
-// The engine gives this advice before and after it reads a file.
-extern "C" int posix_fadvise(int fd, off_t, off_t, int) noexcept {
-  during_reading(fd);
+// The engine gives advice about the whole of a file before and after it reads it.
+extern "C" int posix_fadvise(int fd, off_t offset, off_t length, int advice) noexcept {
+  offset + length == 0 ? during_reading(fd, advice) : void();
+  return 0;
+}
+
+extern "C" int access(const char *path, int mode) noexcept {
+  asked += std::string(mode == F_OK   ? "exists "
+                       : mode == R_OK ? "is readable "
+                                      : "?") +
+           path + ", ";
+  return faccessat(AT_FDCWD, path, mode, 0);
+}
+
+extern "C" int timer_create(clockid_t clock, sigevent *event, timer_t *timer) noexcept {
+  static const auto next =
+      reinterpret_cast<decltype(&timer_create)>(dlsym(RTLD_NEXT, "timer_create"));
+  asked += clock == CLOCK_REALTIME ? "timer, " : "other timer, ";
+  return next(clock, event, timer);
+}
+
+extern "C" int timer_settime(timer_t, int flags, const itimerspec *value, itimerspec *) noexcept {
+  asked += "budget " + std::to_string(flags + value->it_value.tv_sec) + "." +
+           std::to_string(value->it_value.tv_nsec + value->it_interval.tv_sec) + ", ";
   return 0;
 }
 
@@ -55,7 +78,7 @@ TEST(Scan, ObeysItsLimitsAndCallbacks) {
   scan filtered = {.roots = {"t", "t/d"}, .min_size = 5};
   filtered.ops.filter = [](int, const struct stat *status, const char *path) {
     const std::string_view name = path;
-    return S_ISDIR(status->st_mode) ? (name.ends_with("/d") ? -1 : 0) : name.ends_with('b') ? 0 : 7;
+    return S_ISDIR(status->st_mode) ? (name.ends_with("/d") ? -1 : 1) : name.ends_with('b') ? 0 : 7;
   };
   EXPECT_EQ(filtered.run().found, groups{}) << "b is too small, a is alone, t/d is left out";
   EXPECT_EQ(filtered.counters, (counts{4, 2, 3, 2, 0, 0}));
@@ -76,15 +99,23 @@ TEST(Scan, ObeysItsLimitsAndCallbacks) {
 
 TEST(Scan, WithoutFreezingTrustsNoDigestOfAFileWhoseTimeChangesMeanwhile) {
   const working_tree tree("t/a=abc t/b=abc t/c=abc s/");
-  during_reading = [&tree](int fd) {
-    if (fs::equivalent("/proc/self/fd/" + std::to_string(fd), "t/a")) {
+  std::mutex lock;
+  std::map<fs::path, std::string> advice_for;
+  during_reading = [&](int fd, int advice) {
+    const std::lock_guard<std::mutex> guard(lock);
+    const fs::path name = fs::read_symlink("/proc/self/fd/" + std::to_string(fd)).filename();
+    advice_for[name] += advice == POSIX_FADV_SEQUENTIAL ? "begin " : "";
+    advice_for[name] += advice == POSIX_FADV_DONTNEED ? "end " : "";
+    if (name == "a") {
       tree.set_mtime("t/a", 1, 0);
     }
   };
   scan s;
   EXPECT_EQ(s.run().found, (groups{{"t/b", "t/c"}}));
   EXPECT_EQ(s.counters, (counts{1, 1, 6, 3, 3, 0}));
-  during_reading = [](int) {};
+  during_reading = [](int, int) {};
+  EXPECT_EQ(advice_for, (std::map<fs::path, std::string>{
+                            {"a", "begin end "}, {"b", "begin end "}, {"c", "begin end "}}));
 }
 
 TEST(ScanRequest, ChoosesTheMinimumSizeAsksAboutEachFileAndFreezesWhatItReads) {
@@ -92,11 +123,19 @@ TEST(ScanRequest, ChoosesTheMinimumSizeAsksAboutEachFileAndFreezesWhatItReads) {
   scripted_fs file_system;
   file_system.answer_with(GETFLAGS, uint32_t{FS_COMPR_FL});
   file_system.answer_with(SIS_IOC_COINCIDE_FLAG, sis_coincide_arg{SIS_FLAG_COINCIDE, 0});
+  asked.clear();
   EXPECT_EQ(scan{.save_dir = "no"}.request(), ENOENT);
-  EXPECT_EQ(scan{.roots = {"gone"}}.request(), ENOENT);
+  EXPECT_EQ(scan({.roots = {"t", "gone"}}).request(), ENOENT);
+  EXPECT_EQ(asked, "exists no, exists s, is readable t, is readable gone, ");
+  EXPECT_EQ(
+      tree.log.messages(),
+      (std::vector<std::string>{"SERVICE minimum is:65536\n", "SERVICE Cannot access no",
+                                "SERVICE minimum is:65536\n", "SERVICE Cannot read from gone"}));
   for (const int64_t size_hint : {0x10000001, 0x10000000, 0}) {  // from 1 MiB on, from 64 KiB on
     scan s;
+    asked.clear();
     EXPECT_EQ(s.request(size_hint), 0);
+    EXPECT_EQ(asked, "exists s, is readable t, timer, budget 300.0, ");
     const names expected = size_hint > 0x10000000 ? names{} : names{"t/a", "t/b"};
     EXPECT_EQ(s.found, expected.empty() ? groups{} : groups{expected});
     EXPECT_EQ(s.reported, expected) << "both are compressed";

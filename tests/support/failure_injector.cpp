@@ -54,12 +54,12 @@ struct stand_in {
       function(arguments...);
     }
     if constexpr (std::is_pointer_v<Result>) {
-      errno = Code != 0 ? Code : EIO;
+      errno = Code != 0 ? Code : failing_errno.load(RELAXED);
       return nullptr;
     } else if constexpr (Code != 0) {
       return Code;
     } else {
-      errno = EIO;
+      errno = failing_errno.load(RELAXED);
       return -1;
     }
   }

@@ -4,14 +4,16 @@
 // call on. The calls of the test and of other libraries do not come here.
 //
 // A close or closedir that is made to fail releases its descriptor all the same, as the kernel does
-// it; any other call that fails has no effect. A system call fails with EIO, an allocation with
-// ENOMEM; the bounds-checked functions and those of threads answer an error and leave errno alone.
+// it; any other call that fails has no effect. A system call fails with EIO or as told, an
+// allocation with ENOMEM; the bounds-checked functions and those of threads answer an error and
+// leave errno alone.
 //
 // So that thousands of scans can be run, the library's polling sleeps are short, and what it asks
 // for only on behalf of the disk (fsync, posix_fadvise) is counted but not carried out.
 #pragma once
 
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 
 namespace velmarin_test {
@@ -54,6 +56,9 @@ void free_library_block(void *block);
 // So many more threads of the library are started; those after them fail with EAGAIN. With a single
 // worker the calls of a scan come in the same order each time.
 inline std::atomic<int> workers_allowed = 1 << 30;
+
+// The errno of a system call that fails.
+inline std::atomic<int> failing_errno = EIO;
 
 // How long the library's polling sleeps last, in nanoseconds.
 inline std::atomic<long> poll_time = 1'000'000;

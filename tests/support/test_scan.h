@@ -66,8 +66,8 @@ struct scan {
     auto *self = reinterpret_cast<scan *>(caller_data);
     EXPECT_EQ(std::this_thread::get_id(), self->host);
     if (record->stage == velmarin::REPORT_GROUP || record->stage == velmarin::REPORT_FILE) {
-      self->reported.insert(record->path);
-      self->reported.erase("");
+      EXPECT_TRUE(*record->path == '\0' || self->reported.insert(record->path).second)
+          << record->path << " is reported twice";
     } else if (record->stage == velmarin::REPORT_GROUP_END) {
       self->found.insert(std::exchange(self->reported, {}));
     } else if (record->stage == velmarin::REPORT_END) {

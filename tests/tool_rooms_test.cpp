@@ -1,0 +1,258 @@
+// The small rooms of the command-line tool: names and sizes as text, paths, output files, the
+// report as it comes in, signals.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "display_name.h"
+#include "findings.h"
+#include "output_file.h"
+#include "scan_paths.h"
+#include "size_text.h"
+#include "stop_signal.h"
+#include "support/temporary_tree.h"
+
+namespace {
+
+using namespace tool;
+using namespace velmarin_test;
+namespace fs = std::filesystem;
+
+// The bytes of a code in the shortest form, also of one that is no character.
+std::string bytes_of(uint32_t code) {
+  const unsigned length = code < 0x80 ? 1 : code < 0x800 ? 2 : code < 0x10000 ? 3 : 4;
+  std::string bytes;
+  for (unsigned i = 1; i < length; i++, code >>= 6) {
+    bytes.insert(0, 1, static_cast<char>(0x80 | (code & 0x3f)));
+  }
+  constexpr unsigned MARKS[] = {0, 0xc0, 0xe0, 0xf0};
+  return static_cast<char>(MARKS[length - 1] | code) + bytes;
+}
+
+// Every byte as \xNN.
+std::string hex_escaped(const std::string &bytes) {
+  std::string text;
+  for (const char byte : bytes) {
+    text += "\\x" + hex_text(std::string_view(&byte, 1));
+  }
+  return text;
+}
+
+TEST(DisplayName, KeepsWhatIsPrintableAndEscapesWhatIsNot) {
+  for (const uint32_t code :  // each at an end of its range
+       {0x20U,   0x7eU,   0xa0U,   0x7ffU,  0x800U,   0x61bU,   0x61dU,
+        0x200dU, 0x2010U, 0x2027U, 0x202fU, 0x2065U,  0x206aU,  0xd7ffU,
+        0xe000U, 0xfefeU, 0xff00U, 0xffffU, 0x10000U, 0x10ffffU}) {
+    const std::string name = "a" + bytes_of(code) + "b";
+    EXPECT_TRUE(is_utf8(name) && utf8_name(name) == name && escaped_name(name) == name) << code;
+  }
+  for (const uint32_t code : {0x1U, 0x1fU, 0x7fU, 0x80U, 0x9fU, 0x61cU, 0x200eU, 0x200fU, 0x2028U,
+                              0x202eU, 0x2066U, 0x2069U, 0xfeffU}) {
+    const std::string name = bytes_of(code);
+    EXPECT_TRUE(is_utf8(name) && utf8_name(name) == name) << code;
+    EXPECT_EQ(escaped_name("a" + name + "b"), "a" + hex_escaped(name) + "b");
+  }
+  EXPECT_EQ(escaped_name("\\ \n \t \r"), "\\\\ \\n \\t \\r");
+}
+
+TEST(DisplayName, TakesBytesThatAreNoCharacterOneByOne) {
+  for (const std::string &bytes :
+       {bytes_of(0xd800), bytes_of(0xdfff), bytes_of(0x110000), std::string("\xc0\x80"),
+        std::string("\xc1\xbf"), std::string("\xe0\x9f\xbf"), std::string("\xf0\x8f\xbf\xbf"),
+        std::string("\xf8\x88\x80\x80\x80"), std::string("\x80"), std::string("\xc3"),
+        std::string("\xe2\x82"), std::string("\xf0\x9f\x98"), std::string("\xff\xfe")}) {
+    std::string replaced = "a";
+    for (size_t i = 0; i < bytes.size(); i++) {
+      replaced += "\xef\xbf\xbd";
+    }
+    const std::string escaped = "a" + hex_escaped(bytes);
+    EXPECT_FALSE(is_utf8("a" + bytes)) << escaped;
+    EXPECT_EQ(escaped_name("a" + bytes), escaped);
+    EXPECT_EQ(utf8_name("a" + bytes), replaced) << escaped;
+    EXPECT_EQ(utf8_name("a" + bytes + "z"), replaced + "z") << escaped;
+  }
+}
+
+TEST(SizeText, ReadsAndWritesSizesDurationsAndCounts) {
+  const std::pair<const char *, std::optional<uint64_t>> sizes[] = {
+      {"0", 0},
+      {"1023", 1023},
+      {"1k", 1024},
+      {"1K", 1024},
+      {"3m", 3 << 20},
+      {"2G", 2U << 30},
+      {"1t", 1ULL << 40},
+      {"16777215T", 16777215ULL << 40},
+      {"16777216T", {}},
+      {"1P", {}},
+      {"1KB", {}},
+      {"", {}},
+      {"K", {}},
+      {"-1", {}},
+      {"1.5K", {}},
+      {"18446744073709551615", UINT64_MAX},
+      {"18446744073709551616", {}}};
+  for (const auto &[text, size] : sizes) {
+    EXPECT_EQ(parse_size(text), size) << text;
+  }
+  const std::pair<uint64_t, const char *> written[] = {{0, "0 B"},
+                                                       {1023, "1023 B"},
+                                                       {1024, "1 KiB"},
+                                                       {1075, "1 KiB"},
+                                                       {1076, "1.1 KiB"},
+                                                       {1048524, "1023.9 KiB"},
+                                                       {1048525, "1 MiB"},
+                                                       {3 << 19, "1.5 MiB"},
+                                                       {1ULL << 30, "1 GiB"},
+                                                       {5ULL << 40, "5 TiB"},
+                                                       {1ULL << 50, "1 PiB"},
+                                                       {UINT64_MAX, "16 EiB"}};
+  for (const auto &[bytes, text] : written) {
+    EXPECT_EQ(format_size(bytes), text) << bytes;
+  }
+  const std::pair<long, const char *> durations[] = {{0, "0.0 s"},
+                                                     {99, "0.0 s"},
+                                                     {59'999, "59.9 s"},
+                                                     {60'000, "1 min 00 s"},
+                                                     {70'999, "1 min 10 s"},
+                                                     {3'599'999, "59 min 59 s"},
+                                                     {3'600'000, "1 h 00 min"},
+                                                     {36'540'000, "10 h 09 min"},
+                                                     {4'200'000, "1 h 10 min"}};
+  for (const auto &[milliseconds, text] : durations) {
+    EXPECT_EQ(format_duration(std::chrono::milliseconds(milliseconds)), text) << milliseconds;
+  }
+  EXPECT_EQ(format_count(0, "file") + format_count(1, "file") + format_count(2, "file"),
+            "0 files1 file2 files");
+}
+
+TEST(OutputFile, KeepsWhatItHoldsUntilAllOfItIsReplaced) {
+  const temporary_tree tree("page=a_longer_old_page");
+  OutputFile page;
+  ASSERT_TRUE(page.open(tree.path("page")));
+  EXPECT_EQ(tree.read("page"), "a_longer_old_page");
+  EXPECT_TRUE(page.write("new"));
+  EXPECT_EQ(tree.read("page"), "new");
+  OutputFile full, missing, pipe;
+  EXPECT_TRUE(full.open("/dev/full") && !full.write("x"));
+  EXPECT_FALSE(missing.open(tree.path("missing/page")));
+  ASSERT_EQ(mkfifo(tree.path("pipe").c_str(), 0600), 0);
+  const int reader = open(tree.path("pipe").c_str(), O_RDONLY | O_NONBLOCK);
+  char text[8] = "";
+  EXPECT_TRUE(pipe.open(tree.path("pipe")) && pipe.write("new"));
+  EXPECT_EQ(read(reader, text, sizeof(text)), 3);
+  close(reader);
+}
+
+TEST(ScanPaths, AreResolvedOnceAndTheStateDirectoryIsMadeForItsUserAlone) {
+  const temporary_tree tree("d/ file=x s/");
+  fs::create_directory_symlink("d", tree.path("link"));
+  const std::string d = tree.path("d");
+  std::vector<std::string> roots;
+  EXPECT_TRUE(resolve_roots({d, d + "/.", tree.path("link"), tree.path("s")}, roots));
+  EXPECT_EQ(roots, (std::vector<std::string>{d, tree.path("s")}));
+  EXPECT_FALSE(resolve_roots({tree.path("missing"), tree.path("file"), tree.path(".")}, roots));
+  EXPECT_EQ(roots.back(), tree.root()) << "the others are resolved all the same";
+
+  for (const size_t length : {4026U, 4027U}) {
+    std::string state = tree.path("s");
+    state.resize(length, '/');
+    EXPECT_EQ(prepare_state_directory(state), length == 4026) << length;
+  }
+  umask(0);
+  const auto is_prepared = [&tree](const char *name) {
+    std::string path = tree.path(name);
+    return prepare_state_directory(path);
+  };
+  EXPECT_TRUE(is_prepared("new/one/state"));
+  EXPECT_EQ(tree.status("new").st_mode & tree.status("new/one/state").st_mode & 0777, 0700U);
+  EXPECT_FALSE(is_prepared("file") || is_prepared("file/below"));
+  setenv("HOME", "/home", 1);
+  for (const auto &[variable, expected] :
+       {std::pair("/state", "/state/velmarin"), {"state", "/home/.local/state/velmarin"}}) {
+    setenv("XDG_STATE_HOME", variable, 1);
+    EXPECT_EQ(default_state_directory(), expected);
+  }
+}
+
+TEST(Findings, TakeGroupsCompressedFilesAndCountersAsReported) {
+  using namespace velmarin;
+  Collector collector;
+  const timespec time = {7, 8};
+  const uint8_t digest[32] = {9};
+  const auto report = [&](sis_report_stage stage, const char *path, uint64_t n) {
+    sis_report record = {nullptr, n, path, -5, n + 1, n + 2, &time, n > 1 ? digest : nullptr,
+                         stage};
+    EXPECT_EQ(Collector::receive(reinterpret_cast<uint64_t>(&collector), &record), 0);
+  };
+  report(REPORT_BEGIN, nullptr, 0);
+  report(REPORT_GROUP, "//root", 1);
+  report(REPORT_FILE, "/x//y", 2);
+  report(REPORT_GROUP_END, "/x//y", 2);
+  report(REPORT_GROUP, "/z", 3);
+  report(REPORT_COMPRESSED, "/z", 3);
+  report(REPORT_FILE, "relative", 4);
+  report(REPORT_END, reinterpret_cast<const char *>(70), 80);
+  const Findings &f = collector.findings;
+  ASSERT_TRUE(f.groups.size() == 2 && f.compressed.size() == 1 && f.groups[0].files.size() == 2);
+  const FoundFile &root = f.groups[0].files[0];
+  const FoundFile &x = f.groups[0].files[1];
+  EXPECT_EQ(root.path + " " + x.path + " " + f.groups[1].files[0].path, "/root /x//y /z");
+  EXPECT_EQ(f.compressed[0].path, "relative");
+  EXPECT_TRUE(x.inode == 2 && x.status == -5 && x.size == 3 && x.blocks == 4);
+  EXPECT_TRUE(x.mtime.tv_sec == 7 && x.mtime.tv_nsec == 8 && !root.digest && (*x.digest)[0] == 9);
+  const Counters &c = f.counters;
+  EXPECT_TRUE(c.nr_dir_opened == 0 && c.nr_dir_read == 80 && c.nr_file_opened == 70);
+  EXPECT_TRUE(c.nr_scan_file == static_cast<uint64_t>(-5) && c.nr_hashed == 81 && c.nr_error == 82);
+  EXPECT_EQ(f.grouped_files(), 3U);
+}
+
+// In a process of its own: raises a signal when the scan has come so far, and again.
+[[noreturn]] void ask_twice(int number, bool before_scan) {
+  int in_time = 1;
+  {
+    const StopSignals signals;
+    *const_cast<StopSignals &>(signals).handle_slot() = &in_time;
+    before_scan ? raise(number) : 0;
+    publish_stop_handle();
+    before_scan ? 0 : raise(number);
+    if (!stop_requested() || in_time != 0) {
+      _exit(1);
+    }
+    withdraw_stop_handle();
+    raise(number);
+  }
+  _exit(2);
+}
+
+TEST(StopSignal, AsksOnceAndEndsTheProcessTheSecondTime) {
+  for (const int number : {SIGINT, SIGTERM}) {
+    EXPECT_EXIT(ask_twice(number, false), testing::KilledBySignal(number), "");
+    EXPECT_EXIT(ask_twice(number, true), testing::KilledBySignal(number), "");
+  }
+  const auto action_of = [](int number) {
+    struct sigaction action = {};
+    sigaction(number, nullptr, &action);
+    return action.sa_handler;
+  };
+  signal(SIGINT, SIG_IGN);  // as a shell does for what runs in the background
+  {
+    const StopSignals signals;
+    EXPECT_TRUE(action_of(SIGINT) == SIG_IGN && action_of(SIGTERM) != SIG_DFL);
+    const StopSignalsBlocked blocked;
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    EXPECT_TRUE(sigismember(&mask, SIGINT) == 1 && sigismember(&mask, SIGTERM) == 1);
+  }
+  EXPECT_TRUE(action_of(SIGINT) == SIG_IGN && action_of(SIGTERM) == SIG_DFL);
+  signal(SIGINT, SIG_DFL);
+  sigset_t mask;
+  pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+  EXPECT_EQ(sigismember(&mask, SIGINT), 0);
+}
+
+}  // namespace
