@@ -115,12 +115,10 @@ std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bo
     struct stat status = {};
     char resolved[PATH_MAX];
     const char *useless = nullptr;
-    if (lstat(path.c_str(), &status) != 0) {
+    if (lstat(path.c_str(), &status) != 0 || realpath(path.c_str(), resolved) == nullptr) {
       useless = std::strerror(errno);
     } else if (S_ISLNK(status.st_mode)) {
       useless = "a symbolic link, which a scan does not follow";
-    } else if (realpath(path.c_str(), resolved) == nullptr) {
-      useless = std::strerror(errno);
     }
     if (useless != nullptr && remark) {
       print_error("nothing to skip at", path, useless);
