@@ -138,13 +138,12 @@ class Volumes(ToolCase):
                 (("-x",), top),
                 (("-x", self.root / "two"), top + two, deep)):
             with self.subTest(arguments):
-                report = self.scan(*arguments)
-                self.assertEqual(
-                    sorted(sorted(map(own_name, group)) for group in self.groups(report)),
-                    sorted(map(sorted, groups)))
-                again = self.scan(*arguments)
-                self.assertEqual((self.groups(again), again["counters"]["nr_hashed"]),
-                                 (self.groups(report), 0))
+                for _ in range(2):
+                    report = self.scan(*arguments)
+                    self.assertEqual(
+                        sorted(sorted(map(own_name, group)) for group in self.groups(report)),
+                        sorted(map(sorted, groups)))
+                self.assertEqual(report["counters"]["nr_hashed"], 0)
         self.assertEqual({name.suffix for name in (self.directory / "state").iterdir()}, {".hsh"})
         self.assertEqual(self.scan("--apply", status=0)["merged"]["refused"], 0)
 
