@@ -1,11 +1,6 @@
 # shellcheck shell=bash
 # What the scripts that test on 64-bit Arm share, besides `lib.sh`. To be sourced after it.
 
-cannot_run() {
-  say "cannot run here: $*"
-  exit 77
-}
-
 # Both architectures of a package must have one version: the native one is brought up to date.
 install_both_architectures() {
   local missing=() name

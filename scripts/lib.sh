@@ -18,6 +18,12 @@ fail() {
   exit 1
 }
 
+# Ends a script, or a step of .ci/run, that this machine cannot do.
+cannot_run() {
+  say "cannot run here: $*"
+  exit 77
+}
+
 can_be_root() {
   [ "$(id -u)" -eq 0 ] || command -v sudo >/dev/null
 }

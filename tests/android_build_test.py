@@ -1,104 +1,124 @@
-"""The platform build file says what the CMake build says, and its lists are enough to compile.
+"""The platform's build program accepts Android.bp and reads from it what CMake reads from its own
+lists; the commands that it writes compile and link the library.
 
-    android_build_test.py BUILD_DIRECTORY SOURCE_DIRECTORY COMPILER [CLASS]
+    android_build_test.py BUILD_DIRECTORY SOURCE_DIRECTORY
 
-Beyond the C and C++ libraries and libcrypto, the sources need nothing but <android/log.h> and
-<bounds_checked.h>. What needs a platform tree is not shown: that its build system accepts the file,
-and that the sources compile against a device's own libraries; those of GNU/Linux take their place.
+The program is the one that reads such files in a platform's source tree, in the version that Debian
+packages. Its commands run with Debian's clang and lld in place of the platform's, on the headers of
+GNU/Linux in place of the platform's C and C++ library. What is not shown: that the sources compile
+against those of a device, and that a later version of the program accepts the file.
 """
 
 import json
 import os
 import re
 import shlex
-import shutil
+import subprocess
 import sys
-import tempfile
 import unittest
 from pathlib import Path
 
 from support.script import main, run
 
-BUILD, SOURCE, COMPILER = (os.path.abspath(path) for path in sys.argv[1:4])
-PLATFORM_HEADERS = SOURCE + "/platform/linux/include/"
-ARM64_HEADERS = Path("/usr/aarch64-linux-gnu/include")  # of Debian's cross compiler
-LIBLOG_HEADERS = "/usr/include/android"  # of Debian's android-liblog-dev
+BUILD, SOURCE = (os.path.abspath(path) for path in sys.argv[1:3])
+TREE = Path(BUILD, "android/tree")  # a platform's source tree
+PLACE = "hardware/ril/velmarin/"  # of the project in it
+PRODUCTS = f"out/soong/.intermediates/{PLACE}"
+LIBRARY = PRODUCTS + "libvelmarin/android_arm64_armv8-a_shared/unstripped/libvelmarin.so"
 
 
-def read_modules():
-    """The modules by name, with their defaults merged in. Without comments and last commas, and
-    with names in quotes, a module is a JSON object."""
-    text = re.sub(r"//.*", "", Path(SOURCE, "Android.bp").read_text(encoding="utf-8"))
-    text = re.sub(r",(\s*[\]}])", r"\1", re.sub(r"(\w+):", r'"\1":', text))
-    modules = {}
-    for kind, body in re.findall(r"^(\w+) (\{.*?^\})", text, re.M | re.S):
-        module = {"kind": kind, **json.loads(body)}
-        for name in module.pop("defaults", []):
-            module["cpp_std"] = modules[name]["cpp_std"]
-            module["cflags"] = modules[name]["cflags"] + module.get("cflags", [])
-        modules[module["name"]] = module
-    return modules
+def read_build_files(files="build_files", output="build.ninja"):
+    """Has the program write what ninja is to do. Returns its exit status and its messages."""
+    out = "out/soong/"
+    Path(TREE, out, output).unlink(missing_ok=True)
+    done = subprocess.run(
+        [out + "soong_build", "-b", out, "-l", out + files, "-o", out + output,
+         "-globFile", out + output + ".globs", "Android.bp"],
+        cwd=TREE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+        env={"PATH": os.environ["PATH"], "LLVM_PREBUILTS_BASE": "prebuilts",
+             "LLVM_PREBUILTS_VERSION": "clang"})
+    return done.returncode, done.stdout
 
 
-LIBRARY, TEST = map(read_modules().get, ("libvelmarin", "velmarin_device_test"))
+def ninja(*arguments):
+    return run("ninja", "-f", "out/soong/build.ninja", *arguments, cwd=TREE)
 
 
-def flags_of(module):
-    return module["cflags"] + module.get("cppflags", []) + ["-std=" + module["cpp_std"]]
+def read_database(text):
+    """The words of each command by its product and its source, which are the module's own."""
+    return {(entry["output"], entry["file"].removeprefix(PLACE)): shlex.split(entry["command"])
+            for entry in json.loads(text)}
 
 
-class Lists(unittest.TestCase):
-    # Chosen by the build type, by a sanitizer or by the build system itself.
-    OTHERS = re.compile(r"-(I|O|g|M|o$|c$|DNDEBUG|DGTEST|fPI[CE]|f.*-prefix-map|fsanitize|"
-                        r"fno-sanitize|fno-omit-frame-pointer|Wno-maybe-uninitialized|"
-                        r"Wl,-soname|Wl,-rpath|Wl,--version-s)")
+def objects_of(module):
+    return {key: words for key, words in read_database(ninja("-t", "compdb", "g.cc.cc")).items()
+            if key[0].startswith(f"{PRODUCTS}{module}/")}
+
+
+class AndroidBuild(unittest.TestCase):
+    # Chosen by the build type, by a build system or for headers that the other calls the system's.
+    OTHERS = re.compile(r"-(I|O|g|M|o$|c$|DNDEBUG|DGTEST|DDO_NOT_CHECK|fPI[CE]|f.*-prefix-map|"
+                        r"Wno-undef|Wl,-soname|Wl,-rpath|Wl,--version-s|Wl,--dependency-file)")
+
+    @classmethod
+    def setUpClass(cls):
+        status, messages = read_build_files()
+        if status != 0:
+            raise AssertionError("the platform's build program refuses Android.bp:\n" + messages)
 
     def own_flags(self, words):
         return {word for word in words if word.startswith("-") and not self.OTHERS.match(word)}
 
-    def test_sources_flags_and_directories_are_those_of_cmake(self):
+    def test_a_misspelt_property_is_refused(self):
+        text = Path(SOURCE, "Android.bp").read_text(encoding="utf-8")
+        Path(TREE, "misspelt").mkdir(exist_ok=True)
+        text = text.replace("version_script", "version_skript")
+        Path(TREE, "misspelt/Android.bp").write_text(text, encoding="utf-8")
+        Path(TREE, "out/soong/misspelt_files").write_text("misspelt/Android.bp\n", encoding="utf-8")
+        status, messages = read_build_files("misspelt_files", "misspelt.ninja")
+        self.assertNotEqual(status, 0)
+        self.assertIn('unrecognized property "version_skript"', messages)
+
+    def test_sources_and_flags_are_those_of_cmake(self):
         database = json.loads(Path(BUILD, "compile_commands.json").read_text(encoding="utf-8"))
-        for module, target in ((LIBRARY, "velmarin_objects"), (TEST, "device_tests")):
+        text = Path(TREE, "out/soong/build.ninja").read_text(encoding="utf-8")
+        for module, target in (("libvelmarin", "velmarin_objects"),
+                               ("velmarin_device_test", "device_tests")):
             commands = {os.path.relpath(entry["file"], SOURCE): shlex.split(entry["command"])
                         for entry in database if f"/{target}.dir/" in entry["command"]}
-            self.assertEqual(sorted(module["srcs"]), sorted(commands))
+            self.assertEqual(sorted(source for _, source in objects_of(module)), sorted(commands))
+            own = rf"^m\.{module}_android_\S*\.c(?:pp)?flags = (.*)$"
+            flags = " ".join(re.findall(own, text, re.M)).split()
+            flags.remove("-fno-rtti")  # every module gets it, besides what the module says
             for source, words in commands.items():
-                self.assertEqual(self.own_flags(flags_of(module)), self.own_flags(words), source)
+                self.assertEqual(self.own_flags(flags), self.own_flags(words), source)
 
     def test_the_library_is_linked_as_by_cmake(self):
         commands = run("ninja", "-C", BUILD, "-t", "commands", "libvelmarin.so").splitlines()
-        words = shlex.split(next(line for line in commands if "-Wl,-soname,libvelmarin.so" in line))
-        self.assertEqual(set(LIBRARY["ldflags"]),
-                         {word for word in self.own_flags(words) if word.startswith("-Wl,")})
-        self.assertIn(f"-Wl,--version-script={SOURCE}/{LIBRARY['version_script']}", words)
-        linked = {os.path.basename(word)[:-3] for word in words if word.endswith(".so")}
-        self.assertEqual(set(LIBRARY["shared_libs"]), linked | {"libbounds_checked", "liblog"})
+        cmake = shlex.split(next(line for line in commands if "-Wl,-soname,libvelmarin.so" in line))
+        links = {product: words for (product, _), words
+                 in read_database(ninja("-t", "compdb", "g.cc.ld")).items()}
+        bare = next(words for product, words in links.items() if "/libbounds_checked.so" in product)
+        self.assertEqual(self.own_flags(set(links[LIBRARY]) - set(bare)),
+                         {word for word in self.own_flags(cmake) if word.startswith("-Wl,")})
+        script = "src/libvelmarin.map"
+        self.assertIn(f"-Wl,--version-script,{PLACE}{script}", links[LIBRARY])
+        self.assertIn(f"-Wl,--version-script={SOURCE}/{script}", cmake)
+        linked, expected = ({os.path.basename(word)[:-3] for word in words
+                             if word.endswith(".so") and not word.startswith("-")}
+                            for words in (links[LIBRARY], cmake))
+        self.assertEqual(linked - {"libc", "libc++", "libdl", "libm", "libvelmarin"},
+                         expected | {"libbounds_checked", "liblog"})
+
+    def test_the_platforms_commands_compile_and_link(self):
+        objects = [product for product, _ in objects_of("velmarin_device_test")]
+        ninja("-k", "0", LIBRARY, *objects)
+        run(SOURCE + "/tests/segments_test.sh", TREE / LIBRARY)
+        run(SOURCE + "/tests/exports_test.sh", TREE / LIBRARY, SOURCE + "/include",
+            SOURCE + "/src/libvelmarin.map")
 
 
-class Syntax(unittest.TestCase):
-    def compile(self, module, compiler, log_headers=PLATFORM_HEADERS):
-        with tempfile.TemporaryDirectory(prefix="velmarin-android-") as headers:
-            shutil.copy(PLATFORM_HEADERS + "bounds_checked.h", headers)
-            shutil.copytree(log_headers + "/android", headers + "/android")
-            directories = LIBRARY["export_include_dirs"] + module["local_include_dirs"] + [headers]
-            run(*compiler, "-fsyntax-only", *flags_of(module),
-                *("-I" + directory for directory in directories), *module["srcs"], cwd=SOURCE)
-
-    def test_the_sources_need_no_other_header_of_the_platform(self):
-        for module in (LIBRARY, TEST):
-            self.compile(module, [COMPILER])
-
-    @unittest.skipUnless(shutil.which("clang++") and ARM64_HEADERS.is_dir(),
-                         "needs clang and the headers of the 64-bit Arm cross compiler")
-    def test_clang_accepts_the_sources_for_android(self):
-        libraries = max(ARM64_HEADERS.glob("c++/*"), key=lambda path: int(path.name))
-        # The last two hold what is the same on every architecture, and OpenSSL's configuration.
-        clang = ["clang++", "--target=aarch64-linux-android30", "-nostdinc++", "-nostdlibinc",
-                 "-isystem", libraries, "-isystem", libraries / "aarch64-linux-gnu",
-                 "-isystem", ARM64_HEADERS, "-idirafter", "/usr/include/aarch64-linux-gnu",
-                 "-idirafter", "/usr/include"]
-        for headers in filter(os.path.isdir, (PLATFORM_HEADERS, LIBLOG_HEADERS)):
-            self.compile(LIBRARY, clang, headers)
-
-
-main(sys.argv[4:])
+lay_out = subprocess.run([SOURCE + "/scripts/android.d/lay-out", BUILD + "/android"])
+if lay_out.returncode != 0:
+    sys.exit(lay_out.returncode)
+main(sys.argv[3:])
