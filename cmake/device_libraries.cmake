@@ -1,0 +1,13 @@
+# What the library takes from a device's libraries: VELMARIN_CRYPTO and VELMARIN_LOG, to be linked.
+# Without the device's own there is no VELMARIN_LOG: the platform layer has the log.
+if(VELMARIN_DEVICE_LIBRARIES)
+  set(directory /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android)
+  find_library(VELMARIN_CRYPTO crypto PATHS ${directory} NO_DEFAULT_PATH REQUIRED)
+  find_library(VELMARIN_LOG log PATHS ${directory} NO_DEFAULT_PATH REQUIRED)
+  # Before every other directory: the platform layer has an <android/log.h>, too.
+  include_directories(BEFORE /usr/include/android)
+else()
+  find_package(OpenSSL 3.0 REQUIRED COMPONENTS Crypto)
+  set(VELMARIN_CRYPTO OpenSSL::Crypto)
+  set(VELMARIN_LOG)
+endif()
