@@ -5,6 +5,7 @@
 #include <string>
 
 #include "file_commands.h"
+#include "history_command.h"
 #include "message.h"
 #include "options.h"
 #include "scan_command.h"
@@ -23,9 +24,18 @@ bool run_file_command(const std::string &name, const tool::FileOptions &options)
   return false;
 }
 
+bool run_named(const tool::CommandLine &line) {
+  if (line.command == "scan") {
+    return tool::run_scan(line.scan);
+  }
+  if (line.command == "history") {
+    return tool::run_history(line.history);
+  }
+  return run_file_command(line.command, line.file);
+}
+
 bool run_command(const tool::CommandLine &line) {
-  const bool done = line.command == "scan" ? tool::run_scan(line.scan)
-                                           : run_file_command(line.command, line.file);
+  const bool done = run_named(line);
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
     tool::print_error("cannot write to standard output");
     return false;

@@ -73,6 +73,14 @@ void add_scan(CLI::App &app, ScanOptions &scan) {
   command->add_option("ROOT", scan.roots, "Directory to scan")->required()->type_name("");
 }
 
+void add_history(CLI::App &app, HistoryOptions &history) {
+  CLI::App *const command =
+      app.add_subcommand("history", "Show what each scan with --apply has freed");
+  command->add_option("--state", history.state, "Where the scans keep their digests")
+      ->type_name("DIR");
+  command->add_flag("--json", history.json, "Print one JSON object");
+}
+
 void add_file_command(CLI::App &app, const FileCommand &kind, FileOptions &file) {
   CLI::App *const command = app.add_subcommand(kind.name, kind.summary);
   command->add_flag("--verbose", file.verbose, "Show the library's log on standard error");
@@ -93,6 +101,7 @@ void define(CLI::App &app, CommandLine &line) {
   app.name("velmarin");
   app.require_subcommand(1);
   add_scan(app, line.scan);
+  add_history(app, line.history);
   for (const FileCommand &kind : file_commands()) {
     add_file_command(app, kind, line.file);
   }

@@ -28,10 +28,16 @@ struct FileOptions {
   std::vector<std::string> files;
 };
 
+struct HistoryOptions {
+  bool json = false;
+  std::string state;  // empty: the default directory
+};
+
 struct CommandLine {
   std::string command;  // empty: nothing is left to do, `exit_status` says how it went
   int exit_status = 0;
   ScanOptions scan;  // of the command `scan`
+  HistoryOptions history;
   FileOptions file;  // of every other command
 };
 

@@ -6,6 +6,7 @@
 
 #include "display_name.h"
 #include "guarded_open.h"
+#include "history.h"
 #include "log_lines.h"
 #include "merge.h"
 #include "message.h"
@@ -67,7 +68,8 @@ class ScanCommand {
       apply();
     }
     report_.elapsed = limit_.elapsed();
-    return print() && is_success();
+    const bool is_recorded = !options_.apply || append_history(state_, entry_of(report_));
+    return print() && is_success() && is_recorded;
   }
 
  private:

@@ -24,7 +24,8 @@ _velmarin_value() {
 _velmarin() {
   local command=${COMP_WORDS[1]} names=-f options='--verbose --help --version' word
   if ((COMP_CWORD == 1)); then
-    _velmarin_offer -W 'scan dedup info recover group copy revoke freeze flags --help --version'
+    options='--help --version'
+    _velmarin_offer -W "scan history dedup info recover group copy revoke freeze flags $options"
     return
   fi
   for word in "${COMP_WORDS[@]:2:COMP_CWORD-2}"; do
@@ -34,6 +35,9 @@ _velmarin() {
     names=-d
     options+=${options:+ --apply --state --skip --min-size --max-depth --time-budget --json}
     options+=${options:+ --one-file-system --html --quiet --no-color}
+    [[ -n $options ]] && _velmarin_value && return
+  elif [[ $command == history ]]; then
+    names=-d options=${options:+--state --json --help --version}
     [[ -n $options ]] && _velmarin_value && return
   fi
   if [[ -n $options && ${COMP_WORDS[COMP_CWORD]} == -* ]]; then

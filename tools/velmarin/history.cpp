@@ -1,0 +1,219 @@
+#include "history.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string_view>
+
+#include "message.h"
+
+namespace tool {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// A line has some 200 bytes: this is the record of years of nights.
+constexpr off_t MOST_BYTES = 1 << 20;
+
+struct NumberField {
+  const char *name;
+  uint64_t HistoryEntry::*value;
+};
+constexpr NumberField NUMBERS[] = {
+    {"start", &HistoryEntry::start},
+    {"elapsed_ms", &HistoryEntry::elapsed_ms},
+    {"freed_bytes", &HistoryEntry::freed_bytes},
+    {"freed_uncertain_bytes", &HistoryEntry::freed_uncertain_bytes},
+    {"left_bytes", &HistoryEntry::left_bytes},
+    {"merged", &HistoryEntry::merged},
+    {"changed", &HistoryEntry::changed},
+    {"refused", &HistoryEntry::refused},
+    {"not_tried", &HistoryEntry::not_tried},
+};
+
+struct MarkField {
+  const char *name;
+  bool HistoryEntry::*value;
+};
+constexpr MarkField MARKS[] = {{"stopped", &HistoryEntry::stopped},
+                               {"out_of_time", &HistoryEntry::out_of_time}};
+
+// Every field must be there: a line that lacks one was cut or written by something else.
+std::optional<HistoryEntry> parse_entry(std::string_view line) {
+  const Json object = Json::parse(line, nullptr, false);
+  HistoryEntry entry;
+  for (const NumberField &field : NUMBERS) {
+    const auto place = object.find(field.name);
+    if (place == object.end() || !place->is_number_unsigned()) {
+      return std::nullopt;
+    }
+    entry.*field.value = place->get<uint64_t>();
+  }
+  for (const MarkField &field : MARKS) {
+    const auto place = object.find(field.name);
+    if (place == object.end() || !place->is_boolean()) {
+      return std::nullopt;
+    }
+    entry.*field.value = place->get<bool>();
+  }
+  return entry;
+}
+
+std::string file_of(const std::string &state) {
+  return state + "/history";
+}
+
+bool read_all(int fd, std::string &text) {
+  char block[65536];
+  ssize_t count = 0;
+  while ((count = read(fd, block, sizeof block)) > 0) {
+    text.append(block, static_cast<size_t>(count));
+  }
+  return count == 0;
+}
+
+// Opens the record as a regular file. Returns -1 with errno otherwise.
+int open_record(const std::string &path, int flags) {
+  const int fd = open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+  struct stat status = {};
+  if (fd < 0 || (fstat(fd, &status) == 0 && S_ISREG(status.st_mode))) {
+    return fd;
+  }
+  close(fd);
+  errno = EINVAL;
+  return -1;
+}
+
+// Without a value the record cannot be read, and standard error says why.
+std::optional<std::string> read_record(const std::string &path) {
+  const int fd = open_record(path, O_RDONLY);
+  std::string text;
+  if (fd < 0 && (errno == ENOENT || errno == ENOTDIR)) {
+    return text;
+  }
+  const bool is_read = fd >= 0 && read_all(fd, text);
+  if (!is_read) {
+    print_error("cannot read", path, std::strerror(errno));
+  }
+  if (fd >= 0) {
+    close(fd);
+  }
+  return is_read ? std::optional(std::move(text)) : std::nullopt;
+}
+
+bool write_synced(int fd, std::string_view text) {
+  return write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) && fsync(fd) == 0;
+}
+
+// Keeps the newer half of a record that has grown too long.
+bool shorten(const std::string &path) {
+  const auto text = read_record(path);
+  if (!text) {
+    return false;
+  }
+  const size_t cut = text->find('\n', text->size() / 2);
+  const std::string newer = path + ".new";
+  unlink(newer.c_str());
+  const int fd = open_record(newer, O_WRONLY | O_CREAT | O_EXCL);
+  const bool is_written =
+      fd >= 0 && write_synced(fd, cut == std::string::npos ? "" : text->substr(cut + 1));
+  if (fd >= 0) {
+    close(fd);
+  }
+  return is_written && rename(newer.c_str(), path.c_str()) == 0;
+}
+
+// A line that was cut by a crash ends before the next one starts.
+bool append_line(int fd, const std::string &line) {
+  struct stat status = {};
+  char last = '\n';
+  if (fstat(fd, &status) != 0 ||
+      (status.st_size > 0 && pread(fd, &last, 1, status.st_size - 1) != 1)) {
+    return false;
+  }
+  return write_synced(fd, (last == '\n' ? "" : "\n") + line + "\n");
+}
+
+uint64_t left_bytes(const Findings &findings) {
+  uint64_t bytes = 0;
+  for (const FoundGroup &group : findings.groups) {
+    const uint64_t freed = group.freed().certain;
+    bytes += std::max(group.reclaimable().certain, freed) - freed;
+  }
+  return bytes;
+}
+
+}  // namespace
+
+HistoryEntry entry_of(const Report &report) {
+  const MergeCounts counts = count_outcomes(report.findings);
+  const Space freed = report.findings.freed();
+  const auto elapsed = static_cast<uint64_t>(report.elapsed.count());
+  return {.start = static_cast<uint64_t>(std::time(nullptr)) - elapsed / 1000,
+          .elapsed_ms = elapsed,
+          .freed_bytes = freed.certain,
+          .freed_uncertain_bytes = freed.uncertain,
+          .left_bytes = left_bytes(report.findings),
+          .merged = counts.merged,
+          .changed = counts.changed,
+          .refused = counts.refused,
+          .not_tried = counts.not_tried,
+          .stopped = report.stopped,
+          .out_of_time = report.out_of_time};
+}
+
+std::string history_line(const HistoryEntry &entry) {
+  Json object;
+  for (const NumberField &field : NUMBERS) {
+    object[field.name] = entry.*field.value;
+  }
+  for (const MarkField &field : MARKS) {
+    object[field.name] = entry.*field.value;
+  }
+  return object.dump();
+}
+
+std::optional<std::vector<HistoryEntry>> read_history(const std::string &state) {
+  const auto text = read_record(file_of(state));
+  if (!text) {
+    return std::nullopt;
+  }
+  std::vector<HistoryEntry> entries;
+  size_t number = 0;
+  for (size_t begin = 0; begin < text->size();) {
+    const size_t end = std::min(text->find('\n', begin), text->size());
+    ++number;
+    if (const auto entry = parse_entry(std::string_view(*text).substr(begin, end - begin))) {
+      entries.push_back(*entry);
+    } else {
+      print_error("line " + std::to_string(number) + " left out of", file_of(state), "damaged");
+    }
+    begin = end + 1;
+  }
+  return entries;
+}
+
+bool append_history(const std::string &state, const HistoryEntry &entry) {
+  const std::string path = file_of(state);
+  struct stat status = {};
+  const bool is_long = lstat(path.c_str(), &status) == 0 && status.st_size > MOST_BYTES;
+  const int fd = is_long && !shorten(path) ? -1 : open_record(path, O_RDWR | O_APPEND | O_CREAT);
+  const bool is_written = fd >= 0 && append_line(fd, history_line(entry));
+  if (!is_written) {
+    print_error("cannot write", path, std::strerror(errno));
+  }
+  if (fd >= 0) {
+    close(fd);
+  }
+  return is_written;
+}
+
+}  // namespace tool

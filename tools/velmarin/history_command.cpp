@@ -1,0 +1,79 @@
+#include "history_command.h"
+
+#include <cstdio>
+#include <ctime>
+
+#include "display_name.h"
+#include "history.h"
+#include "scan_paths.h"
+#include "size_text.h"
+
+namespace tool {
+namespace {
+
+std::string local_minute(uint64_t seconds) {
+  const time_t time = static_cast<time_t>(seconds);
+  struct tm parts = {};
+  char text[32] = "?";
+  if (localtime_r(&time, &parts) != nullptr) {
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &parts);
+  }
+  return text;
+}
+
+// How the run came to its end.
+const char *end_word(const HistoryEntry &entry) {
+  return entry.stopped ? "stopped" : entry.out_of_time ? "out of time" : "done";
+}
+
+void print_row(const HistoryEntry &entry) {
+  std::printf("%-16s  %11s  %8llu  %11s  %11s  %s\n", local_minute(entry.start).c_str(),
+              format_size(entry.freed_bytes).c_str(), static_cast<unsigned long long>(entry.merged),
+              format_size(entry.left_bytes).c_str(),
+              format_duration(std::chrono::milliseconds(entry.elapsed_ms)).c_str(),
+              end_word(entry));
+}
+
+void print_table(const std::vector<HistoryEntry> &entries) {
+  std::printf("%-16s  %11s  %8s  %11s  %11s  %s\n", "run", "freed", "merged", "left", "time",
+              "end");
+  uint64_t freed = 0;
+  uint64_t merged = 0;
+  for (const HistoryEntry &entry : entries) {
+    print_row(entry);
+    freed += entry.freed_bytes;
+    merged += entry.merged;
+  }
+  std::printf("%-16s  %11s  %8llu\n", format_count(entries.size(), "run").c_str(),
+              format_size(freed).c_str(), static_cast<unsigned long long>(merged));
+}
+
+void print_objects(const std::vector<HistoryEntry> &entries) {
+  const char *before = "\n    ";
+  std::printf("{\n  \"format\": 1,\n  \"velmarin\": \"%s\",\n  \"runs\": [", VELMARIN_VERSION);
+  for (const HistoryEntry &entry : entries) {
+    std::printf("%s%s", before, history_line(entry).c_str());
+    before = ",\n    ";
+  }
+  std::printf("%s]\n}\n", entries.empty() ? "" : "\n  ");
+}
+
+}  // namespace
+
+bool run_history(const HistoryOptions &options) {
+  const std::string state = options.state.empty() ? default_state_directory() : options.state;
+  const auto entries = read_history(state);
+  if (!entries) {
+    return false;
+  }
+  if (options.json) {
+    print_objects(*entries);
+  } else if (entries->empty()) {
+    std::printf("No run with --apply is on record in %s\n", escaped_name(state).c_str());
+  } else {
+    print_table(*entries);
+  }
+  return true;
+}
+
+}  // namespace tool
