@@ -68,6 +68,10 @@ int stat_regular(int fd, file_status *status);
 // written to.
 int stat_settled(int fd, file_status *status);
 
+// As `stat_settled`, with the status that `stat_regular` gave before: asks again only if it must
+// wait. What was written before this call may have left the file with the time in `*status`.
+int settle(int fd, file_status *status);
+
 // Fails with EAGAIN when the file was written to since `before` was taken.
 int check_unchanged(int fd, const file_status &before);
 
@@ -77,6 +81,9 @@ int read_layer(int fd, layer_record *record, file_status *status);
 
 // As `read_layer`, but fails with ENODATA also when the file was written to since it was attached.
 int read_attachment(int fd, layer_record *record);
+
+// As `read_attachment`, with the file's stamp already known.
+int read_attachment_of(int fd, const file_stamp &file, layer_record *record);
 
 int write_layer(int fd, const file_stamp &file, bool deduped, uint32_t layer_ino);
 

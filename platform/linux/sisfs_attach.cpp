@@ -16,19 +16,20 @@
 namespace velmarin::sisfs {
 namespace {
 
-bool is_readable(int fd) {
-  const int flags = fcntl(fd, F_GETFL);
-  return flags >= 0 && (flags & O_PATH) == 0 && (flags & O_ACCMODE) != O_WRONLY;
-}
+// What an open descriptor allows; nothing for a bad one.
+struct descriptor_access {
+  bool is_readable;
+  bool is_writable;
+  bool is_appending;
+};
 
-bool is_writable(int fd) {
+descriptor_access access_of(int fd) {
   const int flags = fcntl(fd, F_GETFL);
-  return flags >= 0 && (flags & O_PATH) == 0 && (flags & O_ACCMODE) != O_RDONLY;
-}
-
-bool is_appending(int fd) {
-  const int flags = fcntl(fd, F_GETFL);
-  return flags >= 0 && (flags & O_APPEND) != 0;
+  if (flags < 0 || (flags & O_PATH) != 0) {
+    return {};
+  }
+  const int mode = flags & O_ACCMODE;
+  return {mode != O_WRONLY, mode != O_RDONLY, (flags & O_APPEND) != 0};
 }
 
 // The inode number of the temporary file would not do: once that file has gone, ext4 and XFS give
@@ -124,15 +125,16 @@ int fill_target(int fd, const file_pair &pair) {
 }
 
 // Both files must still be as they were at first when their data has become one: a file that was
-// written to meanwhile keeps what was written and is not attached.
+// written to meanwhile keeps what was written and is not attached. What was written between the
+// first look at a file and the comparison is compared. `fd` is open for writing.
 int merge_target(int fd, const file_pair &pair) {
   layer_record layer = {};
-  int error = read_attachment(pair.source_fd, &layer);
+  int error = read_attachment_of(pair.source_fd, pair.source.stamp, &layer);
   if (error != 0) {
     return error == ENODATA ? EINVAL : error;
   }
-  file_status target;
-  error = stat_settled(fd, &target);
+  file_status target = pair.target;
+  error = settle(fd, &target);
   if (error != 0) {
     return error;
   }
@@ -161,7 +163,8 @@ int clone_file(int fd, const sis_clone_arg &argument) {
   if (argument.flags != SIS_CLONE_FLAGS || pair.target.links != 0 || pair.target.stamp.size != 0) {
     return EINVAL;
   }
-  if (!is_readable(pair.source_fd) || !is_writable(fd) || is_appending(fd)) {
+  const descriptor_access access = access_of(fd);
+  if (!access_of(pair.source_fd).is_readable || !access.is_writable || access.is_appending) {
     return EBADF;  // as for FICLONE
   }
   bool is_refused = false;  // then the layered inode is a copy, and dedup requests decide
@@ -197,10 +200,11 @@ int dedup_file(int fd, const sis_dedup_arg &argument) {
   if (argument.mode != SIS_DEDUP_ATTACHED && argument.mode != SIS_DEDUP_COPY) {
     return EINVAL;
   }
-  if (!is_readable(pair.source_fd) || !is_readable(fd)) {
+  const descriptor_access access = access_of(fd);
+  if (!access_of(pair.source_fd).is_readable || !access.is_readable) {
     return EBADF;
   }
-  if (is_writable(fd)) {
+  if (access.is_writable) {
     return merge_target(fd, pair);
   }
   const bool is_copy = argument.mode == SIS_DEDUP_COPY && pair.target.stamp.size == 0;

@@ -34,9 +34,10 @@ byte_buffer allocate_buffer(size_t size) {
   return byte_buffer(static_cast<char *>(malloc(size)));
 }
 
-bool is_of_type(int fd, uint32_t magic) {
+// The magic number of the file system, 0 if it cannot be told.
+uint32_t file_system_type(int fd) {
   struct statfs status = {};
-  return fstatfs(fd, &status) == 0 && static_cast<uint32_t>(status.f_type) == magic;
+  return fstatfs(fd, &status) == 0 ? static_cast<uint32_t>(status.f_type) : 0;
 }
 
 // Fails with EAGAIN at the end of the file.
@@ -142,7 +143,8 @@ bool is_same_file_system(int left_fd, const file_status &left, int right_fd,
   if (left.device == right.device) {
     return true;
   }
-  if (!is_of_type(left_fd, BTRFS_SUPER_MAGIC) || !is_of_type(right_fd, BTRFS_SUPER_MAGIC)) {
+  if (file_system_type(left_fd) != BTRFS_SUPER_MAGIC ||
+      file_system_type(right_fd) != BTRFS_SUPER_MAGIC) {
     return false;
   }
   btrfs_ioctl_fs_info_args left_info = {};
@@ -153,7 +155,8 @@ bool is_same_file_system(int left_fd, const file_status &left, int right_fd,
 }
 
 bool can_share_extents(int fd) {
-  return is_of_type(fd, BTRFS_SUPER_MAGIC) || is_of_type(fd, XFS_MAGIC);
+  const uint32_t type = file_system_type(fd);
+  return type == BTRFS_SUPER_MAGIC || type == XFS_MAGIC;
 }
 
 int share_range(int source, int target, uint64_t offset, uint64_t length) {

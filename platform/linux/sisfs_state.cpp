@@ -130,18 +130,24 @@ int check_unchanged(int fd, const file_status &before) {
   return is_unchanged(before.stamp, now.stamp) ? 0 : EAGAIN;
 }
 
-int stat_settled(int fd, file_status *status) {
-  for (int64_t waited = 0;; waited += SETTLE_POLL_NS) {
-    const int error = stat_regular(fd, status);
-    if (error != 0 || !is_racily_clean(status->stamp)) {
-      return error;
-    }
+int settle(int fd, file_status *status) {
+  for (int64_t waited = 0; is_racily_clean(status->stamp); waited += SETTLE_POLL_NS) {
     if (waited > granularity_of(status->stamp) + SETTLE_LIMIT_NS) {
       return EAGAIN;
     }
     const timespec pause = {0, SETTLE_POLL_NS};
     nanosleep(&pause, nullptr);
+    const int error = stat_regular(fd, status);
+    if (error != 0) {
+      return error;
+    }
   }
+  return 0;
+}
+
+int stat_settled(int fd, file_status *status) {
+  const int error = stat_regular(fd, status);
+  return error != 0 ? error : settle(fd, status);
 }
 
 int read_layer(int fd, layer_record *record, file_status *status) {
@@ -155,6 +161,15 @@ int read_layer(int fd, layer_record *record, file_status *status) {
   }
   const bool counts =
       record->version == RECORD_VERSION && is_same_inode(record->file, status->stamp);
+  return counts ? 0 : ENODATA;
+}
+
+int read_attachment_of(int fd, const file_stamp &file, layer_record *record) {
+  const int error = read_attribute(fd, LAYER_ATTRIBUTE, record, sizeof(*record));
+  if (error != 0) {
+    return error;
+  }
+  const bool counts = record->version == RECORD_VERSION && is_unchanged(record->file, file);
   return counts ? 0 : ENODATA;
 }
 
