@@ -1,6 +1,7 @@
-# Tests of what is handed over: the libraries as files, the platform build file, the installation
-# and the packages. Those labelled any_target hold for a cross build, too. They name the interpreter
-# by its path: a target's name in a test's command stands for a program to be emulated.
+# A part of tests/CMakeLists.txt, which includes it: the tests of what users receive, that is the
+# libraries as files, the platform build file, the installation and the packages. A cross build runs
+# those labelled any_target, too. They name the interpreter by its path, since CMake runs a target
+# that is named in a test's command in the emulator.
 
 velmarin_script_test(segments ${CMAKE_CURRENT_SOURCE_DIR}/segments_test.sh
   $<TARGET_FILE:velmarin> $<TARGET_FILE:velmarin_platform>)
