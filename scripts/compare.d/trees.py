@@ -56,6 +56,28 @@ def make_medium(root):
     make_of_sizes(root, [sizes.randrange(64 << 10, (256 << 10) + 1) for _ in range(50_000)], 0.3)
 
 
+def make_groups(root, files, sizes, members):
+    """So many files in groups of identical ones; `sizes` and `members` draw from a range."""
+    chosen = random.Random(3)
+    number = 0
+    while number < files:
+        content = os.urandom(chosen.choice(sizes))
+        for _ in range(min(chosen.choice(members), files - number)):
+            directory = f"{root}/{number // 500:03}"
+            os.makedirs(directory, exist_ok=True)
+            with open(f"{directory}/{number:06}", "wb") as file:
+                file.write(content)
+            number += 1
+
+
+def make_small_groups(root):
+    make_groups(root, 3000, range(64 << 10, (256 << 10) + 1), range(2, 18))
+
+
+def make_large_groups(root):
+    make_groups(root, 30, [16 << 20], [3])
+
+
 def make_tree(name, root):
     makers = {"many": make_many, "large": make_large, "medium": make_medium}
     os.makedirs(root, exist_ok=True)
