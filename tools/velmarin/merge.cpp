@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "read_ahead.h"
 #include "share_plan.h"
 #include "stop_signal.h"
 #include "survey.h"
@@ -70,12 +71,13 @@ int open_as_source(FoundFile &file, LogLines &log) {
 class ShareMerge {
  public:
   ShareMerge(FoundGroup &group, Share &share, const Volumes &volumes, LogLines &log,
-             MergeProgress &progress)
+             MergeProgress &progress, ReadAhead &ahead)
       : group_(group),
         share_(share),
         volumes_(volumes),
         log_(log),
         progress_(progress),
+        ahead_(ahead),
         maps_(maps_before()),
         account_(account_of(*volumes.find(share.volume), maps_)) {}
 
@@ -129,6 +131,7 @@ class ShareMerge {
     }
     ++progress_.files_done;
     progress_.bytes_done += file.state.allocated_bytes;
+    ahead_.reach(file);
     if (!is_unchanged(file)) {
       set_outcome(file, Outcome::changed, CHANGED);
       return;
@@ -164,6 +167,7 @@ class ShareMerge {
   const Volumes &volumes_;
   LogLines &log_;
   MergeProgress &progress_;
+  ReadAhead &ahead_;
   const std::vector<ExtentMap> maps_;  // of the files of the share, at their places in the group
   SpaceAccount account_;
   uint64_t unknown_bytes_ = 0;  // allocated to merged files whose extents are not known
@@ -185,7 +189,7 @@ void mark_idle(FoundGroup &group, const Share &share) {
 }
 
 void merge_share(FoundGroup &group, Share &share, const Volumes &volumes, LogLines &log,
-                 MergeProgress &progress) {
+                 MergeProgress &progress, ReadAhead &ahead) {
   if (!has_work(group, share)) {
     mark_idle(group, share);
     return;
@@ -194,7 +198,7 @@ void merge_share(FoundGroup &group, Share &share, const Volumes &volumes, LogLin
     set_outcome(group.files[place], Outcome::not_tried);
   }
   if (!stop_requested()) {
-    ShareMerge(group, share, volumes, log, progress).run();
+    ShareMerge(group, share, volumes, log, progress, ahead).run();
   }
 }
 
@@ -211,31 +215,49 @@ void mark_unusable(FoundGroup &group) {
   }
 }
 
-}  // namespace
-
-void plan_merge(const Findings &findings, MergeProgress &progress) {
+// Visits the files that merging compares, in the order in which it comes to them: of each share
+// with work the first file, which is to be the source, and those with another copy of the data.
+template <typename Visit>
+void visit_work(const Findings &findings, Visit visit) {
   for (const FoundGroup &group : findings.groups) {
     for (const Share &share : group.shares) {
       if (!has_work(group, share)) {
         continue;
       }
       const FoundFile &source = group.files[share.files.front()];
-      for (size_t i = 1; i < share.files.size(); ++i) {
-        const FoundFile &file = group.files[share.files[i]];
-        if (!has_copy_of(file, source)) {
-          ++progress.files_to_do;
-          progress.bytes_to_do += file.state.allocated_bytes;
+      for (const size_t place : share.files) {
+        const FoundFile &file = group.files[place];
+        if (&file == &source || !has_copy_of(file, source)) {
+          visit(file, &file == &source);
         }
       }
     }
   }
 }
 
+std::vector<const FoundFile *> files_to_compare(const Findings &findings) {
+  std::vector<const FoundFile *> files;
+  visit_work(findings, [&](const FoundFile &file, bool) { files.push_back(&file); });
+  return files;
+}
+
+}  // namespace
+
+void plan_merge(const Findings &findings, MergeProgress &progress) {
+  visit_work(findings, [&](const FoundFile &file, bool is_source) {
+    if (!is_source) {
+      ++progress.files_to_do;
+      progress.bytes_to_do += file.state.allocated_bytes;
+    }
+  });
+}
+
 void merge_all(Findings &findings, const Volumes &volumes, LogLines &log, MergeProgress &progress) {
+  ReadAhead ahead(files_to_compare(findings));
   for (FoundGroup &group : findings.groups) {
     mark_unusable(group);
     for (Share &share : group.shares) {
-      merge_share(group, share, volumes, log, progress);
+      merge_share(group, share, volumes, log, progress, ahead);
     }
   }
 }
