@@ -89,13 +89,20 @@ class Comparison:
         for number in range(self.rounds):
             for place in places:
                 self.run_in_place(place, number)
-            print(f"round {number + 1} of {self.rounds} done", flush=True)
+                print(f"round {number + 1}, {', '.join(place)}: " + ", ".join(
+                    f"{run['tool']}{' again' if run['kind'] == 'second' else ''} {run['wall']:.2f}"
+                    for run in self.runs
+                    if run["round"] == number and self.place_of(run) == place), flush=True)
         return [self.row(place) for place in places]
+
+    @staticmethod
+    def place_of(run):
+        return run["file system"], run["tree"], run["cache"]
 
     def values(self, place, kind, merger, field="wall"):
         """By round."""
         return {run["round"]: run[field] for run in self.runs
-                if (run["file system"], run["tree"], run["cache"]) == place
+                if self.place_of(run) == place
                 and (run["kind"], run["tool"]) == (kind, merger.name) and field in run}
 
     def fastest(self, place, kind, number):
