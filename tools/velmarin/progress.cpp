@@ -58,8 +58,9 @@ void Progress::run() {
   } while (!finished_);
 }
 
-bool can_show_progress() {
-  return is_terminal(STDERR_FILENO);
+std::unique_ptr<Progress> show_progress(bool is_wanted, std::function<std::string()> describe) {
+  return is_wanted && is_terminal(STDERR_FILENO) ? std::make_unique<Progress>(std::move(describe))
+                                                 : nullptr;
 }
 
 bool can_show_colours() {

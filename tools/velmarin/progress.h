@@ -3,6 +3,7 @@
 
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -28,8 +29,8 @@ class Progress {
   std::thread thread_;
 };
 
-// Whether standard error is a terminal on which a line can be renewed.
-bool can_show_progress();
+// As above, or null where it is not wanted or standard error is no terminal.
+std::unique_ptr<Progress> show_progress(bool is_wanted, std::function<std::string()> describe);
 
 // Whether standard output is a terminal that shows colours, and its user did not ask for none.
 bool can_show_colours();

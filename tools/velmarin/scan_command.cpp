@@ -2,13 +2,12 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "display_name.h"
 #include "guarded_open.h"
 #include "history.h"
 #include "log_lines.h"
-#include "merge.h"
+#include "merge_run.h"
 #include "message.h"
 #include "output_file.h"
 #include "progress.h"
@@ -18,10 +17,8 @@
 #include "scan_runs.h"
 #include "size_text.h"
 #include "stop_signal.h"
-#include "survey.h"
 #include "time_limit.h"
 #include "velmarin/files.h"
-#include "volume.h"
 
 namespace tool {
 namespace {
@@ -45,7 +42,10 @@ const char *phase_word(ScanPhase phase) {
 class ScanCommand {
  public:
   explicit ScanCommand(const ScanOptions &options)
-      : options_(options), limit_(options.time_budget), log_(options.verbose) {}
+      : options_(options),
+        shows_progress_(!options.quiet && !options.verbose),
+        limit_(options.time_budget),
+        log_(options.verbose) {}
 
   bool run() {
     stop_after(limit_);
@@ -64,9 +64,7 @@ class ScanCommand {
       return false;
     }
     finish_scan();
-    if (options_.apply) {
-      apply();
-    }
+    merging_.run(report_);
     report_.elapsed = limit_.elapsed();
     const bool is_recorded = !options_.apply || append_history(state_, entry_of(report_));
     return print() && is_success() && is_recorded;
@@ -82,7 +80,7 @@ class ScanCommand {
   }
 
   int scan() {
-    const auto progress = show_progress([this] { return scan_progress(); });
+    const auto progress = show_progress(shows_progress_, [this] { return scan_progress(); });
     return runs_.run();
   }
 
@@ -101,41 +99,6 @@ class ScanCommand {
     Statistics &statistics = report_.findings.statistics;
     get_sis_file_statistics(&statistics.compressed_files, &statistics.deduped_files,
                             &statistics.compressed_saved_bytes, &statistics.deduped_saved_bytes);
-    const auto progress = show_progress(
-        [this] { return format_duration(limit_.elapsed()) + "  looking at the files found"; });
-    survey(report_.findings, volumes_, options_.apply);
-  }
-
-  void apply() {
-    MergeProgress merging;
-    plan_merge(report_.findings, merging);
-    const auto start = limit_.elapsed();
-    const auto progress =
-        show_progress([&] { return merge_progress(merging, limit_.elapsed() - start); });
-    merge_all(report_.findings, volumes_, log_, merging);
-    report_.stopped = stop_signalled();
-    report_.out_of_time =
-        report_.out_of_time || (limit_.is_over() && count_outcomes(report_.findings).not_tried > 0);
-  }
-
-  std::string merge_progress(const MergeProgress &merging, std::chrono::milliseconds spent) const {
-    std::string text = format_duration(limit_.elapsed()) + "  merging  " +
-                       std::to_string(merging.files_done) + " of " +
-                       format_count(merging.files_to_do, "file") + ", " +
-                       format_size(merging.freed_bytes) + " freed";
-    const uint64_t done = merging.bytes_done;
-    if (done > 0 && merging.bytes_to_do >= done) {
-      const double rest =
-          static_cast<double>(merging.bytes_to_do - done) / static_cast<double>(done);
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(spent * rest);
-      text += ", about " + format_duration(left) + " left";
-    }
-    return text;
-  }
-
-  std::unique_ptr<Progress> show_progress(std::function<std::string()> describe) const {
-    const bool is_wanted = !options_.quiet && !options_.verbose && can_show_progress();
-    return is_wanted ? std::make_unique<Progress>(std::move(describe)) : nullptr;
   }
 
   bool print() {
@@ -181,14 +144,15 @@ class ScanCommand {
   }
 
   const ScanOptions &options_;
+  const bool shows_progress_;
   const TimeLimit limit_;
   StopSignals signals_;
   LogLines log_;
   std::string state_;
   std::vector<std::string> skips_;
   OutputFile page_;
-  Volumes volumes_;
   Report report_;
+  MergeRun merging_{limit_, log_, shows_progress_};
   ScanRuns runs_{options_, report_.roots, skips_, state_, limit_, signals_};
 };
 
