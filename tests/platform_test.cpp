@@ -226,10 +226,12 @@ TEST_P(ControlCodes, AFileIsRefusedBeforeAnythingIsDoneThatTheEndCouldNotBeDoneT
     const test_file over_a = open_file("overlay/a", O_RDONLY);
     const test_file over_b = open_file("overlay/b", O_RDONLY);
     const test_file layer = open_file("overlay", NAMELESS);
-    for (const int error :
-         {over_b.freeze(), error_of(clear_coincide_flag(over_b)), over_b.recover(),
-          over_b.dedup(over_a), layer.clone(over_b), over_b.connect(layer)}) {
+    for (const int error : {over_b.freeze(), error_of(clear_coincide_flag(over_b)),
+                            over_b.recover(), over_b.dedup(over_a)}) {
       EXPECT_EQ(error, EOPNOTSUPP);
+    }
+    if (layer.is_open()) {  // Linux 6.1 makes no nameless file there
+      EXPECT_TRUE(layer.clone(over_b) == EOPNOTSUPP && over_b.connect(layer) == EOPNOTSUPP);
     }
     EXPECT_TRUE(!over_b.is_frozen() && over_b.content() == content);
     EXPECT_TRUE(image_.run("umount overlay; rmdir upper"));  // it is empty
