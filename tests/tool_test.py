@@ -129,6 +129,15 @@ class Apply(ToolCase):
         state = self.directory / ".local/state/velmarin"
         self.assertEqual((state.stat().st_mode & 0o777, len(list(state.iterdir()))), (0o700, 1))
 
+    def test_what_a_scan_read_stays_in_memory_only_for_merging(self):
+        self.mount_btrfs("256M")
+        for arguments, kept in (((), 0), (("--apply",), 2 * 73728)):
+            paths = [self.write(name, content(f"{name}{kept}")) for name in "ab"]
+            run("sync", "-f", self.root)
+            self.scan(*arguments)
+            resident = run("fincore", "--bytes", "--noheadings", "--output", "RES", *paths)
+            self.assertEqual(sum(map(int, resident.split())), kept)
+
     def test_a_refused_file_does_not_hold_up_its_group(self):
         paths = [self.write(name, Path(shutil.which("sleep")).read_bytes()) for name in "abc"]
         paths[0].chmod(0o755)

@@ -2,10 +2,12 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "display_name.h"
 #include "guarded_open.h"
 #include "history.h"
+#include "kept_pages.h"
 #include "log_lines.h"
 #include "merge_run.h"
 #include "message.h"
@@ -81,6 +83,7 @@ class ScanCommand {
 
   int scan() {
     const auto progress = show_progress(shows_progress_, [this] { return scan_progress(); });
+    const auto pages = options_.apply ? std::make_unique<KeptPages>() : nullptr;
     return runs_.run();
   }
 
