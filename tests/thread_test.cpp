@@ -212,6 +212,75 @@ TEST_F(Threads, AWorkerTakesOneFileAfterTheOtherAndNoDescriptorMoreThanThat) {
   EXPECT_EQ(holding_host::overlaps, 0);
 }
 
+// A host whose prep waits until each worker has a file, as the walk of three files allows.
+struct meeting_host {
+  static inline std::atomic<int> come = 0;
+  static inline std::atomic<int> alone = 0;
+
+  static int prep(int, const char *) {
+    come++;
+    for (int i = 0; come < 3 && i < 300; i++) {
+      usleep(10'000);
+    }
+    alone += come < 3 ? 1 : 0;
+    return 0;
+  }
+  static int verify(int, const char *) { return 0; }
+};
+
+TEST_F(Threads, AWorkerTakesNoFileThatItDoesNotReadAtOnce) {
+  meeting_host::come = 0;
+  meeting_host::alone = 0;
+  poll_time = 50'000'000;  // so that one worker queues all the files before the others look
+  for (const char *name : {"u/1", "u/2", "u/3"}) {
+    tree.write(name, content_of(0));
+  }
+  scan s = {.roots = {"u"}};
+  s.ops.prep = meeting_host::prep;
+  s.ops.verify = meeting_host::verify;
+  EXPECT_EQ(s.run().found, (groups{{"u/1", "u/2", "u/3"}}));
+  EXPECT_EQ(meeting_host::alone, 0);
+}
+
+// A host that puts a FIFO in the place of the second file, with a writer that waits for a reader,
+// before any file is read.
+struct fifo_host {
+  static inline std::string second;
+  static inline int examined = 0;
+  static inline std::jthread writer;
+
+  static int get_status(int, const struct stat *, const char *path) {
+    examined++;
+    if (examined == 2) {
+      second = path;
+    } else if (examined == 3) {
+      unlink(second.c_str());
+      mkfifo(second.c_str(), 0600);
+      writer = std::jthread([] {
+        const int fd = open(second.c_str(), O_WRONLY);
+        EXPECT_EQ(write(fd, "text", 4), 4);
+        close(fd);
+      });
+      usleep(50'000);  // so that it waits
+    }
+    return 0;
+  }
+};
+
+TEST_F(Threads, WhoWaitsForAReaderOfAFifoMeetsTheOneThatReads) {
+  for (const char *name : {"u/1", "u/2", "u/3"}) {
+    tree.write(name, "text");
+  }
+  workers_allowed = 1;
+  fifo_host::examined = 0;
+  scan s = {.roots = {"u"}};
+  s.ops.get_status = fifo_host::get_status;
+  s.ops.prep = s.ops.verify = [](int, const char *) { return usleep(20'000); };
+  EXPECT_EQ(s.run().found, (groups{{"u/1", "u/2", "u/3"}}));
+  workers_allowed = 1 << 30;
+  fifo_host::writer.join();
+}
+
 TEST_F(Threads, OperationsOnFilesOfATreeThatIsBeingScannedChangeNoContent) {
   if (setxattr("t", "user.velmarin.probe", "1", 1, 0) != 0) {
     GTEST_SKIP() << "no user attributes in the temporary directory";

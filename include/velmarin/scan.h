@@ -80,8 +80,8 @@ struct sis_ops {
   sis_entry_callback get_status;
   // Called before a file is read for its digest; anything but 0 (an errno) leaves the file out.
   // `prep` and `verify` are used only when both are set; otherwise modification times are compared.
-  // Both get the same descriptor of a file, on the same thread, which may call `prep` for three
-  // more files in between.
+  // Both get the same descriptor of a file, on the same thread, which calls nothing for another
+  // file in between.
   sis_freeze_callback prep;
   // Called after the file was read; anything but 0 means that it changed, which leaves it out.
   sis_freeze_callback verify;

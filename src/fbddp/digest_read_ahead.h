@@ -1,31 +1,13 @@
-// The digest jobs that one worker has taken and not yet done: small files on their way from the
-// disk, which so has something to do while another file is read. Such a file is neither open nor
-// frozen.
+// Having the disk fetch small files before a worker comes to read them.
 #pragma once
 
-#include "fbddp/job_queue.h"
 #include "fbddp/scan_context.h"
 
 namespace velmarin {
 
-class digest_read_ahead {
- public:
-  // Takes over a digest job and does it, at once or in one of the next calls. Files are read one
-  // after the other in the order in which their jobs came.
-  void add(sis_context *ctx, job *taken);
-
-  // Does all jobs. To be called before the worker turns to something else. Returns whether there
-  // was any.
-  bool do_all(sis_context *ctx);
-
- private:
-  static constexpr unsigned CAPACITY = 4;
-
-  void do_oldest(sis_context *ctx);
-
-  job *ring_[CAPACITY];
-  unsigned oldest_ = 0;
-  unsigned count_ = 0;
-};
+// Asks the kernel for the content of small files whose digest jobs are next in the queue, so that
+// the disk has something to do while another file is read. The jobs stay there for any worker, and
+// no file stays open. To be called by a worker that is about to read a file.
+void read_ahead(sis_context *ctx);
 
 }  // namespace velmarin

@@ -203,6 +203,19 @@ usable_hash *digest_of_opened(sis_context *ctx, const dentry *file, int fd, cons
   return record;
 }
 
+struct saved_digest {
+  hash_entry *entry;
+  usable_hash *record;  // null when there is none for the file as it is now
+};
+
+saved_digest find_saved_digest(const sis_context *ctx, const dentry *file) {
+  hash_entry *entry = lookup_hash_table(ctx, file->key);
+  usable_hash *record = entry == nullptr ? nullptr : load_acquire(&entry->record);
+  const bool is_current = record != nullptr && record->mtime_sec == file->mtime.tv_sec &&
+                          record->mtime_nsec == file->mtime.tv_nsec;
+  return {entry, is_current ? record : nullptr};
+}
+
 }  // namespace
 
 int make_pattern(dentry *file, const char *path, int fd) {
@@ -222,17 +235,18 @@ int make_pattern(dentry *file, const char *path, int fd) {
   return make_pattern_of(file, own_path, own_fd.get());
 }
 
-// Takes the saved digest of an unchanged file over from the hash table. Hardly ever do two dentries
-// with one key live long enough to want it (a hard link whose pattern could not be read once); then
-// one of them gets the record and the other is computed.
+bool has_saved_digest(const sis_context *ctx, const dentry *file) {
+  return find_saved_digest(ctx, file).record != nullptr;
+}
+
+// Hardly ever do two dentries with one key live long enough to want its record (a hard link whose
+// pattern could not be read once); then one of them gets it and the other is computed.
 bool take_saved_digest(sis_context *ctx, dentry *file) {
-  hash_entry *entry = lookup_hash_table(ctx, file->key);
-  usable_hash *record = entry == nullptr ? nullptr : load_acquire(&entry->record);
-  if (record == nullptr || record->mtime_sec != file->mtime.tv_sec ||
-      record->mtime_nsec != file->mtime.tv_nsec || !take_pointer(&entry->record, record)) {
+  const saved_digest saved = find_saved_digest(ctx, file);
+  if (saved.record == nullptr || !take_pointer(&saved.entry->record, saved.record)) {
     return false;
   }
-  store_release(&file->hash, record);
+  store_release(&file->hash, saved.record);
   return true;
 }
 

@@ -17,9 +17,13 @@ inline constexpr uint64_t PATTERN_MIN_SIZE = 1048576;
 // file is too short; `pattern` is unchanged then. The caller holds the file's forest lock.
 int make_pattern(dentry *file, const char *path, int fd);
 
+// Whether the digest of an examined file was saved and the file is unchanged since then. Any worker
+// may ask, while the walk runs, about a file that it does not treat.
+bool has_saved_digest(const sis_context *ctx, const dentry *file);
+
 // The digest job of an examined file is these two steps.
 //
-// Gives the file its saved digest if it is unchanged since then. Returns whether it did.
+// Gives the file its saved digest if there is one. Returns whether it did.
 bool take_saved_digest(sis_context *ctx, dentry *file);
 
 // Opens and reads the file and gives it a digest record, or leaves `hash` null when it cannot be

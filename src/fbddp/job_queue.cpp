@@ -18,6 +18,7 @@ void schedule_job(sis_context *ctx, dentry *d) {
   // Counted before a worker can see it, so that it cannot be counted down first.
   fetch_add(&ctx->pending, 1);
   scheduled->target = d;
+  scheduled->was_looked_at = false;
   const spinlock_guard guard(&ctx->queue_lock);
   list_append(&ctx->queue, &scheduled->link);
 }
@@ -30,6 +31,20 @@ job *take_job(sis_context *ctx) {
   job *oldest = owner_of<&job::link>(ctx->queue.next);
   list_unlink(&oldest->link);
   return oldest;
+}
+
+size_t look_ahead(sis_context *ctx, const dentry *(&files)[LOOK_AHEAD]) {
+  const spinlock_guard guard(&ctx->queue_lock);
+  size_t count = 0;
+  list_head *link = ctx->queue.next;
+  for (size_t i = 0; i < LOOK_AHEAD && link != &ctx->queue; i++, link = link->next) {
+    job *next = owner_of<&job::link>(link);
+    if (!next->was_looked_at && is_file_form(next->target) && is_digest_wanted(next->target)) {
+      next->was_looked_at = true;
+      files[count++] = next->target;
+    }
+  }
+  return count;
 }
 
 void finish_job(sis_context *ctx, job *finished) {

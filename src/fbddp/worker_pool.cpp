@@ -9,6 +9,7 @@
 #include "common/log.h"
 #include "fbddp/dentry.h"
 #include "fbddp/digest_read_ahead.h"
+#include "fbddp/fingerprint.h"
 #include "fbddp/grouping.h"
 #include "fbddp/job_queue.h"
 #include "fbddp/walk.h"
@@ -32,30 +33,31 @@ int32_t phase_of(const sis_context *ctx) {
   return load_acquire(&ctx->phase);
 }
 
+void make_digest(sis_context *ctx, dentry *file) {
+  if (!take_saved_digest(ctx, file)) {
+    read_ahead(ctx);
+    compute_digest(ctx, file);
+  }
+}
+
 // A file is queued for its digest only after it was admitted, with its digest marked as wanted, and
 // stays marked until that job is done. An unexamined file never is. So the mark alone, which only
 // the file's own job clears, tells the two jobs of a file apart.
-void run_walk_job(sis_context *ctx, job *taken, digest_read_ahead *ahead) {
-  dentry *d = taken->target;
-  if (is_file_form(d) && is_digest_wanted(d)) {
-    ahead->add(ctx, taken);
-    return;
-  }
-  ahead->do_all(ctx);
-  if (is_file_form(d)) {
-    admit_file(ctx, d);
-  } else {
+void walk(sis_context *ctx, dentry *d) {
+  if (!is_file_form(d)) {
     read_directory(ctx, d);
+  } else if (is_digest_wanted(d)) {
+    make_digest(ctx, d);
+  } else {
+    admit_file(ctx, d);
   }
-  finish_job(ctx, taken);
 }
 
-// A job that waits to be done is pending, so the phase in which it is done is the walk.
-void run_job(sis_context *ctx, job *taken, digest_read_ahead *ahead) {
+void run_job(sis_context *ctx, job *taken) {
   switch (phase_of(ctx)) {
     case PHASE_WALK:
-      run_walk_job(ctx, taken, ahead);
-      return;
+      walk(ctx, taken->target);
+      break;
     case PHASE_GROUP:
       split_group(ctx, taken->target);
       break;
@@ -66,30 +68,27 @@ void run_job(sis_context *ctx, job *taken, digest_read_ahead *ahead) {
 }
 
 // Returns the next job, or null when the run is over.
-job *wait_for_job(sis_context *ctx, digest_read_ahead *ahead) {
+job *wait_for_job(sis_context *ctx) {
   while (phase_of(ctx) != PHASE_STOP) {
     if (job *taken = take_job(ctx)) {
       return taken;
     }
-    if (!ahead->do_all(ctx)) {
-      sleep_poll_interval();
-    }
+    sleep_poll_interval();
   }
   return nullptr;
 }
 
 void *enqueued_worker(void *argument) {
   auto *ctx = static_cast<sis_context *>(argument);
-  digest_read_ahead ahead;
   for (;;) {
     if (phase_of(ctx) == PHASE_START) {
       sleep_poll_interval();
     }
-    job *taken = wait_for_job(ctx, &ahead);
+    job *taken = wait_for_job(ctx);
     if (taken == nullptr) {
       return nullptr;
     }
-    run_job(ctx, taken, &ahead);
+    run_job(ctx, taken);
   }
 }
 
