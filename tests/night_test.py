@@ -40,7 +40,7 @@ class History(ToolCase):
         record.write_bytes(line * many)
         self.scan("--apply")
         runs = self.history()
-        self.assertEqual((len(runs), runs[0], runs[-1]["merged"]), (many // 2 + 1, first, 0))
+        self.assertEqual((len(runs), runs[0], runs[-1]["merged"]), ((many + 1) // 2, first, 0))
         record.unlink()
         record.mkdir()
         self.run_tool("history", "--state", self.directory / "state", status=1)
