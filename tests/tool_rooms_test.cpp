@@ -93,11 +93,31 @@ TEST(SizeText, ReadsAndWritesSizesDurationsAndCounts) {
       {"", {}},
       {"K", {}},
       {"-1", {}},
-      {"1.5K", {}},
+      {"1.5k", 1536},
+      {"64KiB", 65536},
+      {"1.25mib", 5 << 18},
+      {"0.0014648M", 1535},
+      {"16777215.999T", (16777215ULL << 40) + 1098412116148ULL},
+      {"1.5", {}},
+      {".5K", {}},
+      {"1.K", {}},
+      {"1KiBs", {}},
+      {"1.5KB", {}},
+      {"0x1", {}},
+      {"99999999999999999999999999999999999999", {}},
+      {"1.0000000001K", {}},
       {"18446744073709551615", UINT64_MAX},
       {"18446744073709551616", {}}};
   for (const auto &[text, size] : sizes) {
     EXPECT_EQ(parse_size(text), size) << text;
+  }
+  const std::pair<const char *, std::optional<unsigned>> times[] = {
+      {"0", 0},           {"90", 90},   {"5m", 300},        {"1h30m", 5400}, {"1d2h3m4s", 93784},
+      {"365d", 31536000}, {"366d", {}}, {"31536001", {}},   {"364d25h", {}}, {"5m1h", {}},
+      {"1h1h", {}},       {"1h30", {}}, {"m", {}},          {"1.5h", {}},    {"1x", {}},
+      {"", {}},           {"-1", {}},   {"4294967296s", {}}};
+  for (const auto &[text, seconds] : times) {
+    EXPECT_EQ(parse_duration(text), seconds) << text;
   }
   const std::pair<uint64_t, const char *> written[] = {{0, "0 B"},
                                                        {1023, "1023 B"},

@@ -23,20 +23,38 @@ HOSTILE = {b"line\nbreak": r"line\nbreak", b"\x1b[31mred": r"\x1b[31mred",
 
 
 class CommandLine(ToolCase):
-    def test_bad_usage_ends_with_2_and_what_cannot_be_used_with_1_before_anything_is_done(self):
+    def test_bad_usage_ends_with_2_and_says_what_is_accepted(self):
+        size, time = "is not a size: a number, or", "is not a time: seconds, or"
+        depth = "is not a number from 0 to 2047"
+        for command, expected in (
+                ("", "no command is given"), ("foo .", "unknown command 'foo'"),
+                ("--foo", "unknown option '--foo'"), ("scan", "ROOT is missing"),
+                ("scan --nonsense .", "unknown option '--nonsense'"), ("info", "FILE is missing"),
+                ("dedup one", "FILE2 is missing"), ("copy a b c", "unexpected argument 'c'"),
+                ("scan . --state", "--state needs a value"),
+                ("scan --apply -n .", "--apply and --dry-run exclude each other"),
+                ("scan --min-size 1.5 .", f"--min-size: '1.5' {size}"),
+                ("scan --max-depth 2048 .", f"--max-depth: '2048' {depth}"),
+                ("scan --max-depth 1x .", f"--max-depth: '1x' {depth}"),
+                ("scan --time-budget 5m1h .", f"--time-budget: '5m1h' {time}")):
+            output, errors = self.run_tool(*command.split(), status=2)
+            self.assertRegex(errors, r"\Avelmarin: .*\n'velmarin( \w+)? --help' lists what there is.\n")
+            self.assertEqual((output, errors.count(f"velmarin: {expected}")), ("", 1), errors)
+
+    def test_what_cannot_be_used_ends_with_1_before_anything_is_done(self):
         self.write("file", b"data")
-        for status, commands in {
-                2: ("", "unknown", "scan", "scan --nonsense .", "info", "dedup one", "copy a b c",
-                    "scan --min-size 1.5K .", "scan --min-size 17179869184G .",
-                    "scan --max-depth -1 .", "scan --time-budget x ."),
-                1: ("scan --apply missing", "scan . file", "scan --html missing/page .",
-                    "info missing")}.items():
-            for command in commands:
-                output, errors = self.run_tool(*command.split(), status=status)
-                self.assertEqual((output, errors != ""), ("", True), command)
+        for command in ("scan --apply missing", "scan . file", "scan --html missing/page .",
+                        "info missing"):
+            output, errors = self.run_tool(*command.split(), status=1)
+            self.assertEqual((output, errors != ""), ("", True), command)
         for command in ("scan .", "scan --json .", "info ."):
             with open("/dev/full", "wb") as full:
                 self.run_tool(*command.split(), stdout=full, status=1)
+
+    def test_a_dry_run_says_that_it_is_the_default(self):
+        for options, said in (("-n", "velmarin: --dry-run is the default: "), ("-nq", "")):
+            errors = self.run_tool("scan", options, ".")[1]
+            self.assertEqual((errors[:len(said)], errors != ""), (said, said != ""))
 
     def test_names_that_look_like_something_else_are_names(self):
         names = ("[a,b]", "{}", "%%", "scan", "two words", '"quoted"', "--", "--json", "-x")

@@ -9,6 +9,7 @@ namespace tool {
 
 struct ScanOptions {
   bool apply = false;
+  bool dry_run = false;  // asked for by name
   bool json = false;
   bool verbose = false;
   bool quiet = false;

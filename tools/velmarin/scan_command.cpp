@@ -74,6 +74,9 @@ class ScanCommand {
 
  private:
   bool prepare() {
+    if (options_.dry_run && !options_.quiet) {
+      print_error("--dry-run is the default: nothing is merged without --apply");
+    }
     state_ = options_.state.empty() ? default_state_directory() : options_.state;
     skips_ = resolve_skips(options_.skips, !options_.quiet);
     report_.applied = options_.apply;

@@ -1,19 +1,52 @@
 #include "size_text.h"
 
-#include <charconv>
+#include <algorithm>
 #include <cstdio>
 
 namespace tool {
 namespace {
 
 constexpr std::string_view UNITS = "KMGT";
+constexpr unsigned LONGEST_DURATION = 365 * 86400;
 
-// The power of 1024 that a unit letter stands for, 0 when it is none.
-unsigned unit_power(char letter) {
-  const char upper =
-      letter >= 'a' && letter <= 'z' ? static_cast<char>(letter - 'a' + 'A') : letter;
-  const size_t place = UNITS.find(upper);
-  return place == std::string_view::npos ? 0 : static_cast<unsigned>(place) + 1;
+// Wide enough for the digits of a size with its fraction, before the fraction is cut off.
+using Wide = unsigned __int128;
+constexpr Wide WIDE_MAX = ~Wide{0};
+constexpr size_t MOST_FRACTION_DIGITS = 9;
+constexpr size_t MOST_DIGITS = 29;
+
+// Cuts the digits off the start of the text.
+std::string_view take_digits(std::string_view &text) {
+  const size_t count = std::min(text.find_first_not_of("0123456789"), text.size());
+  const std::string_view digits = text.substr(0, count);
+  text.remove_prefix(count);
+  return digits;
+}
+
+std::optional<Wide> read_number(std::string_view digits) {
+  if (digits.empty() || digits.size() > MOST_DIGITS) {
+    return std::nullopt;
+  }
+  Wide number = 0;
+  for (const char digit : digits) {
+    number = number * 10 + static_cast<unsigned>(digit - '0');
+  }
+  return number;
+}
+
+// Cuts a unit off the start of the text: "K" or "KiB", in either case. Returns the power of two
+// that it stands for, 0 when there is none.
+unsigned take_unit(std::string_view &text) {
+  const char letter = text.empty() ? '\0' : static_cast<char>(text.front() & ~0x20);
+  const size_t place = UNITS.find(letter);
+  if (place == std::string_view::npos) {
+    return 0;
+  }
+  text.remove_prefix(1);
+  if (text == "iB" || text == "ib") {
+    text.remove_prefix(2);
+  }
+  return 10 * (static_cast<unsigned>(place) + 1);
 }
 
 std::string one_decimal(double value) {
@@ -29,20 +62,45 @@ std::string two_digits(long long value) {
 }  // namespace
 
 std::optional<uint64_t> parse_size(std::string_view text) {
-  uint64_t number = 0;
-  const char *const end = text.data() + text.size();
-  const auto [rest, error] = std::from_chars(text.data(), end, number);
-  if (error != std::errc() || end - rest > 1) {
+  const std::string_view whole = take_digits(text);
+  const bool has_point = !whole.empty() && text.starts_with('.');
+  text.remove_prefix(has_point ? 1 : 0);
+  const std::string_view fraction = has_point ? take_digits(text) : "";
+  const unsigned shift = take_unit(text);
+  if (whole.empty() || !text.empty() || (has_point && (fraction.empty() || shift == 0))) {
     return std::nullopt;
   }
-  if (rest == end) {
-    return number;
-  }
-  const unsigned shift = 10 * unit_power(*rest);
-  if (shift == 0 || number > (UINT64_MAX >> shift)) {
+  const auto number = read_number(std::string(whole) + std::string(fraction));
+  if (!number || fraction.size() > MOST_FRACTION_DIGITS || *number > (WIDE_MAX >> shift)) {
     return std::nullopt;
   }
-  return number << shift;
+  Wide bytes = *number << shift;
+  for (size_t digit = 0; digit < fraction.size(); ++digit) {
+    bytes /= 10;
+  }
+  return bytes > UINT64_MAX ? std::nullopt : std::optional(static_cast<uint64_t>(bytes));
+}
+
+std::optional<unsigned> parse_duration(std::string_view text) {
+  static constexpr struct {
+    char letter;
+    unsigned seconds;
+  } PARTS[] = {{'d', 86400}, {'h', 3600}, {'m', 60}, {'s', 1}};
+  uint64_t sum = 0;
+  size_t next = 0;  // the units come in this order, each once
+  do {
+    const auto number = read_number(take_digits(text));
+    const bool is_plain = text.empty() && next == 0;
+    while (!is_plain && next < std::size(PARTS) && !text.starts_with(PARTS[next].letter)) {
+      ++next;
+    }
+    if (!number || *number > LONGEST_DURATION || (!is_plain && next == std::size(PARTS))) {
+      return std::nullopt;
+    }
+    sum += static_cast<uint64_t>(*number) * (is_plain ? 1 : PARTS[next++].seconds);
+    text.remove_prefix(is_plain ? 0 : 1);
+  } while (!text.empty());
+  return sum > LONGEST_DURATION ? std::nullopt : std::optional(static_cast<unsigned>(sum));
 }
 
 std::string format_size(uint64_t bytes) {

@@ -16,7 +16,8 @@ _velmarin_value() {
     --state) _velmarin_offer_names -d ;;
     --skip | --html) _velmarin_offer_names -f ;;
     --min-size) _velmarin_offer -W '0 4K 64K 1M 1G' ;;
-    --max-depth | --time-budget) COMPREPLY=() ;;
+    --time-budget) _velmarin_offer -W '5m 30m 1h 2h' ;;
+    --max-depth) COMPREPLY=() ;;
     *) return 1 ;;
   esac
 }
@@ -34,7 +35,7 @@ _velmarin() {
   if [[ $command == scan ]]; then
     names=-d
     options+=${options:+ --apply --state --skip --min-size --max-depth --time-budget --json}
-    options+=${options:+ --one-file-system --html --quiet --no-color}
+    options+=${options:+ --dry-run --one-file-system --html --quiet --no-color}
     [[ -n $options ]] && _velmarin_value && return
   elif [[ $command == history ]]; then
     names=-d options=${options:+--state --json --help --version}
