@@ -6,9 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <filesystem>
 
 #include "display_name.h"
+#include "estimate.h"
 #include "findings.h"
 #include "output_file.h"
 #include "scan_paths.h"
@@ -148,6 +150,100 @@ TEST(SizeText, ReadsAndWritesSizesDurationsAndCounts) {
   }
   EXPECT_EQ(format_count(0, "file") + format_count(1, "file") + format_count(2, "file"),
             "0 files1 file2 files");
+}
+
+struct SimulatedWork {
+  const char *name;
+  std::vector<uint64_t> mebibytes;                 // of each file
+  double seconds_a_file;                           // besides its bytes
+  std::vector<std::pair<double, double>> reading;  // from that second on, MiB/s
+  double shown_by;                                 // second at which something is shown
+  double accuracy;                                 // after half the time: the most, as a factor
+};
+
+std::vector<uint64_t> files_of(std::initializer_list<std::pair<size_t, uint64_t>> runs) {
+  std::vector<uint64_t> files;
+  for (const auto &[count, mebibytes] : runs) {
+    files.insert(files.end(), count, mebibytes);
+  }
+  return files;
+}
+
+// The seconds at which each file is done.
+std::vector<double> ends_of(const SimulatedWork &work) {
+  std::vector<double> ends;
+  double now = 0;
+  for (const uint64_t size : work.mebibytes) {
+    now += work.seconds_a_file;
+    for (auto rest = static_cast<double>(size); rest > 0; rest -= 1) {
+      double speed = 0;
+      for (const auto &[from, rate] : work.reading) {
+        speed = now >= from ? rate : speed;
+      }
+      now += 1 / speed;
+    }
+    ends.push_back(now);
+  }
+  return ends;
+}
+
+TEST(Estimate, StartsWhenThereIsSomethingToTellFromAndNeverJumps) {
+  const SimulatedWork works[] = {
+      {"even", files_of({{600, 10}}), 0, {{0, 100}}, 3.2, 1.05},
+      {"small", files_of({{20000, 0}}), 0.004, {{0, 100}}, 3.2, 1.05},
+      {"small, then large", files_of({{4000, 1}, {4, 2000}}), 0.005, {{0, 100}}, 3.2, 1.3},
+      {"large, then small", files_of({{4, 2000}, {4000, 1}}), 0.005, {{0, 100}}, 20.4, 1.3},
+      {"few and slow", files_of({{5, 1000}}), 0, {{0, 50}}, 20.4, 1.1},
+      {"a slower disk", files_of({{600, 10}}), 0, {{0, 200}, {10, 50}}, 3.2, 1.25},
+      {"a faster disk", files_of({{600, 10}}), 0, {{0, 20}, {5, 200}}, 5.4, 1.3},
+  };
+  for (const SimulatedWork &work : works) {
+    const std::vector<double> ends = ends_of(work);
+    const auto done_at = [&](double now) {
+      Estimate::Work done;
+      for (; done.files < ends.size() && ends[done.files] <= now; ++done.files) {
+        done.bytes += work.mebibytes[done.files] << 20;
+      }
+      return done;
+    };
+    Estimate estimate(done_at(ends.back()));
+    double before = 0, shown_at = 0;
+    for (double now = 0; now < ends.back(); now += 0.2) {
+      const Estimate::Work done = done_at(now);
+      estimate.note(std::chrono::milliseconds(std::lround(now * 1000)), done,
+                    work.mebibytes[done.files] << 20);
+      if (!estimate.left()) {
+        continue;
+      }
+      const double left = std::chrono::duration<double>(*estimate.left()).count();
+      shown_at = shown_at == 0 ? now : shown_at;
+      if (before > 2) {
+        EXPECT_LE(std::max(left / before, (before - 0.2) / left), 1.05) << work.name << " " << now;
+      }
+      before = left;
+      if (now > ends.back() / 2 && now < ends.back() / 2 + 0.3) {
+        const double right = ends.back() - now;
+        EXPECT_LE(std::max(left / right, right / left), work.accuracy) << work.name << " " << left;
+      }
+    }
+    EXPECT_TRUE(shown_at >= 3 && shown_at <= work.shown_by) << work.name << " " << shown_at;
+  }
+}
+
+TEST(Estimate, IsSaidRoughly) {
+  const std::pair<long, const char *> said[] = {{1, "5 s"},
+                                                {5'000, "5 s"},
+                                                {5'001, "10 s"},
+                                                {55'000, "55 s"},
+                                                {55'001, "1 min"},
+                                                {60'001, "2 min"},
+                                                {3'540'000, "59 min"},
+                                                {3'540'001, "1 h 00 min"},
+                                                {3'600'001, "1 h 10 min"},
+                                                {7'200'000, "2 h 00 min"}};
+  for (const auto &[milliseconds, text] : said) {
+    EXPECT_EQ(rough_duration(std::chrono::milliseconds(milliseconds)), text) << milliseconds;
+  }
 }
 
 TEST(OutputFile, KeepsWhatItHoldsUntilAllOfItIsReplaced) {

@@ -85,11 +85,15 @@ class CommandLine(ToolCase):
         def on_terminal(*arguments, **environment):
             command = shlex.join([TOOL, "scan", *arguments, str(self.root)])
             shown = run("script", "-qec", command, self.directory / "shown",
-                        env={**os.environ, "TERM": "xterm", **environment})
+                        env={**os.environ, "TERM": "xterm", **environment,
+                             "XDG_STATE_HOME": self.directory})
             return "looked at" in shown, "\x1b[1m" in shown
 
         for name in "ab":
-            self.write(name, content("same"))
+            os.truncate(self.write(name, b"same"), 500 << 20)
+        self.assertEqual(on_terminal(), (True, True))
+        self.assertRegex((self.directory / "shown").read_text(),
+                         r"walking  3 files looked at, [12] read \(\d+(\.\d)? MiB\)")
         self.assertEqual((on_terminal(), on_terminal("--quiet")), ((True, True), (False, True)))
         self.assertEqual(on_terminal("--no-color"), (True, False))
         self.assertEqual(on_terminal(TERM="dumb"), (False, False))

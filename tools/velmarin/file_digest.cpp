@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "scan_probes.h"
 #include "velmarin/primitives.h"
 
 namespace tool {
@@ -69,6 +70,7 @@ int read_digest(const std::string &path, const struct stat &status,
   if (file.fd < 0) {
     return errno;
   }
+  ++probe_counts.read;
   const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
                                                                         EVP_MD_CTX_free);
   if (context == nullptr || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {

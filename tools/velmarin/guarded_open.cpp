@@ -12,6 +12,7 @@
 
 #include "beneath.h"
 #include "message.h"
+#include "scan_probes.h"
 
 namespace tool {
 namespace {
@@ -59,6 +60,12 @@ bool is_temporary(int flags) {
   return (flags & O_TMPFILE) == O_TMPFILE;
 }
 
+// How the library opens a file that it reads whole: one to be compared or, where the state
+// directory lies below a root, that of the saved digests.
+bool is_to_be_read(int flags) {
+  return flags == O_RDONLY;
+}
+
 int open_below_roots(const char *path, int flags, mode_t mode) {
   // A link to a descriptor of this process, by which the platform opens a file a second time.
   if (std::string_view(path).starts_with("/proc/self/fd/")) {
@@ -66,6 +73,7 @@ int open_below_roots(const char *path, int flags, mode_t mode) {
   }
   for (const HeldRoot &root : held_roots) {
     if (const char *const rest = path_below(root.path, path)) {
+      probe_counts.read += is_to_be_read(flags);
       return open_beneath(root.fd, rest, flags, mode);
     }
   }

@@ -10,8 +10,9 @@ namespace tool {
 
 // While an object lives, every open of a path at or below a root goes through `open_beneath` and
 // starts at the directory that the root was when the object was made. An unnamed temporary file is
-// refused in a directory elsewhere. All other paths are opened as ever. At most one object lives,
-// and none of the other threads that open files outlives it.
+// refused in a directory elsewhere. All other paths are opened as ever. Files opened to
+// be read whole are counted. At most one object lives, and none of the other threads that open
+// files outlives it.
 class GuardedRoots {
  public:
   // Paths of directories, absolute and without symbolic links.

@@ -125,13 +125,19 @@ class ShareMerge {
   }
 
   void merge(size_t place, int source_fd) {
-    FoundFile &file = group_.files[place];
+    const FoundFile &file = group_.files[place];
     if (stop_requested()) {
       return;
     }
-    ++progress_.files_done;
-    progress_.bytes_done += file.state.allocated_bytes;
+    progress_.bytes_in_hand = file.state.allocated_bytes;
     ahead_.reach(file);
+    try_merge(place, source_fd);
+    progress_.bytes_done += file.state.allocated_bytes;
+    ++progress_.files_done;
+  }
+
+  void try_merge(size_t place, int source_fd) {
+    FoundFile &file = group_.files[place];
     if (!is_unchanged(file)) {
       set_outcome(file, Outcome::changed, CHANGED);
       return;

@@ -13,9 +13,10 @@ namespace tool {
 struct MergeProgress {
   uint64_t files_to_do = 0;  // set before merging starts, like the next
   uint64_t bytes_to_do = 0;
-  std::atomic<uint64_t> files_done = 0;   // merged, refused or changed
-  std::atomic<uint64_t> bytes_done = 0;   // allocated bytes of those files
-  std::atomic<uint64_t> freed_bytes = 0;  // certainly
+  std::atomic<uint64_t> files_done = 0;     // merged, refused or changed
+  std::atomic<uint64_t> bytes_done = 0;     // allocated bytes of those files
+  std::atomic<uint64_t> bytes_in_hand = 0;  // of the file begun last
+  std::atomic<uint64_t> freed_bytes = 0;    // certainly
 };
 
 // Counts what there is to do.

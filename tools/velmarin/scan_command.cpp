@@ -13,6 +13,7 @@
 #include "message.h"
 #include "output_file.h"
 #include "progress.h"
+#include "progress_text.h"
 #include "report.h"
 #include "scan_paths.h"
 #include "scan_probes.h"
@@ -24,22 +25,6 @@
 
 namespace tool {
 namespace {
-
-const char *phase_word(ScanPhase phase) {
-  switch (phase) {
-    case ScanPhase::loading:
-      return "loading digests";
-    case ScanPhase::walking:
-      return "walking";
-    case ScanPhase::grouping:
-      return "grouping";
-    case ScanPhase::saving:
-      return "saving digests";
-    case ScanPhase::reporting:
-      break;
-  }
-  return "reporting";
-}
 
 class ScanCommand {
  public:
@@ -85,15 +70,10 @@ class ScanCommand {
   }
 
   int scan() {
-    const auto progress = show_progress(shows_progress_, [this] { return scan_progress(); });
+    ScanText text(limit_, log_);
+    const auto progress = show_progress(shows_progress_, [&text] { return text.describe(); });
     const auto pages = options_.apply ? std::make_unique<KeptPages>() : nullptr;
     return runs_.run();
-  }
-
-  std::string scan_progress() const {
-    return format_duration(limit_.elapsed()) + "  " + phase_word(log_.phase()) + "  " +
-           format_count(probe_counts.entries, "file") + " looked at" +
-           (options_.apply ? ", " + std::to_string(probe_counts.frozen) + " frozen" : "");
   }
 
   void finish_scan() {

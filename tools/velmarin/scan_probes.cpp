@@ -37,17 +37,12 @@ int filter_for_merging(int fd, const struct stat *status, const char *path) {
   return counted_filter(fd, status, path);
 }
 
-int counted_freeze(int fd, const char *path) {
-  ++probe_counts.frozen;
-  return freeze_file(fd, path);
-}
-
 }  // namespace
 
 velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool merges) {
   return {.filter = merges ? filter_for_merging : counted_filter,
           .get_status = check_file_status,
-          .prep = merges ? counted_freeze : nullptr,
+          .prep = merges ? freeze_file : nullptr,
           .verify = merges ? check_frozen : nullptr,
           .report = report};
 }

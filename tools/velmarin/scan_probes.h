@@ -11,7 +11,7 @@ namespace tool {
 // Written by the scan's threads. Process-wide, since a probe is given no data of its caller.
 struct ProbeCounts {
   std::atomic<uint64_t> entries = 0;      // directories and files seen
-  std::atomic<uint64_t> frozen = 0;       // files frozen to be read for a digest
+  std::atomic<uint64_t> read = 0;         // files opened to be read whole
   std::atomic<uint64_t> unsupported = 0;  // files left out: their file system cannot deduplicate
   std::atomic<uint64_t> on_overlay = 0;   // of these, those whose merging would copy them up
   std::atomic<uint64_t> unknown = 0;      // files left out: their state could not be asked
