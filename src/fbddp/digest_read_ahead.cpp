@@ -18,9 +18,10 @@ namespace {
 constexpr uint64_t READ_AHEAD_MAX = 1U << 20;
 
 // The descriptor is not kept: a worker that kept some would take them from the other workers and
-// from the host when few are left. This is advice, so a failure changes nothing, and no counter
-// counts the opening. A FIFO that has taken the file's place is left alone: who waits for a reader
-// is to meet the one that reads.
+// from the host when few are left. It is closed before the file is frozen: closing it would release
+// a record lock that the host's prep takes, and opening it would break a lease. This is advice, so
+// a failure changes nothing, and no counter counts the opening. A FIFO that has taken the file's
+// place is left alone: who waits for a reader is to meet the one that reads.
 void fetch_from_disk(const dentry *file) {
   path_buffer buffer;
   const char *path = get_fullpath(file, buffer.text);
@@ -37,12 +38,17 @@ void fetch_from_disk(const dentry *file) {
 }  // namespace
 
 void read_ahead(sis_context *ctx) {
-  const dentry *files[LOOK_AHEAD];
-  const size_t count = look_ahead(ctx, files);
-  for (size_t i = 0; i < count; i++) {
-    if (files[i]->size <= READ_AHEAD_MAX && !has_saved_digest(ctx, files[i])) {
-      fetch_from_disk(files[i]);
+  // No more than that at once, however fast others take jobs: this worker has a file to read.
+  for (int i = 0; i < LOOK_AHEAD; i++) {
+    job *next = begin_fetch(ctx);
+    if (next == nullptr) {
+      return;
     }
+    const dentry *file = next->target;
+    if (file->size <= READ_AHEAD_MAX && !has_saved_digest(ctx, file)) {
+      fetch_from_disk(file);
+    }
+    end_fetch(next);
   }
 }
 

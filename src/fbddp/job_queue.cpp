@@ -2,6 +2,8 @@
 
 #include "fbddp/job_queue.h"
 
+#include <sched.h>
+
 #include <cstdlib>
 
 #include "common/atomic_word.h"
@@ -18,7 +20,7 @@ void schedule_job(sis_context *ctx, dentry *d) {
   // Counted before a worker can see it, so that it cannot be counted down first.
   fetch_add(&ctx->pending, 1);
   scheduled->target = d;
-  scheduled->was_looked_at = false;
+  scheduled->fetch = FETCH_NONE;
   const spinlock_guard guard(&ctx->queue_lock);
   list_append(&ctx->queue, &scheduled->link);
 }
@@ -33,18 +35,28 @@ job *take_job(sis_context *ctx) {
   return oldest;
 }
 
-size_t look_ahead(sis_context *ctx, const dentry *(&files)[LOOK_AHEAD]) {
+job *begin_fetch(sis_context *ctx) {
   const spinlock_guard guard(&ctx->queue_lock);
-  size_t count = 0;
   list_head *link = ctx->queue.next;
-  for (size_t i = 0; i < LOOK_AHEAD && link != &ctx->queue; i++, link = link->next) {
+  for (int i = 0; i < LOOK_AHEAD && link != &ctx->queue; i++, link = link->next) {
     job *next = owner_of<&job::link>(link);
-    if (!next->was_looked_at && is_file_form(next->target) && is_digest_wanted(next->target)) {
-      next->was_looked_at = true;
-      files[count++] = next->target;
+    if (load_relaxed(&next->fetch) == FETCH_NONE && is_file_form(next->target) &&
+        is_digest_wanted(next->target)) {
+      store_relaxed<uint32_t>(&next->fetch, FETCH_BEGUN);
+      return next;
     }
   }
-  return count;
+  return nullptr;
+}
+
+void end_fetch(job *fetched) {
+  store_release<uint32_t>(&fetched->fetch, FETCH_DONE);
+}
+
+void await_fetch(const job *taken) {
+  while (load_acquire(&taken->fetch) == FETCH_BEGUN) {
+    sched_yield();
+  }
 }
 
 void finish_job(sis_context *ctx, job *finished) {

@@ -2,7 +2,7 @@
 // dentry; the worker pool decides what to do with it.
 #pragma once
 
-#include <cstddef>
+#include <cstdint>
 
 #include "common/list.h"
 #include "fbddp/dentry.h"
@@ -11,13 +11,13 @@
 namespace velmarin {
 
 struct job {
-  list_head link;      // in the run's `queue`
-  dentry *target;      // not owned
-  bool was_looked_at;  // by `look_ahead`
+  list_head link;  // in the run's `queue`
+  dentry *target;  // not owned
+  uint32_t fetch;  // a fetch_state; atomic
 };
 
-// How many jobs `look_ahead` looks at.
-inline constexpr size_t LOOK_AHEAD = 8;
+// Whether the content of a file that is to be read is on its way from the disk.
+enum fetch_state : uint32_t { FETCH_NONE, FETCH_BEGUN, FETCH_DONE };
 
 // Queues a job for `d` and counts it as pending. A failure is logged: nothing is counted, and no
 // worker will see the dentry. The caller may hold a forest lock.
@@ -26,10 +26,17 @@ void schedule_job(sis_context *ctx, dentry *d);
 // Takes the oldest job, which the caller then owns; null when the queue is empty.
 job *take_job(sis_context *ctx);
 
-// Looks at the oldest jobs, which stay in the queue. Stores in `files` those of their dentries
-// whose digest is wanted and that were not stored before, and returns their number. Such a dentry
-// lives as long as the run.
-size_t look_ahead(sis_context *ctx, const dentry *(&files)[LOOK_AHEAD]);
+// How many jobs `begin_fetch` looks at.
+inline constexpr int LOOK_AHEAD = 8;
+
+// Returns the first of the next LOOK_AHEAD jobs that asks for a digest and whose file nobody has
+// begun to fetch, or null. The caller fetches that file and then calls `end_fetch`. The job stays
+// in the queue. Its dentry lives as long as the run.
+job *begin_fetch(sis_context *ctx);
+void end_fetch(job *fetched);
+
+// Waits while another worker fetches the file of a job that was taken.
+void await_fetch(const job *taken);
 
 // Frees a completed job and counts it down; wakes the driver after the last one. The jobs that it
 // scheduled have been counted by then, so a count of 0 means that the phase is over.

@@ -56,6 +56,7 @@ void walk(sis_context *ctx, dentry *d) {
 void run_job(sis_context *ctx, job *taken) {
   switch (phase_of(ctx)) {
     case PHASE_WALK:
+      await_fetch(taken);
       walk(ctx, taken->target);
       break;
     case PHASE_GROUP:
