@@ -12,6 +12,7 @@
 #include "display_name.h"
 #include "estimate.h"
 #include "findings.h"
+#include "glob.h"
 #include "output_file.h"
 #include "scan_paths.h"
 #include "size_text.h"
@@ -76,6 +77,66 @@ TEST(DisplayName, TakesBytesThatAreNoCharacterOneByOne) {
     EXPECT_EQ(escaped_name("a" + bytes), escaped);
     EXPECT_EQ(utf8_name("a" + bytes), replaced) << escaped;
     EXPECT_EQ(utf8_name("a" + bytes + "z"), replaced + "z") << escaped;
+  }
+}
+
+TEST(Glob, MatchesNamesPathsAndDirectories) {
+  // The paths that each matches of all paths of the table; those that end in '/' are directories.
+  const std::vector<std::string> paths = {
+      "a.txt",     "build/", "build/out.o", "build/deep/", "build/deep/out.o",
+      "src/build", "[odd]",  "ünt",         "back\\slash", "src/x/main.c",
+      "a]b",       "a-b",    "aXb/aYb",     "\xff!"};
+  const std::pair<const char *, std::vector<std::string>> globs[] = {
+      {"a.txt", {"a.txt"}},
+      {"?.[t-z][!y-z]t", {"a.txt"}},
+      {"*", paths},
+      {"**", paths},
+      {"/*", {"a.txt", "build/", "[odd]", "ünt", "back\\slash", "a]b", "a-b", "\xff!"}},
+      {"*/", {"build/", "build/deep/"}},
+      {"build", {"build/", "src/build"}},
+      {"/build", {"build/"}},
+      {"src/build/", {}},
+      {"*/out.o", {"build/out.o"}},
+      {"**/out.o", {"build/out.o", "build/deep/out.o"}},
+      {"build/**", {"build/out.o", "build/deep/", "build/deep/out.o"}},
+      {"build/**/**/out.o", {"build/out.o", "build/deep/out.o"}},
+      {"build**.o", {}},
+      {"/build**.o", {"build/out.o", "build/deep/out.o"}},
+      {"build/**p/*t.o", {"build/deep/out.o"}},
+      {"s*c/*/m*n*c", {"src/x/main.c"}},
+      {"s*n.c", {}},
+      {"s**/c", {}},
+      {"[[]odd]", {"[odd]"}},
+      {"[odd]", {}},
+      {"[odd", {}},
+      {"\\[odd]", {"[odd]"}},
+      {"[od", {}},
+      {"back[\\\\]slash", {"back\\slash"}},
+      {"back\\\\*", {"back\\slash"}},
+      {"*\\", {}},
+      {"?nt", {"ünt"}},
+      {"*??nt", {}},
+      {"[à-ý]nt", {"ünt"}},
+      {"[^a-z]nt", {"ünt"}},
+      {"a[]-]b", {"a]b", "a-b"}},
+      {"a[+-]b", {"a-b"}},
+      {"a[^/]b", {"a]b", "a-b"}},
+      {"aXb[!a]aYb", {}},
+      {"aXb?aYb", {}},
+      {"aXb[/]aYb", {}},
+      {"/a?b/*", {"aXb/aYb"}},
+      {"?!", {"\xff!"}},
+      {"/", {}}};
+  for (const auto &[text, expected] : globs) {
+    const Glob glob(text);
+    std::vector<std::string> matched;
+    for (const std::string &path : paths) {
+      const bool is_directory = path.ends_with('/');
+      if (glob.matches(path.substr(0, path.size() - is_directory), is_directory)) {
+        matched.push_back(path);
+      }
+    }
+    EXPECT_EQ(matched, expected) << text;
   }
 }
 

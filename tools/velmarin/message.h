@@ -9,7 +9,8 @@ namespace tool {
 // "velmarin: TEXT"
 void print_error(std::string_view text);
 
-// "velmarin: WHAT NAME: REASON", the name escaped.
+// "velmarin: WHAT NAME" and "velmarin: WHAT NAME: REASON", the name escaped.
+void print_error(std::string_view what, std::string_view name);
 void print_error(std::string_view what, std::string_view name, std::string_view reason);
 
 }  // namespace tool

@@ -19,7 +19,26 @@ constexpr int BAD_USAGE = 2;
 constexpr int DEEPEST = 2047;
 constexpr const char *A_SIZE = "a size: a number, or one with K, M, G or T, as 64K or 1.5M";
 constexpr const char *A_DURATION = "a time: seconds, or d, h, m and s, as 5m or 1h30m, up to 365d";
+constexpr const char *EXCLUDE = "--exclude";
+constexpr const char *INCLUDE = "--include";
+constexpr const char *GLOB_MARK = ":";
 constexpr const char *VERSION = "velmarin " VELMARIN_VERSION;
+
+// The value of an option that takes a glob may begin with anything: it gets a mark, which
+// `take_globs` removes. Returns whether there is such a value.
+bool mark_glob(const std::vector<std::string> &before, std::string &argument) {
+  for (const std::string option : {EXCLUDE, INCLUDE}) {
+    if (!before.empty() && before.back() == option) {
+      argument.insert(0, GLOB_MARK);
+      return true;
+    }
+    if (argument.starts_with(option + "=")) {
+      argument.insert(option.size() + 1, GLOB_MARK);
+      return true;
+    }
+  }
+  return false;
+}
 
 // The parser takes a name in brackets apart and gives some other marks a meaning. No option starts
 // with them, so such an argument is a name, and so is all that follows "--".
@@ -27,7 +46,8 @@ std::vector<std::string> plain_arguments(int argc, char **argv) {
   std::vector<std::string> arguments;
   bool only_names = false;
   for (int i = 1; i < argc; ++i) {
-    const std::string argument = argv[i];
+    std::string argument = argv[i];
+    const bool is_glob = !only_names && mark_glob(arguments, argument);
     if (argument == "--" && !only_names) {
       only_names = true;
       continue;
@@ -35,9 +55,49 @@ std::vector<std::string> plain_arguments(int argc, char **argv) {
     const char first = argument.empty() ? '\0' : argument.front();
     const bool is_special = first == '[' || first == '{' || first == '%';
     const bool is_dashed_name = only_names && first == '-';
-    arguments.push_back(is_special || is_dashed_name ? "./" + argument : argument);
+    arguments.push_back(!is_glob && (is_special || is_dashed_name) ? "./" + argument : argument);
   }
   return arguments;
+}
+
+std::string glob_error(const std::string &marked) {
+  return marked.size() < 2 ? "an empty glob matches nothing" : "";
+}
+
+std::string include_error(const std::string &marked) {
+  return marked.ends_with('/') ? "names files; for all that is below a directory, write '" +
+                                     escaped_name(marked.substr(1)) + "**'"
+                               : glob_error(marked);
+}
+
+void take_globs(std::vector<std::string> &globs) {
+  for (std::string &glob : globs) {
+    glob.erase(0, 1);
+  }
+}
+
+void add_choice(CLI::App *command, ScanOptions &scan) {
+  command->add_option(EXCLUDE, scan.choice.excludes, "Leave out what matches (may be repeated)")
+      ->type_name("GLOB")
+      ->allow_extra_args(false)
+      ->check(CLI::Validator(glob_error, ""));
+  command->add_option(INCLUDE, scan.choice.includes, "Leave out files that match none of these")
+      ->type_name("GLOB")
+      ->allow_extra_args(false)
+      ->check(CLI::Validator(include_error, ""));
+  command
+      ->add_option("--exclude-from", scan.exclude_lists,
+                   "Leave out what matches a line of this file; '-' is standard input")
+      ->type_name("FILE")
+      ->allow_extra_args(false);
+  command->add_flag("--no-hidden", scan.choice.no_hidden,
+                    "Leave out what has a name that begins with a dot");
+  command
+      ->add_option("--roots-from", scan.roots_from,
+                   "Scan the directories that this file names, too; '-' is standard input")
+      ->type_name("FILE");
+  command->add_flag("-0,--null", scan.ends_names_by_nul,
+                    "The names of --roots-from end with a NUL byte, not with the line");
 }
 
 // An option whose value `parse` reads; `accepted` says what that is.
@@ -66,6 +126,8 @@ std::optional<int> parse_depth(std::string_view text) {
 void add_scan_limits(CLI::App *command, ScanOptions &scan) {
   add_value(command, "--min-size", scan.min_size, parse_size, A_SIZE, "SIZE",
             "Smallest file looked at; 0 means every file that is not empty (default 64K)");
+  add_value(command, "--max-size", scan.choice.max_size, parse_size, A_SIZE, "SIZE",
+            "Largest file looked at (default: no limit)");
   add_value(command, "--max-depth", scan.max_depth, parse_depth, "a number from 0 to 2047", "N",
             "Do not read directories N levels below a root");
   command->add_flag("-x,--one-file-system", scan.one_file_system,
@@ -84,6 +146,7 @@ void add_scan(CLI::App &app, ScanOptions &scan) {
   command->add_option("--skip", scan.skips, "Leave out this file or directory (may be repeated)")
       ->type_name("PATH")
       ->allow_extra_args(false);
+  add_choice(command, scan);
   add_scan_limits(command, scan);
   command->add_flag("--json", scan.json, "Print one JSON object");
   command->add_option("--html", scan.html, "Write a page with a picture of the findings")
@@ -91,7 +154,7 @@ void add_scan(CLI::App &app, ScanOptions &scan) {
   command->add_flag("-v,--verbose", scan.verbose, "Show the library's log on standard error");
   command->add_flag("-q,--quiet", scan.quiet, "No progress display and no remarks");
   command->add_flag("--no-color", scan.no_color, "No colours");
-  command->add_option("ROOT", scan.roots, "Directory to scan")->required()->type_name("");
+  command->add_option("ROOT", scan.roots, "Directory to scan")->type_name("");
 }
 
 void add_history(CLI::App &app, HistoryOptions &history) {
@@ -129,6 +192,25 @@ void define(CLI::App &app, CommandLine &line) {
   app.set_version_flag("--version", VERSION, "Print the version and exit");
   for (CLI::App *const command : app.get_subcommands({})) {
     command->set_version_flag("--version", VERSION, "Print the version and exit");
+  }
+}
+
+void check_scan(ScanOptions &scan) {
+  take_globs(scan.choice.excludes);
+  take_globs(scan.choice.includes);
+  const auto inputs = std::count(scan.exclude_lists.begin(), scan.exclude_lists.end(), "-") +
+                      (scan.roots_from == "-" ? 1 : 0);
+  if (scan.apply && scan.dry_run) {
+    throw CLI::ValidationError("--apply and --dry-run exclude each other");
+  }
+  if (inputs > 1) {
+    throw CLI::ValidationError("standard input can be read once only");
+  }
+  if (scan.ends_names_by_nul && scan.roots_from.empty()) {
+    throw CLI::ValidationError("--null goes with --roots-from");
+  }
+  if (scan.roots.empty() && scan.roots_from.empty()) {
+    throw CLI::RequiredError("ROOT");
   }
 }
 
@@ -178,11 +260,12 @@ CommandLine parse_command_line(int argc, char **argv) {
   std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
   try {
     app.parse(std::move(arguments));
-    if (line.scan.apply && line.scan.dry_run) {
-      throw CLI::ValidationError("--apply and --dry-run exclude each other");
-    }
     line.command = app.get_subcommands().front()->get_name();
+    if (line.command == "scan") {
+      check_scan(line.scan);
+    }
   } catch (const CLI::ParseError &error) {
+    line.command.clear();
     line.exit_status = report(app, argc, argv, error);
   }
   return line;

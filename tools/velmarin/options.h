@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "choice.h"
+
 namespace tool {
 
 struct ScanOptions {
@@ -19,6 +21,10 @@ struct ScanOptions {
   std::string html;   // empty: no page
   std::vector<std::string> skips;
   std::vector<std::string> roots;
+  std::string roots_from;          // a file with further ones, "-" for standard input; empty: none
+  bool ends_names_by_nul = false;  // in that file
+  ChoiceRules choice;
+  std::vector<std::string> exclude_lists;  // files with further globs
   uint64_t min_size = 64 * 1024;
   int max_depth = 0;         // 0: no limit
   unsigned time_budget = 0;  // seconds; 0: no limit

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 
+#include "choice.h"
 #include "display_name.h"
 #include "guarded_open.h"
 #include "history.h"
@@ -11,6 +12,7 @@
 #include "log_lines.h"
 #include "merge_run.h"
 #include "message.h"
+#include "name_list.h"
 #include "output_file.h"
 #include "progress.h"
 #include "progress_text.h"
@@ -65,8 +67,32 @@ class ScanCommand {
     state_ = options_.state.empty() ? default_state_directory() : options_.state;
     skips_ = resolve_skips(options_.skips, !options_.quiet);
     report_.applied = options_.apply;
-    return resolve_roots(options_.roots, report_.roots) && prepare_state_directory(state_) &&
+    return choose() && prepare_state_directory(state_) &&
            (options_.html.empty() || page_.open(options_.html));
+  }
+
+  // Finds out what is to be looked at.
+  bool choose() {
+    std::vector<std::string> roots = options_.roots;
+    ChoiceRules rules = options_.choice;
+    const char end = options_.ends_names_by_nul ? '\0' : '\n';
+    if (!options_.roots_from.empty() && !read_list(options_.roots_from, end, roots)) {
+      return false;
+    }
+    for (const std::string &file : options_.exclude_lists) {
+      if (!read_globs(file, rules.excludes)) {
+        return false;
+      }
+    }
+    if (roots.empty()) {
+      print_error("nothing to scan: no directory is named in", options_.roots_from);
+      return false;
+    }
+    if (!resolve_roots(roots, report_.roots)) {
+      return false;
+    }
+    choice_ = Choice(rules, report_.roots);
+    return true;
   }
 
   int scan() {
@@ -136,10 +162,11 @@ class ScanCommand {
   LogLines log_;
   std::string state_;
   std::vector<std::string> skips_;
+  Choice choice_;
   OutputFile page_;
   Report report_;
   MergeRun merging_{limit_, log_, shows_progress_};
-  ScanRuns runs_{options_, report_.roots, skips_, state_, limit_, signals_};
+  ScanRuns runs_{options_, report_.roots, skips_, choice_, state_, limit_, signals_};
 };
 
 }  // namespace

@@ -13,9 +13,19 @@ velmarin::sis_entry_callback entry_watch = nullptr;
 
 namespace {
 
-int counted_filter(int fd, const struct stat *status, const char *path) {
+const Choice *present_choice = nullptr;
+
+int filter_entry(int fd, const struct stat *status, const char *path, bool merges) {
   publish_stop_handle();
   ++probe_counts.entries;
+  if (present_choice != nullptr && present_choice->leaves_out(*status, path)) {
+    return -ECANCELED;
+  }
+  if (merges && S_ISREG(status->st_mode) && is_on_overlay(fd)) {
+    ++probe_counts.unsupported;
+    ++probe_counts.on_overlay;
+    return -EOPNOTSUPP;
+  }
   const int verdict = entry_watch == nullptr ? 0 : entry_watch(fd, status, path);
   if (verdict < 0) {
     return verdict;
@@ -27,20 +37,26 @@ int counted_filter(int fd, const struct stat *status, const char *path) {
   return result;
 }
 
+int filter_for_reading(int fd, const struct stat *status, const char *path) {
+  return filter_entry(fd, status, path, false);
+}
+
 int filter_for_merging(int fd, const struct stat *status, const char *path) {
-  if (S_ISREG(status->st_mode) && is_on_overlay(fd)) {
-    ++probe_counts.entries;
-    ++probe_counts.unsupported;
-    ++probe_counts.on_overlay;
-    return -EOPNOTSUPP;
-  }
-  return counted_filter(fd, status, path);
+  return filter_entry(fd, status, path, true);
 }
 
 }  // namespace
 
+ChosenEntries::ChosenEntries(const Choice &choice) {
+  present_choice = &choice;
+}
+
+ChosenEntries::~ChosenEntries() {
+  present_choice = nullptr;
+}
+
 velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool merges) {
-  return {.filter = merges ? filter_for_merging : counted_filter,
+  return {.filter = merges ? filter_for_merging : filter_for_reading,
           .get_status = check_file_status,
           .prep = merges ? freeze_file : nullptr,
           .verify = merges ? check_frozen : nullptr,

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "choice.h"
 #include "velmarin/scan.h"
 
 namespace tool {
@@ -17,6 +18,16 @@ struct ProbeCounts {
   std::atomic<uint64_t> unknown = 0;      // files left out: their state could not be asked
 };
 extern ProbeCounts probe_counts;
+
+// While an object lives, what the choice leaves out is left out of scans, before anything else asks
+// about it. At most one object lives.
+class ChosenEntries {
+ public:
+  explicit ChosenEntries(const Choice &choice);
+  ~ChosenEntries();
+  ChosenEntries(const ChosenEntries &) = delete;
+  ChosenEntries &operator=(const ChosenEntries &) = delete;
+};
 
 // Called for every directory and regular file before the library's own filter; a negative result
 // leaves the entry out. Set before a scan, null for none.

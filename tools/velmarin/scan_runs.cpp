@@ -58,6 +58,7 @@ void add_counters(Counters &sum, const Counters &more) {
 int ScanRuns::run() {
   plan_roots();
   keeper_.open(state_, roots_, planned_.size() == 1);
+  const ChosenEntries chosen(choice_);
   VolumeWatch watch(keeper_);
   watch.min_size = smallest_size();
   const int error = make_planned_runs(watch);
@@ -210,7 +211,8 @@ bool ScanRuns::is_left_out(uint64_t file_system) {
 
 // Files below the smallest size are met, too: they are only not compared.
 bool ScanRuns::looked_everywhere() const {
-  return options_.max_depth == 0 && skips_.empty() && !has_left_out_ && !stop_requested();
+  return options_.max_depth == 0 && skips_.empty() && !choice_.is_limiting() && !has_left_out_ &&
+         !stop_requested();
 }
 
 }  // namespace tool

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "choice.h"
 #include "digest_keeper.h"
 #include "findings.h"
 #include "options.h"
@@ -18,14 +19,15 @@ namespace tool {
 
 class ScanRuns {
  public:
-  // `roots`, `skips` and `state` are checked before `run`; everything that is referred to outlives
-  // the object.
+  // `roots`, `skips`, `choice` and `state` are settled before `run`; everything that is referred to
+  // outlives the object.
   ScanRuns(const ScanOptions &options, const std::vector<std::string> &roots,
-           const std::vector<std::string> &skips, const std::string &state, const TimeLimit &limit,
-           StopSignals &signals)
+           const std::vector<std::string> &skips, const Choice &choice, const std::string &state,
+           const TimeLimit &limit, StopSignals &signals)
       : options_(options),
         roots_(roots),
         skips_(skips),
+        choice_(choice),
         state_(state),
         limit_(limit),
         signals_(signals) {}
@@ -61,6 +63,7 @@ class ScanRuns {
   const ScanOptions &options_;
   const std::vector<std::string> &roots_;
   const std::vector<std::string> &skips_;
+  const Choice &choice_;
   const std::string &state_;
   const TimeLimit &limit_;
   StopSignals &signals_;

@@ -14,10 +14,10 @@ _velmarin_offer_names() {
 _velmarin_value() {
   case ${COMP_WORDS[COMP_CWORD - 1]} in
     --state) _velmarin_offer_names -d ;;
-    --skip | --html) _velmarin_offer_names -f ;;
-    --min-size) _velmarin_offer -W '0 4K 64K 1M 1G' ;;
+    --skip | --html | --exclude-from | --roots-from) _velmarin_offer_names -f ;;
+    --min-size | --max-size) _velmarin_offer -W '0 4K 64K 1M 1G' ;;
     --time-budget) _velmarin_offer -W '5m 30m 1h 2h' ;;
-    --max-depth) COMPREPLY=() ;;
+    --max-depth | --exclude | --include) COMPREPLY=() ;;
     *) return 1 ;;
   esac
 }
@@ -35,6 +35,7 @@ _velmarin() {
   if [[ $command == scan ]]; then
     names=-d
     options+=${options:+ --apply --state --skip --min-size --max-depth --time-budget --json}
+    options+=${options:+ --exclude --include --exclude-from --no-hidden --roots-from --null --max-size}
     options+=${options:+ --dry-run --one-file-system --html --quiet --no-color}
     [[ -n $options ]] && _velmarin_value && return
   elif [[ $command == history ]]; then

@@ -1,0 +1,46 @@
+// Which entries below the roots a scan looks at.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "glob.h"
+
+namespace tool {
+
+struct ChoiceRules {
+  std::vector<std::string> excludes;  // globs; what matches one is left out, and all below it
+  std::vector<std::string> includes;  // globs; if there are any, other files are left out
+  bool no_hidden = false;             // names that begin with a dot are left out
+  uint64_t max_size = UINT64_MAX;     // of files, in bytes
+};
+
+class Choice {
+ public:
+  Choice() = default;
+
+  // The roots are absolute paths; one that lies below another is a root still.
+  Choice(const ChoiceRules &rules, std::vector<std::string> roots);
+
+  // Whether any entry can be left out.
+  bool is_limiting() const;
+
+  // Whether the entry is left out, a directory with all that is below it. A root never is. For any
+  // thread; allocates nothing.
+  bool leaves_out(const struct stat &status, std::string_view path) const;
+
+ private:
+  std::string_view below_root(std::string_view path) const;
+
+  std::vector<Glob> excludes_;
+  std::vector<Glob> includes_;
+  bool no_hidden_ = false;
+  uint64_t max_size_ = UINT64_MAX;
+  std::vector<std::string> roots_;
+};
+
+}  // namespace tool
