@@ -208,19 +208,6 @@ void merge_share(FoundGroup &group, Share &share, const Volumes &volumes, LogLin
   }
 }
 
-// Files in no share: what the survey saw of them decides.
-void mark_unusable(FoundGroup &group) {
-  for (FoundFile &file : group.files) {
-    if (file.state.error != 0) {
-      set_outcome(file, Outcome::refused, std::strerror(file.state.error));
-    } else if (!file.state.unchanged) {
-      set_outcome(file, Outcome::changed, CHANGED);
-    } else if (file.state.is_inline) {
-      set_outcome(file, Outcome::no_gain, "its data lies inline, among the metadata");
-    }
-  }
-}
-
 // Visits the files that merging compares, in the order in which it comes to them: of each share
 // with work the first file, which is to be the source, and those with another copy of the data.
 template <typename Visit>
@@ -248,6 +235,19 @@ std::vector<const FoundFile *> files_to_compare(const Findings &findings) {
 }
 
 }  // namespace
+
+// Files in no share: what the survey saw of them decides.
+void mark_unusable(FoundGroup &group) {
+  for (FoundFile &file : group.files) {
+    if (file.state.error != 0) {
+      set_outcome(file, Outcome::refused, std::strerror(file.state.error));
+    } else if (!file.state.unchanged) {
+      set_outcome(file, Outcome::changed, CHANGED);
+    } else if (file.state.is_inline) {
+      set_outcome(file, Outcome::no_gain, "its data lies inline, among the metadata");
+    }
+  }
+}
 
 void plan_merge(const Findings &findings, MergeProgress &progress) {
   visit_work(findings, [&](const FoundFile &file, bool is_source) {

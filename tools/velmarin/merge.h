@@ -19,6 +19,9 @@ struct MergeProgress {
   std::atomic<uint64_t> freed_bytes = 0;    // certainly
 };
 
+// Gives an outcome to the files of a group that cannot be merged as the survey saw them.
+void mark_unusable(FoundGroup &group);
+
 // Counts what there is to do.
 void plan_merge(const Findings &findings, MergeProgress &progress);
 

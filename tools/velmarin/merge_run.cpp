@@ -1,5 +1,7 @@
 #include "merge_run.h"
 
+#include <algorithm>
+
 #include "merge.h"
 #include "progress.h"
 #include "progress_text.h"
@@ -13,10 +15,12 @@ void MergeRun::run(Report &report) {
     const auto progress = show_progress(shows_progress_, [this] {
       return format_duration(limit_.elapsed()) + "  looking at the files found";
     });
-    survey(report.findings, volumes_, report.applied);
+    survey(report.findings, volumes_, report.applied || !report.is_scan);
   }
   if (report.applied) {
     merge(report);
+  } else if (!report.is_scan) {
+    std::for_each(report.findings.groups.begin(), report.findings.groups.end(), mark_unusable);
   }
 }
 

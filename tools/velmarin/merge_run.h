@@ -15,8 +15,8 @@ class MergeRun {
   MergeRun(const TimeLimit &limit, LogLines &log, bool shows_progress)
       : limit_(limit), log_(log), shows_progress_(shows_progress) {}
 
-  // Surveys the findings of the report and, if it is `applied`, merges them. Fills in why that
-  // ended early.
+  // Surveys the findings of the report and, if it is `applied`, merges them; of an earlier scan's
+  // findings it tells at least which can no longer be merged. Fills in why merging ended early.
   void run(Report &report);
 
  private:

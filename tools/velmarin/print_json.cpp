@@ -160,9 +160,11 @@ void print_json(const Report &report, std::FILE *out) {
   object.print_array("groups", findings.groups,
                      [&](const FoundGroup &group) { return json_group(group, report.applied); });
   object.print_array("compressed", findings.compressed, json_compressed);
-  object.print("counters", json_counters(report));
-  object.print("statistics", json_statistics(findings.statistics));
-  if (report.applied) {
+  if (report.is_scan) {
+    object.print("counters", json_counters(report));
+    object.print("statistics", json_statistics(findings.statistics));
+  }
+  if (report.applied || !report.is_scan) {
     object.print("merged", json_merged(findings));
   }
 }

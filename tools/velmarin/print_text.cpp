@@ -108,7 +108,9 @@ class TextPrinter {
     put("Summary", BOLD);
     put("\n");
     print_sharing();
-    print_counters();
+    if (report_.is_scan) {
+      print_counters();
+    }
     print_row("time", format_duration(report_.elapsed) +
                           (report_.stopped ? ", stopped early" : "") +
                           (report_.out_of_time ? ", the time budget was used up" : ""));
@@ -123,14 +125,24 @@ class TextPrinter {
     } else {
       const uint64_t reclaimable = findings.reclaimable().certain;
       print_row("not merged yet", format_size(findings.unmerged_bytes()));
-      print_row("can be freed",
-                format_size(reclaimable) + (reclaimable > 0 ? " (with --apply)" : ""));
+      print_row("can be freed", format_size(reclaimable) +
+                                    (reclaimable > 0 && report_.is_scan ? " (with --apply)" : ""));
+      print_left_alone();
     }
     for (const std::string &remark : space_remarks(report_)) {
       print_row("", remark);
     }
     if (!findings.is_unsharable()) {
       print_row("saved already", format_size(findings.saved_bytes()) + " by sharing data");
+    }
+  }
+
+  // What an earlier scan found and can no longer be merged.
+  void print_left_alone() const {
+    const MergeCounts counts = count_outcomes(report_.findings);
+    if (counts.changed + counts.refused > 0) {
+      print_row("left alone", std::to_string(counts.changed) + " changed since the scan, " +
+                                  std::to_string(counts.refused) + " refused");
     }
   }
 

@@ -1,4 +1,5 @@
-// A finished scan in the forms in which it can be shown.
+// A finished scan, or an earlier one whose findings were merged later, in the forms in which it can
+// be shown.
 #pragma once
 
 #include <chrono>
@@ -13,6 +14,7 @@ namespace tool {
 struct Report {
   Findings findings;
   std::vector<std::string> roots;
+  bool is_scan = true;       // false: the findings are those of an earlier scan
   bool applied = false;      // merging was asked for
   bool stopped = false;      // by a signal
   bool out_of_time = false;  // the time budget was used up

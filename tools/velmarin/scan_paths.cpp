@@ -109,6 +109,10 @@ bool resolve_roots(const std::vector<std::string> &given, std::vector<std::strin
   return all_usable;
 }
 
+bool is_below(const std::string &path, const std::string &root) {
+  return root == "/" || path.starts_with(root + "/");
+}
+
 std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bool remark) {
   std::vector<std::string> skips;
   for (const std::string &path : given) {

@@ -12,6 +12,9 @@ namespace tool {
 // root that is no readable directory and returns false then.
 bool resolve_roots(const std::vector<std::string> &given, std::vector<std::string> &roots);
 
+// Whether the absolute path lies below the root; both are without symbolic links.
+bool is_below(const std::string &path, const std::string &root);
+
 // Resolves the skip paths; what leaves nothing out stays as it is, with a remark if wanted.
 std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bool remark);
 

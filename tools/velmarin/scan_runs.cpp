@@ -8,6 +8,7 @@
 
 #include "file_system.h"
 #include "group_join.h"
+#include "scan_paths.h"
 #include "scan_probes.h"
 
 namespace tool {
@@ -26,10 +27,6 @@ template <typename Element>
 void append(std::vector<Element> &list, std::vector<Element> &more) {
   list.insert(list.end(), std::make_move_iterator(more.begin()),
               std::make_move_iterator(more.end()));
-}
-
-bool is_below(const std::string &path, const std::string &root) {
-  return root == "/" || path.starts_with(root + "/");
 }
 
 // How many levels the path lies below the innermost of the roots.

@@ -8,6 +8,7 @@
 #include <map>
 
 #include "layer.h"
+#include "overlay.h"
 #include "share_plan.h"
 #include "velmarin/control_codes.h"
 
@@ -15,7 +16,9 @@ namespace tool {
 namespace {
 
 bool matches_scan(const FoundFile &file, const struct stat &status) {
-  return S_ISREG(status.st_mode) && static_cast<uint32_t>(status.st_ino) == file.inode &&
+  const bool is_inode =
+      file.inode == status.st_ino || file.inode == static_cast<uint32_t>(status.st_ino);
+  return S_ISREG(status.st_mode) && is_inode &&
          static_cast<uint64_t>(status.st_size) == file.size &&
          status.st_mtim.tv_sec == file.mtime.tv_sec && status.st_mtim.tv_nsec == file.mtime.tv_nsec;
 }
@@ -107,6 +110,9 @@ class Survey {
   }
 
   FileState examine_open(const FoundFile &file, int fd, bool asks_layer, ExtentMap *map) {
+    if (before_merging_ && is_on_overlay(fd)) {
+      return failed_state(EOPNOTSUPP);
+    }
     const FileState state = state_of_open_file(file, fd, asks_layer);
     if (state.error == 0 && state.unchanged) {
       const Volume &volume = volumes_.meet(state.device, fd);
