@@ -83,6 +83,10 @@ class OnlyLooking(ToolCase):
         self.mount("overlay", self.root,
                    f"lowerdir={lower},upperdir={upper},workdir={self.directory / 'work'}")
         self.assertEqual(len(self.scan()["groups"][0]["files"]), 3)
+        report = self.directory / "report"
+        report.write_text(self.run_tool("scan", "--json", ".")[0])
+        output, _ = self.run_tool("apply", report, status=1)
+        self.assertEqual(output.count("  refused "), 3)
         self.assertEqual(self.scan("--apply", status=1)["groups"], [])
         self.assertIn(": 4 files of an overlay left out: ",
                       self.run_tool("scan", "--apply", ".", status=1)[1])

@@ -4,6 +4,7 @@
 #include <exception>
 #include <string>
 
+#include "apply_command.h"
 #include "file_commands.h"
 #include "history_command.h"
 #include "message.h"
@@ -27,6 +28,9 @@ bool run_file_command(const std::string &name, const tool::FileOptions &options)
 bool run_named(const tool::CommandLine &line) {
   if (line.command == "scan") {
     return tool::run_scan(line.scan);
+  }
+  if (line.command == "apply") {
+    return tool::run_apply(line.apply);
   }
   if (line.command == "history") {
     return tool::run_history(line.history);

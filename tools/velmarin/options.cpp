@@ -123,6 +123,11 @@ std::optional<int> parse_depth(std::string_view text) {
   return is_depth ? std::optional(depth) : std::nullopt;
 }
 
+void add_time_budget(CLI::App *command, unsigned &seconds) {
+  add_value(command, "--time-budget", seconds, parse_duration, A_DURATION, "TIME",
+            "End early after this time: 90 (seconds), 5m, 1h30m");
+}
+
 void add_scan_limits(CLI::App *command, ScanOptions &scan) {
   add_value(command, "--min-size", scan.min_size, parse_size, A_SIZE, "SIZE",
             "Smallest file looked at; 0 means every file that is not empty (default 64K)");
@@ -132,8 +137,7 @@ void add_scan_limits(CLI::App *command, ScanOptions &scan) {
             "Do not read directories N levels below a root");
   command->add_flag("-x,--one-file-system", scan.one_file_system,
                     "Stay on the file systems of the roots");
-  add_value(command, "--time-budget", scan.time_budget, parse_duration, A_DURATION, "TIME",
-            "End the scan early after this time: 90 (seconds), 5m, 1h30m");
+  add_time_budget(command, scan.time_budget);
 }
 
 void add_scan(CLI::App &app, ScanOptions &scan) {
@@ -155,6 +159,19 @@ void add_scan(CLI::App &app, ScanOptions &scan) {
   command->add_flag("-q,--quiet", scan.quiet, "No progress display and no remarks");
   command->add_flag("--no-color", scan.no_color, "No colours");
   command->add_option("ROOT", scan.roots, "Directory to scan")->type_name("");
+}
+
+void add_apply(CLI::App &app, ApplyOptions &apply) {
+  CLI::App *const command =
+      app.add_subcommand("apply", "Merge the groups of a report that scan --json has printed");
+  command->add_flag("-n,--dry-run", apply.dry_run, "Look at the files, and merge none");
+  add_time_budget(command, apply.time_budget);
+  command->add_flag("--json", apply.json, "Print one JSON object");
+  command->add_flag("-v,--verbose", apply.verbose, "Show the library's log on standard error");
+  command->add_flag("-q,--quiet", apply.quiet, "No progress display and no remarks");
+  command->add_option("REPORT", apply.report, "The report; - is standard input")
+      ->required()
+      ->type_name("");
 }
 
 void add_history(CLI::App &app, HistoryOptions &history) {
@@ -185,6 +202,7 @@ void define(CLI::App &app, CommandLine &line) {
   app.name("velmarin");
   app.require_subcommand(1);
   add_scan(app, line.scan);
+  add_apply(app, line.apply);
   add_history(app, line.history);
   for (const FileCommand &kind : file_commands()) {
     add_file_command(app, kind, line.file);

@@ -40,10 +40,20 @@ struct HistoryOptions {
   std::string state;  // empty: the default directory
 };
 
+struct ApplyOptions {
+  bool dry_run = false;
+  bool json = false;
+  bool verbose = false;
+  bool quiet = false;
+  std::string report;        // "-": standard input
+  unsigned time_budget = 0;  // seconds; 0: no limit
+};
+
 struct CommandLine {
   std::string command;  // empty: nothing is left to do, `exit_status` says how it went
   int exit_status = 0;
   ScanOptions scan;  // of the command `scan`
+  ApplyOptions apply;
   HistoryOptions history;
   FileOptions file;  // of every other command
 };

@@ -26,7 +26,7 @@ _velmarin() {
   local command=${COMP_WORDS[1]} names=-f options='--verbose --help --version' word
   if ((COMP_CWORD == 1)); then
     options='--help --version'
-    _velmarin_offer -W "scan history dedup info recover group copy revoke freeze flags $options"
+    _velmarin_offer -W "scan apply history dedup info recover group copy revoke freeze flags $options"
     return
   fi
   for word in "${COMP_WORDS[@]:2:COMP_CWORD-2}"; do
@@ -37,6 +37,9 @@ _velmarin() {
     options+=${options:+ --apply --state --skip --min-size --max-depth --time-budget --json}
     options+=${options:+ --exclude --include --exclude-from --no-hidden --roots-from --null --max-size}
     options+=${options:+ --dry-run --one-file-system --html --quiet --no-color}
+    [[ -n $options ]] && _velmarin_value && return
+  elif [[ $command == apply ]]; then
+    options+=${options:+ --dry-run --time-budget --json --quiet}
     [[ -n $options ]] && _velmarin_value && return
   elif [[ $command == history ]]; then
     names=-d options=${options:+--state --json --help --version}
