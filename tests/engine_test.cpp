@@ -150,7 +150,7 @@ TEST(Forest, WantsADigestOfEachInodeThatSharesItsKeyAndOfNoOther) {
     f.insert(10);
     EXPECT_EQ(f.queued(), "aj");
     f.ctx.in_time = 0;
-    EXPECT_TRUE(is_digest_wanted(f.insert(10)));
+    EXPECT_TRUE(is_digest_pending(f.insert(10)));
     EXPECT_EQ(f.queued(), "");
     for (uint32_t ino = 100; ino < 300; ino++) {  // each twice
       EXPECT_EQ(f.insert(10, 0, 100 + ino % 100) != nullptr, ino < 200);

@@ -12,7 +12,7 @@ namespace velmarin {
 // and the source is attached to it.
 inline constexpr unsigned SIS_IOC_CONNECT = 0x4004f532;
 
-// Issued on a target: the target shares the data of the source in `sis_dedup_arg` from then on.
+// Issued on a target file, which from then on shares the data of the source in `sis_dedup_arg`.
 inline constexpr unsigned SIS_IOC_DEDUP_FILE = 0x4008f533;
 
 // Issued on a deduplicated or layered file: the file gets its own data back. The argument may be
@@ -39,12 +39,12 @@ inline constexpr uint32_t SIS_DEDUP_ATTACHED = 0;  // the source is attached to 
 inline constexpr uint32_t SIS_DEDUP_COPY = 1;      // also fills a freshly created empty target
 
 struct sis_dedup_arg {
-  uint32_t src_fd;  // descriptor of the file whose data the target is to share
+  uint32_t src_fd;  // descriptor of the file whose data the target will share
   uint32_t mode;    // SIS_DEDUP_ATTACHED or SIS_DEDUP_COPY
 };
 static_assert(sizeof(sis_dedup_arg) == 8 && offsetof(sis_dedup_arg, mode) == 4);
 
-// The one value of `sis_clone_arg::flags`.
+// The only valid value of `sis_clone_arg::flags`.
 inline constexpr uint32_t SIS_CLONE_FLAGS = 0x60;
 
 struct sis_clone_arg {
@@ -58,7 +58,7 @@ struct sis_file_info {
   uint8_t deduped;  // nonzero: deduplicated onto a layered inode
   uint8_t layered;  // nonzero: attached to a layered inode; 0: a plain file
   uint8_t reserved[2];
-  uint32_t layer_ino;  // number of the inode that the file is attached to
+  uint32_t layer_ino;  // number of the layered inode
 };
 static_assert(sizeof(sis_file_info) == 8 && offsetof(sis_file_info, layered) == 1 &&
               offsetof(sis_file_info, layer_ino) == 4);
@@ -67,8 +67,8 @@ inline constexpr uint32_t SIS_COINCIDE_SET = 4;
 inline constexpr uint32_t SIS_COINCIDE_GET = 8;
 inline constexpr uint32_t SIS_COINCIDE_CLEAR = 0x10;
 
-// The coincide flag. A file whose flag is set is frozen: the file system drops the flag when the
-// file's content changes, if not before.
+// The coincide flag. A file whose flag is set is frozen: the file system clears the flag when the
+// file's content changes, if not sooner.
 inline constexpr uint32_t SIS_FLAG_COINCIDE = 0x2;
 
 struct sis_coincide_arg {
@@ -77,10 +77,10 @@ struct sis_coincide_arg {
 };
 static_assert(sizeof(sis_coincide_arg) == 8 && offsetof(sis_coincide_arg, op) == 4);
 
-// What `check_file_status` answers for a file.
+// The results of `check_file_status`.
 inline constexpr int SIS_STATUS_PLAIN = 0;       // not attached to a layered inode
 inline constexpr int SIS_STATUS_LAYERED = 1;     // attached to a layered inode, not deduplicated
 inline constexpr int SIS_STATUS_DEDUPED = 2;     // deduplicated onto a layered inode
-inline constexpr int SIS_STATUS_COMPRESSED = 3;  // compressed; nothing else was asked about it
+inline constexpr int SIS_STATUS_COMPRESSED = 3;  // compressed; nothing else was checked
 
 }  // namespace velmarin

@@ -10,9 +10,8 @@
 
 namespace velmarin {
 
-// Records of the scan engine. Ordinary hosts never see one. The functions that take them are for
-// hosts that lay out a context of their own, as described in src/fbddp/scan_context.h and
-// file_index.h.
+// Records of the scan engine. Ordinary hosts never use them. The functions that take them are for
+// hosts that build their own context, as described in src/fbddp/scan_context.h and file_index.h.
 struct sis_context;
 struct hash_entry;
 struct dentry;
@@ -37,20 +36,20 @@ static_assert(sizeof(rb_root) == sizeof(void *));
 
 extern "C" {
 
-// Writes the local date and time of `ts` to `buf` as "YYYY-MM-DD hh:mm:ss", followed by a point and
-// nine digits unless the nanoseconds are 0. Nothing is written at or beyond `buf[len]`.
+// Writes the local date and time of `ts` to `buf` as "YYYY-MM-DD hh:mm:ss", followed by a decimal
+// point and nine digits unless the nanoseconds are 0. Nothing is written at or beyond `buf[len]`.
 //
 // Returns 0; 1 when the time cannot be converted or the fraction does not fit (`buf` then holds
 // date and time); 2 when date and time do not fit; 3 when the text fills the buffer. Thread-safe.
 VELMARIN_EXPORT int timespec2str(char *buf, unsigned len, const struct timespec *ts);
 
 // CRC-64/ECMA-182, most significant bit first, no final inversion (ECMA-182, annex B). Returns the
-// CRC of the `len` bytes at `p`, continued from `crc`; 0 starts anew. Thread-safe.
+// CRC of the `len` bytes at `p`, continued from `crc`; pass 0 to start. Thread-safe.
 VELMARIN_EXPORT uint64_t crc64_be(uint64_t crc, const void *p, size_t len);
 
 // CRC-64/NVME, also known as Rocksoft, reflected, inverted before and after (NVM Express NVM
 // Command Set, section 5.2.1.3.4). Returns the CRC of the `len` bytes at `p`, continued from `crc`;
-// 0 starts anew. Thread-safe.
+// pass 0 to start. Thread-safe.
 VELMARIN_EXPORT uint64_t crc64_rocksoft_generic(uint64_t crc, const void *p, size_t len);
 
 // Rebalances the tree after `node` was linked as a red leaf: its `parent_color` set to the address
@@ -65,27 +64,26 @@ VELMARIN_EXPORT void rb_erase(velmarin::rb_node *node, velmarin::rb_root *root);
 // Returns the node with the smallest key, or null for an empty tree.
 VELMARIN_EXPORT velmarin::rb_node *rb_first(const velmarin::rb_root *root);
 
-// Returns the node with the next greater key; null after the last one and for a node in no tree.
+// Returns the node with the next greater key; null after the last node and for a node that is in no
+// tree.
 VELMARIN_EXPORT velmarin::rb_node *rb_next(const velmarin::rb_node *node);
 
-// Gives `ctx` an empty hash table of saved digests. Returns 0, or 1 when memory is short.
+// Gives `ctx` an empty hash table of saved digests. Returns 0, or 1 when out of memory.
 VELMARIN_EXPORT int initialize_hash_table(velmarin::sis_context *ctx);
 
-// Indexes `entry`, whose record is set and which is already on the context's list of entries, by
-// its file key. A second entry with the same key is logged and not indexed.
+// Indexes `entry` by its file key. Its record must be set and it must be on the context's list of
+// entries. A second entry with the same key is logged and not indexed.
 VELMARIN_EXPORT void add_to_hash_table(velmarin::sis_context *ctx, velmarin::hash_entry *entry);
 
-// Takes `d` off the context's list of dentries and frees it together with the digest record that it
-// owns.
+// Takes `d` off the context's list of dentries and frees it with the digest record it owns.
 VELMARIN_EXPORT void free_entry(velmarin::sis_context *ctx, velmarin::dentry *d);
 
 // Reads the digest file of `ctx` in `save_dir` into the hash table and removes the file. Returns
-// the number of records read, or -1: the caller then discards what has been loaded.
+// the number of records read, or -1, on which the caller discards whatever was loaded.
 VELMARIN_EXPORT int64_t load_usable_hash(velmarin::sis_context *ctx, const char *save_dir);
 
 // Writes one record for every file of `ctx` that has a digest to its digest file in `save_dir`.
-// Returns the number of records written, even if a write failed after them and the file has been
-// removed.
+// Returns the number of records written, even if a later write failed and the file was removed.
 VELMARIN_EXPORT int64_t save_usable_hash(velmarin::sis_context *ctx, const char *save_dir);
 
 // The suffix of digest files: one element, ".hsh".

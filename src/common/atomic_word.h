@@ -1,5 +1,5 @@
-// Words that several threads touch without a lock. They are plain fields of records whose layout is
-// fixed, so they are read and written through these helpers instead of std::atomic.
+// Words that several threads access without a lock. They are plain fields of records whose layout
+// is fixed, so they are read and written through these helpers instead of std::atomic.
 #pragma once
 
 #include <cstdint>
@@ -26,14 +26,14 @@ void store_release(Word *word, Word value) {
   __atomic_store_n(word, value, __ATOMIC_RELEASE);
 }
 
-// Sets the word to null if it still holds `expected`; of several threads only one succeeds.
+// Sets the word to null if it still holds `expected`; only one of several threads succeeds.
 template <typename Target>
 bool take_pointer(Target **word, Target *expected) {
   return __atomic_compare_exchange_n(word, &expected, static_cast<Target *>(nullptr), false,
                                      __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
 }
 
-// Adds with acquire-release order and returns the value before.
+// Adds with acquire-release order and returns the previous value.
 inline uint64_t fetch_add(uint64_t *counter, uint64_t amount) {
   return __atomic_fetch_add(counter, amount, __ATOMIC_ACQ_REL);
 }

@@ -1,5 +1,5 @@
-// A hash set of small records, with open addressing and linear probing. Its users have a slower way
-// to search as well: they fall back on it when the set cannot grow.
+// A hash set of small records, with open addressing and linear probing. When it cannot grow, its
+// users fall back on a slower search.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@ inline uint64_t mix_bits(uint64_t word) {
 }
 
 // `Entry` has `is_empty()`, true for a zero-filled entry; `hash()`; and `equals(other)`.
-// Zero-filled memory is an empty set. Nothing here locks.
+// Zero-filled memory is an empty set. No function here locks.
 template <typename Entry>
 struct hash_set {
   Entry *slots;
@@ -24,7 +24,7 @@ struct hash_set {
   size_t count;
 };
 
-// The slot of an equal entry, or the empty slot where it belongs. The set has a free slot.
+// The slot of an equal entry, or the empty slot where it belongs. The set must have a free slot.
 template <typename Entry>
 Entry *hash_set_slot(const hash_set<Entry> *set, const Entry &wanted) {
   size_t index = wanted.hash() & (set->capacity - 1);
@@ -49,7 +49,7 @@ void hash_set_free(hash_set<Entry> *set) {
   *set = {};
 }
 
-// Doubles the capacity. Returns false when memory is short; the set is unchanged then.
+// Doubles the capacity. Returns false when out of memory and leaves the set unchanged.
 template <typename Entry>
 bool hash_set_grow(hash_set<Entry> *set) {
   constexpr size_t FIRST_CAPACITY = 16;
@@ -70,7 +70,7 @@ bool hash_set_grow(hash_set<Entry> *set) {
 }
 
 // Adds an entry that is not in the set. At least half of the slots stay free. Returns false when
-// memory is short.
+// out of memory.
 template <typename Entry>
 bool hash_set_add(hash_set<Entry> *set, const Entry &added) {
   if (2 * (set->count + 1) > set->capacity && !hash_set_grow(set)) {

@@ -1,5 +1,5 @@
-// Doubly linked lists of records that carry their own links. A list is a ring through its head, so
-// no operation has a special case for the ends. No function locks or allocates.
+// Doubly linked lists of records that carry their own links. A list is a ring that includes its
+// head, so no operation needs a special case for the ends. No function here locks or allocates.
 #pragma once
 
 #include <bit>
@@ -7,7 +7,7 @@
 
 namespace velmarin {
 
-// The head of a list, or a record's link in one. The head of an empty list points to itself, and so
+// The head of a list, or a record's link in one. The head of an empty list points to itself, as
 // does a link that is on no list.
 struct list_head {
   list_head *next;
@@ -50,7 +50,7 @@ inline void list_append_all(list_head *to, list_head *from) {
   list_init(from);
 }
 
-// The record of which `member` is the field `Position`.
+// The record whose field `Position` is `member`.
 template <auto Position, typename Owner, typename Member>
 Owner *owner_by_position(Member *member, Member Owner::*) {
   const auto offset = std::bit_cast<std::ptrdiff_t>(Position);

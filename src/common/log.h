@@ -1,6 +1,6 @@
 // The diagnostic log: error and info lines of the modules, service lines of the entry points. Each
 // line is one call of the platform's log function. Logging allocates nothing and takes no lock. It
-// may change errno: a caller that still needs it saves it first.
+// may change errno, so a caller that still needs it saves it first.
 #pragma once
 
 #include <android/log.h>
@@ -43,7 +43,7 @@ consteval module_file module_file_of(const char (&source_path)[Size]) {
   return file;
 }
 
-// The wall clock of a line; zero when it cannot be read.
+// The wall-clock time of a line; zero when it cannot be read.
 inline timespec log_time() {
   timespec now = {};
   clock_gettime(CLOCK_REALTIME_COARSE, &now);

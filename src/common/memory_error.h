@@ -5,8 +5,8 @@
 
 namespace velmarin {
 
-// Call it right after the failed call; set errno to 0 before that call. An allocator that leaves
-// errno alone is taken to have run out of memory.
+// Call it right after the failed call; set errno to 0 before that call. If the allocator left errno
+// alone, the error is ENOMEM.
 inline int allocation_error() {
   return errno != 0 ? errno : ENOMEM;
 }

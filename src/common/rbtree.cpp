@@ -1,6 +1,6 @@
 // Insertion and removal in an intrusive red-black tree, after Cormen, Leiserson, Rivest and Stein,
-// Introduction to Algorithms, chapter 13. The mirrored cases of the textbook are one case here,
-// with the side as a variable.
+// Introduction to Algorithms, chapter 13. The textbook's mirrored cases are one case here, with the
+// side as a variable.
 
 #include "common/rbtree.h"
 
@@ -11,7 +11,7 @@ namespace {
 
 constexpr uintptr_t COLOR_MASK = 1;
 constexpr uintptr_t BLACK = 1;
-constexpr uintptr_t FLAG_MASK = 3;  // low bits of the parent word that are no address
+constexpr uintptr_t FLAG_MASK = 3;  // low bits of the parent word that are not address
 
 enum class side { left, right };
 
@@ -27,7 +27,7 @@ void set_parent(rb_node *node, const rb_node *parent) {
   node->parent_color = reinterpret_cast<uintptr_t>(parent) | (node->parent_color & COLOR_MASK);
 }
 
-// The empty children at the bottom count as black.
+// Empty children are black.
 bool is_red(const rb_node *node) {
   return node != nullptr && (node->parent_color & COLOR_MASK) != BLACK;
 }
@@ -123,7 +123,7 @@ void fix_missing_black(rb_node *node, rb_node *parent, rb_root *root) {
   }
 }
 
-// Puts `successor`, which is out of the tree, in the place of `node`, with its colour.
+// Replaces `node` with `successor`, which is in no tree, and keeps the colour of `node`.
 void replace_node(rb_node *successor, const rb_node *node, rb_root *root) {
   *successor = *node;
   replace_child(node, successor, parent_of(node), root);
@@ -167,20 +167,20 @@ void rb_insert_color(rb_node *node, rb_root *root) {
 }
 
 void rb_erase(rb_node *node, rb_root *root) {
-  // The node that leaves its position: `node`, or its successor if `node` has two children.
-  rb_node *leaving = node;
+  // The node that vacates its position: `node`, or its successor if `node` has two children.
+  rb_node *vacating = node;
   if (node->left != nullptr && node->right != nullptr) {
-    leaving = leftmost(node->right);
+    vacating = leftmost(node->right);
   }
-  rb_node *replacement = leaving->left != nullptr ? leaving->left : leaving->right;
-  rb_node *parent = parent_of(leaving);
-  const bool lost_black = !is_red(leaving);
+  rb_node *replacement = vacating->left != nullptr ? vacating->left : vacating->right;
+  rb_node *parent = parent_of(vacating);
+  const bool lost_black = !is_red(vacating);
 
-  replace_child(leaving, replacement, parent, root);
-  if (leaving != node) {
-    replace_node(leaving, node, root);
+  replace_child(vacating, replacement, parent, root);
+  if (vacating != node) {
+    replace_node(vacating, node, root);
     if (parent == node) {
-      parent = leaving;
+      parent = vacating;
     }
   }
   if (lost_black) {

@@ -1,5 +1,5 @@
-// Searching an intrusive red-black tree and linking a new node. The tree has no lock of its own:
-// its user locks it, or builds it before other threads read it.
+// Searching an intrusive red-black tree and linking a new node. The tree has no lock: its user
+// guards it, or builds it before other threads read it.
 #pragma once
 
 #include "velmarin/primitives.h"
@@ -15,7 +15,7 @@ struct rb_position {
 };
 
 // Descends from the root. `compare(node)` returns a value below 0 to go left, above 0 to go right
-// and 0 when the node is the one.
+// and 0 for a match.
 template <typename Compare>
 rb_position rb_search(rb_root *root, Compare compare) {
   rb_node *parent = nullptr;

@@ -1,4 +1,4 @@
-// Formats local date and time.
+// Formats the local date and time.
 
 #include <bounds_checked.h>
 

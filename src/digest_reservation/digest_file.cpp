@@ -23,8 +23,8 @@ namespace {
 constexpr int PATH_FAILURE = 1;
 constexpr mode_t DIGEST_FILE_MODE = 0777;  // reduced by the process's umask
 
-// The path of the digest file under construction: the state directory and '/', then the file name.
-// One byte longer than a path may be, so that it is always terminated.
+// The path of the digest file while it is being built: the state directory and '/', then the file
+// name. One byte longer than a path may be, so it is always terminated.
 struct digest_path {
   char text[PATH_BUF_SIZE + 1];
   size_t name_start;
@@ -33,12 +33,12 @@ struct digest_path {
   size_t name_room() const { return PATH_BUF_SIZE - name_start; }
 };
 
-// Forms the path up to the '/'. Returns false on failure.
+// Builds the path up to the '/'. Returns false on failure.
 bool form_directory(digest_path *path, const char *save_dir) {
   *path = {};
   const auto length = static_cast<int32_t>(strlen(save_dir));
   if (length < 0 || length >= static_cast<int32_t>(PATH_BUF_SIZE)) {
-    // Spelled so on purpose (sic): hosts know the line.
+    // The misspelling is deliberate (sic): hosts rely on this line.
     log_erro("Too looong save_dir, %s\n", "quit!");
     return false;
   }
@@ -72,8 +72,8 @@ int clear_suffix(sis_context *ctx) {
   return memset_s(ctx->pname + DIGEST_NAME_LENGTH, DIGEST_SUFFIX_SIZE, 0, DIGEST_SUFFIX_SIZE);
 }
 
-// A descriptor below 1 means that no file is open. In a process that has closed its standard input
-// open returns 0, so the file is moved to another descriptor.
+// A descriptor below 1 means that no file is open. In a process that has closed its standard input,
+// open may return 0; the file is then moved to another descriptor.
 int move_off_zero(int fd) {
   if (fd != 0) {
     return fd;
@@ -99,8 +99,8 @@ int open_digest_file(const digest_path &path, int *fd, bool writing) {
 }
 
 int lock_digest_file(const digest_path &path, int fd, bool writing) {
-  // A signal, such as that of the run's own time budget, does not end the wait: without the lock
-  // this run would remove a file that another one is still writing.
+  // A signal, such as the one for the run's own time budget, must not end the wait: without the
+  // lock this run would remove a file that another run is still writing.
   int result = 0;
   do {
     result = flock(fd, writing ? LOCK_EX : LOCK_SH);

@@ -55,7 +55,7 @@ read_result read_record(int fd, usable_hash *record) {
   return read_result::record;
 }
 
-// An entry that holds a copy of `record`; null when memory is short or the bounded copy fails.
+// An entry that holds a copy of `record`; null when out of memory or the bounded copy fails.
 hash_entry *make_entry(const usable_hash &record) {
   heap_ptr<hash_entry> entry(static_cast<hash_entry *>(calloc(1, sizeof(hash_entry))));
   heap_ptr<usable_hash> copy = heap_allocate<usable_hash>();
@@ -84,7 +84,7 @@ int64_t load_records(sis_context *ctx, int fd) {
   }
 }
 
-// The record to save for a file: its identity and time from the dentry, its digest from `known`.
+// Fills in the record to save for a file: identity and time from the dentry, digest from `known`.
 // Returns false when the bounded copy fails.
 bool fill_record(const dentry *file, const usable_hash *known, usable_hash *record) {
   record->ino = static_cast<uint32_t>(file->key);

@@ -1,4 +1,4 @@
-// Making, naming and freeing dentries.
+// Creates, names and frees dentries.
 
 #include "fbddp/dentry.h"
 

@@ -29,18 +29,18 @@ inline constexpr uintptr_t DENTRY_FILE_TAG = uintptr_t{1} << 54;
 // The depth of a directory is kept modulo 2048.
 inline constexpr uint64_t DENTRY_DEPTH_MASK = 0x7ff;
 
-// What a member of a candidate group keeps where a tree node keeps its tree link.
+// What a member of a candidate group stores where a tree node has its tree link.
 struct member_data {
   int16_t own_status;
-  int16_t head_status;  // of the tree node whose group this is
+  int16_t head_status;  // of the tree node that heads the group
   uint32_t marker;      // MARKER_NOT_SET; in a tree node the upper half of the parent word
   uint64_t own_blocks;
   uint64_t head_blocks;  // of the tree node
 };
 static_assert(sizeof(member_data) == sizeof(rb_node));
 
-// A file's own attributes, until it becomes the head or a member of a group. A head that ends up
-// with no group takes them back.
+// A file's own attributes, until it becomes the head or a member of a group. A head left without a
+// group gets them back.
 struct own_attributes {
   int32_t status;         // result of the status callback
   uint32_t group_marker;  // MARKER_NOT_SET while the dentry heads no group; in a list link the
@@ -51,16 +51,16 @@ static_assert(sizeof(own_attributes) == sizeof(list_head));
 
 struct dentry {
   list_head link;         // in the run's `dentries`; guarded by dentries_lock
-  uintptr_t parent_word;  // address of the parent, null for a root; DENTRY_FILE_TAG
+  uintptr_t parent_word;  // address of the parent, 0 for a root; DENTRY_FILE_TAG
   union {
-    uint64_t depth;  // directory form: below its root
+    uint64_t depth;  // directory form: depth below its root
     uint64_t size;   // file form: st_size when examined
   };
 
-  // The fields from here on exist in the file form only; the name of a directory form starts here.
-  // Until the file is inserted into the forest they belong to the worker that examines it. `key`,
-  // `size` and `mtime` never change after that. While the walk runs, the forest lock of the file's
-  // size guards the others, except for `hash`.
+  // The fields from here on exist only in the file form; in the directory form the name starts
+  // here. Until the file is inserted into the forest they belong to the worker that examines it.
+  // `key`, `size` and `mtime` never change after that. While the walk runs, the forest lock of the
+  // file's size guards the others, except for `hash`.
   uint64_t key;           // file key: inode number, then device number
   struct timespec mtime;  // st_mtim when examined
   union {
@@ -74,7 +74,7 @@ struct dentry {
   };
   list_head same;     // head of a group of identical files: the others; in those: link
   uint64_t pattern;   // CRC-64 of sampled content; 0: not computed
-  usable_hash *hash;  // digest record, owned; null: none; HASH_PENDING: wanted. The file's digest
+  usable_hash *hash;  // digest record, owned; null: none; HASH_PENDING. The file's digest
                       // job writes it without a lock, so all access is atomic
 };
 
@@ -86,7 +86,7 @@ static_assert(offsetof(dentry, mtime) == 40 && sizeof(struct timespec) == 16 &&
               offsetof(dentry, same) == 96 && offsetof(dentry, pattern) == 112 &&
               offsetof(dentry, hash) == 120);
 
-// HASH_PENDING: the value of `hash` while a digest is wanted but not there yet.
+// HASH_PENDING: the value of `hash` while a digest is pending.
 inline usable_hash *hash_pending() {
   return reinterpret_cast<usable_hash *>(UINTPTR_MAX);
 }
@@ -107,13 +107,13 @@ inline const char *name_of(const dentry *d) {
   return name_of(const_cast<dentry *>(d));
 }
 
-// The digest record of a file, or null when there is none (yet).
+// The digest record of a file, or null when there is none yet.
 inline usable_hash *digest_record_of(const dentry *file) {
   usable_hash *hash = load_acquire(&file->hash);
   return hash == hash_pending() ? nullptr : hash;
 }
 
-inline bool is_digest_wanted(const dentry *file) {
+inline bool is_digest_pending(const dentry *file) {
   return load_acquire(&file->hash) == hash_pending();
 }
 

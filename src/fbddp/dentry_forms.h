@@ -1,12 +1,12 @@
-// The forms that a file's dentry takes on its way through a scan, and where it keeps its own
-// attributes in each. Its fields overlap, so nothing else interprets them:
+// The forms that a file's dentry takes during a scan, and where each form stores the file's own
+// attributes. Its fields overlap, so no other code interprets them:
 //
-// - An unexamined file, or a tree node without a group, keeps them in `own`.
-// - A tree node with a group has `group` in their place, and each member carries the node's
+// - An unexamined file, or a tree node without a group, has them in `own`.
+// - A tree node with a group has `group` in their place, and each member holds the node's
 //   attributes beside its own.
-// - A member of a group keeps them in `member`, and `group` is its link.
-// - After the grouping, the first file on the `same` list of the former tree node carries the
-//   node's attributes; every other head of identical files has kept its own in `member`.
+// - A member of a group has them in `member`, and `group` is its link.
+// - After the grouping, the first file on the `same` list of the former tree node holds the node's
+//   attributes; every other head of identical files still has its own in `member`.
 //
 // While the walk runs, the caller holds the file's forest lock. During the grouping a group belongs
 // to the worker that splits it.
@@ -23,8 +23,8 @@ struct file_attributes {
   uint64_t blocks;  // st_blocks
 };
 
-// Whether a tree node heads a group of candidates; it means nothing for a member. To be asked under
-// the forest lock during the walk.
+// Whether a tree node heads a group of candidates; not valid for a member. During the walk, call it
+// under the forest lock.
 inline bool heads_group(const dentry *file) {
   return file->own.group_marker != MARKER_NOT_SET;
 }
@@ -37,14 +37,14 @@ inline bool has_member_data(const dentry *file) {
 // Records the attributes of an unexamined file.
 void set_own_attributes(dentry *file, const file_attributes &attributes);
 
-// Turns an examined file into a member of the group that the tree node `head` heads from now on.
+// Adds an examined file to the group of the tree node `head`, which need not head one yet.
 void become_member(dentry *file, dentry *head);
 
-// Makes a tree node whose group is gone a node without a group again. `attributes` are its own,
-// read before its group was taken apart.
+// Turns a tree node whose group is gone back into a node without one. `attributes` are its own,
+// read before its group was split.
 void restore_head(dentry *node, const file_attributes &attributes);
 
-// A file's own attributes, wherever its form keeps them.
+// A file's own attributes, wherever its form stores them.
 file_attributes attributes_of(const dentry *file);
 
 }  // namespace velmarin

@@ -1,4 +1,4 @@
-// Naming the digest file.
+// Names the digest file.
 
 #include "fbddp/digest_name.h"
 
@@ -17,8 +17,8 @@ namespace {
 
 constexpr int NAMING_FAILED = 1;
 
-// Copies the root paths one right after the other, without separators or terminators. An empty path
-// is passed over, since a bounded copy may refuse a room of 0 bytes.
+// Concatenates the root paths without separators or terminators. An empty path is skipped, since a
+// bounded copy may refuse a destination of 0 bytes.
 bool join_roots(const char **roots, int root_count, char *joined, uint32_t size) {
   uint32_t used = 0;
   for (int i = 0; i < root_count; i++) {
@@ -47,7 +47,7 @@ bool print_digest_name(sis_context *ctx, const char *joined, uint32_t size) {
   if (SHA256(reinterpret_cast<const unsigned char *>(joined), size, digest) == nullptr) {
     return false;
   }
-  errno = 0;  // whatever the digest left there is no failure
+  errno = 0;  // whatever the digest left there is not a failure
   return print_name(ctx, digest);
 }
 
@@ -58,13 +58,13 @@ int name_digest_file(sis_context *ctx, const char **roots, int root_count) {
   for (int i = 0; i < root_count; i++) {
     size += static_cast<uint32_t>(strlen(roots[i]));
   }
-  // Without roots the size is 0, for which null is no failure.
+  // Without roots the size is 0, and null is not a failure.
   const heap_ptr<char> joined = heap_allocate<char>(size);
   if (joined == nullptr && size != 0) {
     log_erro("fail to allocate name buffer for %s", "SAVED");
     return NAMING_FAILED;
   }
-  // A bounded function that fails need not set errno; the run ends with a failure all the same.
+  // A bounded function that fails need not set errno; the run fails all the same.
   int error = 0;
   errno = 0;
   if (!join_roots(roots, root_count, joined.get(), size) ||

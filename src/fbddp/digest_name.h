@@ -5,9 +5,9 @@
 
 namespace velmarin {
 
-// Names the digest file by the SHA-256 of the root paths, in `pname`: the same roots in the same
-// order find the digests of their last run. Returns 0 or the result of the run: the errno of the
-// failed call, or 1.
+// Stores the name of the digest file, the SHA-256 of the root paths, in `pname`: the same roots in
+// the same order find the digests of their last run. Returns 0, or the result with which the run
+// ends: the errno of the failed call, or 1.
 int name_digest_file(sis_context *ctx, const char **roots, int root_count);
 
 }  // namespace velmarin

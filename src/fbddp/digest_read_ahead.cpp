@@ -1,4 +1,4 @@
-// Reading small files ahead.
+// Prefetches small files.
 
 #include "fbddp/digest_read_ahead.h"
 
@@ -14,14 +14,14 @@
 namespace velmarin {
 namespace {
 
-// Up to this size (bytes) a file is read ahead, whole. A larger one keeps the disk busy by itself.
+// Files up to this size (bytes) are read ahead in full. A larger one keeps the disk busy by itself.
 constexpr uint64_t READ_AHEAD_MAX = 1U << 20;
 
-// The descriptor is not kept: a worker that kept some would take them from the other workers and
-// from the host when few are left. It is closed before the file is frozen: closing it would release
-// a record lock that the host's prep takes, and opening it would break a lease. This is advice, so
-// a failure changes nothing, and no counter counts the opening. A FIFO that has taken the file's
-// place is left alone: who waits for a reader is to meet the one that reads.
+// The descriptor is not kept: the other workers and the host may need it when few are left. It is
+// closed before the file is frozen: closing it later would release a record lock that the host's
+// prep takes, and opening it would break a lease. This is advice, so a failure changes nothing and
+// the open is not counted. A FIFO that has replaced the file is left alone: opening it would
+// release a writer that waits for a reader.
 void fetch_from_disk(const dentry *file) {
   path_buffer buffer;
   const char *path = get_fullpath(file, buffer.text);
@@ -38,7 +38,7 @@ void fetch_from_disk(const dentry *file) {
 }  // namespace
 
 void read_ahead(sis_context *ctx) {
-  // No more than that at once, however fast others take jobs: this worker has a file to read.
+  // A fixed limit, however fast others take jobs: this worker has a file to read.
   for (int i = 0; i < LOOK_AHEAD; i++) {
     job *next = begin_fetch(ctx);
     if (next == nullptr) {

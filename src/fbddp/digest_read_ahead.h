@@ -1,4 +1,4 @@
-// Having the disk fetch small files before a worker comes to read them.
+// Fetches small files from the disk before a worker reads them.
 #pragma once
 
 #include "fbddp/scan_context.h"

@@ -26,7 +26,7 @@ uint64_t key_of(const usable_hash *record) {
   return key;
 }
 
-// Compares a key with that of a node of a bucket.
+// Compares a key with that of a bucket's node.
 auto order_of(uint64_t key) {
   return [key](rb_node *node) { return compare_keys(key, owner_of<&hash_entry::node>(node)->key); };
 }

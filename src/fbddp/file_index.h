@@ -14,7 +14,7 @@ namespace velmarin {
 
 inline constexpr size_t DIGEST_SIZE = 32;
 
-// The saved digest of one file: a heap block of its own, the same in memory and on disk
+// The saved digest of one file: a separate heap block, with the same layout in memory and on disk
 // (little-endian). A hash_entry owns it after a load, a dentry once its file has taken or computed
 // it. A digest computed in this run fills in `digest` only.
 struct usable_hash {
@@ -38,7 +38,7 @@ static_assert(sizeof(hash_entry) == 56 && offsetof(hash_entry, node) == 16 &&
               offsetof(hash_entry, link) == 40);
 
 // Returns the entry with this key; null when there is none or no table. Any number of workers may
-// search it at once.
+// search the table at once.
 hash_entry *lookup_hash_table(const sis_context *ctx, uint64_t key);
 
 // Frees all entries, the records that no file took, and the table.

@@ -1,4 +1,4 @@
-// Patterns and digests of candidate files.
+// Computes the patterns and digests of candidate files.
 
 #include "fbddp/fingerprint.h"
 
@@ -108,7 +108,8 @@ unique_fd open_for_digest(sis_context *ctx, const char *path) {
   }
 }
 
-// Whether the host's freeze callbacks guard the reading; otherwise modification times do.
+// Whether the host's freeze callbacks detect changes during the read; otherwise modification times
+// do.
 bool uses_freezing(const sis_context *ctx) {
   return ctx->ops->prep != nullptr && ctx->ops->verify != nullptr;
 }
@@ -170,7 +171,7 @@ usable_hash *allocate_record(const char *path) {
   return nullptr;
 }
 
-// Reads the file. Returns a complete record, or null when there is no digest to be had.
+// Reads the file. Returns a complete record, or null when no digest is available.
 usable_hash *read_digest(sis_context *ctx, const dentry *file, int fd, const char *path) {
   SHA256_CTX digest;
   SHA256_Init(&digest);
@@ -191,7 +192,7 @@ usable_hash *read_digest(sis_context *ctx, const dentry *file, int fd, const cha
 }
 
 // Freezes and reads the opened file. Returns a complete record or null.
-usable_hash *digest_of_opened(sis_context *ctx, const dentry *file, int fd, const char *path) {
+usable_hash *digest_open_file(sis_context *ctx, const dentry *file, int fd, const char *path) {
   if (!is_ready_to_read(ctx, file, fd, path)) {
     count_error(ctx);
     return nullptr;
@@ -224,8 +225,8 @@ int make_pattern(dentry *file, const char *path, int fd) {
   }
   path_buffer buffer;
   const char *own_path = get_fullpath(file, buffer.text);
-  // A FIFO that has taken the file's place must not keep the forest lock held: it opens at once,
-  // and the first seek refuses it.
+  // A FIFO that has replaced the file must not block while the forest lock is held: with O_NONBLOCK
+  // it opens at once, and the first seek fails.
   const unique_fd own_fd(open(own_path, O_RDONLY | O_NONBLOCK));
   if (!own_fd.is_open()) {
     const int error = errno;
@@ -239,8 +240,9 @@ bool has_saved_digest(const sis_context *ctx, const dentry *file) {
   return find_saved_digest(ctx, file).record != nullptr;
 }
 
-// Hardly ever do two dentries with one key live long enough to want its record (a hard link whose
-// pattern could not be read once); then one of them gets it and the other is computed.
+// Two dentries with the same key rarely live long enough to want its record (only when the pattern
+// of a hard link could not be read once); then one of them gets it and the digest of the other is
+// computed.
 bool take_saved_digest(sis_context *ctx, dentry *file) {
   const saved_digest saved = find_saved_digest(ctx, file);
   if (saved.record == nullptr || !take_pointer(&saved.entry->record, saved.record)) {
@@ -250,14 +252,14 @@ bool take_saved_digest(sis_context *ctx, dentry *file) {
   return true;
 }
 
-// A complete record is stored at once, so that nobody sees one that is being filled.
+// Only a complete record is stored, so no thread sees one that is being filled in.
 void compute_digest(sis_context *ctx, dentry *file) {
   path_buffer buffer;
   const char *path = get_fullpath(file, buffer.text);
   usable_hash *record = nullptr;
   const unique_fd fd = open_for_digest(ctx, path);
   if (fd.is_open()) {
-    record = digest_of_opened(ctx, file, fd.get(), path);
+    record = digest_open_file(ctx, file, fd.get(), path);
   }
   store_release(&file->hash, record);
 }

@@ -8,7 +8,7 @@
 
 namespace velmarin {
 
-// Files from this length on (bytes) get a pattern.
+// Files of at least this size (bytes) get a pattern.
 inline constexpr uint64_t PATTERN_MIN_SIZE = 1048576;
 
 // Sets the file's `pattern`: the CRC-64 of its first 4096 bytes and of the last 4096 bytes of its
@@ -17,11 +17,11 @@ inline constexpr uint64_t PATTERN_MIN_SIZE = 1048576;
 // file is too short; `pattern` is unchanged then. The caller holds the file's forest lock.
 int make_pattern(dentry *file, const char *path, int fd);
 
-// Whether the digest of an examined file was saved and the file is unchanged since then. Any worker
-// may ask, while the walk runs, about a file that it does not treat.
+// Whether the digest of an examined file was saved and the file has not changed since. During the
+// walk any worker may call it for a file that it is not processing.
 bool has_saved_digest(const sis_context *ctx, const dentry *file);
 
-// The digest job of an examined file is these two steps.
+// The digest job of an examined file consists of these two steps.
 //
 // Gives the file its saved digest if there is one. Returns whether it did.
 bool take_saved_digest(sis_context *ctx, dentry *file);

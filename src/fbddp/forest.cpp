@@ -1,4 +1,4 @@
-// Insertion into the forest.
+// Inserts files into the forest.
 
 #include "fbddp/forest.h"
 
@@ -20,7 +20,7 @@ struct candidate {
   const char *path;
 };
 
-// Computes the patterns of both files unless they are known; the second also when the first fails.
+// Computes the patterns of both files unless they are known; the second even if the first fails.
 bool ensure_patterns(const candidate &added, dentry *present) {
   const bool have_added =
       added.file->pattern != 0 || make_pattern(added.file, added.path, added.fd) == 0;
@@ -38,14 +38,14 @@ int compare_with_node(const candidate &added, rb_node *node) {
   return compare_keys(added.file->pattern, present->pattern);
 }
 
-void want_digest(sis_context *ctx, dentry *file) {
+void request_digest(sis_context *ctx, dentry *file) {
   store_release(&file->hash, hash_pending());
   if (load_relaxed(&ctx->in_time) != 0) {
     schedule_job(ctx, file);
   }
 }
 
-// The forest lock is held. Returns false for a second dentry of an inode.
+// The caller holds the forest lock. Returns false for a second dentry of an inode.
 bool join_group(sis_context *ctx, size_t tree, dentry *file, dentry *head) {
   if (inode_of_key(file->key) == inode_of_key(head->key) ||
       (heads_group(head) && group_holds_inode_of(ctx, tree, head, file))) {
@@ -54,9 +54,9 @@ bool join_group(sis_context *ctx, size_t tree, dentry *file, dentry *head) {
   become_member(file, head);
   index_member(ctx, tree, head, file);
   if (load_acquire(&head->hash) == nullptr) {
-    want_digest(ctx, head);
+    request_digest(ctx, head);
   }
-  want_digest(ctx, file);
+  request_digest(ctx, file);
   return true;
 }
 

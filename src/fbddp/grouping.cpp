@@ -1,4 +1,4 @@
-// Splitting groups by digest.
+// Splits groups by digest.
 
 #include "fbddp/grouping.h"
 
@@ -11,13 +11,13 @@
 namespace velmarin {
 namespace {
 
-// The first file with its digest among the candidates.
+// The first candidate with a given digest.
 struct digest_head {
   dentry *file;
   const uint8_t *digest;
 
   bool is_empty() const { return file == nullptr; }
-  // The bits of a digest are well spread already.
+  // The bits of a digest are already well spread.
   uint64_t hash() const {
     uint64_t word = 0;
     memcpy(&word, digest, sizeof(word));
@@ -40,8 +40,8 @@ dentry *find_head_in_list(list_head *candidates, const digest_head &wanted) {
   return nullptr;
 }
 
-// Moves each file to the `same` list of the first candidate that has its digest. A set finds that
-// candidate; when memory for the set is short, a search through the list does.
+// Moves each file to the `same` list of the first candidate that has its digest. A hash set finds
+// that candidate, or a linear search once there is no memory for the set.
 void collect_identical(list_head *candidates) {
   hash_set<digest_head> heads = {};
   bool indexed = true;
@@ -68,7 +68,7 @@ void collect_identical(list_head *candidates) {
   hash_set_free(&heads);
 }
 
-// Moves the files with identical ones on their `same` list to `result`, in order.
+// Moves the files whose `same` list is not empty to `result`, in order.
 void move_heads(list_head *candidates, list_head *result) {
   for (list_head *link = candidates->next; link != candidates;) {
     dentry *file = owner_of<&dentry::group>(link);
@@ -88,7 +88,7 @@ void split_group(sis_context *ctx, dentry *node) {
   }
   const file_attributes own = attributes_of(node);
 
-  // The node's own link becomes the first element of a list of its own.
+  // The node's own link becomes the first element of a separate list.
   list_head candidates;
   list_init(&candidates);
   list_append(&node->group, &candidates);
@@ -97,7 +97,7 @@ void split_group(sis_context *ctx, dentry *node) {
   collect_identical(&candidates);
   move_heads(&candidates, &result);
 
-  // What is left stays a ring without a head.
+  // The remaining files stay in a ring without a head.
   list_unlink(&candidates);
   if (list_is_empty(&node->same) && list_is_empty(&node->group)) {
     restore_head(node, own);

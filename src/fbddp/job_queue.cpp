@@ -1,4 +1,4 @@
-// Scheduling, taking and finishing jobs.
+// Schedules, takes and finishes jobs.
 
 #include "fbddp/job_queue.h"
 
@@ -17,7 +17,7 @@ void schedule_job(sis_context *ctx, dentry *d) {
     log_erro("fail to allocate job for %s", name_of(d));
     return;
   }
-  // Counted before a worker can see it, so that it cannot be counted down first.
+  // Counted before a worker can see the job and count it down.
   fetch_add(&ctx->pending, 1);
   scheduled->target = d;
   scheduled->fetch = FETCH_NONE;
@@ -41,7 +41,7 @@ job *begin_fetch(sis_context *ctx) {
   for (int i = 0; i < LOOK_AHEAD && link != &ctx->queue; i++, link = link->next) {
     job *next = owner_of<&job::link>(link);
     if (load_relaxed(&next->fetch) == FETCH_NONE && is_file_form(next->target) &&
-        is_digest_wanted(next->target)) {
+        is_digest_pending(next->target)) {
       store_relaxed<uint32_t>(&next->fetch, FETCH_BEGUN);
       return next;
     }

@@ -16,30 +16,30 @@ struct job {
   uint32_t fetch;  // a fetch_state; atomic
 };
 
-// Whether the content of a file that is to be read is on its way from the disk.
+// Whether the content of a file is being fetched from the disk before it is read.
 enum fetch_state : uint32_t { FETCH_NONE, FETCH_BEGUN, FETCH_DONE };
 
-// Queues a job for `d` and counts it as pending. A failure is logged: nothing is counted, and no
-// worker will see the dentry. The caller may hold a forest lock.
+// Queues a job for `d` and counts it as pending. If that fails, it logs the failure and counts
+// nothing, and no worker will see the dentry. The caller may hold a forest lock.
 void schedule_job(sis_context *ctx, dentry *d);
 
 // Takes the oldest job, which the caller then owns; null when the queue is empty.
 job *take_job(sis_context *ctx);
 
-// How many jobs `begin_fetch` looks at.
+// How many jobs `begin_fetch` examines.
 inline constexpr int LOOK_AHEAD = 8;
 
-// Returns the first of the next LOOK_AHEAD jobs that asks for a digest and whose file nobody has
-// begun to fetch, or null. The caller fetches that file and then calls `end_fetch`. The job stays
-// in the queue. Its dentry lives as long as the run.
+// Returns the first of the next LOOK_AHEAD jobs that is to compute a digest and whose file no
+// worker has begun to fetch, or null. The caller fetches that file and then calls `end_fetch`. The
+// job stays in the queue. Its dentry lives as long as the run.
 job *begin_fetch(sis_context *ctx);
 void end_fetch(job *fetched);
 
 // Waits while another worker fetches the file of a job that was taken.
 void await_fetch(const job *taken);
 
-// Frees a completed job and counts it down; wakes the driver after the last one. The jobs that it
-// scheduled have been counted by then, so a count of 0 means that the phase is over.
+// Frees a completed job and counts it down; wakes the run's own thread after the last one. Any jobs
+// that it scheduled have already been counted, so a count of 0 means that the phase is over.
 void finish_job(sis_context *ctx, job *finished);
 
 // Waits until no job is pending.

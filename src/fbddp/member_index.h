@@ -1,6 +1,6 @@
 // An index of the inodes in the groups of a forest tree. With it, finding a second name of an inode
-// takes one step however large the group is. Without it, or once it cannot grow, the members are
-// searched one by one.
+// takes constant time, however large the group is. Without it, or once it cannot grow, the members
+// are searched one by one.
 //
 // An index belongs to one tree and is guarded by that tree's forest lock.
 #pragma once
@@ -10,7 +10,7 @@
 
 namespace velmarin {
 
-// Makes the run's indexes, all empty. On failure the run goes on without them.
+// Creates the run's indexes, all empty. If that fails, the run does without them.
 void make_member_indexes(sis_context *ctx);
 
 void free_member_indexes(sis_context *ctx);
@@ -19,7 +19,7 @@ void free_member_indexes(sis_context *ctx);
 // number of `file`.
 bool group_holds_inode_of(const sis_context *ctx, size_t tree, dentry *head, const dentry *file);
 
-// Notes that `file` has become a member of the group of `head`.
+// Records that `file` has become a member of the group of `head`.
 void index_member(sis_context *ctx, size_t tree, const dentry *head, const dentry *file);
 
 }  // namespace velmarin

@@ -1,7 +1,7 @@
 // Set-up and teardown of a run. The set-up is a table of steps, each with its undo function, so
 // that a failure anywhere releases what was made before it, in reverse order. The teardown of a
-// complete run is not that table backwards: hosts rely on its order, in which the time budget goes
-// in the middle and the locks of the forest go last.
+// complete run does not reverse that table: hosts rely on its order, which releases the time budget
+// in the middle and the forest locks last.
 
 #include "fbddp/run_resources.h"
 

@@ -5,8 +5,8 @@
 
 namespace velmarin {
 
-// Makes the lists, locks and arrays of the run. Returns false on failure; everything made until
-// then has been released again, and so has the time budget.
+// Creates the lists, locks and arrays of the run. On failure, releases everything made so far and
+// the time budget, and returns false.
 bool set_up_run(sis_context *ctx);
 
 // Releases the dentries, the locks, the time budget and the arrays. Call it after the workers are

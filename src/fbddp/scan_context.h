@@ -1,7 +1,7 @@
 // The shared record of one scan run.
 //
-// Locks: a spinlock is held for a few pointer moves only, except for a forest_lock, which is held
-// for a whole insertion. The only nesting is forest_lock[i], then queue_lock.
+// Locks: a spinlock is held only for a few pointer updates, except a forest_lock, which is held for
+// a whole insertion. The only nesting is forest_lock[i], then queue_lock.
 #pragma once
 
 #include <pthread.h>
@@ -23,7 +23,7 @@ inline constexpr size_t FOREST_TREES = 1024;
 
 // The digest file's name as `pname` holds it: the digits, then room for the suffix.
 inline constexpr size_t DIGEST_NAME_LENGTH = 64;  // lowercase hexadecimal digits
-inline constexpr size_t DIGEST_SUFFIX_SIZE = 5;   // a point, three letters and a NUL
+inline constexpr size_t DIGEST_SUFFIX_SIZE = 5;   // a dot, three letters and a NUL
 inline constexpr size_t DIGEST_NAME_SIZE = DIGEST_NAME_LENGTH + DIGEST_SUFFIX_SIZE;
 
 // What the workers do with a job. A run passes through the phases in this order and changes the
@@ -32,12 +32,12 @@ enum scan_phase : int32_t {
   PHASE_START = 0,  // workers started, nothing to do
   PHASE_WALK = 1,   // reading directories, admitting files, computing digests
   PHASE_GROUP = 2,  // splitting groups by digest
-  PHASE_STOP = 3,   // workers leave
+  PHASE_STOP = 3,   // workers exit
 };
 
-// A local object of the run: it exists from the start of `single_instance_storage` to its return.
-// The order and size of the fields up to `caller_data` are a contract with hosts that lay out a
-// context themselves for the exported low-level functions.
+// A local variable of `single_instance_storage`, so it lives as long as that call. The order and
+// size of the fields up to `caller_data` are a contract with hosts that build their own context for
+// the exported low-level functions.
 struct sis_context {
   list_head dentries;         // every live dentry, in creation order; guarded by dentries_lock
   list_head groups;           // heads of groups of identical files; guarded by groups_lock
@@ -70,13 +70,13 @@ struct sis_context {
   int32_t in_time;       // 1, then 0 once the run is told to stop; any thread, atomic
   int32_t phase;         // a scan_phase; written by the run's own thread only, atomic
   const sis_ops *ops;    // the host's callbacks
-  uint64_t caller_data;  // handed to the report callback
+  uint64_t caller_data;  // passed to the report callback
 
-  // Beyond the contract: the run's place in the set of runs that a SIGALRM may stop; see
+  // Not part of the contract: the run's place in the set of runs that a SIGALRM may stop; see
   // time_budget.cpp.
   struct alarm_link {
     sis_context *next;         // next live run; read by the signal handler
-    struct timespec deadline;  // monotonic time before which the budget cannot be spent
+    struct timespec deadline;  // monotonic time before which the budget cannot run out
     bool armed;                // `timer` names a timer (0 is a valid timer here)
   } alarm;
 

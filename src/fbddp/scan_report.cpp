@@ -1,4 +1,4 @@
-// The pass over groups, compressed files and counters.
+// Reports groups, compressed files and counters.
 
 #include "fbddp/scan_report.h"
 
@@ -13,7 +13,7 @@
 namespace velmarin {
 namespace {
 
-// The record and the path buffer that all calls of the callback share.
+// The record and the path buffer shared by all calls of the callback.
 struct report_pass {
   sis_context *ctx;
   sis_report record;
@@ -43,11 +43,11 @@ int report_file(report_pass *pass, dentry *file, sis_report_stage stage) {
 // Reports the files identical to `head`. Returns false when the host ends the report.
 bool report_members(report_pass *pass, dentry *head) {
   for (dentry &member : list_range<&dentry::same>(&head->same)) {
-    const int answer = report_file(pass, &member, REPORT_FILE);
-    if (answer == REPORT_STOP) {
+    const int result = report_file(pass, &member, REPORT_FILE);
+    if (result == REPORT_STOP) {
       return false;
     }
-    if (answer == REPORT_SKIP) {
+    if (result == REPORT_SKIP) {
       break;
     }
   }
@@ -55,11 +55,11 @@ bool report_members(report_pass *pass, dentry *head) {
 }
 
 bool report_group(report_pass *pass, dentry *head) {
-  const int answer = report_file(pass, head, REPORT_GROUP);
-  if (answer == REPORT_STOP) {
+  const int result = report_file(pass, head, REPORT_GROUP);
+  if (result == REPORT_STOP) {
     return false;
   }
-  if (answer != REPORT_SKIP && !report_members(pass, head)) {
+  if (result != REPORT_SKIP && !report_members(pass, head)) {
     return false;
   }
   return call_host(pass, REPORT_GROUP_END) != REPORT_STOP;
@@ -86,7 +86,7 @@ void report_compressed_files(report_pass *pass) {
   }
 }
 
-// The counters travel in the fields of the last record.
+// The last record carries the counters in its fields.
 void report_counters(report_pass *pass) {
   const sis_context *ctx = pass->ctx;
   sis_report *record = &pass->record;

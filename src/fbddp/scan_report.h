@@ -5,8 +5,8 @@
 
 namespace velmarin {
 
-// Hands the groups, the compressed files and the counters to the host's report callback, if there
-// is one. Runs on the run's own thread after the workers are joined, so it takes no lock.
+// Passes the groups, the compressed files and the counters to the host's report callback, if any.
+// Runs on the run's own thread after the workers are joined, so it takes no lock.
 void report_findings(sis_context *ctx);
 
 }  // namespace velmarin

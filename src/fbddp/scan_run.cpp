@@ -24,7 +24,7 @@ namespace {
 
 constexpr int SET_UP_FAILED = 1;
 
-// What the host asked to be scanned.
+// What the host asked to scan.
 struct scan_arguments {
   const char **roots;
   int root_count;
@@ -49,7 +49,7 @@ struct timespec time_between(const struct timespec &start, const struct timespec
   return elapsed;
 }
 
-// The time since `*mark`, which becomes the present time.
+// Returns the time since `*mark` and sets `*mark` to now.
 struct timespec time_since(struct timespec *mark) {
   const struct timespec now = wall_time();
   const struct timespec elapsed = time_between(*mark, now);
@@ -115,7 +115,7 @@ void walk_roots(sis_context *ctx, const scan_arguments &arguments, struct timesp
 }
 
 // Queues one job for each tree node that has a group. No worker changes the tree links in this
-// phase, and a node's marker and list only once its own job is queued, so no lock is needed.
+// phase, and a node's marker and list change only once its own job is queued, so no lock is needed.
 void split_groups(sis_context *ctx, struct timespec *mark) {
   set_phase(ctx, PHASE_GROUP);
   for (size_t tree = 0; tree < FOREST_TREES; tree++) {
@@ -150,7 +150,7 @@ void tear_down_and_log(sis_context *ctx, const struct timespec &elapsed) {
       elapsed.tv_sec, elapsed.tv_nsec, 0ULL, 0ULL, 0ULL);
 }
 
-// Ends a run before its workers, if any were started, got a job.
+// Ends a run before any worker has received a job.
 int abandon_run(sis_context *ctx, int result) {
   set_phase(ctx, PHASE_STOP);
   join_workers(ctx);
@@ -165,7 +165,7 @@ int perform_scan(sis_context *ctx, const scan_arguments &arguments) {
     return SET_UP_FAILED;
   }
   if (start_workers(ctx) == 0) {
-    // Nobody would ever bring `pending` back to 0.
+    // No worker would ever bring `pending` back to 0.
     return abandon_run(ctx, SET_UP_FAILED);
   }
   const int error = name_digest_file(ctx, arguments.roots, arguments.root_count);

@@ -1,4 +1,4 @@
-// Skip entries: one record for each accepted skip path, in a tree of its type.
+// Skip entries: one record for each accepted skip path, in the tree for its type.
 
 #include "fbddp/skip_set.h"
 
@@ -24,7 +24,7 @@ struct skip_entry {
   list_head link;  // in `skip_entries`, which owns the entry
 };
 
-// Compares a key with that of a node of a skip set.
+// Compares a key with that of a skip set's node.
 auto order_of(uint64_t key) {
   return [key](rb_node *node) { return compare_keys(key, owner_of<&skip_entry::node>(node)->key); };
 }

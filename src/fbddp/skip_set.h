@@ -1,5 +1,5 @@
-// The files and directories that a walk leaves out. Built before the walk; during the walk any
-// number of workers search it without a lock.
+// The files and directories that a walk skips. Built before the walk; during the walk any number of
+// workers search it without a lock.
 #pragma once
 
 #include <cstdint>

@@ -1,12 +1,12 @@
 // Time budgets and the SIGALRM action that all runs with a budget share.
 //
-// The signal's value names the run. A signal can be delivered late, when its run is over and
-// perhaps another run's context lies at the same address. So the handler acts only on a context
-// that is in the set of live runs, and only on a signal of that run's own timer: one that carries
-// its timer's number, or that comes when its budget is spent. A run leaves the set, and waits until
-// no handler is inside, before its context goes.
+// The signal's value names the run. A signal can arrive late, when its run is over and another
+// run's context may be at the same address. So the handler acts only on a context in the set of
+// live runs, and only on a signal of that run's own timer: one that carries the timer's number, or
+// that arrives once the budget is spent. Before its context is destroyed, a run leaves the set and
+// waits until no thread is in the handler.
 //
-// `users_lock` makes counting the users and changing the action one step, and guards changes of the
+// `users_lock` makes counting the users and changing the action one step, and guards changes to the
 // set. The handler takes no lock.
 
 #include "fbddp/time_budget.h"
@@ -24,7 +24,7 @@ namespace velmarin {
 namespace {
 
 pthread_mutex_t users_lock = PTHREAD_MUTEX_INITIALIZER;
-uint64_t HANDLER_USERS = 0;          // runs that hold the handler
+uint64_t HANDLER_USERS = 0;          // runs that use the handler
 struct sigaction alarm_action = {};  // ours
 struct sigaction saved_action = {};  // in force before the first user
 sis_context *live_runs = nullptr;    // linked by alarm.next
@@ -38,7 +38,7 @@ bool is_budget_spent(const sis_context *ctx) {
          (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec);
 }
 
-// A signal that some code sent on purpose with the run's address as its value counts as well.
+// A signal that other code sent on purpose, with the run's address as its value, is accepted too.
 bool is_signal_of(const sis_context *ctx, const siginfo_t *info) {
   return info->si_code != SI_TIMER ||
          info->si_timerid == static_cast<int>(reinterpret_cast<intptr_t>(ctx->timer)) ||
@@ -99,21 +99,21 @@ bool change_alarm_mask(int how) {
 }
 
 // Lets a SIGALRM that is pending for the process or for the calling thread reach the handler now.
-// The kernel looks for pending signals when a mask changes, so the signal is blocked before it is
+// The kernel checks for pending signals when a mask changes, so the signal is blocked before it is
 // unblocked.
 void deliver_pending_alarm() {
   const sigset_t signals = alarm_only();
-  sigset_t former_mask;
-  if (sigprocmask(SIG_BLOCK, &signals, &former_mask) == 0) {
+  sigset_t previous_mask;
+  if (sigprocmask(SIG_BLOCK, &signals, &previous_mask) == 0) {
     sigprocmask(SIG_UNBLOCK, &signals, nullptr);
-    sigprocmask(SIG_SETMASK, &former_mask, nullptr);
+    sigprocmask(SIG_SETMASK, &previous_mask, nullptr);
   }
 }
 
-// The former action (to end the process, perhaps) must not get the signal of a deleted timer. A
-// SIGALRM that the host sent to another of its threads stays pending there. The signal is never
-// ignored, since a process that is started at such a moment would inherit that.
-void restore_former_action() {
+// The previous action may end the process, so it must not receive the signal of a deleted timer. A
+// SIGALRM that the host sent to another of its threads stays pending there. SIGALRM is never
+// ignored meanwhile: a process started at that moment would inherit that.
+void restore_previous_action() {
   deliver_pending_alarm();
   sigaction(SIGALRM, &saved_action, nullptr);
 }
@@ -121,7 +121,7 @@ void restore_former_action() {
 void release_handler() {
   pthread_mutex_lock(&users_lock);
   if (fetch_add(&HANDLER_USERS, static_cast<uint64_t>(-1)) == 1) {
-    restore_former_action();
+    restore_previous_action();
   }
   pthread_mutex_unlock(&users_lock);
 }
@@ -176,7 +176,7 @@ bool start_timer(sis_context *ctx, unsigned seconds) {
   return true;
 }
 
-// The handler is held. Returns whether the timer is running.
+// The run has acquired the handler. Returns whether the timer is running.
 bool arm_timer(sis_context *ctx, unsigned seconds) {
   if (!change_alarm_mask(SIG_BLOCK)) {
     log_erro("fail to block signal %d", SIGALRM);

@@ -6,11 +6,10 @@
 namespace velmarin {
 
 // Arms a budget of `seconds` (above 0). A failure is logged and leaves the run without a budget.
-// Leaves SIGALRM unblocked in the calling thread, or blocked when arming fails after it was
-// blocked.
+// Leaves SIGALRM unblocked in the calling thread, or blocked if arming fails after blocking it.
 void arm_time_budget(sis_context *ctx, unsigned seconds);
 
-// Releases the budget, if one is armed. Afterwards no signal touches `ctx` any more.
+// Releases the budget, if one is armed. No signal touches `ctx` after that.
 void release_time_budget(sis_context *ctx);
 
 }  // namespace velmarin

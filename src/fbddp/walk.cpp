@@ -23,7 +23,7 @@
 namespace velmarin {
 namespace {
 
-// An entry that was opened to be examined and has the expected type.
+// An entry of the expected type, opened for examination.
 struct opened_entry {
   path_buffer buffer;
   const char *path;
@@ -45,7 +45,7 @@ bool is_in_skip_set(const rb_root *skips, const struct stat &status) {
   return skips->node != nullptr && is_skipped(skips, file_key_of(status));
 }
 
-// The filter's verdict: negative leaves the entry out; 0 without a filter.
+// The filter's verdict: negative excludes the entry; 0 without a filter.
 int filter_entry(const sis_context *ctx, const opened_entry &entry) {
   return ctx->ops->filter == nullptr ? 0
                                      : ctx->ops->filter(entry.fd.get(), &entry.status, entry.path);
@@ -84,7 +84,7 @@ void read_stream(sis_context *ctx, dentry *directory, DIR *stream) {
   }
 }
 
-// Reads the entries of the opened directory. Returns false when it cannot be read as one.
+// Reads the entries of the opened directory. Returns false when it cannot be read.
 bool read_entries(sis_context *ctx, dentry *directory, opened_entry *entry) {
   fetch_add(&ctx->nr_dir_read, 1);
   DIR *stream = fdopendir(entry->fd.get());

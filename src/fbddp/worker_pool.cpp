@@ -1,4 +1,4 @@
-// Worker threads: their slots, their loop, and which treatment a job gets.
+// Worker threads: their slots, their loop, and how they run a job.
 
 #include "fbddp/worker_pool.h"
 
@@ -20,7 +20,7 @@ namespace {
 constexpr int SLOT_ATTEMPTS = 4;
 constexpr long WORKER_POLL_NS = 200000000;
 
-// Sleeps one poll interval, also when signals interrupt it.
+// Sleeps for one poll interval, even if signals interrupt it.
 void sleep_poll_interval() {
   struct timespec remaining = {0, WORKER_POLL_NS};
   struct timespec request;
@@ -40,13 +40,13 @@ void make_digest(sis_context *ctx, dentry *file) {
   }
 }
 
-// A file is queued for its digest only after it was admitted, with its digest marked as wanted, and
-// stays marked until that job is done. An unexamined file never is. So the mark alone, which only
-// the file's own job clears, tells the two jobs of a file apart.
-void walk(sis_context *ctx, dentry *d) {
+// A file is queued for its digest only after it was admitted, with its digest marked as pending,
+// and only that job clears the mark. An unexamined file is never marked. So the mark tells the two
+// jobs of a file apart.
+void run_walk_job(sis_context *ctx, dentry *d) {
   if (!is_file_form(d)) {
     read_directory(ctx, d);
-  } else if (is_digest_wanted(d)) {
+  } else if (is_digest_pending(d)) {
     make_digest(ctx, d);
   } else {
     admit_file(ctx, d);
@@ -57,7 +57,7 @@ void run_job(sis_context *ctx, job *taken) {
   switch (phase_of(ctx)) {
     case PHASE_WALK:
       await_fetch(taken);
-      walk(ctx, taken->target);
+      run_walk_job(ctx, taken->target);
       break;
     case PHASE_GROUP:
       split_group(ctx, taken->target);

@@ -1,5 +1,5 @@
 // The requests that the library makes of the file system: one typed function for each control code
-// and use. All return what ioctl returned and leave errno as it set it; none logs.
+// and use. Each returns the result of ioctl and leaves errno as ioctl set it; none logs.
 #pragma once
 
 #include <linux/fs.h>
@@ -11,36 +11,36 @@
 
 namespace velmarin {
 
-// `temporary_fd`, an unnamed temporary file, receives the data of `src_fd`.
+// Fills `temporary_fd`, an unnamed temporary file, with the data of `src_fd`.
 inline int clone_into_temporary(int temporary_fd, int src_fd) {
   sis_clone_arg argument = {static_cast<uint32_t>(src_fd), SIS_CLONE_FLAGS};
   return ioctl(temporary_fd, SIS_IOC_CLONE_FILE, &argument);
 }
 
-// The filled temporary file becomes a layered inode, to which `src_fd` is attached.
+// Turns the filled temporary file into a layered inode and attaches `src_fd` to it.
 inline int connect_to_layer(int src_fd, int temporary_fd) {
   sis_connect_arg argument = {static_cast<uint32_t>(temporary_fd)};
   return ioctl(src_fd, SIS_IOC_CONNECT, &argument);
 }
 
-// `target_fd` comes to share the data of `src_fd`. `mode` is SIS_DEDUP_ATTACHED or SIS_DEDUP_COPY.
+// Makes `target_fd` share the data of `src_fd`. `mode` is SIS_DEDUP_ATTACHED or SIS_DEDUP_COPY.
 inline int share_data(int target_fd, int src_fd, uint32_t mode) {
   sis_dedup_arg argument = {static_cast<uint32_t>(src_fd), mode};
   return ioctl(target_fd, SIS_IOC_DEDUP_FILE, &argument);
 }
 
-// The file gets its own data back.
+// Gives the file its own data back.
 inline int revoke(int fd) {
   return ioctl(fd, SIS_IOC_REVOKE, nullptr);
 }
 
-// The same request, with the descriptor itself as its unread argument.
+// The same request, with the descriptor itself as the argument, which is not read.
 inline int revoke_with_descriptor(int fd) {
   uint32_t word = static_cast<uint32_t>(fd);
   return ioctl(fd, SIS_IOC_REVOKE, &word);
 }
 
-// `info` means something only after a success.
+// `info` is valid only on success.
 inline int query_file_info(int fd, sis_file_info *info) {
   *info = {};
   return ioctl(fd, SIS_IOC_GET_FILE_INFO, info);
@@ -56,7 +56,7 @@ inline int clear_coincide_flag(int fd) {
   return ioctl(fd, SIS_IOC_COINCIDE_FLAG, &argument);
 }
 
-// Asks for the bits in `*flags` and leaves the file's present flag word there.
+// Requests the bits in `*flags` and stores the file's current flag word there.
 inline int get_flag_word(int fd, uint32_t *flags) {
   sis_coincide_arg argument = {*flags, SIS_COINCIDE_GET};
   const int result = ioctl(fd, SIS_IOC_COINCIDE_FLAG, &argument);
@@ -64,8 +64,8 @@ inline int get_flag_word(int fd, uint32_t *flags) {
   return result;
 }
 
-// Leaves the inode flags (FS_*_FL) in `*flags`. The kernel writes 32 bits, whatever size the code
-// names.
+// Stores the inode flags (FS_*_FL) in `*flags`. The kernel writes 32 bits, whatever size the
+// request code encodes.
 inline int get_inode_flags(int fd, uint32_t *flags) {
   *flags = 0;
   return ioctl(fd, static_cast<unsigned>(FS_IOC_GETFLAGS), flags);

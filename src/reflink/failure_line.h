@@ -1,6 +1,6 @@
-// The line that an operation writes about a call that failed. Operations that take the same steps
-// word them alike and differ in two points: the kind of line, and the verb before the error text.
-// Both are fixed in each format; the style chooses among the formats.
+// The line that an operation writes when a call fails. Operations that share a step use the same
+// words and differ only in the kind of line and the verb before the error text. Each format fixes
+// both; the style selects the format.
 #pragma once
 
 #include <cerrno>
@@ -14,8 +14,8 @@ enum class failure_style { erro_returned, info_returned, erro_return, info_retur
 
 }  // namespace velmarin
 
-// An expression that writes the line and yields the error. `error` is the errno of the failed call,
-// read before anything else happens; the verb and the error's text are added to the message.
+// Writes the line and evaluates to the error. `error`, the errno of the failed call, is read first;
+// the verb and the error text are appended to the message.
 #define log_failure(error, style, message, ...)                                   \
   [&](const int failed_with_) {                                                   \
     const char *error_text_ = strerror(failed_with_);                             \

@@ -19,7 +19,7 @@ int log_layer_failure(const layer_outcome &outcome, failure_style style) {
     case layer_step::read_status:
       return log_failure(outcome.error, style, "fail to stat temporary file");
     case layer_step::clone:
-      // Spelled so on purpose (sic): hosts know the line.
+      // The misspelling is deliberate (sic): hosts rely on this line.
       return log_failure(outcome.error, style, "fail to clone to temperory file");
     case layer_step::connect:
       return log_failure(outcome.error, style, "fail to create layered inode");

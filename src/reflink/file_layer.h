@@ -1,6 +1,6 @@
-// The steps from which the operations on groups and on single files are made: opening a file,
-// making a layered inode of it, deduplicating a file onto it. Nothing is undone on the file system
-// when a later step fails.
+// The steps that the operations on groups and single files share: opening a file, creating a
+// layered inode from it, deduplicating another file onto it. When a later step fails, nothing is
+// undone on the file system.
 #pragma once
 
 #include <sys/stat.h>
@@ -12,8 +12,7 @@
 
 namespace velmarin {
 
-// A file of an operation. `status` is its state before the operation changed anything; lines show
-// inode number and size from it.
+// A file of an operation. Log lines show the inode number and size in `status`.
 struct opened_file {
   const char *path;  // as the caller gave it
   unique_fd fd;
@@ -28,18 +27,18 @@ inline unsigned long size_of(const struct stat &status) {
   return static_cast<unsigned long>(status.st_size);
 }
 
-// The four steps below write a line in the given style when they fail. They return 0 or an errno.
+// The next four functions return 0 or an errno and log a failure in the given style.
 
-// `mode` is the permission of a file that `flags` creates.
+// `mode` is used only when `flags` creates the file.
 int open_file(opened_file *file, int flags, mode_t mode, failure_style style);
 int read_status(opened_file *file, failure_style style);
 int open_with_status(opened_file *file, int flags, failure_style style);
 
-// Leaves the directory of the file's real path, without the final '/'; a file in the root directory
-// has "".
+// Stores the directory of the file's real path, without the final '/': "" for a file in the root
+// directory.
 int find_directory(const char *path, path_buffer *directory, failure_style style);
 
-// The calls that make a layered inode, in their order.
+// The calls that create a layered inode, in order.
 enum class layer_step { open_temporary, read_status, clone, connect, done };
 
 struct layer_outcome {
@@ -50,19 +49,18 @@ struct layer_outcome {
 
 // Opens an unnamed temporary file in `directory`, clones the data of `source_fd` into it and
 // attaches `source_fd` to it as a layered inode. `empty_status`, unless null, receives the status
-// of the temporary file before the clone. `temporary` is to stay open until the caller has dealt
-// with the outcome. Writes no line.
+// of the temporary file before the clone. The caller keeps `temporary` open until it has dealt with
+// the outcome. Does not log.
 layer_outcome build_layer(int source_fd, const char *directory, mode_t mode,
                           struct stat *empty_status, unique_fd *temporary);
 
-// Builds the layered inode of `source` in `directory`; writes the line of success or, in the given
-// form, of failure. Returns 0 or an errno; `layer` holds the temporary file's descriptor on
-// success.
+// Builds a layered inode from `source` in `directory`. Logs success, or failure in the given style.
+// Returns 0 or an errno; on success `layer` holds the temporary file's descriptor.
 int create_layered_inode(const opened_file &source, const char *directory, failure_style style,
                          unique_fd *layer);
 
-// Deduplicates `file` onto the layered inode of `src_fd`; writes the line of success or, in the
-// given style, of failure. Returns 0 or an errno.
+// Deduplicates `file` onto the layered inode of `src_fd`. Logs success, or failure in the given
+// style. Returns 0 or an errno.
 int dedup_onto_layer(const opened_file &file, int src_fd, failure_style style);
 
 }  // namespace velmarin

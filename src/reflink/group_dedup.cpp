@@ -1,5 +1,5 @@
-// Deduplication of a whole group of files in one call. All members stay open from before the first
-// change to the end.
+// Deduplicates a whole group of files in one call. All members are opened before the first change
+// and stay open to the end.
 
 #include <fcntl.h>
 
@@ -51,8 +51,8 @@ int open_members(file_group *group) {
   return 0;
 }
 
-// Goes on after a refused member. Returns 0 or the errno of the last one refused.
-int dedup_further_members(file_group *group) {
+// Continues after a refused member. Returns 0 or the errno of the last one refused.
+int dedup_other_members(file_group *group) {
   int result = 0;
   for (opened_file *file = group->begin() + 1; file != group->end(); file++) {
     const int error =
@@ -81,7 +81,7 @@ int dedup_group(file_group *group) {
   if (error != 0) {
     return error;
   }
-  return dedup_further_members(group);
+  return dedup_other_members(group);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Operations on one file or one pair of files.
+// Operations on one file or a pair of files.
 
 #include <fcntl.h>
 

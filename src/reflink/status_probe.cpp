@@ -1,6 +1,6 @@
-// The questions that a scan asks about each file it opens, and the statistics gathered on the way.
-// The counters are the only state; every one of them is changed by single atomic steps, so that the
-// count and the bytes of one file may be read apart.
+// File status probes, which a scan calls for each file it opens, and the statistics they gather.
+// The counters are the only state. Each is updated atomically by itself, so a reader may see the
+// count of a file before its bytes.
 
 #include <linux/fs.h>
 
@@ -34,13 +34,13 @@ uint64_t allocated_bytes(const struct stat *status) {
   return static_cast<uint64_t>(status->st_blocks) * STAT_BLOCK_SIZE;
 }
 
-// What the file would occupy in whole pages, less what it occupies.
+// The space that the file would occupy in whole pages, less the space that it does.
 uint64_t saved_bytes(const struct stat *status) {
   const uint64_t size = static_cast<uint64_t>(status->st_size);
   return ((size + PAGE_BYTES - 1) & ~(PAGE_BYTES - 1)) - allocated_bytes(status);
 }
 
-int classify_saving_file(int fd, const struct stat *status, const char *path) {
+int classify_and_count(int fd, const struct stat *status, const char *path) {
   const int file_status = check_file_status(fd, status, path);
   if (file_status == SIS_STATUS_DEDUPED) {
     deduped_savings.add(saved_bytes(status));
@@ -50,7 +50,7 @@ int classify_saving_file(int fd, const struct stat *status, const char *path) {
   return file_status;
 }
 
-// Any answer but EOPNOTSUPP shows that the file system has the control codes.
+// Any result but EOPNOTSUPP shows that the file system has the control codes.
 int probe_file_system(int fd) {
   sis_file_info info;
   return query_file_info(fd, &info) < 0 && errno == EOPNOTSUPP ? -EOPNOTSUPP : 0;
@@ -73,7 +73,7 @@ int filter_out_nonsis(int fd, const struct stat *status, const char *path) {
     return 0;
   }
   if (allocated_bytes(status) < static_cast<uint64_t>(status->st_size)) {
-    return classify_saving_file(fd, status, path);
+    return classify_and_count(fd, status, path);
   }
   return probe_file_system(fd);
 }

@@ -1,5 +1,5 @@
-// Service entry points for the coincide flag: set it on a file whose modification time the host
-// knows, read it. They keep no state.
+// Service entry points for the coincide flag: set it if the file has a given modification time,
+// read it. They keep no state.
 
 #include <sys/stat.h>
 
@@ -11,24 +11,24 @@
 namespace velmarin {
 namespace {
 
-// The resolved file of a request and what lstat said of it last.
+// The file of a request and its latest lstat result.
 struct checked_file {
   resolved_file file;
   struct stat status;
 };
 
-// A null path is refused before it is resolved. Returns 0 or the answer of the entry point.
-int open_checked_path(const char *path, resolve_error_code form, resolved_file *file) {
+// Refuses a null path before resolving it. Returns 0 or the entry point's result.
+int open_checked_path(const char *path, resolve_error_code on_error, resolved_file *file) {
   if (path == nullptr) {
     log_service("input file is NULL \n");
     return -1;
   }
-  return open_resolved(path, form, file);
+  return open_resolved(path, on_error, file);
 }
 
 enum class time_check { failed, differs, same };
 
-// Compares the file's present modification time with the expected one.
+// Compares the file's current modification time with the expected one.
 time_check check_time(const timespec &expected, checked_file *checked) {
   if (lstat(checked->file.path.text, &checked->status) != 0) {
     return time_check::failed;
@@ -42,7 +42,7 @@ unsigned long inode_of(const checked_file &checked) {
   return checked.status.st_ino;
 }
 
-// Returns 0 for a plain file, else the answer of the entry point.
+// Returns 0 for a plain file, otherwise the entry point's result.
 int refuse_attached(const checked_file &checked) {
   sis_file_info info;
   const int result = query_file_info(checked.file.fd.get(), &info);
@@ -69,7 +69,7 @@ int clear_flag(const checked_file &checked) {
                                     checked.file.path.text, inode_of(checked));
 }
 
-// Sets the flag if the file has the expected time. Returns 0 or the answer of the entry point.
+// Sets the flag if the file has the expected time. Returns 0 or the entry point's result.
 int set_flag_at_time(const timespec &expected, checked_file *checked) {
   const time_check time = check_time(expected, checked);
   if (time == time_check::failed) {
@@ -78,16 +78,16 @@ int set_flag_at_time(const timespec &expected, checked_file *checked) {
   if (time != time_check::same) {
     return -1;
   }
-  const int answer = refuse_attached(*checked);
-  return answer != 0 ? answer : set_flag(*checked);
+  const int code = refuse_attached(*checked);
+  return code != 0 ? code : set_flag(*checked);
 }
 
-// The time is compared before and after the flag is set: a writer that comes between the first
-// comparison and the setting is seen by the second.
+// The time is compared before and after the flag is set: the second comparison detects a write
+// between the first and the setting of the flag.
 int set_flag_if_unmodified(const timespec &expected, checked_file *checked) {
-  int answer = set_flag_at_time(expected, checked);
-  if (answer != 0) {
-    return answer;
+  int code = set_flag_at_time(expected, checked);
+  if (code != 0) {
+    return code;
   }
   switch (check_time(expected, checked)) {
     case time_check::same:
@@ -98,8 +98,8 @@ int set_flag_if_unmodified(const timespec &expected, checked_file *checked) {
     case time_check::differs:
       break;
   }
-  answer = clear_flag(*checked);
-  return answer != 0 ? answer : -1;
+  code = clear_flag(*checked);
+  return code != 0 ? code : -1;
 }
 
 }  // namespace
@@ -109,15 +109,15 @@ using namespace velmarin;
 
 int setCheckFlagImpl(const char *path, long mtime_sec, long mtime_nsec) {
   checked_file checked = {};
-  const int answer = open_checked_path(path, resolve_error_code::minus_one, &checked.file);
-  return answer != 0 ? answer : set_flag_if_unmodified({mtime_sec, mtime_nsec}, &checked);
+  const int code = open_checked_path(path, resolve_error_code::minus_one, &checked.file);
+  return code != 0 ? code : set_flag_if_unmodified({mtime_sec, mtime_nsec}, &checked);
 }
 
 int getCoincideFlagImpl(const char *path) {
   resolved_file file;
-  const int answer = open_checked_path(path, resolve_error_code::minus_errno, &file);
-  if (answer != 0) {
-    return answer;
+  const int code = open_checked_path(path, resolve_error_code::minus_errno, &file);
+  if (code != 0) {
+    return code;
   }
   uint32_t flags = SIS_FLAG_COINCIDE;
   const int result = get_flag_word(file.fd.get(), &flags);

@@ -1,4 +1,4 @@
-// Service entry points for single files: make one file share the data of another, tell whether a
+// Service entry points for single files: make one file share the data of another, report whether a
 // file is a single-instance file, give a file its own data back. They keep no state.
 
 #include <bounds_checked.h>
@@ -34,7 +34,7 @@ struct file_pair {
   unique_fd second;
 };
 
-// Leaves of `path` what is up to and including its last '/'. Returns 0 or -1.
+// Copies `path` up to and including its last '/'. Returns 0 or -1.
 int copy_directory(const char *path, heap_text *directory) {
   const char *separator = strrchr(path, '/');
   if (separator == nullptr) {
@@ -70,7 +70,7 @@ int open_pair(const char *file1, const char *file2, file_pair *files) {
   return 0;
 }
 
-// Only 0 is an answer of the file system. `error` is set for any other result.
+// `info` is valid only if the result is 0; `error` is set for any other result.
 int request_file_info(int fd, sis_file_info *info, int *error) {
   const int result = query_file_info(fd, info);
   if (result != 0) {
@@ -79,8 +79,8 @@ int request_file_info(int fd, sis_file_info *info, int *error) {
   return result;
 }
 
-// Makes a layered inode of `fd`; returns whether that went well, else sets `error`. `temporary` is
-// to stay open until the request for the second file is over.
+// Creates a layered inode from `fd`. Returns false and sets `error` on failure. The caller keeps
+// `temporary` open until the request for the second file is done.
 bool make_single_instance(int fd, const char *directory, unique_fd *temporary, int *error) {
   const layer_outcome outcome = build_layer(fd, directory, TEMPORARY_FILE_MODE, nullptr, temporary);
   switch (outcome.stopped_at) {
@@ -109,7 +109,7 @@ int share_with_first(const file_pair &files, const char *file1) {
     return result;
   }
   const int error = log_refusal(result, errno, "dedup file");
-  getSISFileInfoImpl(file1);  // for its lines only
+  getSISFileInfoImpl(file1);  // only for the lines it logs
   return error;
 }
 
@@ -118,7 +118,8 @@ int share_with_first(const file_pair &files, const char *file1) {
 
 using namespace velmarin;
 
-// Guards run in reverse: the temporary descriptor, file2's, file1's, then the directory buffer.
+// Guards release in reverse order: the temporary descriptor, file2's, file1's, then the directory
+// buffer.
 int sisFileTaskImpl(const char *file1, const char *file2) {
   heap_text directory;
   file_pair files;
@@ -140,9 +141,9 @@ int sisFileTaskImpl(const char *file1, const char *file2) {
 
 int getSISFileInfoImpl(const char *path) {
   resolved_file file;
-  const int answer = open_resolved(path, resolve_error_code::minus_one, &file);
-  if (answer != 0) {
-    return answer;
+  const int code = open_resolved(path, resolve_error_code::minus_one, &file);
+  if (code != 0) {
+    return code;
   }
   sis_file_info info;
   int error = 0;
@@ -151,9 +152,9 @@ int getSISFileInfoImpl(const char *path) {
 
 int recoverFileImpl(const char *path) {
   path_buffer resolved;
-  int answer = resolve_path(path, resolve_error_code::minus_errno, &resolved);
-  if (answer != 0) {
-    return answer;
+  int code = resolve_path(path, resolve_error_code::minus_errno, &resolved);
+  if (code != 0) {
+    return code;
   }
   const unique_fd fd(open(resolved.text, O_RDWR));
   if (!fd.is_open()) {
@@ -163,10 +164,10 @@ int recoverFileImpl(const char *path) {
   if (revoke_with_descriptor(fd.get()) < 0) {
     return -errno;
   }
-  answer = getSISFileInfoImpl(resolved.text);
-  if (answer == 1) {
+  code = getSISFileInfoImpl(resolved.text);
+  if (code == 1) {
     log_service("get file info, this file NOT recover!!! \n");
     return NOT_RECOVERED;
   }
-  return answer;
+  return code;
 }

@@ -1,10 +1,10 @@
-// The line that a service entry point writes about a control code that the file system refused.
+// The line that a service entry point writes when the file system refuses a control code.
 #pragma once
 
 #include "common/log.h"
 
-// An expression that writes the line and yields the error. `result` is that of the request, `error`
-// its errno, read before anything else happens; `request` names it and becomes part of the format.
+// Writes the line and evaluates to the error. `result` is the request's result and `error` its
+// errno, which is read first; `request` names the request and becomes part of the format.
 #define log_refusal(result, error, request, ...)                    \
   [&](const int refused_with_) {                                    \
     log_service("ioctl " request " failed! ret = %d, errno = %d\n", \

@@ -1,4 +1,4 @@
-// What the service entry points for one path have in common: resolving it, opening what it names.
+// Shared by the service entry points that take one path: resolving it and opening the file.
 #pragma once
 
 #include <fcntl.h>
@@ -12,18 +12,18 @@
 
 namespace velmarin {
 
-// How an entry point answers when its path cannot be resolved.
+// What an entry point returns when its path cannot be resolved.
 enum class resolve_error_code { minus_one, minus_errno };
 
-// Returns 0 or the answer of the entry point, which the line shows too.
-inline int resolve_path(const char *path, resolve_error_code form, path_buffer *resolved) {
+// Returns 0 or the entry point's result, which the log line shows too.
+inline int resolve_path(const char *path, resolve_error_code on_error, path_buffer *resolved) {
   *resolved = {};
   if (realpath(path, resolved->text) != nullptr) {
     return 0;
   }
-  const int answer = form == resolve_error_code::minus_errno ? -errno : -1;
-  log_service("Failed to realpath %s returned %d\n", path, answer);
-  return answer;
+  const int code = on_error == resolve_error_code::minus_errno ? -errno : -1;
+  log_service("Failed to realpath %s returned %d\n", path, code);
+  return code;
 }
 
 struct resolved_file {
@@ -31,11 +31,11 @@ struct resolved_file {
   unique_fd fd;  // open for reading and writing
 };
 
-// Returns 0 or the answer of the entry point: that of an unresolved path, or -1.
-inline int open_resolved(const char *path, resolve_error_code form, resolved_file *file) {
-  const int answer = resolve_path(path, form, &file->path);
-  if (answer != 0) {
-    return answer;
+// Returns 0 or the entry point's result: that for an unresolved path, or -1.
+inline int open_resolved(const char *path, resolve_error_code on_error, resolved_file *file) {
+  const int code = resolve_path(path, on_error, &file->path);
+  if (code != 0) {
+    return code;
   }
   file->fd.reset(open(file->path.text, O_RDWR));
   if (!file->fd.is_open()) {
