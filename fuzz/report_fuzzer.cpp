@@ -13,8 +13,9 @@
 #include <vector>
 
 #include "display_name.h"
+#include "html_report.h"
+#include "page_frame.h"
 #include "report.h"
-#include "report_page.h"
 
 using nlohmann::json;
 
@@ -213,30 +214,33 @@ std::string unescaped(const std::string &text) {
   return bytes;
 }
 
-bool is_in_order(const json &files, const std::vector<tool::FoundFile> &found) {
+bool is_in_order(const json &directories, const json &files,
+                 const std::vector<tool::FoundFile> &found) {
   return files.size() == found.size() &&
          std::equal(files.begin(), files.end(), found.begin(),
-                    [](const json &shown, const tool::FoundFile &file) {
-                      return unescaped(shown.is_array() ? shown[0] : shown) == file.path;
+                    [&](const json &shown, const tool::FoundFile &file) {
+                      const std::string directory = directories[shown[0].get<size_t>()];
+                      return unescaped(directory) + unescaped(shown[1]) == file.path;
                     });
 }
 
 // The page is the template with one JSON object in it that cannot end its element.
 void check_page(const tool::Report &report) {
-  constexpr std::string_view PLACE = "@REPORT_DATA@";
-  const size_t place = tool::REPORT_PAGE.find(PLACE);
-  const std::string_view before = tool::REPORT_PAGE.substr(0, place);
-  const std::string_view behind = tool::REPORT_PAGE.substr(place + PLACE.size());
-  const std::string page = tool::html_report(report);
+  static const std::string frame = tool::page_frame();
+  const size_t place = frame.find(tool::PLACE_OF_DATA);
+  const std::string before = frame.substr(0, place);
+  const std::string behind = frame.substr(place + tool::PLACE_OF_DATA.size());
+  const std::string page = tool::html_report(report, {});
   require(page.starts_with(before) && page.ends_with(behind), "the page is the template");
   const std::string data = page.substr(place, page.size() - before.size() - behind.size());
   require(data.find('<') == std::string::npos, "the data ends no element");
   const json object = json::parse(data);
   for (size_t g = 0; g < report.findings.groups.size(); g++) {
-    require(is_in_order(object["groups"][g]["files"], report.findings.groups[g].files),
-            "the page keeps every name");
+    require(
+        is_in_order(object["directories"], object["groups"][g][2], report.findings.groups[g].files),
+        "the page keeps every name");
   }
-  require(is_in_order(object["compressed"], report.findings.compressed),
+  require(is_in_order(object["directories"], object["compressed"], report.findings.compressed),
           "the page keeps the names of compressed files");
 }
 

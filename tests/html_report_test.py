@@ -1,12 +1,14 @@
-"""The page of `scan --html` in a browser: it loads, sorts and maps, and no name of a file does
-anything in it."""
+"""The page of `scan --html` in a browser: it loads, sorts, searches and maps, its figures are those
+of the report, and no name of a file does anything in it."""
 
 import json
 import os
+import platform
+import re
 import sys
 import unittest
 
-from support.script import ToolCase, content, main
+from support.script import DEADLINE, ToolCase, content, main, run
 
 try:
     from selenium import webdriver
@@ -18,9 +20,17 @@ except ImportError:
 CHROMIUM, DRIVER = "/usr/bin/chromium", "/usr/bin/chromedriver"
 SWITCHES = ("--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
             "--disable-background-networking", "--disable-dev-shm-usage")
+NARROW = 420  # pixels
 HOSTILE = ["<script>document.title='owned'<", "<img src=x onerror=document.title='owned'>",
            "\"><b class=owned>", "__proto__", "]]>-->", "&lt;entity&gt;", "@REPORT_DATA@",
            "$& $1", "new\nline", "turn\u202eed", "quote\\\"s"]
+
+
+def size_text(size):
+    for unit in ("B", "KiB", "MiB", "GiB"):
+        if size < 1023.95:
+            return f"{size:.1f}".removesuffix(".0") + " " + unit
+        size /= 1024
 
 
 @unittest.skipUnless(webdriver and os.path.exists(CHROMIUM) and os.path.exists(DRIVER),
@@ -35,17 +45,27 @@ class HtmlReport(ToolCase):
         options.set_capability("goog:loggingPrefs", {"browser": "ALL", "performance": "ALL"})
         self.browser = webdriver.Chrome(service=Service(DRIVER), options=options)
         self.addCleanup(self.browser.quit)
+        self.browser.set_page_load_timeout(DEADLINE)
+        self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": NARROW, "height": 900, "deviceScaleFactor": 1, "mobile": False})
 
-    def open_report(self, *arguments):
-        """Scans and loads the page, which must go without errors and ask for nothing else."""
-        page = self.directory / "report.html"
-        self.scan("--html", page, *arguments)
+    def load(self, page):
+        """Loads a page, which must go without errors, ask for nothing else and fit a narrow screen."""
         self.browser.get(page.as_uri())
         self.assertEqual(self.browser.get_log("browser"), [])
         events = [json.loads(entry["message"])["message"]["params"]
                   for entry in self.browser.get_log("performance")]
         self.assertEqual([event["request"]["url"] for event in events
                           if event.get("documentURL") == page.as_uri()], [page.as_uri()])
+        self.assertLessEqual(self.browser.execute_script(
+            "document.querySelectorAll('details').forEach((found) => { found.open = true; });"
+            "return document.documentElement.scrollWidth"), NARROW)
+
+    def open_report(self, *arguments):
+        """Scans and loads the page. Returns the JSON object."""
+        report = self.scan("--html", self.directory / "report.html", *arguments)
+        self.load(self.directory / "report.html")
+        return report
 
     def texts(self, selector):
         return self.browser.execute_script(
@@ -59,14 +79,23 @@ class HtmlReport(ToolCase):
                  .find((found) => found.textContent.startsWith(arguments[1])).click()""",
             selector, text)
 
-    def test_it_sorts_goes_into_directories_and_shows_what_was_merged(self):
+    def search(self, text):
+        """Types into the field. Returns what is said of the groups found, once it is said."""
+        self.browser.execute_script(
+            """const field = document.getElementById("search");
+               document.getElementById("found").textContent = "";
+               field.value = arguments[0];
+               field.dispatchEvent(new Event("input"));""", text)
+        return WebDriverWait(self.browser, DEADLINE).until(lambda _: self.texts("#found")[0])
+
+    def test_it_sorts_searches_and_goes_into_directories(self):
         for name, size, copies in (("c", 20000, 2), ("a", 9000, 4), ("b", 300000, 3)):
             for copy in range(copies):
                 self.write(f"{name}/{copy}", content(name, size))
         self.open_report()
-        files = "#groups tbody td:nth-child(3)"
+        files = "#groups tbody td:nth-last-child(2)"
         self.assertEqual(self.texts(files), ["3", "4", "2"])  # most bytes first
-        for title, ascending in (("Files", "234"), ("Names", "432"), ("Size of each", "423")):
+        for title, ascending in (("files", "234"), ("names", "432"), ("size of each", "423")):
             orders = []
             for _ in range(2):
                 self.click("#groups th button", title)
@@ -74,8 +103,59 @@ class HtmlReport(ToolCase):
             self.assertEqual(set(orders), {ascending, ascending[::-1]}, title)
         self.click("#map > button", "b")
         self.assertEqual(sorted(self.texts("#map > .tile > span:first-child")), ["0", "1", "2"])
-        self.open_report("--apply")
-        self.assertIn("6files merged", self.texts("#figures div"))
+        for text, found, shown in (("/B/2", 1, "b/2"), ("/c/", 1, "c/0"), ("no such", 0, None)):
+            self.assertEqual(self.search(text), f"{found} of 3 groups")
+            self.assertEqual(self.texts("#groups summary"), [f"{self.root}/{shown}"][:found])
+
+    def test_it_says_what_the_report_says(self):
+        self.mount_btrfs("256M", "-L", "a label")
+        for name, size in (("a", 300000), ("b", 5000000)):
+            for copy in "12":
+                self.write(f"{name}/{copy}", content(name, size))
+        run("cp", "--reflink=always", self.root / "b/1", self.root / "b/3")
+        run("sync", "-f", self.root)
+        found = self.open_report()
+        self.assertGreater(min(found["reclaimable_bytes"], found["saved_bytes"]), 4000000)
+        self.assertEqual(self.texts("#figures div"), [
+            size_text(found["reclaimable_bytes"]) + "can be freed",
+            size_text(found["saved_bytes"]) + "already shared", "2groups", "5identical files"])
+        self.assertIn(f"btrfs “a label” at {self.root} on ", self.texts("#systems li")[0])
+        self.assertIn(f"on the host {platform.node()}, ", self.texts("#about")[0])
+        self.assertEqual(self.texts("#history[hidden]"), [self.texts("#history")[0]])
+        merged = self.open_report("--apply")["merged"]
+        self.assertEqual(self.texts("#figures div"), [
+            size_text(merged["freed_bytes"]) + "freed by this run", "0 Bcould still be freed",
+            size_text(found["saved_bytes"]) + "shared before", f"{merged['files']}files merged",
+            "2groups", "5identical files"])
+        for variant in "xy":
+            self.write("c/" + variant, content("c", 900000))
+        more = self.open_report("--apply")["merged"]
+        self.assertEqual(self.texts("#curve div"), [
+            size_text(merged["freed_bytes"] + more["freed_bytes"]) + " freed by 2 runs"])
+        self.assertEqual(self.texts("#history tbody td:nth-child(2)"), [
+            size_text(run["freed_bytes"]) for run in (more, merged)])
+
+    def test_it_opens_with_very_many_groups(self):
+        self.open_report()
+        page = self.directory / "report.html"
+        before, data, after = re.split(r'(?<=id="data">)(.*?)(?=</script>)', page.read_text(),
+                                       maxsplit=1, flags=re.S)
+        data = json.loads(data)
+        data["directories"] = [f"/srv/{place}/some/more/" for place in range(5000)]
+        data["words"] = ["plain"]
+        data["groups"] = [[70000, [[70000 + group, 0, 0, 0]],
+                           [[group % 5000, f"{group} {copy}", 0, 0] for copy in "abc"]]
+                          for group in range(100000)]
+        page.write_text(before + json.dumps(data) + after)
+        self.load(page)
+        pages = "#tools .pages span"
+        self.assertEqual((self.texts(pages), len(self.texts("#groups tbody tr"))),
+                         (["1–100 of 100,000"], 100))
+        self.click(".pages button", "Last")
+        self.assertEqual((self.texts(pages), self.texts("#groups summary")[-1]),
+                         (["99,901–100,000 of 100,000"], "/srv/0/some/more/0 a"))
+        self.assertEqual(self.search("more/77777 C"), "1 of 100,000 groups")
+        self.assertEqual(self.texts("#groups summary"), ["/srv/2777/some/more/77777 c"])
 
     def test_hostile_names_are_only_text(self):
         for name in HOSTILE:
@@ -83,7 +163,6 @@ class HtmlReport(ToolCase):
         self.write("bad\udcff", content("same", 5000))
         self.write("end</script><b class=owned>", content("same", 5000))
         self.open_report()
-        self.browser.execute_script("document.querySelector('details').open = true")
         names = [name.replace("\\", "\\\\").replace("\n", "\\n")
                  .replace("\u202e", "\\xe2\\x80\\xae") for name in HOSTILE]
         expected = {f"{self.root}/{name}/{name}" for name in names}

@@ -13,6 +13,7 @@
 #include "estimate.h"
 #include "findings.h"
 #include "glob.h"
+#include "mounts.h"
 #include "output_file.h"
 #include "scan_paths.h"
 #include "size_text.h"
@@ -353,6 +354,25 @@ TEST(ScanPaths, AreResolvedOnceAndTheStateDirectoryIsMadeForItsUserAlone) {
        {std::pair("/state", "/state/velmarin"), {"state", "/home/.local/state/velmarin"}}) {
     setenv("XDG_STATE_HOME", variable, 1);
     EXPECT_EQ(default_state_directory(), expected);
+  }
+}
+
+TEST(Mounts, AreReadFromTheLinesOfTheKernel) {
+  const std::tuple<const char *, uint64_t, const char *> lines[] = {
+      {"36 35 98:0 /a /mnt rw,noatime master:1 shared:2 - btrfs /dev/sdb1 rw", 36,
+       "btrfs /dev/sdb1 /mnt"},
+      {"7 1 0:5 / / rw - tmpfs none rw", 7, "tmpfs none /"},
+      {R"(8 1 0:5 / /a\040b\134\011c\x\04 rw - fuse.x \043 rw)", 8, "fuse.x # /a b\\\tc\\x\\04"},
+      {"9 1 0:5 / / rw master:1 tmpfs none rw", 0, ""},
+      {"9 1 0:5 / / rw -", 0, ""},
+      {"x 1 0:5 / / rw - tmpfs none rw", 0, ""},
+      {"", 0, ""}};
+  for (const auto &[line, number, text] : lines) {
+    Mount mount;
+    EXPECT_EQ(read_mount_line(line, mount), number) << line;
+    if (number != 0) {
+      EXPECT_EQ(mount.type + " " + mount.source + " " + mount.point, text);
+    }
   }
 }
 

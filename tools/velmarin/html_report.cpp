@@ -1,10 +1,13 @@
+#include "html_report.h"
+
+#include <algorithm>
 #include <ctime>
 #include <nlohmann/json.hpp>
 #include <string_view>
+#include <unordered_map>
 
 #include "display_name.h"
-#include "report.h"
-#include "report_page.h"
+#include "page_frame.h"
 #include "size_text.h"
 
 namespace tool {
@@ -12,7 +15,8 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr std::string_view PLACE_OF_DATA = "@REPORT_DATA@";
+// Places of the kinds of bytes in a share; the page gives each a colour and a word.
+enum Kind { FREE, FREED, SHARED, STUCK };
 
 std::string local_time() {
   const time_t now = time(nullptr);
@@ -24,18 +28,33 @@ std::string local_time() {
   return text;
 }
 
-// On file systems that cannot share data the map shows what is not merged, since nothing can be
-// freed.
-bool can_free_space(const Findings &findings) {
-  return findings.unsharable_bytes() == 0 || !findings.reclaimable().is_none();
-}
-
-std::string about(const Report &report) {
+std::string about(const Report &report, const PageContext &context) {
   std::string text = "Scan of";
   for (const std::string &root : report.roots) {
     text += (&root == &report.roots.front() ? " " : ", ") + escaped_name(root);
   }
-  return text + " on " + local_time() + ", " + format_duration(report.elapsed);
+  return text + (context.host.empty() ? "" : " on the host " + escaped_name(context.host)) + ", " +
+         local_time() + ", " + format_duration(report.elapsed);
+}
+
+Json systems(const PageContext &context) {
+  Json list = Json::array();
+  for (const Mount &mount : context.mounts) {
+    list.push_back({{"type", escaped_name(mount.type)},
+                    {"label", escaped_name(mount.label)},
+                    {"mount", escaped_name(mount.point)},
+                    {"source", escaped_name(mount.source)},
+                    {"sharing", mount.can_share}});
+  }
+  return list;
+}
+
+Json history(const PageContext &context) {
+  Json list = Json::array();
+  for (const HistoryEntry &run : context.history) {
+    list.push_back({{"start", run.start}, {"freed", run.freed_bytes}, {"merged", run.merged}});
+  }
+  return list;
 }
 
 Json notes(const Report &report) {
@@ -49,126 +68,200 @@ Json notes(const Report &report) {
   return list;
 }
 
+// What was freed may be more than what was expected.
+uint64_t left_bytes(const Share &share) {
+  return share.reclaimable.certain - std::min(share.reclaimable.certain, share.freed.certain);
+}
+
+Json share_data(const Share &share) {
+  return {left_bytes(share), share.freed.certain, share.saved_bytes,
+          share.can_share ? 0 : share.unmerged_bytes};
+}
+
+uint64_t all_left_bytes(const Findings &findings) {
+  uint64_t bytes = 0;
+  for (const FoundGroup &group : findings.groups) {
+    for (const Share &share : group.shares) {
+      bytes += left_bytes(share);
+    }
+  }
+  return bytes;
+}
+
+Json size(const char *label, uint64_t bytes) {
+  return {{"label", label}, {"size", bytes}};
+}
+
+Json count(const char *label, uint64_t number) {
+  return {{"label", label}, {"count", number}};
+}
+
+Json size_of_kind(Kind kind, uint64_t bytes) {
+  return {{"label", ""}, {"kind", kind}, {"size", bytes}};
+}
+
 Json figures(const Report &report) {
   const Findings &findings = report.findings;
+  const Space space = report.applied ? findings.freed() : findings.reclaimable();
   Json list = Json::array();
   if (report.applied) {
-    list.push_back({"freed", format_size(findings.freed().certain)});
-    list.push_back({findings.is_unsharable() ? "files recorded" : "files merged",
-                    std::to_string(count_outcomes(findings).merged)});
-  } else {
-    list.push_back({"can be freed", format_size(findings.reclaimable().certain)});
-    list.push_back({"not merged yet", format_size(findings.unmerged_bytes())});
+    list.push_back(size_of_kind(FREED, space.certain));
   }
-  const Space space = report.applied ? findings.freed() : findings.reclaimable();
+  list.push_back(size_of_kind(FREE, all_left_bytes(findings)));
   if (space.uncertain > 0) {
-    list.push_back({"at most besides", format_size(space.uncertain)});
+    list.push_back(size("at most besides", space.uncertain));
   }
-  list.push_back({"groups", std::to_string(findings.groups.size())});
-  list.push_back({"identical files", std::to_string(findings.grouped_files())});
+  list.push_back(size_of_kind(SHARED, findings.saved_bytes()));
+  if (findings.unsharable_bytes() > 0) {
+    list.push_back(size_of_kind(STUCK, findings.unsharable_bytes()));
+  }
+  if (report.applied) {
+    list.push_back(count(findings.is_unsharable() ? "files recorded" : "files merged",
+                         count_outcomes(findings).merged));
+  }
+  list.push_back(count("groups", findings.groups.size()));
+  list.push_back(count("identical files", findings.grouped_files()));
   return list;
 }
 
-uint64_t shown_bytes(const Share &share, bool shows_reclaimable) {
-  return shows_reclaimable ? share.reclaimable.certain : share.unmerged_bytes;
-}
-
-// The part of each file in what is shown of its group: equal parts within each share.
-std::vector<uint64_t> parts_of(const FoundGroup &group, bool shows_reclaimable) {
-  std::vector<uint64_t> parts(group.files.size());
-  for (const Share &share : group.shares) {
-    for (const size_t place : share.files) {
-      parts[place] = shown_bytes(share, shows_reclaimable) / share.files.size();
+// Texts that occur many times, each kept once.
+class TextTable {
+ public:
+  size_t place_of(const std::string &text) {
+    const auto [found, is_new] = places_.try_emplace(text, texts_.size());
+    if (is_new) {
+      texts_.push_back(escaped_name(text));
     }
+    return found->second;
   }
-  return parts;
-}
 
-Json group_data(const FoundGroup &group, bool shows_reclaimable) {
-  const std::vector<uint64_t> parts = parts_of(group, shows_reclaimable);
-  Json files = Json::array();
-  for (size_t place = 0; place < group.files.size(); ++place) {
-    const FoundFile &file = group.files[place];
-    files.push_back(
-        {escaped_name(file.path), file_word(file), escaped_name(file.reason), parts[place]});
+  const Json &texts() const { return texts_; }
+
+ private:
+  std::unordered_map<std::string, size_t> places_;
+  Json texts_ = Json::array();
+};
+
+// The files of the report in few characters: each names its directory and its word by number.
+class FileData {
+ public:
+  Json group(const FoundGroup &group) {
+    Json shares = Json::array();
+    std::vector<int> share_of(group.files.size(), -1);
+    for (const Share &share : group.shares) {
+      for (const size_t place : share.files) {
+        share_of[place] = static_cast<int>(shares.size());
+      }
+      shares.push_back(share_data(share));
+    }
+    Json files = Json::array();
+    for (size_t place = 0; place < group.files.size(); ++place) {
+      files.push_back(file(group.files[place], share_of[place]));
+    }
+    return {group.size(), std::move(shares), std::move(files)};
   }
-  return {{"bytes", shows_reclaimable ? group.reclaimable().certain : group.unmerged_bytes()},
-          {"size", group.size()},
-          {"freed", group.freed().certain},
-          {"files", std::move(files)}};
-}
+
+  Json file(const FoundFile &file, int share) {
+    const size_t name = file.path.rfind('/') + 1;
+    Json data = {directories_.place_of(file.path.substr(0, name)),
+                 escaped_name(std::string_view(file.path).substr(name)),
+                 words_.place_of(file_word(file)), share};
+    if (!file.reason.empty()) {
+      data.push_back(escaped_name(file.reason));
+    }
+    return data;
+  }
+
+  const Json &directories() const { return directories_.texts(); }
+  const Json &words() const { return words_.texts(); }
+
+ private:
+  TextTable directories_;
+  TextTable words_;
+};
 
 Json counter_rows(const Report &report) {
   const Counters &counters = report.findings.counters;
-  return Json::array({{"directories read", std::to_string(counters.nr_dir_read)},
-                      {"directories tried", std::to_string(counters.nr_dir_opened)},
-                      {"files opened", std::to_string(counters.nr_file_opened)},
-                      {"candidates", std::to_string(counters.nr_scan_file)},
-                      {"files read whole", std::to_string(counters.nr_hashed)},
-                      {"errors", std::to_string(counters.nr_error)},
-                      {"left out: no deduplication", std::to_string(report.unsupported)},
-                      {"left out: unknown state", std::to_string(report.unknown)}});
+  return {count("directories read", counters.nr_dir_read),
+          count("directories tried", counters.nr_dir_opened),
+          count("files opened", counters.nr_file_opened),
+          count("candidates", counters.nr_scan_file),
+          count("files read whole", counters.nr_hashed),
+          count("errors", counters.nr_error),
+          count("left out: no deduplication", report.unsupported),
+          count("left out: unknown state", report.unknown)};
 }
 
 Json space_rows(const Report &report) {
-  Json rows =
-      Json::array({{"saved already by sharing", format_size(report.findings.saved_bytes())}});
+  Json rows = Json::array();
+  rows.push_back(size("held by copies that are not merged", report.findings.unmerged_bytes()));
   if (report.applied) {
     const MergeCounts counts = count_outcomes(report.findings);
-    rows.push_back({"merged", std::to_string(counts.merged)});
-    rows.push_back({"shared before", std::to_string(counts.already_shared)});
-    rows.push_back({"nothing to gain", std::to_string(counts.no_gain)});
-    rows.push_back({"changed since the scan", std::to_string(counts.changed)});
-    rows.push_back({"refused", std::to_string(counts.refused)});
-    rows.push_back({"not tried", std::to_string(counts.not_tried)});
+    rows.push_back(count("merged", counts.merged));
+    rows.push_back(count("shared before", counts.already_shared));
+    rows.push_back(count("nothing to gain", counts.no_gain));
+    rows.push_back(count("changed since the scan", counts.changed));
+    rows.push_back(count("refused", counts.refused));
+    rows.push_back(count("not tried", counts.not_tried));
   }
   return rows;
 }
 
-Json page_data(const Report &report) {
-  const Findings &findings = report.findings;
-  const bool shows_reclaimable = can_free_space(findings);
-  Json data;
-  data["about"] = about(report);
-  data["notes"] = notes(report);
-  data["figures"] = figures(report);
-  data["applied"] = report.applied;
-  data["mapTitle"] = shows_reclaimable ? (report.applied ? "Space that could be freed, by directory"
-                                                         : "Space that can be freed, by directory")
-                                       : "Data not merged yet, by directory";
-  data["bytesTitle"] = !shows_reclaimable ? "Not merged yet"
-                       : report.applied   ? "Could be freed"
-                                          : "Can be freed";
-  data["groups"] = Json::array();
-  for (const FoundGroup &group : findings.groups) {
-    data["groups"].push_back(group_data(group, shows_reclaimable));
-  }
-  data["compressed"] = Json::array();
-  for (const FoundFile &file : findings.compressed) {
-    data["compressed"].push_back(escaped_name(file.path));
-  }
-  data["lists"] = Json::array({counter_rows(report), space_rows(report)});
-  return data;
-}
-
 // JSON that cannot end the script element in which it stands.
-std::string embedded(const Json &data) {
-  std::string text;
+void embed(std::string &page, const Json &data) {
   for (const char c : data.dump()) {
     if (c == '<') {
-      text += "\\u003c";
+      page += "\\u003c";
     } else {
-      text += c;
+      page += c;
     }
   }
-  return text;
+}
+
+// A list of which one element at a time is held as JSON: there may be very many.
+template <typename Element, typename MakeJson>
+void embed_list(std::string &page, const char *name, const std::vector<Element> &elements,
+                MakeJson make) {
+  page += std::string("\"") + name + "\":[";
+  const char *before = "";
+  for (const Element &element : elements) {
+    page += before;
+    embed(page, make(element));
+    before = ",\n";
+  }
+  page += "],\n";
+}
+
+void embed_data(std::string &page, const Report &report, const PageContext &context) {
+  const Findings &findings = report.findings;
+  FileData files;
+  page += "{";
+  embed_list(page, "groups", findings.groups,
+             [&files](const FoundGroup &group) { return files.group(group); });
+  embed_list(page, "compressed", findings.compressed,
+             [&files](const FoundFile &file) { return files.file(file, -1); });
+  const Json rest = {{"directories", files.directories()},
+                     {"words", files.words()},
+                     {"about", about(report, context)},
+                     {"systems", systems(context)},
+                     {"history", history(context)},
+                     {"notes", notes(report)},
+                     {"figures", figures(report)},
+                     {"applied", report.applied},
+                     {"lists", Json::array({counter_rows(report), space_rows(report)})}};
+  std::string members;
+  embed(members, rest);
+  page += members.substr(1);  // goes on in the object that was begun
 }
 
 }  // namespace
 
-std::string html_report(const Report &report) {
-  std::string page(REPORT_PAGE);
-  return page.replace(page.find(PLACE_OF_DATA), PLACE_OF_DATA.size(), embedded(page_data(report)));
+std::string html_report(const Report &report, const PageContext &context) {
+  const std::string frame = page_frame();
+  const size_t place = frame.find(PLACE_OF_DATA);
+  std::string page = frame.substr(0, place);
+  embed_data(page, report, context);
+  return page + frame.substr(place + PLACE_OF_DATA.size());
 }
 
 }  // namespace tool

@@ -52,7 +52,4 @@ void print_text(const Report &report, bool colours);
 // Prints the JSON object of `--json`.
 void print_json(const Report &report, std::FILE *out);
 
-// The page of `--html`.
-std::string html_report(const Report &report);
-
 }  // namespace tool

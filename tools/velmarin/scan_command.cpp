@@ -8,6 +8,7 @@
 #include "display_name.h"
 #include "guarded_open.h"
 #include "history.h"
+#include "html_report.h"
 #include "kept_pages.h"
 #include "log_lines.h"
 #include "merge_run.h"
@@ -119,7 +120,8 @@ class ScanCommand {
     } else {
       print_text(report_, !options_.no_color && can_show_colours());
     }
-    return options_.html.empty() || page_.write(html_report(report_));
+    return options_.html.empty() ||
+           page_.write(html_report(report_, page_context(report_, state_)));
   }
 
   std::string first_error() const {

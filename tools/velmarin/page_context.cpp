@@ -1,0 +1,36 @@
+#include "page_context.h"
+
+#include <unistd.h>
+
+#include <set>
+
+namespace tool {
+namespace {
+
+std::string host_name() {
+  char name[256] = "";
+  return gethostname(name, sizeof name - 1) == 0 ? name : "";
+}
+
+// The roots, and a file of each device met.
+std::vector<std::string> places_of(const Report &report) {
+  std::vector<std::string> places = report.roots;
+  std::set<dev_t> devices;
+  for (const FoundGroup &group : report.findings.groups) {
+    for (const FoundFile &file : group.files) {
+      if (devices.insert(file.device).second) {
+        places.push_back(file.path);
+      }
+    }
+  }
+  return places;
+}
+
+}  // namespace
+
+PageContext page_context(const Report &report, const std::string &state) {
+  return {host_name(), mounts_of(places_of(report)),
+          read_history(state).value_or(std::vector<HistoryEntry>())};
+}
+
+}  // namespace tool

@@ -1,0 +1,35 @@
+#include "page_frame.h"
+
+#include <openssl/evp.h>
+#include <openssl/sha.h>
+
+#include <array>
+
+namespace tool {
+namespace {
+
+// As a policy names the text of an element.
+std::string source_of(std::string_view text) {
+  std::array<unsigned char, SHA256_DIGEST_LENGTH> digest;
+  SHA256(reinterpret_cast<const unsigned char *>(text.data()), text.size(), digest.data());
+  std::array<unsigned char, 4 * ((SHA256_DIGEST_LENGTH + 2) / 3) + 1> base64;
+  EVP_EncodeBlock(base64.data(), digest.data(), digest.size());
+  return "sha256-" + std::string(reinterpret_cast<const char *>(base64.data()));
+}
+
+void put(std::string &page, std::string_view place, std::string_view text) {
+  page.replace(page.find(place), place.size(), text);
+}
+
+}  // namespace
+
+std::string page_frame() {
+  std::string page(PAGE_HTML);
+  put(page, "@STYLE_HASH@", source_of(PAGE_STYLE));
+  put(page, "@SCRIPT_HASH@", source_of(PAGE_SCRIPT));
+  put(page, "@STYLE@", PAGE_STYLE);
+  put(page, "@SCRIPT@", PAGE_SCRIPT);
+  return page;
+}
+
+}  // namespace tool
