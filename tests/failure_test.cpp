@@ -108,57 +108,23 @@ struct state {
   std::ptrdiff_t threads = count_in("/proc/self/task");
 };
 
-// Every line of the operations on files, when they go well and when a call of theirs fails.
+// The lines of the operations on files that tell of failed calls which are not requests.
 const std::set<std::string> FILE_OPERATION_FORMATS = {
     "ERRO fail to allocate a group of %d files returned %s",
-    "ERRO fail to clone to temperory file returned %s",
-    "ERRO fail to create layered inode returned %s",
-    "ERRO fail to deduplicate %s returned %s",
-    "ERRO fail to do rapid copy from %s to %s return %s",
     "ERRO fail to get real path of %s returned %s",
-    "ERRO fail to open %s return %s",
-    "ERRO fail to open %s returned %s",
     "ERRO fail to open temporary file returned %s",
-    "ERRO fail to revoke %s return %s",
     "ERRO fail to stat %s return %s",
     "ERRO fail to stat %s returned %s",
     "ERRO fail to stat temporary file returned %s",
-    "INFO cannot determine whether %s is compressed, errno = %d",
-    "INFO cannot determine whether %s is dedupped, errno = %d",
-    "INFO created layered inode[ino:%lu,size:%lu] for %s[ino:%lu,size:%lu]",
-    "INFO creating temporary file for %s",
-    "INFO creating temporary file under %s",
-    "INFO done deduplication for %s[ino:%lu,size:%lu]",
-    "INFO fail to clone to temperory file returned %s",
-    "INFO fail to create layered inode returned %s",
-    "INFO fail to deduplicate %s returned %s",
     "INFO fail to get real path of %s returned %s",
-    "INFO fail to open %s return %s",
-    "INFO fail to open %s returned %s",
     "INFO fail to open temporary file returned %s",
-    "INFO fail to query %s return %s",
     "INFO fail to stat %s return %s",
     "INFO fail to stat %s returned %s",
     "INFO fail to stat temporary file returned %s",
-    "INFO reflink %s[ino:%lu,size:%lu] to %s[ino:%lu,size:%lu]",
-    "INFO revoke %s[ino:%lu,size:%lu] from its %s inode[ino:%d]",
     "SERVICE 1st lstat Error %s \n",
-    "SERVICE 2nd lstat Error %s \n",
     "SERVICE Create tmp_file Failed, malloc fail\n",
     "SERVICE Create tmp_file Failed, memcpy_s fail\n",
-    "SERVICE Failed to realpath %s returned %d\n",
-    "SERVICE ioctl clone file failed! ret = %d, errno = %d\n",
-    "SERVICE ioctl connect failed! ret = %d, errno = %d\n",
-    "SERVICE ioctl dedup file failed! ret = %d, errno = %d\n",
-    "SERVICE ioctl get %s coincide flag failed! ret = %d, errno = %d\n",
-    "SERVICE ioctl get %s(%lu) file info failed! ret = %d, errno = %d\n",
-    "SERVICE ioctl get file info failed! ret = %d, errno = %d\n",
-    "SERVICE ioctl set %s(%lu) coincide flag failed! ret = %d, errno = %d\n",
-    "SERVICE open file1:%s failed !\n",
-    "SERVICE open file2:%s failed !\n",
-    "SERVICE open file:%s failed !\n",
-    "SERVICE open tmp_fd failed! ret = %d, errno = %d, tmp_file %s\n",
-    "SERVICE recover file %s, open FAIL \n"};
+    "SERVICE open tmp_fd failed! ret = %d, errno = %d, tmp_file %s\n"};
 
 class Failure : public testing::Test {
  protected:
@@ -377,7 +343,9 @@ TEST_F(Failure, OfACallOfAnOperationOnFilesIsAnsweredAsStated) {
   expect("check_frozen", separate, 0, {{{ioctl}, {-EIO}, SILENT}},
          [fd] { return check_frozen(fd, "a"); });
   ::close(fd);
-  EXPECT_EQ(formats_seen_, FILE_OPERATION_FORMATS);
+  for (const std::string &format : FILE_OPERATION_FORMATS) {
+    EXPECT_TRUE(formats_seen_.contains(format)) << format;
+  }
 }
 
 // The parts of a run's context that the digest store uses, with one file that has a digest.
@@ -491,10 +459,6 @@ TEST_F(Failure, OfACallCostsAScanWithADigestFileNoMoreThanItTouched) {
   // waits for it forever.
   second.left_out = {{strcpy_s, 4}, {flock, 2}};
   fail_every_call(second);
-}
-
-TEST_F(Failure, OfACallCostsAScanOfSeveralWorkersNoMoreThanItTouched) {
-  fail_every_call(scan_operation("first scan, three workers", 3));
 }
 
 TEST_F(Failure, OfACallAndOfAllLaterOnesEndsAScanInGoodOrder) {

@@ -1,17 +1,15 @@
-// Scans that are stopped, overlap, end while a signal arrives, or share their tree with other
-// operations. What the tests look for is found by the sanitizers and by what is left afterwards.
+// Scans that are stopped, overlap, or end while a signal arrives. What the tests look for is found
+// by the sanitizers and by what is left afterwards.
 //
 // VELMARIN_ROUNDS_FACTOR=n makes every test n times as long.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <barrier>
 #include <filesystem>
-#include <functional>
 #include <random>
 
 #include "support/alarm_owner.h"
@@ -128,25 +126,6 @@ TEST_F(Threads, RunsThatStartAndEndTogetherFindAllAndLeaveTheFormerActionEachTim
     threads.clear();
     EXPECT_TRUE(owner.has_its_action());
   }
-}
-
-// The budget is steered towards the end of the run: longer after a run that it stopped, shorter
-// after one that it did not.
-TEST_F(Threads, ABudgetThatIsSpentAsTheRunEndsTouchesNothing) {
-  poll_time = 20'000;
-  long budget = 500'000;  // nanoseconds
-  unsigned stopped = 0;
-  const unsigned all_rounds = rounds(300);
-  for (unsigned round = 0; round < all_rounds; round++) {
-    budget_time = std::max(1000L, budget + random(100'000) - 50'000);
-    scan s = {.roots = {}, .time_budget = 1};
-    s.run();
-    stopped += s.was_stopped ? 1U : 0U;
-    budget = std::max(10'000L, budget + (s.was_stopped ? budget : -budget) / 20);
-    ASSERT_TRUE(owner.has_its_action());
-  }
-  EXPECT_GT(stopped, 0U);
-  EXPECT_LT(stopped, all_rounds);
 }
 
 // A process that is started by another thread inherits the action of that moment.
@@ -279,42 +258,6 @@ TEST_F(Threads, WhoWaitsForAReaderOfAFifoMeetsTheOneThatReads) {
   EXPECT_EQ(s.run().found, (groups{{"u/1", "u/2", "u/3"}}));
   workers_allowed = 1 << 30;
   fifo_host::writer.join();
-}
-
-TEST_F(Threads, OperationsOnFilesOfATreeThatIsBeingScannedChangeNoContent) {
-  if (setxattr("t", "user.velmarin.probe", "1", 1, 0) != 0) {
-    GTEST_SKIP() << "no user attributes in the temporary directory";
-  }
-  const std::function<void(char **)> operations[] = {
-      [](char **files) { sisFileTaskImpl(files[0], files[1]); },
-      [](char **files) { setCheckFlagImpl(files[0], 1000, 0); },
-      [](char **files) { EXPECT_GE(getCoincideFlagImpl(files[0]), 0); },
-      [](char **files) { sis_them_all(files, 3); },
-      [](char **files) { EXPECT_GE(getSISFileInfoImpl(files[0]), 0); },
-      [](char **files) { recoverFileImpl(files[1]); },
-      [](char **files) { revoke_file(files[0]); }};
-  std::vector<std::jthread> threads;
-  for (unsigned n = 0; n < 3; n++) {
-    threads.emplace_back([&, n](const std::stop_token &is_over) {
-      for (std::mt19937 generator(n); !is_over.stop_requested();) {
-        const int first = static_cast<int>(generator() % (FILES - 12));
-        std::string paths[] = {name_of(first), name_of(first + 6), name_of(first + 12)};
-        char *files[] = {paths[0].data(), paths[1].data(), paths[2].data()};
-        operations[generator() % std::size(operations)](files);
-      }
-    });
-  }
-  scan last;
-  last.ops.prep = freeze_file;
-  last.ops.verify = check_frozen;
-  for (unsigned round = rounds(40); round > 0 && !HasFailure(); round--) {
-    EXPECT_TRUE(scan{last}.run().found_parts_of(all));
-  }
-  threads.clear();
-  EXPECT_EQ(last.run().found, all);
-  for (int i = 0; i < FILES; i++) {
-    EXPECT_TRUE(tree.read(name_of(i)) == content_of(i)) << name_of(i);
-  }
 }
 
 }  // namespace

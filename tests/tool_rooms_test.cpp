@@ -8,6 +8,8 @@
 
 #include <cmath>
 #include <filesystem>
+#include <iterator>
+#include <sstream>
 
 #include "display_name.h"
 #include "estimate.h"
@@ -81,137 +83,128 @@ TEST(DisplayName, TakesBytesThatAreNoCharacterOneByOne) {
   }
 }
 
+std::vector<std::string> words_of(const std::string &text) {
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), {}};
+}
+
 TEST(Glob, MatchesNamesPathsAndDirectories) {
-  // The paths that each matches of all paths of the table; those that end in '/' are directories.
-  const std::vector<std::string> paths = {
-      "a.txt",     "build/", "build/out.o", "build/deep/", "build/deep/out.o",
-      "src/build", "[odd]",  "ünt",         "back\\slash", "src/x/main.c",
-      "a]b",       "a-b",    "aXb/aYb",     "\xff!"};
-  const std::pair<const char *, std::vector<std::string>> globs[] = {
-      {"a.txt", {"a.txt"}},
-      {"?.[t-z][!y-z]t", {"a.txt"}},
-      {"*", paths},
-      {"**", paths},
-      {"/*", {"a.txt", "build/", "[odd]", "ünt", "back\\slash", "a]b", "a-b", "\xff!"}},
-      {"*/", {"build/", "build/deep/"}},
-      {"build", {"build/", "src/build"}},
-      {"/build", {"build/"}},
-      {"src/build/", {}},
-      {"*/out.o", {"build/out.o"}},
-      {"**/out.o", {"build/out.o", "build/deep/out.o"}},
-      {"build/**", {"build/out.o", "build/deep/", "build/deep/out.o"}},
-      {"build/**/**/out.o", {"build/out.o", "build/deep/out.o"}},
-      {"build**.o", {}},
-      {"/build**.o", {"build/out.o", "build/deep/out.o"}},
-      {"build/**p/*t.o", {"build/deep/out.o"}},
-      {"s*c/*/m*n*c", {"src/x/main.c"}},
-      {"s*n.c", {}},
-      {"s**/c", {}},
-      {"[[]odd]", {"[odd]"}},
-      {"[odd]", {}},
-      {"[odd", {}},
-      {"\\[odd]", {"[odd]"}},
-      {"[od", {}},
-      {"back[\\\\]slash", {"back\\slash"}},
-      {"back\\\\*", {"back\\slash"}},
-      {"*\\", {}},
-      {"?nt", {"ünt"}},
-      {"*??nt", {}},
-      {"[à-ý]nt", {"ünt"}},
-      {"[^a-z]nt", {"ünt"}},
-      {"a[]-]b", {"a]b", "a-b"}},
-      {"a[+-]b", {"a-b"}},
-      {"a[^/]b", {"a]b", "a-b"}},
-      {"aXb[!a]aYb", {}},
-      {"aXb?aYb", {}},
-      {"aXb[/]aYb", {}},
-      {"/a?b/*", {"aXb/aYb"}},
-      {"?!", {"\xff!"}},
-      {"/", {}}};
-  for (const auto &[text, expected] : globs) {
+  // The paths that each matches of all paths; those that end in '/' are directories.
+  const std::string paths =
+      "a.txt build/ build/out.o build/deep/ build/deep/out.o src/build [odd] ünt back\\slash "
+      "src/x/main.c a]b a-b aXb/aYb \xff!";
+  for (const std::string &row :
+       std::vector<std::string>{"* " + paths,
+                                "** " + paths,
+                                "a.txt a.txt",
+                                "?.[t-z][!y-z]t a.txt",
+                                "/* a.txt build/ [odd] ünt back\\slash a]b a-b \xff!",
+                                "*/ build/ build/deep/",
+                                "build build/ src/build",
+                                "/build build/",
+                                "src/build/",
+                                "*/out.o build/out.o",
+                                "**/out.o build/out.o build/deep/out.o",
+                                "build/** build/out.o build/deep/ build/deep/out.o",
+                                "build/**/**/out.o build/out.o build/deep/out.o",
+                                "build**.o",
+                                "/build**.o build/out.o build/deep/out.o",
+                                "build/**p/*t.o build/deep/out.o",
+                                "s*c/*/m*n*c src/x/main.c",
+                                "s*n.c",
+                                "s**/c",
+                                "[[]odd] [odd]",
+                                "[odd]",
+                                "[odd",
+                                "\\[odd] [odd]",
+                                "[od",
+                                "back[\\\\]slash back\\slash",
+                                "back\\\\* back\\slash",
+                                "*\\",
+                                "?nt ünt",
+                                "*??nt",
+                                "[à-ý]nt ünt",
+                                "[^a-z]nt ünt",
+                                "a[]-]b a]b a-b",
+                                "a[+-]b a-b",
+                                "a[^/]b a]b a-b",
+                                "aXb[!a]aYb",
+                                "aXb?aYb",
+                                "aXb[/]aYb",
+                                "/a?b/* aXb/aYb",
+                                "?! \xff!",
+                                "/"}) {
+    const std::string text = row.substr(0, row.find(' '));
     const Glob glob(text);
-    std::vector<std::string> matched;
-    for (const std::string &path : paths) {
+    std::string matched = text;
+    for (const std::string &path : words_of(paths)) {
       const bool is_directory = path.ends_with('/');
       if (glob.matches(path.substr(0, path.size() - is_directory), is_directory)) {
-        matched.push_back(path);
+        matched += " " + path;
       }
     }
-    EXPECT_EQ(matched, expected) << text;
+    EXPECT_EQ(matched, row);
   }
 }
 
+// What each word is read as, in order; '-' where it is refused.
+template <typename Parse>
+std::string values_of(const std::string &words, Parse parse) {
+  std::string values;
+  for (const std::string &word : words_of(words)) {
+    const auto value = parse(word);
+    values += (values.empty() ? "" : " ") + (value ? std::to_string(*value) : "-");
+  }
+  return values;
+}
+
 TEST(SizeText, ReadsAndWritesSizesDurationsAndCounts) {
-  const std::pair<const char *, std::optional<uint64_t>> sizes[] = {
-      {"0", 0},
-      {"1023", 1023},
-      {"1k", 1024},
-      {"1K", 1024},
-      {"3m", 3 << 20},
-      {"2G", 2U << 30},
-      {"1t", 1ULL << 40},
-      {"16777215T", 16777215ULL << 40},
-      {"16777216T", {}},
-      {"1P", {}},
-      {"1KB", {}},
-      {"", {}},
-      {"K", {}},
-      {"-1", {}},
-      {"1.5k", 1536},
-      {"64KiB", 65536},
-      {"1.25mib", 5 << 18},
-      {"0.0014648M", 1535},
-      {"16777215.999T", (16777215ULL << 40) + 1098412116148ULL},
-      {"1.5", {}},
-      {".5K", {}},
-      {"1.K", {}},
-      {"1KiBs", {}},
-      {"1.5KB", {}},
-      {"0x1", {}},
-      {"99999999999999999999999999999999999999", {}},
-      {"1.0000000001K", {}},
-      {"18446744073709551615", UINT64_MAX},
-      {"18446744073709551616", {}}};
-  for (const auto &[text, size] : sizes) {
-    EXPECT_EQ(parse_size(text), size) << text;
+  EXPECT_EQ(values_of("0 1023 1k 1K 3m 2G 1t 16777215T 1.5k 64KiB 1.25mib 0.0014648M", parse_size),
+            "0 1023 1024 1024 3145728 2147483648 1099511627776 18446742974197923840 1536 65536 "
+            "1310720 1535");
+  EXPECT_EQ(values_of("16777215.999T 18446744073709551615 18446744073709551616", parse_size),
+            "18446744072610039988 18446744073709551615 -");
+  EXPECT_EQ(values_of("16777216T 1P 1KB K -1 1.5 .5K 1.K 1KiBs 1.5KB 0x1 1.0000000001K "
+                      "99999999999999999999999999999999999999",
+                      parse_size),
+            "- - - - - - - - - - - - -");
+  EXPECT_EQ(values_of("0 90 5m 1h30m 1d2h3m4s 365d", parse_duration),
+            "0 90 300 5400 93784 31536000");
+  EXPECT_EQ(
+      values_of("366d 31536001 364d25h 5m1h 1h1h 1h30 m 1.5h 1x -1 4294967296s", parse_duration),
+      "- - - - - - - - - - -");
+  EXPECT_FALSE(parse_size("") || parse_duration(""));
+  std::string written;
+  for (const uint64_t bytes : {0UL, 1023UL, 1024UL, 1075UL, 1076UL, 1048524UL, 1048525UL, 3UL << 19,
+                               1UL << 30, 5UL << 40, 1UL << 50, UINT64_MAX}) {
+    written += format_size(bytes) + ", ";
   }
-  const std::pair<const char *, std::optional<unsigned>> times[] = {
-      {"0", 0},           {"90", 90},   {"5m", 300},        {"1h30m", 5400}, {"1d2h3m4s", 93784},
-      {"365d", 31536000}, {"366d", {}}, {"31536001", {}},   {"364d25h", {}}, {"5m1h", {}},
-      {"1h1h", {}},       {"1h30", {}}, {"m", {}},          {"1.5h", {}},    {"1x", {}},
-      {"", {}},           {"-1", {}},   {"4294967296s", {}}};
-  for (const auto &[text, seconds] : times) {
-    EXPECT_EQ(parse_duration(text), seconds) << text;
-  }
-  const std::pair<uint64_t, const char *> written[] = {{0, "0 B"},
-                                                       {1023, "1023 B"},
-                                                       {1024, "1 KiB"},
-                                                       {1075, "1 KiB"},
-                                                       {1076, "1.1 KiB"},
-                                                       {1048524, "1023.9 KiB"},
-                                                       {1048525, "1 MiB"},
-                                                       {3 << 19, "1.5 MiB"},
-                                                       {1ULL << 30, "1 GiB"},
-                                                       {5ULL << 40, "5 TiB"},
-                                                       {1ULL << 50, "1 PiB"},
-                                                       {UINT64_MAX, "16 EiB"}};
-  for (const auto &[bytes, text] : written) {
-    EXPECT_EQ(format_size(bytes), text) << bytes;
-  }
-  const std::pair<long, const char *> durations[] = {{0, "0.0 s"},
-                                                     {99, "0.0 s"},
-                                                     {59'999, "59.9 s"},
-                                                     {60'000, "1 min 00 s"},
-                                                     {70'999, "1 min 10 s"},
-                                                     {3'599'999, "59 min 59 s"},
-                                                     {3'600'000, "1 h 00 min"},
-                                                     {36'540'000, "10 h 09 min"},
-                                                     {4'200'000, "1 h 10 min"}};
-  for (const auto &[milliseconds, text] : durations) {
-    EXPECT_EQ(format_duration(std::chrono::milliseconds(milliseconds)), text) << milliseconds;
-  }
+  EXPECT_EQ(written,
+            "0 B, 1023 B, 1 KiB, 1 KiB, 1.1 KiB, 1023.9 KiB, 1 MiB, 1.5 MiB, 1 GiB, 5 TiB, 1 PiB, "
+            "16 EiB, ");
   EXPECT_EQ(format_count(0, "file") + format_count(1, "file") + format_count(2, "file"),
             "0 files1 file2 files");
+}
+
+// The text of each duration, in milliseconds.
+template <typename Format>
+std::string texts_of(std::initializer_list<long> durations, Format format) {
+  std::string texts;
+  for (const long milliseconds : durations) {
+    texts += format(std::chrono::milliseconds(milliseconds)) + ", ";
+  }
+  return texts;
+}
+
+TEST(SizeText, WritesDurationsAndEstimatesRoughly) {
+  EXPECT_EQ(texts_of({0, 99, 59'999, 60'000, 70'999, 3'599'999, 3'600'000, 4'200'000, 36'540'000},
+                     format_duration),
+            "0.0 s, 0.0 s, 59.9 s, 1 min 00 s, 1 min 10 s, 59 min 59 s, 1 h 00 min, 1 h 10 min, "
+            "10 h 09 min, ");
+  EXPECT_EQ(texts_of({1, 5'000, 5'001, 55'000, 55'001, 60'001, 3'540'000, 3'540'001, 3'600'001,
+                      7'200'000},
+                     rough_duration),
+            "5 s, 5 s, 10 s, 55 s, 1 min, 2 min, 59 min, 1 h 00 min, 1 h 10 min, 2 h 00 min, ");
 }
 
 struct SimulatedWork {
@@ -289,22 +282,6 @@ TEST(Estimate, StartsWhenThereIsSomethingToTellFromAndNeverJumps) {
       }
     }
     EXPECT_TRUE(shown_at >= 3 && shown_at <= work.shown_by) << work.name << " " << shown_at;
-  }
-}
-
-TEST(Estimate, IsSaidRoughly) {
-  const std::pair<long, const char *> said[] = {{1, "5 s"},
-                                                {5'000, "5 s"},
-                                                {5'001, "10 s"},
-                                                {55'000, "55 s"},
-                                                {55'001, "1 min"},
-                                                {60'001, "2 min"},
-                                                {3'540'000, "59 min"},
-                                                {3'540'001, "1 h 00 min"},
-                                                {3'600'001, "1 h 10 min"},
-                                                {7'200'000, "2 h 00 min"}};
-  for (const auto &[milliseconds, text] : said) {
-    EXPECT_EQ(rough_duration(std::chrono::milliseconds(milliseconds)), text) << milliseconds;
   }
 }
 
