@@ -100,7 +100,7 @@ bool resolve_roots(const std::vector<std::string> &given, std::vector<std::strin
   for (const std::string &path : given) {
     std::string resolved;
     if (const int error = resolve_directory(path, resolved); error != 0) {
-      print_error("cannot scan", path, std::strerror(error));
+      print_error("cannot use the root", path, std::strerror(error));
       all_usable = false;
     } else if (std::find(roots.begin(), roots.end(), resolved) == roots.end()) {
       roots.push_back(resolved);
