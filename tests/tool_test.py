@@ -94,6 +94,9 @@ class CommandLine(ToolCase):
         self.assertEqual(on_terminal(), (True, True))
         self.assertRegex((self.directory / "shown").read_text(),
                          r"walking  3 files looked at, [12] read \(\d+(\.\d)? MiB\)")
+        self.assertEqual(on_terminal("--apply"), (True, True))
+        self.assertRegex((self.directory / "shown").read_text(),
+                         r"merging  0 of 1 file, 0 B of \d+ [KM]?i?B, 0 B freed")
         self.assertEqual((on_terminal(), on_terminal("--quiet")), ((True, True), (False, True)))
         self.assertEqual(on_terminal("--no-color"), (True, False))
         self.assertEqual(on_terminal(TERM="dumb"), (False, False))

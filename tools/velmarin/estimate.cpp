@@ -56,7 +56,7 @@ void Estimate::note(milliseconds now, Work done, uint64_t bytes_in_hand) {
   noted_ = now;
   if (now >= SHOWN_AFTER && rate_.per_second() > 0 &&
       (steps_ >= ENOUGH_STEPS || done_ >= all_ * ENOUGH_PART)) {
-    approach(expected(now, std::min(cost({bytes_in_hand, 1}), all_ - done_)), passed);
+    approach(expected(now, cost({bytes_in_hand, 1})), passed);
   }
 }
 

@@ -69,7 +69,7 @@ function curvePoints() {
   const points = [];
   let sum = 0;
   for (const run of data.history) {
-    const x = last > first ? 1000 * (run.start - first) / (last - first) : 1000;
+    const x = last > first ? 1000 * (run.start - first) / (last - first) : 0;
     const before = 97 - 92 * (whole > 0 ? sum / whole : 0);
     sum += run.freed;
     points.push([x, before], [x, 97 - 92 * (whole > 0 ? sum / whole : 0)]);
