@@ -385,9 +385,11 @@ TEST(Findings, TakeGroupsCompressedFilesAndCountersAsReported) {
 }
 
 TEST(StopSignal, AsksOnceAndEndsTheProcessTheSecondTime) {
-  for (const int number : {SIGINT, SIGTERM}) {
-    EXPECT_EXIT(ask_twice(number, false), testing::KilledBySignal(number), "");
-    EXPECT_EXIT(ask_twice(number, true), testing::KilledBySignal(number), "");
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    EXPECT_EXIT(ask_twice(number, false), testing::KilledBySignal(number),
+                "^velmarin: stopping .*\n$");
+    EXPECT_EXIT(ask_twice(number, true), testing::KilledBySignal(number),
+                "^velmarin: stopping .*\n$");
   }
   const auto action_of = [](int number) {
     struct sigaction action = {};

@@ -1,13 +1,21 @@
 #include "stop_signal.h"
 
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
+#include <string_view>
 
 #include "velmarin/scan.h"
 
 namespace tool {
 namespace {
 
-constexpr int STOP_SIGNALS[] = {SIGINT, SIGTERM};
+constexpr int STOP_SIGNALS[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr std::string_view WORD =
+    "velmarin: stopping after the files in hand; a second such signal ends it at once\n";
+constexpr std::string_view WORD_ON_TERMINAL =  // which shows how far the work is
+    "\nvelmarin: stopping after the files in hand; Ctrl-C once more ends it at once\n";
 
 std::atomic<bool> requested = false;
 std::atomic<int *> published = nullptr;
@@ -15,20 +23,25 @@ static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int *>::is_a
 
 int *written_handle = nullptr;  // written by the scan before it starts its threads
 const TimeLimit *time_limit = nullptr;
+std::string_view word = WORD;  // chosen before any signal is caught
 struct sigaction former_actions[std::size(STOP_SIGNALS)];
 
 // Either this finds the handle published, or the publishing thread finds the request: both sides
 // write their own word before they read the other's.
 void ask_for_stop(int) {
+  const int error = errno;
   requested = true;
   if (int *const handle = published) {
     signal_no_time(handle);
   }
+  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, word.data(), word.size());
+  errno = error;
 }
 
 }  // namespace
 
 StopSignals::StopSignals() {
+  word = isatty(STDERR_FILENO) == 1 ? WORD_ON_TERMINAL : WORD;
   struct sigaction action = {};
   action.sa_handler = ask_for_stop;
   action.sa_flags = static_cast<int>(SA_RESTART | SA_RESETHAND);

@@ -1,6 +1,6 @@
-// Ctrl-C (and SIGTERM), and the end of the time budget, as a request to stop: the scan ends early
-// but in order, merging ends after the file in hand. The first signal asks; a second one ends the
-// process.
+// Ctrl-C (and SIGTERM and SIGHUP), and the end of the time budget, as a request to stop: the scan
+// ends early but in order, merging ends after the file in hand. The first signal asks; a second one
+// ends the process.
 #pragma once
 
 #include <signal.h>
@@ -9,7 +9,8 @@
 
 namespace tool {
 
-// Lets SIGINT and SIGTERM ask for a stop, for as long as the object lives.
+// Lets these signals ask for a stop, for as long as the object lives. The first of a kind is
+// answered on standard error.
 class StopSignals {
  public:
   StopSignals();
@@ -35,11 +36,11 @@ void stop_after(const TimeLimit &limit);
 //   then, hence written the handle. A stop asked for before is passed on now.
 // - `withdraw_stop_handle`, called when the report begins. The scan has joined its threads by then,
 // and
-//   every other thread blocks the two signals, so no handler can be at work with the handle.
+//   every other thread blocks the signals, so no handler can be at work with the handle.
 void publish_stop_handle();
 void withdraw_stop_handle();
 
-// Keeps both signals out of the calling thread, and out of threads that it starts meanwhile for as
+// Keeps the signals out of the calling thread, and out of threads that it starts meanwhile for as
 // long as they run.
 class StopSignalsBlocked {
  public:
