@@ -1,20 +1,31 @@
 """The tool as it works at night, by itself: what it records, how it shares the machine, when it ends."""
 
 import json
+import os
+import subprocess
 import sys
+import time
 
-from support.script import ToolCase, content, main
+from support.script import DEADLINE, ToolCase, content, main, run
+
+SLACK = 1000 * DEADLINE // 60  # milliseconds; more on slow machines
 
 
-class History(ToolCase):
+class NightCase(ToolCase):
+    def setUp(self):
+        super().setUp()
+        self.state = self.directory / "state"
+
     def history(self, errors=""):
-        output, said = self.run_tool("history", "--json", "--state", self.directory / "state")
+        output, said = self.run_tool("history", "--json", "--state", self.state)
         self.assertRegex(said, f"^{errors}$")
         return json.loads(output)["runs"]
 
+
+class History(NightCase):
     def test_each_run_that_merges_is_on_record_whatever_happened_to_its_lines(self):
         self.mount_btrfs("256M")
-        record = self.directory / "state/history"
+        record = self.state / "history"
         self.assertEqual(self.history(), [])
         for name in "ab":
             self.write(name, content("same"))
@@ -33,7 +44,7 @@ class History(ToolCase):
         damaged = "".join(f"velmarin: line {number} left out of {record}: damaged\n"
                           for number in range(2, 6))
         self.assertEqual([run["merged"] for run in self.history(damaged)], [1, 0])
-        table, _ = self.run_tool("history", "--state", self.directory / "state")
+        table, _ = self.run_tool("history", "--state", self.state)
         self.assertRegex(table, r"run .*\n(\d{4}-\d\d-\d\d \d\d:\d\d .* done\n){2}"
                                 r"2 runs +(\d+(\.\d)? KiB) +1\n$")
         many = 2**20 // len(line) + 1
@@ -43,8 +54,124 @@ class History(ToolCase):
         self.assertEqual((len(runs), runs[0], runs[-1]["merged"]), ((many + 1) // 2, first, 0))
         record.unlink()
         record.mkdir()
-        self.run_tool("history", "--state", self.directory / "state", status=1)
+        self.run_tool("history", "--state", self.state, status=1)
         self.scan("--apply", status=1)
+
+
+class Neighbours(NightCase):
+    def stand_still(self, *arguments):
+        """Starts a run whose threads soon wait for somebody to read its log."""
+        for number in range(200):
+            self.write(f"{number}", content("same", 2000))
+        self.mount("none", self.root, "bind,ro", self.root)  # a line for each file
+        process = self.start("scan", "--apply", "--verbose", "--min-size", "1K", "--state",
+                             self.state, *arguments, self.root)
+        self.addCleanup(process.communicate)
+        self.assertTrue(any(b"call prep for" in line for line in process.stderr))
+        return process
+
+    def test_one_run_at_a_time_has_a_state_directory(self):
+        process = self.stand_still()
+        page = self.directory / "page"
+        output, errors = self.run_tool("scan", "--state", self.state, "--html", page, ".", status=3)
+        self.assertEqual((output, errors, page.exists()),
+                         ("", "velmarin: another run is under way with the state directory "
+                              f"{self.state}: try again later\n", False))
+        self.run_tool("scan", "--state", self.directory / "other", ".")
+        process.kill()
+        process.communicate(timeout=DEADLINE)
+        self.scan()
+
+    def test_every_thread_of_an_idle_run_is_idle(self):
+        process = self.stand_still("--idle")
+        threads = os.listdir(f"/proc/{process.pid}/task")
+        self.assertGreater(len(threads), 1)
+        self.assertEqual({(run("ionice", "-p", thread).strip(),
+                           os.getpriority(os.PRIO_PROCESS, int(thread))) for thread in threads},
+                         {("idle", 19)})
+        process.communicate(timeout=DEADLINE)
+
+
+class Budget(NightCase):
+    BUDGET = 3
+
+    def test_a_scan_out_of_time_reads_no_further_file_and_keeps_what_it_read(self):
+        self.mount_btrfs("256M")
+        for number in range(640):
+            with open(self.root / str(number), "wb") as file:
+                file.truncate(2**25)  # reading a hole takes its time, too
+        report = self.scan("--time-budget", "1")
+        counters = report["counters"]
+        self.assertLess(counters["nr_hashed"], 640)
+        self.assertEqual((report["out_of_time"], counters["nr_error"]), (True, 0))
+        self.assertLess(report["elapsed_ms"], 1000 + SLACK)
+        digests, = self.state.glob("*.hsh")
+        self.assertEqual(digests.stat().st_size, 64 * counters["nr_hashed"])
+
+    def work_slowly(self, budget, lines_a_second):
+        """One night's run, held up by a slow reader of its log while it merges."""
+        report = self.directory / "report"
+        with (open(report, "wb") as file,
+              self.start("scan", "--apply", "--idle", "--json", "--verbose", "--min-size", "1K",
+                         "--time-budget", str(budget), "--state", self.state, self.root,
+                         stdout=file) as process):
+            end = time.monotonic() + budget
+            for line in process.stderr:
+                if b"done deduplication" in line and time.monotonic() < end:
+                    time.sleep(1 / lines_a_second)
+        self.assertEqual(process.returncode, 0)
+        return json.loads(report.read_bytes())
+
+    def write_pair(self, variant, size):
+        for twin in "ab":
+            name = f"{variant}{twin}"
+            self.files[self.write(name, content(variant, size))] = content(variant, size)
+
+    def disturb(self, night):
+        """What the day does: files come, change and go."""
+        for number in range(3):
+            self.write_pair(f"new-{night}-{number}", 300000 + 5000 * night)
+            self.files.pop(self.root / f"{10 * night + number}b")
+            (self.root / f"{10 * night + number}b").unlink()
+            changed = self.root / f"{10 * night + 5 + number}a"
+            self.files[self.write(changed, content(night, 5000))] = content(night, 5000)
+
+    def test_five_nights_free_everything_in_the_order_of_size(self):
+        self.mount_btrfs("512M")
+        self.files = {}
+        for number in range(100):
+            self.write_pair(number, 200000 - 1000 * number)
+        reports = []
+        read = len(self.files)
+        shared = set()
+        for night in range(5):
+            budget = self.BUDGET if night < 4 else DEADLINE
+            report = self.work_slowly(budget, lines_a_second=7 if night < 4 else 10000)
+            self.assertEqual({path: path.read_bytes() for path in self.root.iterdir()}, self.files)
+            self.assertLess(report["elapsed_ms"], 1000 * budget + SLACK)
+            self.assertEqual(report["counters"]["nr_hashed"], read)
+            outcomes = self.outcomes(report)
+            merged, left = ({name for name in outcomes if outcomes[name] == outcome}
+                            for outcome in ("merged", "not tried"))
+            self.assertTrue(merged.isdisjoint(shared))
+            self.assertLessEqual(max((self.size(name) for name in left), default=0),
+                                 min(self.size(name) for name in merged))
+            self.assertEqual((report["out_of_time"], left != set()), (night < 4,) * 2)
+            shared |= merged
+            reports.append(report)
+            before = set(self.files.values())
+            self.disturb(night)
+            shared -= {path.name for path in self.files if self.files[path] not in before}
+            read = 6 + 3
+        self.assertEqual([(run["freed_bytes"], run["merged"], run["not_tried"], run["out_of_time"])
+                          for run in self.history()],
+                         [(report["merged"]["freed_bytes"], report["merged"]["files"],
+                           report["merged"]["not_tried"], report["out_of_time"])
+                          for report in reports])
+        self.assertEqual(self.history()[-1]["left_bytes"], 0)
+
+    def size(self, name):
+        return -(-(self.root / name).stat().st_size // 4096)  # as it is freed, in blocks
 
 
 main(sys.argv[1:-1])

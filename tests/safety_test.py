@@ -184,7 +184,7 @@ class Secrets(ToolCase):
         self.addCleanup(os.umask, os.umask(0))
         self.scan()
         self.assertEqual({path.stat().st_mode & 0o777 for path in state.iterdir()}, {0o600})
-        self.assertEqual(len(list(state.iterdir())), 2)
+        self.assertEqual(len(list(state.iterdir())), 3)
 
 
 main(sys.argv[1:-1])

@@ -29,7 +29,7 @@ enum class Outcome {
 
 // The file as it is after the scan.
 struct FileState {
-  int error = 0;           // errno of looking at it; the other fields mean nothing then
+  int error = 0;  // errno of looking at it, ECANCELED if nobody did; the rest means nothing then
   bool unchanged = false;  // a regular file with the inode, size and time that the scan saw
   dev_t device = 0;
   uint64_t inode = 0;

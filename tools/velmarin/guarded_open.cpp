@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include "beneath.h"
 #include "message.h"
 #include "scan_probes.h"
+#include "stop_signal.h"
 
 namespace tool {
 namespace {
@@ -25,6 +27,8 @@ struct HeldRoot {
 // Both are written while the process has one thread.
 std::vector<HeldRoot> held_roots;
 bool makes_private_files = false;
+bool stops_opens = false;
+std::atomic<uint64_t> refused_for_digests = 0;
 
 int plain_open(const char *path, int flags, mode_t mode) {
   return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
@@ -66,6 +70,19 @@ bool is_to_be_read(int flags) {
   return flags == O_RDONLY;
 }
 
+// How it opens what it meets in the walk, and what it is told to skip.
+bool is_to_be_examined(int flags) {
+  return flags == (O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
+}
+
+bool is_stopped(int flags) {
+  if (!stops_opens || !(is_to_be_read(flags) || is_to_be_examined(flags)) || !stop_requested()) {
+    return false;
+  }
+  refused_for_digests += is_to_be_read(flags);
+  return true;
+}
+
 int open_below_roots(const char *path, int flags, mode_t mode) {
   // A link to a descriptor of this process, by which the platform opens a file a second time.
   if (std::string_view(path).starts_with("/proc/self/fd/")) {
@@ -73,6 +90,10 @@ int open_below_roots(const char *path, int flags, mode_t mode) {
   }
   for (const HeldRoot &root : held_roots) {
     if (const char *const rest = path_below(root.path, path)) {
+      if (is_stopped(flags)) {
+        errno = ECANCELED;
+        return -1;
+      }
       probe_counts.read += is_to_be_read(flags);
       return open_beneath(root.fd, rest, flags, mode);
     }
@@ -115,6 +136,19 @@ GuardedRoots::~GuardedRoots() {
     }
   }
   held_roots.clear();
+}
+
+StoppableOpens::StoppableOpens() {
+  refused_for_digests = 0;
+  stops_opens = true;
+}
+
+StoppableOpens::~StoppableOpens() {
+  stops_opens = false;
+}
+
+uint64_t StoppableOpens::refused_digests() const {
+  return refused_for_digests;
 }
 
 PrivateFiles::PrivateFiles() {

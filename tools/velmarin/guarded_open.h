@@ -3,6 +3,7 @@
 // lead it to files elsewhere; and it makes files that others may read.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,21 @@ class GuardedRoots {
 
  private:
   bool are_held_ = true;
+};
+
+// While an object lives and once a stop is requested, the library gets nothing more to look at or
+// to read below the roots: what it has queued by then would take its time otherwise. At most one
+// object lives.
+class StoppableOpens {
+ public:
+  StoppableOpens();
+  ~StoppableOpens();
+  StoppableOpens(const StoppableOpens &) = delete;
+  StoppableOpens &operator=(const StoppableOpens &) = delete;
+
+  // How many files were not opened that the library counts as errors, since it wanted their
+  // digests.
+  uint64_t refused_digests() const;
 };
 
 // While an object lives, a file that is made is for its user alone, whatever default access control

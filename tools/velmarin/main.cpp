@@ -5,6 +5,7 @@
 #include <string>
 
 #include "apply_command.h"
+#include "exit_status.h"
 #include "file_commands.h"
 #include "history_command.h"
 #include "message.h"
@@ -13,7 +14,8 @@
 
 namespace {
 
-constexpr int FAILED = 1;
+using tool::DONE;
+using tool::FAILED;
 
 bool run_file_command(const std::string &name, const tool::FileOptions &options) {
   tool::LogLines log(options.verbose);
@@ -25,26 +27,26 @@ bool run_file_command(const std::string &name, const tool::FileOptions &options)
   return false;
 }
 
-bool run_named(const tool::CommandLine &line) {
+int run_named(const tool::CommandLine &line) {
   if (line.command == "scan") {
     return tool::run_scan(line.scan);
   }
   if (line.command == "apply") {
-    return tool::run_apply(line.apply);
+    return tool::run_apply(line.apply) ? DONE : FAILED;
   }
   if (line.command == "history") {
-    return tool::run_history(line.history);
+    return tool::run_history(line.history) ? DONE : FAILED;
   }
-  return run_file_command(line.command, line.file);
+  return run_file_command(line.command, line.file) ? DONE : FAILED;
 }
 
-bool run_command(const tool::CommandLine &line) {
-  const bool done = run_named(line);
+int run_command(const tool::CommandLine &line) {
+  const int status = run_named(line);
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
     tool::print_error("cannot write to standard output");
-    return false;
+    return FAILED;
   }
-  return done;
+  return status;
 }
 
 }  // namespace
@@ -55,7 +57,7 @@ int main(int argc, char **argv) {
     if (line.command.empty()) {
       return line.exit_status;
     }
-    return run_command(line) ? 0 : FAILED;
+    return run_command(line);
   } catch (const std::exception &error) {
     tool::print_error(error.what());
     return FAILED;

@@ -239,7 +239,9 @@ std::vector<const FoundFile *> files_to_compare(const Findings &findings) {
 // Files in no share: what the survey saw of them decides.
 void mark_unusable(FoundGroup &group) {
   for (FoundFile &file : group.files) {
-    if (file.state.error != 0) {
+    if (file.state.error == ECANCELED) {
+      set_outcome(file, Outcome::not_tried);
+    } else if (file.state.error != 0) {
       set_outcome(file, Outcome::refused, std::strerror(file.state.error));
     } else if (!file.state.unchanged) {
       set_outcome(file, Outcome::changed, CHANGED);

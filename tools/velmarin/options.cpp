@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "display_name.h"
+#include "exit_status.h"
 #include "file_commands.h"
 #include "message.h"
 #include "size_text.h"
@@ -15,7 +16,6 @@
 namespace tool {
 namespace {
 
-constexpr int BAD_USAGE = 2;
 constexpr int DEEPEST = 2047;
 constexpr const char *A_SIZE = "a size: a number, or one with K, M, G or T, as 64K or 1.5M";
 constexpr const char *A_DURATION = "a time: seconds, or d, h, m and s, as 5m or 1h30m, up to 365d";
@@ -137,6 +137,7 @@ void add_scan_limits(CLI::App *command, ScanOptions &scan) {
             "Do not read directories N levels below a root");
   command->add_flag("-x,--one-file-system", scan.one_file_system,
                     "Stay on the file systems of the roots");
+  command->add_flag("--idle", scan.idle, "Give way to everything else on the machine");
   add_time_budget(command, scan.time_budget);
 }
 

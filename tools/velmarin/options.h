@@ -17,6 +17,7 @@ struct ScanOptions {
   bool quiet = false;
   bool no_color = false;
   bool one_file_system = false;
+  bool idle = false;
   std::string state;  // empty: the default directory
   std::string html;   // empty: no page
   std::vector<std::string> skips;

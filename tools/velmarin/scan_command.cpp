@@ -6,9 +6,11 @@
 
 #include "choice.h"
 #include "display_name.h"
+#include "exit_status.h"
 #include "guarded_open.h"
 #include "history.h"
 #include "html_report.h"
+#include "idle_priority.h"
 #include "kept_pages.h"
 #include "log_lines.h"
 #include "merge_run.h"
@@ -18,6 +20,7 @@
 #include "progress.h"
 #include "progress_text.h"
 #include "report.h"
+#include "run_lock.h"
 #include "scan_paths.h"
 #include "scan_probes.h"
 #include "scan_runs.h"
@@ -37,9 +40,28 @@ class ScanCommand {
         limit_(options.time_budget),
         log_(options.verbose) {}
 
-  bool run() {
+  int run() {
     stop_after(limit_);
+    if (options_.idle) {
+      become_idle();
+    }
     if (!prepare()) {
+      return FAILED;
+    }
+    switch (lock_.take(state_)) {
+      case RunLock::Result::held:
+        return run_alone() ? DONE : FAILED;
+      case RunLock::Result::busy:
+        return BUSY;
+      case RunLock::Result::failed:
+        break;
+    }
+    return FAILED;
+  }
+
+ private:
+  bool run_alone() {
+    if (!options_.html.empty() && !page_.open(options_.html)) {
       return false;
     }
     const GuardedRoots roots(report_.roots);
@@ -60,7 +82,6 @@ class ScanCommand {
     return print() && is_success() && is_recorded;
   }
 
- private:
   bool prepare() {
     if (options_.dry_run && !options_.quiet) {
       print_error("--dry-run is the default: nothing is merged without --apply");
@@ -68,8 +89,7 @@ class ScanCommand {
     state_ = options_.state.empty() ? default_state_directory() : options_.state;
     skips_ = resolve_skips(options_.skips, !options_.quiet);
     report_.applied = options_.apply;
-    return choose() && prepare_state_directory(state_) &&
-           (options_.html.empty() || page_.open(options_.html));
+    return choose() && prepare_state_directory(state_);
   }
 
   // Finds out what is to be looked at.
@@ -154,8 +174,12 @@ class ScanCommand {
       print_error("stopped early: the findings are not complete");
     }
     return counters.nr_error == 0 && !none_supported && log_.save_failure().empty() &&
-           runs_.kept_digests && merged.refused + merged.changed + merged.not_tried == 0;
+           runs_.kept_digests && merged.refused + merged.changed == 0 &&
+           (merged.not_tried == 0 || used_up_budget());
   }
+
+  // What a budget leaves for the next run is no failure.
+  bool used_up_budget() const { return report_.out_of_time && !report_.stopped; }
 
   const ScanOptions &options_;
   const bool shows_progress_;
@@ -163,6 +187,7 @@ class ScanCommand {
   StopSignals signals_;
   LogLines log_;
   std::string state_;
+  RunLock lock_;
   std::vector<std::string> skips_;
   Choice choice_;
   OutputFile page_;
@@ -173,7 +198,7 @@ class ScanCommand {
 
 }  // namespace
 
-bool run_scan(const ScanOptions &options) {
+int run_scan(const ScanOptions &options) {
   return ScanCommand(options).run();
 }
 

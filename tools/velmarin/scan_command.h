@@ -5,8 +5,7 @@
 
 namespace tool {
 
-// Scans, merges when asked to, and prints what came of it. Returns false when something was refused
-// or failed.
-bool run_scan(const ScanOptions &options);
+// Scans, merges when asked to, and prints what came of it. Returns the exit status.
+int run_scan(const ScanOptions &options);
 
 }  // namespace tool

@@ -8,6 +8,7 @@
 
 #include "file_system.h"
 #include "group_join.h"
+#include "guarded_open.h"
 #include "scan_paths.h"
 #include "scan_probes.h"
 
@@ -142,10 +143,14 @@ int ScanRuns::call_library(const VolumeRun &run, const std::string &state, Colle
   const velmarin::sis_ops ops = counted_probes(Collector::receive, options_.apply);
   std::vector<const char *> roots = pointers(run.roots);
   std::vector<const char *> skips = pointers(skips_);
-  return single_instance_storage(roots.data(), static_cast<int>(roots.size()), skips.data(),
-                                 static_cast<int>(skips.size()), state.c_str(), smallest_size(),
-                                 run.max_depth, 0, limit_.seconds_left(), &ops,
-                                 reinterpret_cast<uintptr_t>(&collector), signals_.handle_slot());
+  const StoppableOpens opens;
+  const int error = single_instance_storage(
+      roots.data(), static_cast<int>(roots.size()), skips.data(), static_cast<int>(skips.size()),
+      state.c_str(), smallest_size(), run.max_depth, 0, limit_.seconds_left(), &ops,
+      reinterpret_cast<uintptr_t>(&collector), signals_.handle_slot());
+  uint64_t &errors = collector.findings.counters.nr_error;
+  errors -= std::min(errors, opens.refused_digests());
+  return error;
 }
 
 void ScanRuns::take_findings(dev_t device, Findings found) {

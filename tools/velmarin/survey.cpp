@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <map>
 
 #include "layer.h"
 #include "overlay.h"
 #include "share_plan.h"
+#include "stop_signal.h"
 #include "velmarin/control_codes.h"
 
 namespace tool {
@@ -157,6 +159,24 @@ class Survey {
   const bool before_merging_;
 };
 
+void leave_out(FoundGroup &group) {
+  order_by_path(group.files);
+  for (FoundFile &file : group.files) {
+    file.state = failed_state(ECANCELED);
+  }
+}
+
+// Few files are looked at even when a stop was asked for: their figures are worth the moment.
+class Patience {
+ public:
+  bool is_over() const { return stop_requested() && Clock::now() - start_ > MOST; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::milliseconds MOST{300};
+  const Clock::time_point start_ = Clock::now();
+};
+
 // What decides about the order of two groups.
 std::array<uint64_t, 3> weight(const FoundGroup &group) {
   const Space space = group.reclaimable();
@@ -188,9 +208,14 @@ ExtentMap extents_of(const FoundFile &file, const Volumes &volumes) {
 
 void survey(Findings &findings, Volumes &volumes, bool before_merging) {
   Survey survey(volumes, before_merging);
+  const Patience patience;
   survey.examine_compressed(findings.compressed);
   for (FoundGroup &group : findings.groups) {
-    survey.examine_group(group);
+    if (patience.is_over()) {
+      leave_out(group);
+    } else {
+      survey.examine_group(group);
+    }
   }
   std::sort(findings.groups.begin(), findings.groups.end(),
             [](const FoundGroup &a, const FoundGroup &b) {

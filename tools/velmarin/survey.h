@@ -10,7 +10,8 @@ namespace tool {
 
 // Fills the state of every file and the shares of every group, and puts everything in order: groups
 // by what merging frees, files by path. To which layered inode a plain file is attached is asked
-// again only before merging, when another program's merging in the meantime would matter.
+// again only before merging, when another program's merging in the meantime would matter. Once a
+// stop is requested, only a moment is spent: the rest of the files get the error ECANCELED.
 void survey(Findings &findings, Volumes &volumes, bool before_merging);
 
 // Whether the file is still a regular file with the inode, size and modification time that the scan

@@ -36,7 +36,7 @@ _velmarin() {
     names=-d
     options+=${options:+ --apply --state --skip --min-size --max-depth --time-budget --json}
     options+=${options:+ --exclude --include --exclude-from --no-hidden --roots-from --null --max-size}
-    options+=${options:+ --dry-run --one-file-system --html --quiet --no-color}
+    options+=${options:+ --dry-run --one-file-system --idle --html --quiet --no-color}
     [[ -n $options ]] && _velmarin_value && return
   elif [[ $command == apply ]]; then
     options+=${options:+ --dry-run --time-budget --json --quiet}

@@ -1,0 +1,31 @@
+#include "idle_priority.h"
+
+#include <linux/ioprio.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "message.h"
+
+namespace tool {
+namespace {
+
+constexpr int LOWEST_LEVEL = 19;
+
+}  // namespace
+
+// Not SCHED_IDLE: the thread would hold the locks of files for as long as others keep the
+// processors busy.
+void become_idle() {
+  if (syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 0)) !=
+          0 ||
+      setpriority(PRIO_PROCESS, 0, LOWEST_LEVEL) != 0) {
+    print_error(std::string("cannot run at idle priority: ") + std::strerror(errno));
+  }
+}
+
+}  // namespace tool

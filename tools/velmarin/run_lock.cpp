@@ -1,0 +1,36 @@
+#include "run_lock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "message.h"
+
+namespace tool {
+
+RunLock::~RunLock() {
+  if (fd_ >= 0) {
+    close(fd_);
+  }
+}
+
+RunLock::Result RunLock::take(const std::string &state) {
+  const std::string path = state + "/lock";
+  fd_ =
+      open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  if (fd_ >= 0 && flock(fd_, LOCK_EX | LOCK_NB) == 0) {
+    return Result::held;
+  }
+  if (fd_ >= 0 && errno == EWOULDBLOCK) {
+    print_error("another run is under way with the state directory", state, "try again later");
+    return Result::busy;
+  }
+  print_error("cannot lock", path, std::strerror(errno));
+  return Result::failed;
+}
+
+}  // namespace tool
