@@ -119,6 +119,9 @@ class HtmlReport(ToolCase):
         self.assertEqual(self.texts("#figures div"), [
             size_text(found["reclaimable_bytes"]) + "can be freed",
             size_text(found["saved_bytes"]) + "already shared", "2groups", "5identical files"])
+        self.assertEqual(self.browser.execute_script(
+            "return [...document.querySelectorAll('#shares span')].map((part) => part.className)"),
+            ["free", "shared"])
         self.assertIn(f"btrfs “a label” at {self.root} on ", self.texts("#systems li")[0])
         self.assertIn(f"on the host {platform.node()}, ", self.texts("#about")[0])
         self.assertEqual(self.texts("#history[hidden]"), [self.texts("#history")[0]])

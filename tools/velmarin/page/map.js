@@ -66,6 +66,18 @@ function amountsText(node) {
     .map((kind) => `${sizeText(node.amounts[kind])} ${KINDS[kind].label}`).join(", ");
 }
 
+// The background of a tile: a stripe of each kind, as wide as its part.
+function stripes(node) {
+  const whole = weight(node);
+  let end = 0;
+  const stops = shownKinds.map((kind) => {
+    const start = end;
+    end += 100 * node.amounts[kind] / whole;
+    return `var(--${KINDS[kind].key}-tint) ${start}% ${end}%`;
+  });
+  return `linear-gradient(to right, ${stops.join(", ")})`;
+}
+
 // A directory whose only content is another directory is passed through.
 function passThrough(node) {
   let name = node.name;
@@ -144,10 +156,10 @@ function drawTile(parent, {tile, x, y, width, height}, level) {
   const box = element(opens ? "button" : "div", "", "tile " + kind.key);
   box.title = tile.name + "\n" + amountsText(tile.node);
   Object.assign(box.style, {left: x + "px", top: y + "px", width: width + "px",
-                            height: height + "px"});
+                            height: height + "px", background: stripes(tile.node)});
   if (opens) {
     box.setAttribute("aria-label", box.title);
-    box.addEventListener("click", () => showMap(tile.node));
+    box.addEventListener("click", () => goTo(tile.node));
   }
   if (width > 40 && height > 18) {
     box.append(element("span", tile.name));
@@ -180,7 +192,7 @@ function showTrail(node) {
   for (const step of steps) {
     const button = element(step === node ? "span" : "button", step.name + "/", "name");
     if (step !== node) {
-      button.addEventListener("click", () => showMap(step));
+      button.addEventListener("click", () => goTo(step));
     }
     trail.append(button);
   }
@@ -195,6 +207,12 @@ function showMap(node) {
   map.replaceChildren();
   showTrail(node);
   drawTiles(map, node, {x: 0, y: 0, width: map.clientWidth, height: map.clientHeight}, 0);
+}
+
+// The button that was pressed is gone then: whoever goes by keyboard goes on from the trail.
+function goTo(node) {
+  showMap(node);
+  place("trail").focus({preventScroll: true});
 }
 
 function kindChoice(kind) {
