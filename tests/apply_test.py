@@ -190,6 +190,7 @@ class Merged(ReportCase):
             self.assertEqual(outcomes, {f"{name}/{twin}": outcome for name in kept
                                         for twin, outcome in merged.items()}, removed)
             self.assertEqual((report["merged"]["files"], "counters" in report), (2, False))
+            self.assertIn(f'"digest":"{report["groups"][0]["digest"]}"', text)
         third = json.loads(text)
         third["groups"] = [group for group in third["groups"] if "third" in str(group)]
         del third["groups"][0]["files"][1]
