@@ -52,6 +52,11 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/velmarin.1.gz
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
 install(FILES tools/velmarin/completion/velmarin.bash RENAME velmarin
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
+# A unit may name a program without its directory; so one file serves every prefix.
+install(FILES packaging/velmarin@.service packaging/velmarin@.timer
+  DESTINATION lib/systemd/system COMPONENT tool)
+install(FILES packaging/example.conf
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velmarin/examples COMPONENT tool)
 # Debian's zsh looks in a directory of its own for what packages bring.
 install(FILES tools/velmarin/completion/_velmarin
   DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions COMPONENT zsh_completion)

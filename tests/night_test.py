@@ -58,6 +58,37 @@ class History(NightCase):
         self.scan("--apply", status=1)
 
 
+class Configured(NightCase):
+    def test_a_file_stands_for_options_and_roots(self):
+        for name in ("a", "b", "left out/c", "-x[1]"):
+            self.write(f"two words/{name}", content("same"))
+            self.write(f"other/{name}", content("other"))
+        config = self.directory / "night.conf"
+        top = self.root
+        for lines, words, seen, status in (
+                (f"# comment\n\n root = {top}/two words \nexclude=left out/\nmin-size\t=\t1K\n",
+                 "", "two words/-x[1] two words/a two words/b", 0),
+                (f"root = {top}/other\r\nskip = {top}/other/left out\nexclude = -x*\nquiet",
+                 "--max-depth 1", "other/a other/b", 0),
+                (f"root = {top}/other\nexclude = [ab]\nno-hidden = no",
+                 "", "other/-x[1] other/left out/c", 0),
+                ("root = other", "", "'root = /DIRECTORY': root = other", 2),
+                (f"root = {top}\nmin-size =", "", "with its value", 2),
+                (f"root = {top}\nconfig = {config}", "", "no option of a scan", 2),
+                (f"root = {top}\nnonsense = 1", "", "unknown option '--nonsense=1'", 2),
+                (f"root = {top}\n= 1", "", "no option of a scan", 2)):
+            config.write_text(lines, encoding="utf-8")
+            output, errors = self.run_tool("scan", "--json", "--state", self.state,
+                                           *words.split(), "--config", config, status=status)
+            if status == 0:
+                group, = self.groups(json.loads(output))
+                self.assertEqual(" ".join(group), seen, lines)
+            else:
+                self.assertIn(seen, errors, lines)
+        config.unlink()
+        self.assertIn("No such file", self.run_tool("scan", f"--config={config}", status=2)[1])
+
+
 class Neighbours(NightCase):
     def stand_still(self, *arguments):
         """Starts a run whose threads soon wait for somebody to read its log."""

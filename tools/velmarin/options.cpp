@@ -7,6 +7,7 @@
 #include <optional>
 #include <string_view>
 
+#include "config_file.h"
 #include "display_name.h"
 #include "exit_status.h"
 #include "file_commands.h"
@@ -42,11 +43,10 @@ bool mark_glob(const std::vector<std::string> &before, std::string &argument) {
 
 // The parser takes a name in brackets apart and gives some other marks a meaning. No option starts
 // with them, so such an argument is a name, and so is all that follows "--".
-std::vector<std::string> plain_arguments(int argc, char **argv) {
+std::vector<std::string> plain_arguments(const std::vector<std::string> &given) {
   std::vector<std::string> arguments;
   bool only_names = false;
-  for (int i = 1; i < argc; ++i) {
-    std::string argument = argv[i];
+  for (std::string argument : given) {
     const bool is_glob = !only_names && mark_glob(arguments, argument);
     if (argument == "--" && !only_names) {
       only_names = true;
@@ -137,6 +137,8 @@ void add_scan_limits(CLI::App *command, ScanOptions &scan) {
             "Do not read directories N levels below a root");
   command->add_flag("-x,--one-file-system", scan.one_file_system,
                     "Stay on the file systems of the roots");
+  // Only to be listed: `take_config` has put its lines in its place.
+  command->add_option("--config", "Take options and roots from this file")->type_name("FILE");
   command->add_flag("--idle", scan.idle, "Give way to everything else on the machine");
   add_time_budget(command, scan.time_budget);
 }
@@ -233,6 +235,16 @@ void check_scan(ScanOptions &scan) {
   }
 }
 
+// Returns false, with a word on standard error, when a file does not hold options.
+bool take_config(std::vector<std::string> &given) {
+  const bool is_scan = !given.empty() && given.front() == "scan";
+  const std::string wrong = is_scan ? expand_config(given) : "";
+  if (!wrong.empty()) {
+    print_error(wrong);
+  }
+  return wrong.empty();
+}
+
 // What is wrong with the command line, in words. No command was understood.
 std::string describe_command(int argc, char **argv) {
   if (argc < 2) {
@@ -275,7 +287,12 @@ CommandLine parse_command_line(int argc, char **argv) {
   CommandLine line;
   CLI::App app("Finds files with identical content and has the file system keep one copy.");
   define(app, line);
-  std::vector<std::string> arguments = plain_arguments(argc, argv);
+  std::vector<std::string> given(argv + 1, argv + argc);
+  if (!take_config(given)) {
+    line.exit_status = BAD_USAGE;
+    return line;
+  }
+  std::vector<std::string> arguments = plain_arguments(given);
   std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
   try {
     app.parse(std::move(arguments));

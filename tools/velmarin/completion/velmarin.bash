@@ -14,7 +14,7 @@ _velmarin_offer_names() {
 _velmarin_value() {
   case ${COMP_WORDS[COMP_CWORD - 1]} in
     --state) _velmarin_offer_names -d ;;
-    --skip | --html | --exclude-from | --roots-from) _velmarin_offer_names -f ;;
+    --skip | --config | --html | --exclude-from | --roots-from) _velmarin_offer_names -f ;;
     --min-size | --max-size) _velmarin_offer -W '0 4K 64K 1M 1G' ;;
     --time-budget) _velmarin_offer -W '5m 30m 1h 2h' ;;
     --max-depth | --exclude | --include) COMPREPLY=() ;;
@@ -36,7 +36,7 @@ _velmarin() {
     names=-d
     options+=${options:+ --apply --state --skip --min-size --max-depth --time-budget --json}
     options+=${options:+ --exclude --include --exclude-from --no-hidden --roots-from --null --max-size}
-    options+=${options:+ --dry-run --one-file-system --idle --html --quiet --no-color}
+    options+=${options:+ --dry-run --config --idle --one-file-system --html --quiet --no-color}
     [[ -n $options ]] && _velmarin_value && return
   elif [[ $command == apply ]]; then
     options+=${options:+ --dry-run --time-budget --json --quiet}
