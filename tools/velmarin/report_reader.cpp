@@ -125,7 +125,7 @@ const char *path_fault(std::string_view path) {
 // What is shown to a reader of the report must be what is meant.
 std::string path_of(const Element &element) {
   const std::string &shown = element.text("path");
-  const std::string path = element.has("path_bytes") ? element.bytes("path_bytes") : shown;
+  std::string path = element.has("path_bytes") ? element.bytes("path_bytes") : shown;
   if (utf8_name(path) != shown) {
     element.fail("path and path_bytes are different names");
   }
