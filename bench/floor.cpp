@@ -1,10 +1,10 @@
 // floor DIRECTORY MINIMUM: the least that finding identical files costs on this machine. Walks the
-// tree with one stat for each entry, then computes the SHA-256 of every file of at least MINIMUM
-// bytes that is not alone with its size, on all processors. Prints the seconds of both.
+// tree with one stat per entry, then computes, on all processors, the SHA-256 of every file of at
+// least MINIMUM bytes that shares its size with another. Prints the seconds that both take.
 //
-// floor DIRECTORY open: the least that a scan which opens every file can take: lists the tree, then
-// opens each file by its path, asks for its status and one attribute, and closes it, on all
-// processors. Prints the seconds of both.
+// floor DIRECTORY open: the least time that a scan can take if it opens every file. Lists the tree,
+// then, on all processors, opens each file by its path, reads its status and one attribute, and
+// closes it. Prints the seconds that both take.
 
 #include <fcntl.h>
 #include <fts.h>
@@ -31,7 +31,7 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// Calls `visit` for every regular file, with its status when `options` ask for it.
+// Calls `visit` for every regular file, with its status if `options` request it.
 template <typename Visit>
 void walk(char *directory, int options, Visit visit) {
   char *roots[] = {directory, nullptr};
@@ -48,15 +48,15 @@ void walk(char *directory, int options, Visit visit) {
   fts_close(tree);
 }
 
-// Calls `treat` for all names, on all processors.
-template <typename Treat>
-void for_all(const names &files, Treat treat) {
+// Calls `process` for all names, on all processors.
+template <typename Process>
+void for_all(const names &files, Process process) {
   std::atomic<size_t> next = 0;
   std::vector<std::jthread> threads;
   for (unsigned i = 0; i < std::thread::hardware_concurrency(); i++) {
     threads.emplace_back([&] {
       for (size_t index = next++; index < files.size(); index = next++) {
-        treat(files[index]);
+        process(files[index]);
       }
     });
   }

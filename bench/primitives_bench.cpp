@@ -1,4 +1,4 @@
-// CRC-64, the red-black tree, the table of saved digests.
+// CRC-64, the red-black tree, the hash table of saved digests.
 
 #include <benchmark/benchmark.h>
 

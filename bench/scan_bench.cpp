@@ -1,4 +1,4 @@
-// What a scan does for each entry: its path, its way through the queue, its digest.
+// What a scan does for each entry: building its path, queueing its job, computing its digest.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -81,7 +81,8 @@ void job_queue_of_three(benchmark::State &state) {
 }
 BENCHMARK(job_queue_of_three)->Threads(1)->Threads(3)->UseRealTime();
 
-// A file in the page cache. A digest drops the pages it has read, so the file is one in memory.
+// A file in the page cache. A digest drops the pages it has read, so the file is on a memory file
+// system.
 class memory_file {
  public:
   explicit memory_file(int64_t size) : content_(static_cast<size_t>(size), 'x') {

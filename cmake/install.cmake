@@ -1,11 +1,11 @@
-# What `cmake --install` puts where, in three components: `runtime` (the libraries as a program needs
-# them), `development` (what a host is built with) and `tool` (the command-line host).
+# What `cmake --install` installs, in three components: `runtime` (the shared libraries),
+# `development` (what it takes to build a host) and `tool` (the command-line host).
 #
-# The platform layer's <android/log.h> and <bounds_checked.h> stay out: they serve the library's own
-# sources, and a host needs neither.
+# The platform layer's <android/log.h> and <bounds_checked.h> are not installed: only the library's
+# own sources need them.
 include(CMakePackageConfigHelpers)
 
-# velmarin_compress(FILE): FILE.gz, always the same for the same content.
+# velmarin_compress(FILE): creates FILE.gz, identical for identical content.
 find_program(GZIP gzip REQUIRED)
 function(velmarin_compress file)
   execute_process(COMMAND ${GZIP} -9 --no-name --force --keep ${file} COMMAND_ERROR_IS_FATAL ANY)
@@ -30,7 +30,7 @@ install(FILES cmake/velmarin-config.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/velmarin-config-version.cmake
   DESTINATION ${package_directory} COMPONENT development)
 
-# pkg-config: paths start at the place of the file, so that an installation can be moved.
+# pkg-config: paths are relative to the file, so an installation can be moved.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}
   OUTPUT_VARIABLE library_directory)
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}
@@ -41,7 +41,7 @@ configure_file(cmake/velmarin.pc.in velmarin.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/velmarin.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-# The tool finds its libraries from where it lies, under whatever prefix.
+# The tool finds its libraries relative to itself, under any prefix.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${CMAKE_INSTALL_FULL_BINDIR}
   OUTPUT_VARIABLE libraries_from_tool)
 set_target_properties(velmarin_tool PROPERTIES INSTALL_RPATH $ORIGIN/${libraries_from_tool})
@@ -52,12 +52,12 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/velmarin.1.gz
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
 install(FILES tools/velmarin/completion/velmarin.bash RENAME velmarin
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
-# A unit may name a program without its directory; so one file serves every prefix.
+# A unit may name a program without its directory; so one file works for every prefix.
 install(FILES packaging/velmarin@.service packaging/velmarin@.timer
   DESTINATION lib/systemd/system COMPONENT tool)
 install(FILES packaging/example.conf
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velmarin/examples COMPONENT tool)
-# Debian's zsh looks in a directory of its own for what packages bring.
+# Debian's zsh has a separate directory for completions from packages.
 install(FILES tools/velmarin/completion/_velmarin
   DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions COMPONENT zsh_completion)
 install(FILES tools/velmarin/completion/_velmarin

@@ -28,7 +28,7 @@ set(CPACK_COMPONENT_TOOL_DESCRIPTION "Command-line tool that scans directory tre
 for identical files and merges their data.")
 
 # Dependencies on the libraries of other packages are computed from the binaries. The symbols file
-# says from which version on our own libraries have a name; a trigger updates the linker's cache.
+# gives the version that introduced each of our own symbols; a trigger updates the linker's cache.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR})
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
@@ -36,7 +36,7 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
   ${PROJECT_SOURCE_DIR}/packaging/symbols ${PROJECT_SOURCE_DIR}/packaging/triggers)
 
-# Every package holds the copyright file and a changelog.
+# Every package contains the copyright file and a changelog.
 configure_file(packaging/changelog.in packaging/changelog @ONLY)
 velmarin_compress(${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog)
 foreach(component runtime development tool)

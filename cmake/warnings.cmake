@@ -1,4 +1,4 @@
-# Flags that every target of the project shares: link velmarin_build_flags to get them.
+# Flags shared by every target of the project: link velmarin_build_flags to get them.
 add_library(velmarin_build_flags INTERFACE)
 target_compile_options(velmarin_build_flags INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef -Wcast-qual

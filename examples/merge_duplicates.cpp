@@ -21,10 +21,11 @@
 
 namespace {
 
-// What is kept of a reported file. Its record and everything in it belong to the scan.
+// What the host keeps of a reported file. The record and everything it points to belong to the
+// scan.
 struct found_file {
   std::string path;
-  bool shares_data;  // attached to a layered inode already
+  bool shares_data;  // already attached to a layered inode
 };
 using group = std::vector<found_file>;
 
@@ -43,7 +44,7 @@ int collect(uint64_t caller_data, velmarin::sis_report *record) {
       return 0;
     }
     case velmarin::REPORT_COMPRESSED:
-      return 1;  // of no interest: go on to the end
+      return 1;  // not needed: skip to the end
 
     case velmarin::REPORT_END:  // the counters are in the fields of the record
       std::printf("%llu candidates, %llu read\n", static_cast<unsigned long long>(record->status),
@@ -54,13 +55,13 @@ int collect(uint64_t caller_data, velmarin::sis_report *record) {
   }
 }
 
-// Opens the file that the others are to share data with. Returns its descriptor or -1.
+// Opens the file whose data the others will share. Returns its descriptor or -1.
 int open_source(const found_file &file) {
   return file.shares_data ? open(file.path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC)
                           : create_layer(file.path.c_str());
 }
 
-// Puts a file that shares data already in front, so that what was merged before grows.
+// Moves a file that already shares data to the front, so that an earlier merge grows.
 void choose_source(group &files) {
   for (found_file &file : files) {
     if (file.shares_data) {
@@ -72,8 +73,7 @@ void choose_source(group &files) {
 
 class merger {
  public:
-  // Merges a group. Its files may lie on several file systems, each of which gets a source of its
-  // own.
+  // Merges a group. Its files may be on several file systems, each of which gets its own source.
   void merge(group files) {
     while (files.size() > 1) {
       files = merge_with_first(std::move(files));

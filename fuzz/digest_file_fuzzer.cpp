@@ -1,5 +1,5 @@
-// Arbitrary bytes as a digest file. What the load makes of them is compared with a second reading
-// of the same bytes; what it accepts is saved again and must give the same bytes.
+// Loads arbitrary bytes as a digest file. The result is compared with an independent parse of the
+// same bytes; what the load accepts is saved again and must give the same bytes.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -41,7 +41,7 @@ void require(bool holds, const char *what) {
   }
 }
 
-// CRC-64/NVME bit by bit.
+// CRC-64/NVME, bit by bit.
 uint64_t slow_crc(const uint8_t *data, size_t size) {
   uint64_t crc = UINT64_MAX;
   for (size_t i = 0; i < size; i++) {
@@ -186,8 +186,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   return 0;
 }
 
-// Changed bytes alone would hardly ever have the right checksum. So most inputs get their checksums
-// put right, for all entries or for all but the last, and some get a key twice.
+// Mutated bytes alone would hardly ever have the right checksum. So the mutator fixes the checksums
+// of most inputs, for all entries or all but the last, and gives some inputs a duplicate key.
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max_size,
                                           unsigned variation) {
   size = LLVMFuzzerMutate(data, size, max_size);

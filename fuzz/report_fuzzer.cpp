@@ -1,6 +1,7 @@
-// Arbitrary names in a report. Its JSON form must be valid and keep every name; its text form must
-// be of harmless characters, with the same lines as for any other names; no name must leave the
-// place in the page that holds the data; and an escaped name must tell which bytes it stands for.
+// Puts arbitrary names into a report. The JSON form must be valid and keep every name. The text
+// form must contain only harmless characters, on the same lines as with any other names. In the
+// HTML page no name may escape from the element that holds the data. An escaped name must decode to
+// its bytes.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
@@ -30,7 +31,7 @@ void require(bool holds, const char *what) {
   }
 }
 
-// A name of a file holds every byte but NUL.
+// A file name may hold any byte but NUL.
 std::string take_name(FuzzedDataProvider &input) {
   std::string name = input.ConsumeRandomLengthString(80);
   std::replace(name.begin(), name.end(), '\0', '0');
@@ -102,7 +103,7 @@ std::string name_in(const json &object) {
                                        : object["path"].get<std::string>();
 }
 
-// The dump and the parsing both end the program at text that is not UTF-8.
+// The dump and the parser both end the program on text that is not UTF-8.
 std::string printed(const tool::Report &report) {
   char *text = nullptr;
   size_t size = 0;
@@ -145,7 +146,7 @@ std::string printed_text(const tool::Report &report) {
   return result;
 }
 
-// Control characters of ASCII and of Latin 1, line separators, changes of direction.
+// Contains no ASCII or Latin-1 control character, line separator or bidirectional control.
 bool is_harmless(const std::string &text) {
   for (size_t i = 0; i < text.size(); i++) {
     const auto byte = static_cast<unsigned char>(text[i]);
@@ -177,7 +178,7 @@ void use_plain_names(tool::Report &report) {
 void check_text(tool::Report &report) {
   const std::string text = printed_text(report);
   require(is_harmless(text), "the text is of harmless characters");
-  json(text).dump();  // ends the program at text that is not UTF-8
+  json(text).dump();  // ends the program on text that is not UTF-8
   use_plain_names(report);
   const std::string plain = printed_text(report);
   require(
@@ -185,7 +186,7 @@ void check_text(tool::Report &report) {
       "no name makes a line of its own");
 }
 
-// Takes an escaped name back to its bytes.
+// Decodes an escaped name to its bytes.
 std::string unescaped(const std::string &text) {
   std::string bytes;
   for (size_t i = 0; i < text.size(); i++) {

@@ -1,7 +1,7 @@
 # shellcheck shell=bash
-# What the scripts that test on 64-bit Arm share, besides `lib.sh`. To be sourced after it.
+# Shared by the scripts that test on 64-bit Arm. Source it after `lib.sh`.
 
-# Both architectures of a package must have one version: the native one is brought up to date.
+# Both architectures of a package must have the same version, so the native one is upgraded.
 install_both_architectures() {
   local missing=() name
   for name in "$@"; do
@@ -17,11 +17,11 @@ install_both_architectures() {
 }
 
 # build_for_arm PACKAGE...: installs what the build and the caller need, and builds. Ends the script
-# where the machine cannot do it.
+# if the machine cannot do it.
 build_for_arm() {
   command -v dpkg >/dev/null || cannot_run 'the cross build is made of Debian packages'
   [ "$(dpkg --print-architecture)" != arm64 ] || cannot_run 'this machine is 64-bit Arm itself'
-  # The configuration and listing the tests run programs of the build, in qemu-user.
+  # Configuring and listing the tests run built programs, in qemu-user.
   install_packages cmake ninja-build pkg-config libcli11-dev libutfcpp-dev nlohmann-json3-dev python3 \
     g++-aarch64-linux-gnu qemu-user "$@"
   install_both_architectures libc6 libgcc-s1 libstdc++6 libssl3 libssl-dev libgtest-dev libgmock-dev

@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2034
-# What the scripts share. To be sourced; the caller sets `set -euo pipefail`.
+# Shared by the scripts. Source it after `set -euo pipefail`.
 
 repository=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 velmarin=$repository/build/release/velmarin
@@ -18,7 +18,7 @@ fail() {
   exit 1
 }
 
-# Ends a script, or a step of .ci/run, that this machine cannot do.
+# Ends a script, or a step of .ci/run, that this machine cannot run.
 cannot_run() {
   say "cannot run here: $*"
   exit 77
@@ -28,7 +28,7 @@ can_be_root() {
   [ "$(id -u)" -eq 0 ] || command -v sudo >/dev/null
 }
 
-# Runs a command as root, through sudo where that is needed.
+# Runs a command as root, through sudo if needed.
 as_root() {
   if [ "$(id -u)" -eq 0 ]; then
     "$@"
@@ -37,7 +37,7 @@ as_root() {
   fi
 }
 
-# is_installed NAME[:ARCHITECTURE]: packages of other architectures may be installed beside.
+# is_installed NAME[:ARCHITECTURE]: other architectures of a package may be installed too.
 is_installed() {
   local architecture
   architecture=$(dpkg --print-architecture)
@@ -49,7 +49,7 @@ is_installed() {
 # install_packages NAME...: installs the Debian packages that are missing.
 install_packages() {
   command -v dpkg-query >/dev/null || {
-    say "not a Debian system; taking for granted what these packages hold: $*"
+    say "not a Debian system; assuming that what these packages contain is installed: $*"
     return
   }
   local missing=() name
@@ -73,7 +73,7 @@ build() {
   )
 }
 
-# run_tests PRESET [CTEST OPTION]...: ends with ctest's exit status.
+# run_tests PRESET [CTEST OPTION]...: returns ctest's exit status.
 run_tests() {
   (
     cd "$repository" || exit
@@ -81,8 +81,8 @@ run_tests() {
   )
 }
 
-# Sanitizers reserve fixed ranges of addresses, which a kernel that spreads its mappings widely may
-# have given away. Without that randomness they are always free.
+# Sanitizers reserve fixed address ranges, which address space randomization may already have used.
+# Without randomization they are always free.
 fixed_addresses() {
   if setarch "$(uname -m)" --addr-no-randomize true 2>/dev/null; then
     setarch "$(uname -m)" --addr-no-randomize "$@"
@@ -100,8 +100,8 @@ build_and_run() {
     'build "$1" --target "$2"; exec "$repository/build/$1/$2" "${@:3}"' - "$@"
 }
 
-# Makes a temporary directory, in `workspace`, that goes on every way out. What is mounted on its
-# directory `tree` is unmounted before, which also detaches the loop device.
+# Makes a temporary directory, in `workspace`, that is removed on every exit. Anything mounted on
+# its directory `tree` is unmounted first, which also detaches the loop device.
 make_workspace() {
   trap remove_workspace EXIT
   trap 'exit 130' INT
@@ -117,7 +117,7 @@ remove_workspace() {
   rm -rf "$workspace"
 }
 
-# A process that was just told to end may still be at work there.
+# A process that was just told to end may still be using it.
 unmount_tree() {
   local attempt
   for ((attempt = 0; attempt < 50; attempt++)); do
@@ -127,7 +127,7 @@ unmount_tree() {
   as_root umount --lazy "$workspace/tree"
 }
 
-# mount_image SIZE MKFS [OPTION]...: mounts a new file system on `tree` of the workspace. Fails where
+# mount_image SIZE MKFS [OPTION]...: mounts a new file system on `tree` of the workspace. Fails if
 # that is not possible.
 mount_image() {
   can_be_root &&
@@ -141,12 +141,12 @@ mount_btrfs() {
   mount_image "$1" /sbin/mkfs.btrfs -q
 }
 
-# XFS wants at least 300M.
+# XFS needs at least 300M.
 mount_xfs() {
   mount_image "$1" /sbin/mkfs.xfs -q -m reflink=1
 }
 
-# Takes the file system off and puts it back, so that what is read next comes from the image.
+# Unmounts the file system and mounts it again, so that what is read next comes from the image.
 remount_image() {
   as_root umount "$workspace/tree"
   as_root mount -o loop "$workspace/image" "$workspace/tree"

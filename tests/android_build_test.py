@@ -3,10 +3,10 @@ lists; the commands that it writes compile and link the library.
 
     android_build_test.py BUILD_DIRECTORY SOURCE_DIRECTORY
 
-The program is the one that reads such files in a platform's source tree, in the version that Debian
-packages. Its commands run with Debian's clang and lld in place of the platform's, on the headers of
-GNU/Linux in place of the platform's C and C++ library. What is not shown: that the sources compile
-against those of a device, and that a later version of the program accepts the file.
+The program is the one used in a platform's source tree, in Debian's version. Its commands run
+Debian's clang and lld instead of the platform's, with GNU/Linux headers instead of the platform's C
+and C++ libraries. The test does not show that the sources compile against a device's headers, or
+that a later version of the program accepts the file.
 """
 
 import json
@@ -43,7 +43,8 @@ def objects_of(module):
 
 
 class AndroidBuild(unittest.TestCase):
-    # Chosen by the build type, by a build system or for headers that the other calls the system's.
+    # Set by the build type or by one build system, or for headers that the other treats as system
+    # headers.
     OTHERS = re.compile(r"-(I|O|g|M|o$|c$|DNDEBUG|DGTEST|DDO_NOT_CHECK|fPI[CE]|f.*-prefix-map|"
                         r"Wno-undef|Wl,-soname|Wl,-rpath|Wl,--version-s|Wl,--dependency-file)")
 
@@ -70,7 +71,7 @@ class AndroidBuild(unittest.TestCase):
             self.assertEqual(sorted(source for _, source in objects_of(module)), sorted(commands))
             own = rf"^m\.{module}_android_\S*\.c(?:pp)?flags = (.*)$"
             flags = " ".join(re.findall(own, text, re.M)).split()
-            flags.remove("-fno-rtti")  # every module gets it, besides what the module says
+            flags.remove("-fno-rtti")  # every module gets it anyway
             for source, words in commands.items():
                 self.assertEqual(self.own_flags(flags), self.own_flags(words), source)
 

@@ -1,4 +1,4 @@
-"""Which entries a scan looks at, by what the tool is told."""
+"""Which entries a scan examines, by the tool's options."""
 
 import json
 import sys
@@ -12,7 +12,7 @@ TREE = ("a.txt b.TXT .hidden .git/config .git/objects/x build/out.o build/deep/o
 class Choice(ToolCase):
     def setUp(self):
         super().setUp()
-        for number, name in enumerate(TREE):  # all of one content
+        for number, name in enumerate(TREE):  # all with the same content
             self.write(name, content("same", 2000))
 
     def seen(self, *arguments, roots=None, **options):

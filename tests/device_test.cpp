@@ -1,6 +1,6 @@
-// The shared library as a device's host finds it. Needs the public headers and nothing of a
-// platform, so it is built for a device from the platform build file, too; there it also runs where
-// the file system has no control codes.
+// The shared library as a host on a device uses it. Needs only the public headers and no platform
+// layer, so the platform build file builds it for a device too, where it also runs on a file system
+// without control codes.
 
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ TEST(Device, FindsIdenticalFilesAndMergesThemOrIsRefused) {
   setenv("TMPDIR", testing::TempDir().c_str(), 0);  // a device has no /tmp
   const temporary_tree tree("t/a=x*100000 t/d/b=x*100000 t/c=y*120000 s/");
   std::filesystem::current_path(tree.root());
-  for (const uint64_t expected_reads : {2U, 0U}) {  // the second time the digests are there
+  for (const uint64_t expected_reads : {2U, 0U}) {  // the second time digests are loaded
     scan s = {.min_size = 65536, .time_budget = 300};
     EXPECT_EQ(s.run().found, (groups{{"t/a", "t/d/b"}}));
     EXPECT_EQ(s.counters[4], expected_reads);
@@ -32,7 +32,7 @@ TEST(Device, FindsIdenticalFilesAndMergesThemOrIsRefused) {
   EXPECT_EQ(tree.read("t/a") + tree.read("t/d/b"), std::string(200000, 'x'));
 }
 
-TEST(Device, ChecksumsAreThePublishedOnesAlsoInTwoCalls) {
+TEST(Device, ChecksumsMatchThePublishedOnesEvenInTwoCalls) {
   const char digits[] = "123456789";
   for (size_t split = 0; split <= 9; split++) {
     const uint64_t begun = crc64_rocksoft_generic(0, digits, split);

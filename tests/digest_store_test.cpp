@@ -14,7 +14,7 @@
 #include "support/run_context.h"
 #include "support/temporary_tree.h"
 
-// What is done with the digest file, in order. Nobody else opens files here.
+// The calls on the digest file, in order. Nothing else opens files here.
 static std::string steps;
 static int interruptions = 0;  // of the next calls of flock
 
@@ -56,14 +56,14 @@ using namespace velmarin_test;
 constexpr usable_hash FIRST = {0x1234, 5, 7, 8, {1, 2, 3}};
 constexpr usable_hash SECOND = {0x11234, 5, -9, 10, {4}};  // in the bucket of the first
 
-// An entry of 64 bytes as it lies in the file.
+// An entry of 64 bytes, as stored in the file.
 std::string bytes_of(const usable_hash &record) {
   const uint64_t crc = crc64_rocksoft_generic(0, &record, sizeof(record));
   return std::string(reinterpret_cast<const char *>(&crc), sizeof(crc)) +
          std::string(reinterpret_cast<const char *>(&record), sizeof(record));
 }
 
-// A run that has the digests of both records to save, with a state directory of its own.
+// A run that has the digests of both records to save, with its own state directory.
 struct store : run_context {
   temporary_tree state;
   const std::string file = std::string(DIGEST_NAME_LENGTH, 'a') + ".hsh";
@@ -123,7 +123,7 @@ TEST(DigestStore, SavesIdentityTimeAndDigestOfEachFileAndLoadsThemOnce) {
   }
 }
 
-TEST(DigestStore, UsesACutOrChangedFileNotAtAll) {
+TEST(DigestStore, RejectsATruncatedOrChangedFileEntirely) {
   store s;
   const auto load = [&s](const std::string &content, int64_t expected, const std::string &line) {
     s.state.write(s.file, content);

@@ -1,4 +1,4 @@
-// The rooms of the scan engine one by one, their jobs done in a fixed order by the test itself.
+// The modules of the scan engine one by one. The test runs their jobs itself, in a fixed order.
 
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -33,7 +33,7 @@ using namespace velmarin_test;
 constexpr int STATUSES[] = {SIS_STATUS_COMPRESSED, 1,  -95, SIS_STATUS_COMPRESSED, 0,
                             SIS_STATUS_COMPRESSED, -22};
 
-// Files that exist in the forest only, with digests made up.
+// Files that exist only in the forest, with made-up digests.
 struct forest : run_context {
   dentry *root = list(nullptr, "/r", false);
   uint32_t count = 0;
@@ -100,8 +100,8 @@ TEST(Dentry, HasAPathOfAtMost4095CharactersAndWritesNothingBeforeItsBuffer) {
   }
 }
 
-// Which entries of a tree keep a record, and the counters, when it is walked to a depth.
-TEST(Walk, KeepsARecordOfEachCandidateAndOfWhatItReadOnly) {
+// Which entries keep a record when a tree is walked to a given depth, and the counters.
+TEST(Walk, KeepsRecordsOnlyOfCandidatesAndDirectoriesThatWereRead) {
   const temporary_tree tree("a=same b=other_content d/e=depth d/f/g=deeper");
   std::filesystem::create_hard_link(tree.path("a"), tree.path("c"));
   const auto walk = [&tree](uint64_t max_depth, uint64_t min_size, bool in_time) {
@@ -127,10 +127,10 @@ TEST(Walk, KeepsARecordOfEachCandidateAndOfWhatItReadOnly) {
   EXPECT_EQ(walk(1, 0, true), "/ab 1133");
   EXPECT_EQ(walk(2, 4, true), "/abde 2244");
   EXPECT_EQ(walk(0, 5, true), "/bdefg 3353");
-  EXPECT_EQ(walk(0, 0, false), "/aabd 1100") << "no job is made";
+  EXPECT_EQ(walk(0, 0, false), "/aabd 1100") << "no job is scheduled";
 }
 
-TEST(Forest, WantsADigestOfEachInodeThatSharesItsKeyAndOfNoOther) {
+TEST(Forest, RequestsADigestOnlyOfInodesThatShareTheirKey) {
   for (void (*make_indexes)(sis_context *) : {make_member_indexes, +[](sis_context *) {}}) {
     forest f;
     make_indexes(&f.ctx);
@@ -141,11 +141,11 @@ TEST(Forest, WantsADigestOfEachInodeThatSharesItsKeyAndOfNoOther) {
     EXPECT_EQ(f.queued(), "ac");
     EXPECT_EQ(f.insert(10, 0, 1), nullptr) << "a hard link to the node";
     EXPECT_EQ(f.insert(10, 0, 3), nullptr) << "a hard link to a member";
-    EXPECT_EQ(f.insert(10, 0, uint64_t{7} << 32 | 1), nullptr) << "only inode numbers count";
+    EXPECT_EQ(f.insert(10, 0, uint64_t{7} << 32 | 1), nullptr) << "only inode numbers are compared";
     EXPECT_EQ(f.insert(10, 0, uint64_t{7} << 32 | 3), nullptr);
-    EXPECT_NE(f.insert(11, 0, 1), nullptr) << "an inode counts within one key only";
+    EXPECT_NE(f.insert(11, 0, 1), nullptr) << "inodes are compared only within one key";
     f.insert(10);
-    EXPECT_EQ(f.queued(), "i") << "the node's digest is still wanted";
+    EXPECT_EQ(f.queued(), "i") << "the node's digest is still pending";
     a->hash = nullptr;  // as if the node's digest job had failed
     f.insert(10);
     EXPECT_EQ(f.queued(), "aj");
@@ -158,7 +158,7 @@ TEST(Forest, WantsADigestOfEachInodeThatSharesItsKeyAndOfNoOther) {
   }
 }
 
-TEST(Forest, TellsFilesFromOneMebibyteOnApartByTheirPatterns) {
+TEST(Forest, DistinguishesFilesOfAtLeastOneMebibyteByPattern) {
   forest f;
   for (const uint64_t pattern : {5U, 7U, 3U, 7U}) {
     f.insert(PATTERN_MIN_SIZE, pattern);
@@ -166,18 +166,18 @@ TEST(Forest, TellsFilesFromOneMebibyteOnApartByTheirPatterns) {
   EXPECT_EQ(f.queued(), "bd");
   f.insert(PATTERN_MIN_SIZE - 1, 1);
   f.insert(PATTERN_MIN_SIZE - 1, 2);
-  EXPECT_EQ(f.queued(), "ef") << "below, patterns do not count";
+  EXPECT_EQ(f.queued(), "ef") << "patterns are ignored below one mebibyte";
   f.insert(PATTERN_MIN_SIZE);
   EXPECT_EQ(f.queued(), "ag") << "without a pattern it joins the node it was compared with";
 }
 
 // The report of a run as its host sees it, such as "<(ac)(bd)|ae>": two groups and two compressed
-// files. The host answers 0, or something else once, when the report has come as far as told.
+// files. The host returns 0, except once, at the given point of the report.
 std::string report;
 std::vector<sis_report> records;
 std::pair<std::string, int> answer;
 
-int write_down(uint64_t, sis_report *record) {
+int record_call(uint64_t, sis_report *record) {
   constexpr const char *MARKS[] = {"<", "|", ">", "(", "", ")"};
   report += MARKS[record->stage];
   if (record->stage == REPORT_GROUP || record->stage == REPORT_FILE) {
@@ -191,7 +191,7 @@ std::string report_of(forest *f, const std::pair<std::string, int> &given = {}) 
   report.clear();
   records.clear();
   answer = given;
-  f->ops.report = write_down;
+  f->ops.report = record_call;
   report_findings(&f->ctx);
   return report;
 }
@@ -212,7 +212,7 @@ TEST(Grouping, FindsIdenticalFilesInOrderAndKeepsEveryFilesOwnStatusAndBlocks) {
   }
 }
 
-TEST(Report, PassesThroughItsStagesAndObeysTheHostsAnswers) {
+TEST(Report, GoesThroughItsStagesAndObeysTheHost) {
   forest f;
   const dentry *c = f.group("xyxyx")[2];
   f.insert(1);
@@ -235,7 +235,7 @@ TEST(Report, PassesThroughItsStagesAndObeysTheHostsAnswers) {
   EXPECT_EQ(report_of(&f, {"<(ace)(bd)|a", REPORT_SKIP}), "<(ace)(bd)|a>");
 }
 
-TEST(TimeBudget, ASignalStopsOnlyTheLiveRunItNamesAndNeverReachesTheFormerAction) {
+TEST(TimeBudget, ASignalStopsOnlyTheLiveRunItNamesAndNeverReachesThePreviousAction) {
   const alarm_owner owner;
   sis_context first = {};
   sis_context second = {};
@@ -248,7 +248,7 @@ TEST(TimeBudget, ASignalStopsOnlyTheLiveRunItNamesAndNeverReachesTheFormerAction
   alarm_owner::send_alarm(&first);
   EXPECT_TRUE(first.in_time == 0 && second.in_time == 1);
 
-  // A late signal of another timer, whose run had its context at the same address.
+  // A late signal from another run's timer, whose context was at the same address.
   siginfo_t late = {};
   late.si_code = SI_TIMER;
   late.si_timerid = -1;
@@ -269,7 +269,7 @@ TEST(TimeBudget, ASignalStopsOnlyTheLiveRunItNamesAndNeverReachesTheFormerAction
   EXPECT_TRUE(owner.has_its_action() && second.in_time == 1);
 }
 
-TEST(TimeBudget, TheFormerActionGetsWhatIsPendingForOtherThreadsAndNothingElse) {
+TEST(TimeBudget, ThePreviousActionGetsOnlySignalsPendingForOtherThreads) {
   for (const bool is_for_thread : {true, false}) {
     for (const bool is_blocked : {true, false}) {
       const alarm_owner owner;
@@ -299,12 +299,12 @@ TEST(TimeBudget, TheFormerActionGetsWhatIsPendingForOtherThreadsAndNothingElse) 
   }
 }
 
-TEST(Pattern, DoesNotWaitForAFifoThatTookTheFilesPlace) {
+TEST(Pattern, DoesNotBlockOnAFifoThatReplacedTheFile) {
   const temporary_tree tree;
   ASSERT_EQ(mkfifo(tree.path("fifo").c_str(), 0600), 0);
   run_context run;
   dentry *file = run.list(run.list(nullptr, tree.root(), false), "fifo", true);
-  alarm(60);  // ends a test that waits
+  alarm(60);  // ends a test that hangs
   EXPECT_EQ(make_pattern(file, nullptr, -1), ESPIPE);
   alarm(0);
   EXPECT_EQ(run.log.messages(),

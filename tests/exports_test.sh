@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# exports_test.sh LIBRARY INCLUDE_DIRECTORY VERSION_SCRIPT
-# The names that the built library offers, and those that it leaves to the host.
+# exports_test.sh LIBRARY INCLUDE_DIRECTORY VERSION_SCRIPT: checks the names that the built library
+# exports and those that it leaves to the host.
 set -euo pipefail
 
 names() {

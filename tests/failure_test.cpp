@@ -1,9 +1,9 @@
 // Every call of the library that can fail is made to fail in turn: for each kind of call the first,
-// the second and so on, until an operation ends untouched. After each failure the operation must
-// have answered as stated, and files, process and log must be as they should.
+// the second and so on, until no call of the operation fails. After each failure the operation must
+// have the stated result, and files, process and log must be as expected.
 //
-// VELMARIN_FAILURE_STRIDE=n takes, after the first eight calls of a kind, only every n-th one
-// (builds that are slow set it).
+// VELMARIN_FAILURE_STRIDE=n fails, after the first eight calls of a kind, only every n-th one; slow
+// builds set it.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -35,21 +35,21 @@ namespace fs = std::filesystem;
 
 constexpr bool SILENT = true;
 
-// What an operation answers when the first, the second ... call of a kind fails; the last result is
-// that of all further calls as well.
+// The results of an operation when the first, the second ... call of a kind fails; the last result
+// also holds for all later calls.
 struct answer {
   std::set<library_call> calls;
   std::vector<int> results;
-  bool may_be_silent = false;  // otherwise a line says what failed
+  bool may_be_silent = false;  // otherwise a log line says what failed
 };
 
-// An operation that can be run again and again. The failure of a kind of call that is not among
-// its answers does not change its result.
+// An operation that can be run again and again. A failing kind of call that is not among its
+// answers does not change its result.
 struct operation {
   std::string name;
   std::function<void()> prepare;
   std::function<int()> run;
-  int result;  // undisturbed
+  int result;  // without a failure
   std::vector<answer> answers;
 
   bool may_go_on = false;  // a failure may also have no effect on the result
@@ -58,7 +58,7 @@ struct operation {
   std::function<void()> afterwards = [] {};
 };
 
-// Lines that differ only in numbers are the same.
+// The lines without their numbers.
 lines lines_without_numbers(const captured_log &log) {
   lines messages = log.messages();
   for (std::string &message : messages) {
@@ -77,8 +77,8 @@ bool has_part(const lines &messages, const std::string &part) {
       messages, [&](const std::string &message) { return message.find(part) != message.npos; });
 }
 
-// Length, modification time and, of the files that operations work on, the content. The content of
-// the larger ones is compared by the scans.
+// The size, modification time and, for the files that operations work on, content of each file. The
+// scans compare the content of the larger ones.
 std::map<std::string, std::string> files_of(const temporary_tree &tree) {
   std::map<std::string, std::string> files;
   for (const auto &entry : fs::recursive_directory_iterator("t")) {
@@ -101,14 +101,14 @@ void close_digest_files() {
   }
 }
 
-// What must be as it was when an operation is over.
+// What an operation must leave unchanged.
 struct state {
   std::map<std::string, std::string> files;
   std::ptrdiff_t descriptors = count_in("/proc/self/fd");
   std::ptrdiff_t threads = count_in("/proc/self/task");
 };
 
-// The lines of the operations on files that tell of failed calls which are not requests.
+// The log lines of the operations on files for failed calls other than requests.
 const std::set<std::string> FILE_OPERATION_FORMATS = {
     "ERRO fail to allocate a group of %d files returned %s",
     "ERRO fail to get real path of %s returned %s",
@@ -131,7 +131,7 @@ class Failure : public testing::Test {
   Failure() {
     fs::current_path(tree.root());
     fs::resize_file("t/sparse", 70000);
-    std::thread([] {}).join();  // with the first thread a sanitizer may start one of its own
+    std::thread([] {}).join();  // the first thread may make a sanitizer start its own
   }
 
   void expect(const char *name, const std::function<void()> &prepare, int result,
@@ -191,13 +191,12 @@ class Failure : public testing::Test {
     std::erase_if(unusual, [&](const auto &line) { return std::ranges::count(usual, line) > 0; });
     SCOPED_TRACE(unusual.empty() ? "no line" : unusual.back());
     const uint64_t failed = calls < nth ? 0 : tried.every_later_too ? calls - nth + 1 : 1;
-    // Two lines tell of a worker that cannot be started.
+    // A worker that cannot be started is logged twice.
     EXPECT_LE(unusual.size(), failed * (call == library_call::pthread_create ? 2 : 1));
     EXPECT_FALSE(has_part(unusual, "MALFORMED"));
     expect_answer(tried, call, failed > 0 ? nth : 0, running.get(), unusual.empty());
-    // A failed arming leaves the signal blocked once it has been, and so does a release that can
-    // block it and never unblock it. The former action cannot be put
-    // back by a call that fails.
+    // The signal stays blocked if arming fails after blocking it, or if the release can block but
+    // not unblock it. A failing sigaction cannot restore the previous action.
     EXPECT_EQ(is_blocked,
               has_part(unusual, "timer") || has_part(unusual, "unblock") ||
                   (call == library_call::sigprocmask && nth == 4 && tried.every_later_too));
@@ -219,8 +218,7 @@ class Failure : public testing::Test {
     EXPECT_TRUE(!is_silent || stated->may_be_silent || result == tried.result);
   }
 
-  // The order of steps has it that a digest file which cannot be unlocked, or whose path cannot be
-  // formed when it is to be closed, stays open.
+  // A digest file that cannot be unlocked, or whose path cannot be formed for closing, stays open.
   void expect_unchanged(const state &before, const lines &unusual) const {
     EXPECT_TRUE(files_of(tree) == before.files);
     EXPECT_EQ(library_blocks, 0);
@@ -233,7 +231,7 @@ class Failure : public testing::Test {
       EXPECT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0) << "left locked";
       ::close(fd);
     }
-    while (count_in("/proc/self/task") > before.threads) {  // a joined one may linger
+    while (count_in("/proc/self/task") > before.threads) {  // a joined thread may linger
       std::this_thread::yield();
     }
   }
@@ -253,7 +251,7 @@ class Failure : public testing::Test {
     EXPECT_EQ(s.found, (groups{{"t/a1", "t/d/a2"}, {"t/b1", "t/d/b2"}}));
   }
 
-  // Every scan finds the digest file of one before which two files had another time.
+  // Every scan finds the digest file of an earlier scan, after which two files changed their time.
   void keep_stale_digests() {
     expect_good_scan();
     fs::copy("s", "kept");
@@ -287,7 +285,7 @@ class Failure : public testing::Test {
       "u/a=same u/b=same s/ kept/"};
 };
 
-TEST_F(Failure, OfACallOfAnOperationOnFilesIsAnsweredAsStated) {
+TEST_F(Failure, OfACallInAFileOperationHasTheStatedResult) {
   static char a[] = "t/x1", b[] = "t/x2", c[] = "t/x3";
   static char *group[] = {a, b, c};
   if (setxattr(a, "user.velmarin.probe", "1", 1, 0) != 0) {
@@ -348,8 +346,9 @@ TEST_F(Failure, OfACallOfAnOperationOnFilesIsAnsweredAsStated) {
   }
 }
 
-// The parts of a run's context that the digest store uses, with one file that has a digest.
-TEST_F(Failure, OfACallCostsNoMoreThanTheDigestsThatAreLoadedOrSaved) {
+// Uses only the parts of a run's context that the digest store needs, with one file that has a
+// digest.
+TEST_F(Failure, OfACallLosesAtMostTheDigestsBeingLoadedOrSaved) {
   char pname[69] = "";
   memset(pname, '5', 64);
   const std::string stored = std::string("s/") + pname + ".hsh";
@@ -370,7 +369,7 @@ TEST_F(Failure, OfACallCostsNoMoreThanTheDigestsThatAreLoadedOrSaved) {
     pname[64] = '\0';
     fs::remove(stored);
     const auto count = static_cast<int>(save_usable_hash(&ctx, "s"));
-    EXPECT_EQ(fs::exists(stored), count == 1) << "what is not complete is removed";
+    EXPECT_EQ(fs::exists(stored), count == 1) << "an incomplete file is removed";
     return count;
   };
   const auto load = [&] {
@@ -384,7 +383,7 @@ TEST_F(Failure, OfACallCostsNoMoreThanTheDigestsThatAreLoadedOrSaved) {
     free_library_block(std::exchange(ctx.hash_table, nullptr));
     return count;
   };
-  // A step of closing that fails does not change the result.
+  // A failed step of closing does not change the result.
   fail_every_call({"save_usable_hash",
                    [] {},
                    save,
@@ -406,7 +405,7 @@ TEST_F(Failure, OfACallCostsNoMoreThanTheDigestsThatAreLoadedOrSaved) {
 }
 
 // A scan of two files by one worker, in which one call fails.
-TEST_F(Failure, OfACallIsCountedAndToldAsStated) {
+TEST_F(Failure, OfACallIsCountedAndLoggedAsStated) {
   const lines usual = [] {
     const captured_log log;
     scan{.roots = {"u"}}.run();
@@ -452,16 +451,16 @@ TEST_F(Failure, OfACallIsCountedAndToldAsStated) {
   expect_scan(read, 1, {1, 1, 4, 2, 2, 1}, {}, "ERRO failed to read []u/");
 }
 
-TEST_F(Failure, OfACallCostsAScanWithADigestFileNoMoreThanItTouched) {
+TEST_F(Failure, OfACallCostsAScanWithADigestFileOnlyWhatItTouched) {
   keep_stale_digests();
   operation second = scan_operation("second scan", 1);
-  // After these the digest file that was loaded stays open and locked, and the save of the same run
-  // waits for it forever.
+  // After these failures the loaded digest file stays open and locked, and the save of the same run
+  // would wait for it forever.
   second.left_out = {{strcpy_s, 4}, {flock, 2}};
   fail_every_call(second);
 }
 
-TEST_F(Failure, OfACallAndOfAllLaterOnesEndsAScanInGoodOrder) {
+TEST_F(Failure, OfACallAndAllLaterOnesEndsAScanCleanly) {
   keep_stale_digests();
   operation second = scan_operation("second scan, all later calls too", 3);
   second.every_later_too = true;

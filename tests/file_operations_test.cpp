@@ -1,7 +1,7 @@
 // The operations on single files and groups, the status probes and the service entry points,
-// against the built library. A row has everything that can be observed of a call: its result, the
-// requests with their arguments and the log lines in the order in which they come, and what becomes
-// of all that when a request is refused. No call leaves a descriptor behind.
+// against the built library. A row holds everything observable about a call: its result, its
+// requests with their arguments and its log lines, in order, and how all that changes when a
+// request is refused. No call leaks a descriptor.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -29,7 +29,7 @@ constexpr sis_file_info LAYERED = {0, 1, {}, 0xfffffffe};
 constexpr sis_file_info DEDUPED = {1, 1, {}, 77};
 constexpr sis_file_info DEDUPED_ONLY = {1, 0, {}, 77};
 
-// A tree, and the file system under command. A temporary file must stay open to the last request.
+// A tree and the scripted file system. A temporary file must stay open until the last request.
 struct world : working_tree {
   scripted_fs file_system;
   std::function<void()> while_flag_is_set = [] {};
@@ -52,7 +52,7 @@ struct world : working_tree {
 
   std::string inode_of(const char *name) const { return std::to_string(status(name).st_ino); }
 
-  // A line with the names of the files instead of their inode numbers.
+  // A line with file names in place of inode numbers.
   std::string readable(std::string line) const {
     const char *const known[] = {"a", "b", "c"};
     for (size_t i = 0; i < 3; i++) {
@@ -63,7 +63,7 @@ struct world : working_tree {
     return std::regex_replace(line, std::regex(root()), "ROOT");
   }
 
-  // The requests and lines so far, in their order.
+  // The requests and lines so far, in order.
   texts trace() const {
     texts all;
     const texts lines = log.messages();
@@ -86,8 +86,8 @@ call answered(unsigned code, const Record &record, const call &then) {
   };
 }
 
-// A request or a line. Of a request also the result of the call when it is refused with EIO, which
-// the errno is unless told otherwise, and what follows then.
+// A request or a line. For a request, also the errno with which it is refused (by default EIO), the
+// result of the call then, and what follows.
 struct step {
   std::string what;
   std::optional<int> refused = {};
@@ -125,7 +125,7 @@ const std::string LAYER_LINE = "INFO created layered inode[ino:new,size:0] for a
 const std::string QUERY_A = "GET_FILE_INFO a ro 0 0";
 const std::string QUERY_RW = "GET_FILE_INFO a rw 0 0";
 
-// Lines of the steps that make a layered inode of `a`, of one kind or the other.
+// The steps that make a layered inode from `a`, with failure lines of the given kind.
 step clone_step(int refused, const std::string &kind) {
   return {
       "CLONE_FILE [600] rw a 96", refused, {kind + " fail to clone to temperory file" + FAILED}};
@@ -134,7 +134,7 @@ step connect_step(int refused, const std::string &kind) {
   return {"CONNECT a rw [600] 0", refused, {kind + " fail to create layered inode" + FAILED}};
 }
 
-TEST(GroupDedup, SharesOneLayerMadeFromTheFirstMemberWithAllThatCan) {
+TEST(GroupDedup, SharesALayerMadeFromTheFirstMemberAndContinuesAfterARefusal) {
   static char a[] = "a", b[] = "b", c[] = "d/c", gone[] = "gone";
   static char *group[] = {a, b, c};
   static char *broken[] = {a, gone, b};
@@ -158,7 +158,7 @@ TEST(GroupDedup, SharesOneLayerMadeFromTheFirstMemberWithAllThatCan) {
          {{"ERRO fail to open gone returned" + GONE}});
   expect([](world &) { return sis_them_all(group, 0); }, EINVAL,
          {{"ERRO fail to deduplicate a group of 0 files returned Invalid argument"}});
-  world w;  // the error of the last refused member is returned
+  world w;  // the result is the error of the last refused member
   w.file_system.failures = {{3, EXDEV}, {4, EPERM}};
   EXPECT_EQ(sis_them_all(group, 3), EPERM);
 }
@@ -198,7 +198,7 @@ TEST(SingleFile, IsAttachedToANewLayerDedupedCopiedOrDetached) {
   expect(copy("a", "b"), EEXIST, {{"ERRO fail to open b return File exists"}});
 }
 
-TEST(SingleFile, IsGivenItsOwnDataUnlessItHasItAlready) {
+TEST(SingleFile, GetsItsOwnDataBackUnlessItIsPlain) {
   const call revoke = [](world &) { return revoke_file("a"); };
   const auto steps = [](const std::string &detached) {
     return std::vector<step>{
@@ -222,7 +222,7 @@ int filter(off_t size, mode_t type = S_IFREG) {
   return filter_out_nonsis(STDIN_FILENO, &status, "a");
 }
 
-TEST(StatusProbe, FilterCountsShrunkenFilesAndFindsUnfitFileSystems) {
+TEST(StatusProbe, FilterCountsSavedSpaceAndReportsUnsuitableFileSystems) {
   world w;
   w.file_system.failures = {{2, EIO}, {3, EOPNOTSUPP}};
   for (const int expected : {0, 0, -EOPNOTSUPP}) {
@@ -240,10 +240,10 @@ TEST(StatusProbe, FilterCountsShrunkenFilesAndFindsUnfitFileSystems) {
   get_sis_file_statistics(&n[0], &n[1], &n[2], &n[3]);
   EXPECT_TRUE(n[0] == 1 && n[1] == 2 && n[2] == 4096 && n[3] == 16384);
   get_sis_file_statistics(&n[0], &n[1], &n[2], nullptr);
-  EXPECT_EQ(n[0] + n[1] + n[2], 0U) << "they are handed out once";
+  EXPECT_EQ(n[0] + n[1] + n[2], 0U) << "reading resets them";
 }
 
-TEST(StatusProbe, AsksForCompressionFirst) {
+TEST(StatusProbe, ChecksCompressionFirst) {
   const call check = [](world &w) { return check_file_status(w.fd_of_a, nullptr, "a"); };
   const auto flags = [](const char *told) {
     return step{"GETFLAGS a ro 0 0", -EIO, {std::string(told) + "compressed, errno = 5"}};
@@ -258,7 +258,7 @@ TEST(StatusProbe, AsksForCompressionFirst) {
          both);
 }
 
-// The line of a request that a service entry point was refused.
+// The line that a service entry point logs for a refused request.
 std::string refusal(const std::string &request) {
   return "SERVICE ioctl " + request + " failed! ret = -1, errno = 5\n";
 }
@@ -282,7 +282,7 @@ TEST(FileDedupRequest, SharesData) {
   fail("./a", "gone", "open file2:gone failed !\n");
 }
 
-TEST(FileDedupRequest, GivesDataBackAndTellsAboutAFile) {
+TEST(FileDedupRequest, GivesDataBackAndReportsTheStateOfAFile) {
   const auto recover = [](const char *path) {
     return [path](world &) { return recoverFileImpl(path); };
   };
@@ -301,7 +301,7 @@ TEST(FileDedupRequest, GivesDataBackAndTellsAboutAFile) {
   expect(ask("gone"), -1, {{"SERVICE Failed to realpath gone returned -1\n"}});
 }
 
-TEST(CoincideFlag, IsSetAndReadAsAsked) {
+TEST(CoincideFlag, IsSetAndReadAsRequested) {
   const call freeze = [](world &w) { return freeze_file(w.fd_of_a, "a"); };
   const call check = [](world &w) { return check_frozen(w.fd_of_a, "a"); };
   const auto read = [](const char *path) {
@@ -318,7 +318,7 @@ TEST(CoincideFlag, IsSetAndReadAsAsked) {
   expect(read("gone"), -ENOENT, {{"SERVICE Failed to realpath gone returned -2\n"}});
 }
 
-// `moved` happens while the flag is being set.
+// `moved` runs while the flag is being set.
 call set_flag_while(void (*moved)(const world &), long seconds = 1000, long nanoseconds = 5) {
   return [=](world &w) {
     w.set_mtime("a", 1000, 5);
@@ -327,7 +327,7 @@ call set_flag_while(void (*moved)(const world &), long seconds = 1000, long nano
   };
 }
 
-TEST(CoincideFlag, IsLeftOnlyOnAPlainFileThatStaysAsItWas) {
+TEST(CoincideFlag, StaysOnlyOnAPlainFileThatDoesNotChange) {
   const auto nothing = [](const world &) {};
   const auto touch = [](const world &w) { w.set_mtime("a", 1000, 6); };
   const step query = {QUERY_RW, -1, {refusal("get ROOT/a(a) file info")}};

@@ -1,5 +1,5 @@
-"""No room, no rights, and trees that nobody wants to meet: whatever happens is said, and no file loses
-a byte. VELMARIN_FILES says how many files are very many."""
+"""No space, no permission, and hostile trees: whatever happens is reported, and no file loses a
+byte. VELMARIN_FILES sets how many files are very many."""
 
 import os
 import shutil
@@ -16,7 +16,7 @@ PATH_ROOM = 4095  # the longest path, without its NUL
 
 
 def fill_up(place):
-    """Writes to the file system until nothing more goes, not even a small file."""
+    """Fills the file system until not even a small file fits."""
     os.sync()
     for size in (1 << 20, 4096, 1):
         try:
@@ -27,7 +27,7 @@ def fill_up(place):
 
 
 class NoRoom(ToolCase):
-    def test_digests_that_cannot_be_kept_are_said_in_one_line_and_cost_no_file_anything(self):
+    def test_digests_that_cannot_be_saved_are_reported_in_one_line_and_harm_no_file(self):
         paths = [self.write(name, SAME) for name in "ab"]
         before = self.identities()
         nobody = self.become_nobody()
@@ -48,7 +48,7 @@ class NoRoom(ToolCase):
             self.assertEqual({path.read_bytes() for path in paths}, {SAME})
         self.assertEqual(list((self.directory / "full").glob("*hsh*")), [])
 
-    def test_merging_on_two_file_systems_makes_the_room_on_the_full_one_that_it_says(self):
+    def test_merging_on_two_file_systems_frees_the_reported_space_on_the_full_one(self):
         self.mount_btrfs("128M")
         data = content("large", 8 << 20)
         names = ("a", "b", "c", "d", "../other/e", "../other/f")
@@ -64,7 +64,7 @@ class NoRoom(ToolCase):
         self.assertIn("No space left on device", self.run_tool("revoke", *paths, status=1)[1])
         self.assertEqual({path.read_bytes() for path in paths}, {data})
 
-    def test_nothing_is_lost_where_there_is_no_room_at_all(self):
+    def test_nothing_is_lost_without_any_free_space(self):
         self.mount_btrfs("128M", "--mixed")
         paths = [self.write(name, SAME) for name in "abcd"]
         fill_up(self.root)
@@ -73,7 +73,7 @@ class NoRoom(ToolCase):
 
 
 class HostileTree(ToolCase):
-    def test_only_files_are_touched_among_very_many_of_all_kinds(self):
+    def test_only_regular_files_are_touched_among_very_many_of_all_kinds(self):
         names = [(b"%d\n\xff\x1b" % number).ljust(255, b"\xc2") for number in range(FILES // 50)]
         paths = [self.write(name, SAME[:2000]) for name in names]
         for number in range(FILES):
@@ -94,8 +94,8 @@ class HostileTree(ToolCase):
         self.assertEqual(self.identities(), before)
         self.assertEqual({path.read_bytes() for path in paths}, {SAME[:2000]})
 
-    def test_a_deep_tree_is_read_as_far_as_paths_reach(self):
-        """Somewhere, one file's path has exactly the room that there is, another's a byte more."""
+    def test_a_deep_tree_is_read_up_to_the_longest_path(self):
+        """One file's path has exactly the maximum length, another's is a byte longer."""
         self.addCleanup(os.chdir, os.getcwd())
         os.chdir(self.root)
         for depth in range(3000):
@@ -110,7 +110,7 @@ class HostileTree(ToolCase):
         self.assertEqual((len(lengths), max(lengths)), (2 * reached - 1, PATH_ROOM))
         self.assertEqual(report["merged"]["files"], len(lengths) - 1)
 
-    def test_what_its_user_may_not_read_is_left_out_and_what_he_may_not_freeze_is_said(self):
+    def test_unreadable_files_are_skipped_and_files_that_cannot_be_frozen_are_reported(self):
         nobody = self.become_nobody()
         for name in ("a", "b", "closed", "hidden/c"):
             self.write(name, SAME)

@@ -1,5 +1,5 @@
-"""The page of `scan --html` in a browser: it loads, sorts, searches and maps, its figures are those
-of the report, and no name of a file does anything in it."""
+"""The page of `scan --html` in a browser: it loads, sorts, searches and draws its map, its figures are
+those of the report, and no file name has any effect in it."""
 
 import json
 import os
@@ -50,7 +50,7 @@ class HtmlReport(ToolCase):
             "width": NARROW, "height": 900, "deviceScaleFactor": 1, "mobile": False})
 
     def load(self, page):
-        """Loads a page, which must go without errors, ask for nothing else and fit a narrow screen."""
+        """Loads a page, which must show no errors, request nothing else and fit a narrow screen."""
         self.browser.get(page.as_uri())
         self.assertEqual(self.browser.get_log("browser"), [])
         events = [json.loads(entry["message"])["message"]["params"]
@@ -73,14 +73,14 @@ class HtmlReport(ToolCase):
             selector)
 
     def click(self, selector, text):
-        """Clicks on the element of that kind whose text starts so, whatever lies above it."""
+        """Clicks the matching element whose text starts with `text`, even if another covers it."""
         self.browser.execute_script(
             """[...document.querySelectorAll(arguments[0])]
                  .find((found) => found.textContent.startsWith(arguments[1])).click()""",
             selector, text)
 
     def search(self, text):
-        """Types into the field. Returns what is said of the groups found, once it is said."""
+        """Types into the field. Returns what the page says about the groups found."""
         self.browser.execute_script(
             """const field = document.getElementById("search");
                document.getElementById("found").textContent = "";
@@ -88,7 +88,7 @@ class HtmlReport(ToolCase):
                field.dispatchEvent(new Event("input"));""", text)
         return WebDriverWait(self.browser, DEADLINE).until(lambda _: self.texts("#found")[0])
 
-    def test_it_sorts_searches_and_goes_into_directories(self):
+    def test_it_sorts_searches_and_opens_directories(self):
         for name, size, copies in (("c", 20000, 2), ("a", 9000, 4), ("b", 300000, 3)):
             for copy in range(copies):
                 self.write(f"{name}/{copy}", content(name, size))

@@ -1,6 +1,6 @@
-# Tests that make the library's calls fail, or shorten its waiting, through functions of the test
-# executable's own. VELMARIN_FAILURE_STRIDE is for builds in which going through every single call
-# takes too long.
+# Tests that make the library's calls fail, or shorten its waits, through wrappers in the test
+# executable. VELMARIN_FAILURE_STRIDE is for builds in which failing every single call takes too
+# long.
 function(velmarin_injection_test name)
   add_executable(${name} ${ARGN}
     support/captured_log.cpp

@@ -1,4 +1,4 @@
-"""The example host, and what `cmake --install` and `cpack` hand to a user, with that host built
+"""The example host, and what `cmake --install` and `cpack` give a user, with that host built
 against it.
 
     install_test.py BUILD_DIRECTORY SOURCE_DIRECTORY COMPILER [CLASS]
@@ -26,7 +26,7 @@ add_executable(host {EXAMPLE})
 target_link_libraries(host PRIVATE velmarin::platform velmarin::velmarin)
 """
 SAME_LIBRARY = f"libvelmarin1 (= {VERSION})"
-# What each package depends on and some of the files that it holds.
+# What each package depends on and some of the files that it contains.
 PACKAGES = {
     "libvelmarin1": ("libssl3", "libvelmarin.so.1", f"libvelmarin_platform.so.{VERSION}"),
     "libvelmarin-dev": (SAME_LIBRARY, "libvelmarin.so", "velmarin.pc", "velmarin/scan.h"),
@@ -88,7 +88,7 @@ class Installation(Installed):
             "-DCMAKE_CXX_COMPILER=" + COMPILER, "-DCMAKE_PREFIX_PATH=" + str(root))
         run("cmake", "--build", build)
         self.run_host(build / "host")
-        for header in (root / "include").glob("*/*.h"):  # each stands alone
+        for header in (root / "include").glob("*/*.h"):  # each compiles by itself
             run(COMPILER, "-std=c++20", "-Wall", "-Werror", "-fsyntax-only", "-x", "c++",
                 "-I", root / "include", "-include", header, os.devnull)
 
@@ -116,7 +116,7 @@ class Installation(Installed):
 class Packages(Installed):
     @unittest.skipUnless(shutil.which("lintian") and shutil.which("dpkg-gensymbols"),
                          "needs lintian and dpkg-dev")
-    def test_debian_packages_hold_each_their_part_and_work_together(self):
+    def test_debian_packages_contain_their_parts_and_work_together(self):
         run("cpack", "--config", BUILD + "/CPackConfig.cmake", "-B", self.directory)
         run("lintian", "--fail-on", "error,warning", "--allow-root", *self.directory.glob("*.deb"))
         (self.directory / "debian").mkdir()

@@ -1,4 +1,4 @@
-"""The tool as it works at night, by itself: what it records, how it shares the machine, when it ends."""
+"""The tool run at night, unattended: what it records, how it shares the machine, when it ends."""
 
 import json
 import os
@@ -23,7 +23,7 @@ class NightCase(ToolCase):
 
 
 class History(NightCase):
-    def test_each_run_that_merges_is_on_record_whatever_happened_to_its_lines(self):
+    def test_each_merging_run_is_recorded_whatever_happens_to_the_lines(self):
         self.mount_btrfs("256M")
         record = self.state / "history"
         self.assertEqual(self.history(), [])
@@ -40,7 +40,7 @@ class History(NightCase):
                          (0o600, True))
         line = record.read_bytes()
         record.write_bytes(line + line.replace(b":1,", b':"1",') + b"[" * 1000 + b"\n\n" + line[:-9])
-        self.scan("--apply")  # after a line that was cut
+        self.scan("--apply")  # after a truncated line
         damaged = "".join(f"velmarin: line {number} left out of {record}: damaged\n"
                           for number in range(2, 6))
         self.assertEqual([run["merged"] for run in self.history(damaged)], [1, 0])

@@ -1,4 +1,4 @@
-// The control codes as the platform layer carries them out on real file systems.
+// The control codes as the platform layer emulates them on real file systems.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
@@ -22,7 +22,7 @@ namespace {
 
 using namespace velmarin;
 
-constexpr int NEW_COPY = O_RDONLY | O_CREAT | O_EXCL;  // how a rapid copy opens its destination
+constexpr int NEW_COPY = O_RDONLY | O_CREAT | O_EXCL;  // how reflink_copy opens its destination
 constexpr int NAMELESS = O_TMPFILE | O_RDWR;
 
 std::string random_bytes(size_t size) {  // never 0 nor 'x'
@@ -36,10 +36,10 @@ int error_of(int result) {
   return result == 0 ? 0 : errno;
 }
 
-// An open file, which stands for its descriptor, too.
+// An open file, usable as its descriptor.
 struct test_file : unique_fd {
   explicit test_file(int fd) : unique_fd(fd) {}
-  operator int() const { return get(); }  // so that any call takes it
+  operator int() const { return get(); }  // so that it can be passed to any call
 
   struct stat status() const {
     struct stat status = {};
@@ -64,7 +64,7 @@ struct test_file : unique_fd {
     uint32_t flags = 0;
     return get_flag_word(get(), &flags) == 0 && flags == SIS_FLAG_COINCIDE;
   }
-  // "plain", or the number of the layered inode and what the file is to it.
+  // "plain", or the number of the layered inode and whether the file is layered or deduped.
   std::string state() const {
     sis_file_info info;
     EXPECT_EQ(query_file_info(get(), &info), 0);
@@ -96,7 +96,7 @@ class OnImage : public testing::Test {
     const test_file layer = open_file("", NAMELESS);
     return layer.clone(file) == 0 && file.connect(layer) == 0;
   }
-  // Gives the file a time long ago, so that no request waits for the clock to move on.
+  // Gives the file an old time, so that no request waits for the clock to tick.
   static void settle(const test_file &file) {
     const timespec long_ago[] = {{1, 5}, {1, 5}};
     EXPECT_EQ(futimens(file, long_ago), 0);
@@ -150,7 +150,7 @@ TEST_P(ControlCodes, FilesAreMergedAndSeparatedWithContentTimesAndHolesKept) {
   }
 }
 
-TEST_P(ControlCodes, RequestsThatDoNotFitAreRefusedWithEveryByteKept) {
+TEST_P(ControlCodes, InvalidRequestsAreRefusedWithEveryByteKept) {
   const mounted_image bare("ramfs");
   const test_file stateless(creat(bare.path("f").c_str(), 0644));
   const std::string content = random_bytes((17 << 20) + 9);
@@ -184,7 +184,7 @@ TEST_P(ControlCodes, RequestsThatDoNotFitAreRefusedWithEveryByteKept) {
   EXPECT_EQ(make_file("target", content).dedup(source), EINVAL);  // no longer attached
 }
 
-TEST_P(ControlCodes, AnAttributeCountsUntilTheNextWriteAndForItsOwnFileOnly) {
+TEST_P(ControlCodes, AnAttributeIsValidOnlyForItsOwnFileAndUntilTheNextWrite) {
   const mounted_image coarse("ext4 -I 128");  // keeps times in whole seconds
   const test_file writer = make_file("file", "content");
   const test_file reader = open_file("file", O_RDONLY);
@@ -208,7 +208,7 @@ TEST_P(ControlCodes, AnAttributeCountsUntilTheNextWriteAndForItsOwnFileOnly) {
   }
 }
 
-TEST_P(ControlCodes, AFileIsRefusedBeforeAnythingIsDoneThatTheEndCouldNotBeDoneTo) {
+TEST_P(ControlCodes, AFileWhoseRecordCannotChangeIsRefusedBeforeItsDataDoes) {
   const std::string content = random_bytes(100'000);
   ASSERT_TRUE(image_.run("mkdir lower upper work overlay"));
   const test_file a = make_file("lower/a", content);
@@ -239,18 +239,18 @@ TEST_P(ControlCodes, AFileIsRefusedBeforeAnythingIsDoneThatTheEndCouldNotBeDoneT
 }
 
 // The files of a request: `a` is attached to a layered inode, `b` has the same content and is
-// attached to it where the request is to detach it.
+// attached to it if the request is to detach it.
 struct request_files {
   test_file a, b;
-  test_file layer;  // a clone of `a` where the request is to connect it
+  test_file layer;  // a clone of `a` if the request is to connect it
   test_file copy;   // new and empty
 };
 
 struct request {
   const char *name;
   std::function<int(const request_files &)> make;
-  // Calls whose failure need not make the request fail: they decide only how it is done.
-  std::string passed_over;
+  // Calls whose failure need not fail the request: they only decide how it is done.
+  std::string optional_calls;
   bool can_be_repeated = true;
 };
 
@@ -298,7 +298,7 @@ class Requests : public ControlCodes {
 INSTANTIATE_TEST_SUITE_P(, Requests, testing::Values("btrfs", "ext4"),
                          [](const auto &type) { return std::string(type.param); });
 
-TEST_P(Requests, FailWithACallThatFailsAndChangeNoContent) {
+TEST_P(Requests, FailWhenACallFailsAndChangeNoContent) {
   for (const request &tried : REQUESTS) {
     for (const std::string call : KERNEL_CALLS) {
       for (unsigned nth = 1;; nth++) {
@@ -312,13 +312,13 @@ TEST_P(Requests, FailWithACallThatFailsAndChangeNoContent) {
           result = tried.make(f);
           was_called = failing.has_come();
         }
-        const bool may_go_on = !was_called || tried.passed_over.find(call) != std::string::npos;
+        const bool may_go_on = !was_called || tried.optional_calls.find(call) != std::string::npos;
         EXPECT_TRUE(result == EIO ? was_called : result == 0 && may_go_on) << result;
         EXPECT_EQ(count_in("/proc/self/fd"), descriptors);
         EXPECT_TRUE(f.a.content() == whole() && f.b.content() == whole());
         const bool is_copy = tried.name == std::string("copy");
         if (is_copy && call == "statx" && result != 0) {
-          continue;  // what cannot be looked at after it was filled is left as it is
+          continue;  // a filled copy that cannot be examined is left as it is
         }
         EXPECT_TRUE(f.copy.content() == (is_copy && result == 0 ? whole() : ""));
         EXPECT_TRUE(result == 0 || !tried.can_be_repeated || tried.make(f) == 0);
@@ -330,14 +330,14 @@ TEST_P(Requests, FailWithACallThatFailsAndChangeNoContent) {
   }
 }
 
-TEST_P(Requests, NoticeWhatHappensToTheirFilesMeanwhile) {
+TEST_P(Requests, NoticeConcurrentChangesToTheirFiles) {
   const std::string share = shares_extents_ ? "FIDEDUPERANGE" : "pread";
   const std::string clone = shares_extents_ ? "FICLONE" : "pread";
   const auto touch = [](const test_file &file) {
     const timespec later[] = {{2, 5}, {2, 5}};
     futimens(file, later);
   };
-  // Makes a request while something happens before a call; returns its result.
+  // Makes a request during which `happens` runs before a call. Returns its result.
   const auto make = [](const request_files &f, unsigned which, const std::string &call,
                        unsigned nth, const std::function<void()> &happens) {
     const kernel_call watched(call, nth, happens);
@@ -358,7 +358,7 @@ TEST_P(Requests, NoticeWhatHappensToTheirFilesMeanwhile) {
     const request_files f = prepare("dedup");
     EXPECT_EQ(make(f, DEDUP, share, 1, [&] { touch(f.b); }), EAGAIN);
     EXPECT_EQ(make(f, DEDUP, share, 1, [&] { touch(f.a); }), EAGAIN);
-    EXPECT_TRUE(f.b.state() == "plain" && f.a.state() == "plain") << "both have another time";
+    EXPECT_TRUE(f.b.state() == "plain" && f.a.state() == "plain") << "both times have changed";
   }
   {
     const request_files f = prepare("dedup");
@@ -398,9 +398,9 @@ TEST_P(Requests, NoticeWhatHappensToTheirFilesMeanwhile) {
   }
   if (shares_extents_) {
     const request_files f = prepare("recover");
-    off_t place = 0;  // each time another byte
+    off_t place = 0;  // a different byte each time
     EXPECT_EQ(make(f, RECOVER, share, 0, [&] { f.b.write("x", place++); }), EBUSY);
-    EXPECT_EQ(place, 5) << "it is tried so often";
+    EXPECT_EQ(place, 5) << "the number of attempts";
     EXPECT_EQ(make(f, RECOVER, share, 1, [&] { f.b.write("n"); }), 0);
     EXPECT_TRUE(f.b.state() == "plain" && f.b.content() == "nxxxx" + whole().substr(5));
     EXPECT_FALSE(has_shared_extents("b"));

@@ -1,4 +1,4 @@
-// The helpers that everything else stands on: the red-black tree and time text.
+// The basic helpers: the red-black tree and time text.
 
 #include <gtest/gtest.h>
 
@@ -45,7 +45,7 @@ TEST(RedBlackTree, StaysSortedAndBalancedUnderRisingAndRandomInsertionsAndRemova
   }
 }
 
-TEST(TimeText, TellsWhatDidNotFitAndWritesNothingBeyondTheBuffer) {
+TEST(TimeText, ReportsWhatDidNotFitAndWritesNothingBeyondTheBuffer) {
   setenv("TZ", "UTC", 1);
   for (const long nanoseconds : {0L, 5L, 999'999'999L}) {
     const timespec time = {1700049600, nanoseconds};

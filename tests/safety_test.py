@@ -1,5 +1,5 @@
-"""What the tool must leave alone: trees that it only looks at, what lies outside its roots while
-others rename in them, and what users keep from each other."""
+"""What the tool must leave alone: trees that it only scans, everything outside its roots while
+others rename inside them, and what users keep from each other."""
 
 import ctypes
 import itertools
@@ -18,7 +18,7 @@ NO_ID = 0xffffffff
 
 
 def traces(directory):
-    """All by which a change of anything below the directory shows, but for times of access."""
+    """Everything that shows a change below the directory, except access times."""
     seen = {}
     for path in (directory, *directory.rglob("*")):
         status = path.lstat()
@@ -33,7 +33,7 @@ def extents(paths):
 
 
 class Swapper(threading.Thread):
-    """Exchanges pairs of names in turn, until it is left."""
+    """Exchanges pairs of names in turn until the context ends."""
 
     def __init__(self, *pairs):
         super().__init__()
@@ -63,12 +63,12 @@ class OnlyLooking(ToolCase):
             self.write(name, content("same"))
         os.link(self.root / "a", self.root / "sub/link")
 
-    def test_a_scan_leaves_no_trace_and_needs_no_right_but_to_read(self):
+    def test_a_scan_leaves_no_trace_and_needs_only_read_permission(self):
         nobody = self.become_nobody()
         self.make_tree()
         before = traces(self.root)
         for setting, user in (("another user's files", nobody), ("a read-only mount", [])):
-            for _ in range(2):  # the second has digests
+            for _ in range(2):  # the second run has digests
                 self.assertEqual(len(self.scan(before=user)["groups"][0]["files"]), 3, setting)
                 self.assertEqual(traces(self.root), before, setting)
             shutil.rmtree(self.directory / "state")
@@ -99,7 +99,8 @@ class OnlyLooking(ToolCase):
 
 class OutsideTheRoots(ToolCase):
     def test_nothing_there_changes_while_names_below_a_root_are_swapped(self):
-        """A directory with a link to one of the same names elsewhere, a file with a FIFO."""
+        """Swaps a directory with a link to one elsewhere with the same names, and a file with a
+        FIFO."""
         self.mount_btrfs("256M")
         names = [f"{twin}{number}" for number in range(40) for twin in "ab"]
         for name in names:
@@ -129,7 +130,7 @@ class OutsideTheRoots(ToolCase):
 
 
 class OwnData(ToolCase):
-    def test_a_file_without_room_for_a_temporary_one_beside_it_goes_on_sharing_and_says_why(self):
+    def test_a_file_that_cannot_have_a_temporary_file_beside_it_stays_shared_and_says_why(self):
         self.mount_btrfs("256M")
         shared = [self.write(name, content("same", 200000)) for name in "ab"]
         self.run_tool("dedup", "a", "b")
@@ -137,7 +138,7 @@ class OwnData(ToolCase):
         self.assertIn("shared", "".join(before))
         elsewhere = self.directory / "elsewhere"
         elsewhere.mkdir()
-        for kind in ("tmpfs", "mqueue"):  # the second makes no temporary files
+        for kind in ("tmpfs", "mqueue"):  # the second cannot create temporary files
             self.mount(kind, elsewhere, "rw")
             (elsewhere / "file").touch()
             self.mount("none", elsewhere / "file", "bind", self.root / "b")
@@ -153,13 +154,13 @@ class OwnData(ToolCase):
 
 
 class Secrets(ToolCase):
-    def test_a_copy_is_never_open_to_more_than_its_source(self):
+    def test_a_copy_never_grants_more_access_than_its_source(self):
         nobody = self.become_nobody()
         self.root.chmod(0o777)
         source = self.write("source", content("same"))
         open_to_all = [(1, 7, NO_ID), (2, 7, 65534), (4, 7, NO_ID), (16, 7, NO_ID), (32, 7, NO_ID)]
         os.setxattr(self.root, "system.posix_acl_default", struct.pack("<I", 2) + b"".join(
-            struct.pack("<HHI", *entry) for entry in open_to_all))  # counts in place of the umask
+            struct.pack("<HHI", *entry) for entry in open_to_all))  # replaces the umask
         for mode, owner, group, user, copied in (
                 (0o600, 0, 0, [], 0o600), (0o640, 0, 0, [], 0o640), (0o6755, 0, 0, [], 0o6755),
                 (0o444, 0, 0, [], 0o444), (0o6755, 65534, 65534, [], 0o755),
@@ -172,15 +173,15 @@ class Secrets(ToolCase):
             self.assertEqual(os.listxattr(copy), os.listxattr(source))
             copy.unlink()
 
-    def test_digest_files_are_their_owners_alone(self):
+    def test_digest_files_are_private_to_their_owner(self):
         for name in "ab":
             self.write(name, content("same"))
         state = self.directory / "state"
         state.mkdir(mode=0o777)
         state.chmod(0o777)
-        former = state / ("0" * 64 + ".hsh")
-        former.touch()
-        former.chmod(0o755)
+        previous = state / ("0" * 64 + ".hsh")
+        previous.touch()
+        previous.chmod(0o755)
         self.addCleanup(os.umask, os.umask(0))
         self.scan()
         self.assertEqual({path.stat().st_mode & 0o777 for path in state.iterdir()}, {0o600})

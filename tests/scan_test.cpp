@@ -9,32 +9,32 @@
 #include "velmarin/control_codes.h"
 
 static std::function<void(int fd, int advice)> during_reading = [](int, int) {};
-static std::string asked;  // what a request asks of the system
+static std::string requested;  // what a scan request asks of the system
 
-// The engine gives advice about the whole of a file before and after it reads it.
+// The engine advises the kernel about the whole file before and after it reads it.
 extern "C" int posix_fadvise(int fd, off_t offset, off_t length, int advice) noexcept {
   offset + length == 0 ? during_reading(fd, advice) : void();
   return 0;
 }
 
 extern "C" int access(const char *path, int mode) noexcept {
-  asked += std::string(mode == F_OK   ? "exists "
-                       : mode == R_OK ? "is readable "
-                                      : "?") +
-           path + ", ";
+  requested += std::string(mode == F_OK   ? "exists "
+                           : mode == R_OK ? "is readable "
+                                          : "?") +
+               path + ", ";
   return faccessat(AT_FDCWD, path, mode, 0);
 }
 
 extern "C" int timer_create(clockid_t clock, sigevent *event, timer_t *timer) noexcept {
   static const auto next =
       reinterpret_cast<decltype(&timer_create)>(dlsym(RTLD_NEXT, "timer_create"));
-  asked += clock == CLOCK_REALTIME ? "timer, " : "other timer, ";
+  requested += clock == CLOCK_REALTIME ? "timer, " : "other timer, ";
   return next(clock, event, timer);
 }
 
 extern "C" int timer_settime(timer_t, int flags, const itimerspec *value, itimerspec *) noexcept {
-  asked += "budget " + std::to_string(flags + value->it_value.tv_sec) + "." +
-           std::to_string(value->it_value.tv_nsec + value->it_interval.tv_sec) + ", ";
+  requested += "budget " + std::to_string(flags + value->it_value.tv_sec) + "." +
+               std::to_string(value->it_value.tv_nsec + value->it_interval.tv_sec) + ", ";
   return 0;
 }
 
@@ -62,7 +62,7 @@ TEST(Scan, FindsIdenticalFilesAndReadsNoUnchangedFileAgain) {
   expect_counters({8, 4, 12, 9, 0, 0});
   const fs::path digest_file =  // the name is the SHA-256 of "tumissing"
       "s/1db7a12f84b5c9d1f97932d83643b891ef39d4cfd7606883714d7a78ec032987.hsh";
-  fs::resize_file(digest_file, fs::file_size(digest_file) - 1);  // then it counts for nothing
+  fs::resize_file(digest_file, fs::file_size(digest_file) - 1);  // then it is ignored
   expect_counters({8, 4, 18, 9, 6, 0});
   tree.set_mtime("t/one", tree.status("t/one").st_mtim.tv_sec, 1);
   tree.set_mtime("t/p", 1, tree.status("t/p").st_mtim.tv_nsec);
@@ -80,7 +80,7 @@ TEST(Scan, ObeysItsLimitsAndCallbacks) {
     const std::string_view name = path;
     return S_ISDIR(status->st_mode) ? (name.ends_with("/d") ? -1 : 1) : name.ends_with('b') ? 0 : 7;
   };
-  EXPECT_EQ(filtered.run().found, groups{}) << "b is too small, a is alone, t/d is left out";
+  EXPECT_EQ(filtered.run().found, groups{}) << "b is too small, a is alone, t/d is skipped";
   EXPECT_EQ(filtered.counters, (counts{4, 2, 3, 2, 0, 0}));
 
   scan judged = {.roots = {"t", "t/d"}};
@@ -97,7 +97,7 @@ TEST(Scan, ObeysItsLimitsAndCallbacks) {
   EXPECT_EQ(frozen.counters, (counts{3, 3, 9, 5, 3, 1}));
 }
 
-TEST(Scan, WithoutFreezingTrustsNoDigestOfAFileWhoseTimeChangesMeanwhile) {
+TEST(Scan, WithoutFreezingDiscardsTheDigestOfAFileWhoseTimeChangesMeanwhile) {
   const working_tree tree("t/a=abc t/b=abc t/c=abc s/");
   std::mutex lock;
   std::map<fs::path, std::string> advice_for;
@@ -118,24 +118,24 @@ TEST(Scan, WithoutFreezingTrustsNoDigestOfAFileWhoseTimeChangesMeanwhile) {
                             {"a", "begin end "}, {"b", "begin end "}, {"c", "begin end "}}));
 }
 
-TEST(ScanRequest, ChoosesTheMinimumSizeAsksAboutEachFileAndFreezesWhatItReads) {
+TEST(ScanRequest, ChoosesTheMinimumSizeProbesEachFileAndFreezesWhatItReads) {
   const working_tree tree("t/a=x*65536 t/b=x*65536 t/small1=x*65535 t/small2=x*65535 s/");
   scripted_fs file_system;
   file_system.answer_with(GETFLAGS, uint32_t{FS_COMPR_FL});
   file_system.answer_with(SIS_IOC_COINCIDE_FLAG, sis_coincide_arg{SIS_FLAG_COINCIDE, 0});
-  asked.clear();
+  requested.clear();
   EXPECT_EQ(scan{.save_dir = "no"}.request(), ENOENT);
   EXPECT_EQ(scan({.roots = {"t", "gone"}}).request(), ENOENT);
-  EXPECT_EQ(asked, "exists no, exists s, is readable t, is readable gone, ");
+  EXPECT_EQ(requested, "exists no, exists s, is readable t, is readable gone, ");
   EXPECT_EQ(
       tree.log.messages(),
       (std::vector<std::string>{"SERVICE minimum is:65536\n", "SERVICE Cannot access no",
                                 "SERVICE minimum is:65536\n", "SERVICE Cannot read from gone"}));
   for (const int64_t size_hint : {0x10000001, 0x10000000, 0}) {  // from 1 MiB on, from 64 KiB on
     scan s;
-    asked.clear();
+    requested.clear();
     EXPECT_EQ(s.request(size_hint), 0);
-    EXPECT_EQ(asked, "exists s, is readable t, timer, budget 300.0, ");
+    EXPECT_EQ(requested, "exists s, is readable t, timer, budget 300.0, ");
     const names expected = size_hint > 0x10000000 ? names{} : names{"t/a", "t/b"};
     EXPECT_EQ(s.found, expected.empty() ? groups{} : groups{expected});
     EXPECT_EQ(s.reported, expected) << "both are compressed";

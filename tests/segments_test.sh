@@ -3,7 +3,7 @@
 # The memory image of each library fits pages of 16 KiB: every load segment is aligned to one, and
 # what becomes read-only after relocation ends with one, so that no page is half read-only.
 set -euo pipefail
-command -v readelf >/dev/null || { echo "cannot run here: there is no readelf" && exit 77; }
+command -v readelf >/dev/null || { echo "cannot run here: readelf is not installed" && exit 77; }
 
 for library in "$@"; do
   segments=0

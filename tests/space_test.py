@@ -1,4 +1,4 @@
-"""What the tool says of space, beside what the file system says after a sync."""
+"""Compares the space that the tool reports with what the file system reports after a sync."""
 
 import os
 import sys
@@ -8,7 +8,7 @@ from support.script import ToolCase, content, main, run
 
 MIB = 1 << 20
 SIZE = 6 * MIB
-ALLOWED = 0.06  # part of a figure by which it may be off
+ALLOWED = 0.06  # relative error of a figure
 
 
 class SpaceCase(ToolCase):
@@ -31,7 +31,7 @@ class SpaceCase(ToolCase):
                 self.root / folder / str(number))
 
     def pieces(self, folder, *places, reserve=(), size=None):
-        """Makes three files with a MiB of data at each place, in blocks reserved before, if any."""
+        """Makes three files with a MiB of data at each place, after reserving blocks if asked."""
         for number in range(3):
             path = self.write(f"{folder}/{number}", b"")
             if reserve:
@@ -44,7 +44,7 @@ class SpaceCase(ToolCase):
                     file.truncate(size)
 
     def make_common(self):
-        """What Btrfs and XFS have in common."""
+        """The situations that Btrfs and XFS have in common."""
         self.copies("plain", content("plain", SIZE))
         self.clones("clones", content("clones", SIZE))
         self.pieces("holes", 0, 20 * MIB)
@@ -94,7 +94,7 @@ COMMON = {"plain": (2 * SIZE, 0, "merged"), "clones": (0, 0, "shared"),
 
 
 class Xfs(SpaceCase):
-    def test_figures_are_what_the_file_system_gives(self):
+    def test_figures_match_the_file_system(self):
         self.mount_xfs("320M")
         self.make_common()
         self.check(COMMON | {"reserved": (4 * MIB, 0, "merged"),
@@ -107,7 +107,7 @@ class Btrfs(SpaceCase):
         self.mount_btrfs("1G")
 
     def make_compressed(self):
-        """Returns what two of the files occupy."""
+        """Returns the space that two of the files occupy."""
         (self.root / "compressed").mkdir()
         run("btrfs", "property", "set", self.root / "compressed", "compression", "zstd")
         before = self.used()
@@ -119,7 +119,7 @@ class Btrfs(SpaceCase):
         self.copies("kept", content("kept", SIZE))
         run("btrfs", "subvolume", "snapshot", "-r", self.root / "kept", self.root / "old")
 
-    def test_figures_are_what_the_file_system_gives(self):
+    def test_figures_match_the_file_system(self):
         compressed = self.make_compressed()
         self.make_common()
         self.make_snapshot()
@@ -129,7 +129,7 @@ class Btrfs(SpaceCase):
                              "kept": (0, 2 * SIZE, "merged"), "inline": (0, 0, "no gain"),
                              "compressed": (compressed, 0, "merged")})
 
-    def test_what_a_user_may_not_ask_is_promised_as_up_to(self):
+    def test_what_a_user_may_not_query_is_given_as_an_upper_bound(self):
         self.make_compressed()
         self.make_snapshot()
         self.copies("plain", content("plain", SIZE))
@@ -142,8 +142,8 @@ class Btrfs(SpaceCase):
                          {"compressed": [0, 4 * SIZE], "kept": [0, 2 * SIZE],
                           "plain": [2 * SIZE, 0], "pair": [0, SIZE]})
 
-    def test_only_what_shares_extents_counts_as_shared(self):
-        for start in (0, 64 << 10):  # in pieces, as defragmenting wants them
+    def test_only_files_that_share_extents_are_reported_as_shared(self):
+        for start in (0, 64 << 10):  # in pieces, as defragmentation needs them
             for number in range(3):
                 with open(self.write(f"merged/{number}", b"") if start == 0
                           else self.root / f"merged/{number}", "r+b") as file:

@@ -1,5 +1,5 @@
-// Scans that are stopped, overlap, or end while a signal arrives. What the tests look for is found
-// by the sanitizers and by what is left afterwards.
+// Scans that are stopped, overlap, or end while a signal arrives. The sanitizers and the state left
+// behind show the faults that these tests look for.
 //
 // VELMARIN_ROUNDS_FACTOR=n makes every test n times as long.
 
@@ -47,7 +47,7 @@ class Threads : public testing::Test {
     }
     all = scan().run().found;
     EXPECT_EQ(all.size(), 6U);
-    // Whatever starts with the first use has started.
+    // Whatever the first use starts is running by now.
     descriptors_ = count_in("/proc/self/fd");
     threads_ = count_in("/proc/self/task");
   }
@@ -55,7 +55,7 @@ class Threads : public testing::Test {
   ~Threads() override {
     EXPECT_EQ(library_blocks, 0);
     EXPECT_EQ(count_in("/proc/self/fd"), descriptors_);
-    while (count_in("/proc/self/task") > threads_) {  // a joined thread may take a moment to vanish
+    while (count_in("/proc/self/task") > threads_) {  // a joined thread may linger
       std::this_thread::yield();
     }
     EXPECT_TRUE(owner.has_its_action());
@@ -84,10 +84,10 @@ class Threads : public testing::Test {
 scan *stopped_scan = nullptr;
 std::atomic<long> entries_before_stop = 0;
 
-TEST_F(Threads, AScanThatIsStoppedAtAnyMomentFindsNothingUntrueAndLosesNothing) {
+TEST_F(Threads, AScanStoppedAtAnyMomentReportsNothingFalseAndLosesNothing) {
   unsigned stopped[2] = {};  // through the handle, by the budget
   for (unsigned round = rounds(60); round > 0 && !HasFailure(); round--) {
-    fs::remove_all("s");  // so that there are digests to compute
+    fs::remove_all("s");  // so that digests are computed
     fs::create_directory("s");
     budget_time = 1000 + random(3'000'000);
     scan s = {.time_budget = round % 2};
@@ -109,7 +109,7 @@ TEST_F(Threads, AScanThatIsStoppedAtAnyMomentFindsNothingUntrueAndLosesNothing) 
   EXPECT_GT(stopped[1], 0U);
 }
 
-TEST_F(Threads, RunsThatStartAndEndTogetherFindAllAndLeaveTheFormerActionEachTime) {
+TEST_F(Threads, ConcurrentRunsFindEverythingAndRestoreThePreviousAction) {
   for (unsigned round = rounds(25); round > 0 && !HasFailure(); round--) {
     budget_time = random(2) == 0 ? 0 : random(5'000'000) + 1000;
     std::barrier start(8);
@@ -128,8 +128,8 @@ TEST_F(Threads, RunsThatStartAndEndTogetherFindAllAndLeaveTheFormerActionEachTim
   }
 }
 
-// A process that is started by another thread inherits the action of that moment.
-TEST_F(Threads, ARunWithABudgetSetsTheSignalActionOnceAndPutsItBackOnce) {
+// A process started by another thread inherits the action in force at that moment.
+TEST_F(Threads, ARunWithABudgetSetsTheSignalActionOnceAndRestoresItOnce) {
   const failure_injector counter(library_call::sigaction, UINT64_MAX);
   scan{.time_budget = 300}.run();
   EXPECT_EQ(counter.calls(), 2U);
@@ -158,27 +158,27 @@ struct holding_host {
   }
 };
 
-// What a scan finds and counts, and the formats of its lines, when `workers` workers may open so
-// many descriptors.
+// What a scan with `workers` workers and this many descriptors finds and counts, and the formats of
+// its lines.
 auto scan_with(int workers, rlim_t descriptors) {
   fs::remove_all("s");
   fs::create_directory("s");
   const captured_log log;
   workers_allowed = workers;
-  rlimit former = {};
-  getrlimit(RLIMIT_NOFILE, &former);
-  const rlimit lowered = {std::min(descriptors, former.rlim_cur), former.rlim_max};
+  rlimit previous = {};
+  getrlimit(RLIMIT_NOFILE, &previous);
+  const rlimit lowered = {std::min(descriptors, previous.rlim_cur), previous.rlim_max};
   scan s = {.ops = {holding_host::filter, nullptr, holding_host::prep, holding_host::verify,
                     scan::receive}};
   setrlimit(RLIMIT_NOFILE, &lowered);
   s.run();
-  setrlimit(RLIMIT_NOFILE, &former);
+  setrlimit(RLIMIT_NOFILE, &previous);
   workers_allowed = 1 << 30;
   const auto formats = log.formats();
   return std::tuple(s.found, s.counters, std::multiset(formats.begin(), formats.end()));
 }
 
-TEST_F(Threads, AWorkerTakesOneFileAfterTheOtherAndNoDescriptorMoreThanThat) {
+TEST_F(Threads, AWorkerHandlesOneFileAtATimeAndNeedsNoExtraDescriptors) {
   const int next = dup(STDOUT_FILENO);
   close(next);
   for (const int workers : {1, 3}) {
@@ -191,7 +191,7 @@ TEST_F(Threads, AWorkerTakesOneFileAfterTheOtherAndNoDescriptorMoreThanThat) {
   EXPECT_EQ(holding_host::overlaps, 0);
 }
 
-// A host whose prep waits until each worker has a file, as the walk of three files allows.
+// A host whose prep waits until every worker has a file, which three files make possible.
 struct meeting_host {
   static inline std::atomic<int> come = 0;
   static inline std::atomic<int> alone = 0;
@@ -207,7 +207,7 @@ struct meeting_host {
   static int verify(int, const char *) { return 0; }
 };
 
-TEST_F(Threads, AWorkerTakesNoFileThatItDoesNotReadAtOnce) {
+TEST_F(Threads, AWorkerTakesAFileOnlyToReadItAtOnce) {
   meeting_host::come = 0;
   meeting_host::alone = 0;
   poll_time = 50'000'000;  // so that one worker queues all the files before the others look
@@ -221,8 +221,8 @@ TEST_F(Threads, AWorkerTakesNoFileThatItDoesNotReadAtOnce) {
   EXPECT_EQ(meeting_host::alone, 0);
 }
 
-// A host that puts a FIFO in the place of the second file, with a writer that waits for a reader,
-// before any file is read.
+// A host that replaces the second file with a FIFO, on which a writer waits for a reader, before
+// any file is read.
 struct fifo_host {
   static inline std::string second;
   static inline int examined = 0;
@@ -246,7 +246,7 @@ struct fifo_host {
   }
 };
 
-TEST_F(Threads, WhoWaitsForAReaderOfAFifoMeetsTheOneThatReads) {
+TEST_F(Threads, AWriterWaitingOnAFifoGetsTheReaderThatReads) {
   for (const char *name : {"u/1", "u/2", "u/3"}) {
     tree.write(name, "text");
   }

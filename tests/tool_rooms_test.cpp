@@ -1,4 +1,4 @@
-// The small rooms of the command-line tool: names and sizes as text, paths, output files, the
+// The small modules of the command-line tool: names and sizes as text, paths, output files, the
 // report as it comes in, signals.
 
 #include <fcntl.h>
@@ -28,7 +28,7 @@ using namespace tool;
 using namespace velmarin_test;
 namespace fs = std::filesystem;
 
-// The bytes of a code in the shortest form, also of one that is no character.
+// The bytes of a code in the shortest form, even if it is not a character.
 std::string bytes_of(uint32_t code) {
   const unsigned length = code < 0x80 ? 1 : code < 0x800 ? 2 : code < 0x10000 ? 3 : 4;
   std::string bytes;
@@ -65,7 +65,7 @@ TEST(DisplayName, KeepsWhatIsPrintableAndEscapesWhatIsNot) {
   EXPECT_EQ(escaped_name("\\ \n \t \r"), "\\\\ \\n \\t \\r");
 }
 
-TEST(DisplayName, TakesBytesThatAreNoCharacterOneByOne) {
+TEST(DisplayName, TreatsInvalidBytesOneByOne) {
   for (const std::string &bytes :
        {bytes_of(0xd800), bytes_of(0xdfff), bytes_of(0x110000), std::string("\xc0\x80"),
         std::string("\xc1\xbf"), std::string("\xe0\x9f\xbf"), std::string("\xf0\x8f\xbf\xbf"),
@@ -214,7 +214,7 @@ std::vector<double> ends_of(const SimulatedWork &work) {
   return ends;
 }
 
-TEST(Estimate, StartsWhenThereIsSomethingToTellFromAndNeverJumps) {
+TEST(Estimate, StartsOnceThereIsEnoughToGoOnAndNeverJumps) {
   const SimulatedWork works[] = {
       {"even", files_of({{600, 10}}), 0, {{0, 100}}, 3, 1.05},
       {"small", files_of({{20000, 0}}), 0.004, {{0, 100}}, 3, 1.05},
@@ -266,7 +266,7 @@ TEST(Estimate, StartsWhenThereIsSomethingToTellFromAndNeverJumps) {
   }
 }
 
-TEST(OutputFile, KeepsWhatItHoldsUntilAllOfItIsReplaced) {
+TEST(OutputFile, KeepsItsContentUntilAllOfItIsReplaced) {
   const temporary_tree tree("page=a_longer_old_page");
   OutputFile page;
   ASSERT_TRUE(page.open(tree.path("page")));
@@ -284,7 +284,7 @@ TEST(OutputFile, KeepsWhatItHoldsUntilAllOfItIsReplaced) {
   close(reader);
 }
 
-TEST(ScanPaths, AreResolvedOnceAndTheStateDirectoryIsMadeForItsUserAlone) {
+TEST(ScanPaths, AreResolvedOnceAndTheStateDirectoryIsPrivate) {
   const temporary_tree tree("d/ file=x s/");
   fs::create_directory_symlink("d", tree.path("link"));
   const std::string d = tree.path("d");
@@ -366,7 +366,7 @@ TEST(Findings, TakeGroupsCompressedFilesAndCountersAsReported) {
   EXPECT_EQ(f.grouped_files(), 3U);
 }
 
-// In a process of its own: raises a signal when the scan has come so far, and again.
+// In a separate process: raises a signal when the scan has come this far, and again.
 [[noreturn]] void ask_twice(int number, bool before_scan) {
   int in_time = 1;
   {
@@ -384,7 +384,7 @@ TEST(Findings, TakeGroupsCompressedFilesAndCountersAsReported) {
   _exit(2);
 }
 
-TEST(StopSignal, AsksOnceAndEndsTheProcessTheSecondTime) {
+TEST(StopSignal, RequestsAStopOnceAndEndsTheProcessTheSecondTime) {
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
     EXPECT_EXIT(ask_twice(number, false), testing::KilledBySignal(number),
                 "^velmarin: stopping .*\n$");

@@ -41,7 +41,7 @@ class CommandLine(ToolCase):
             self.assertRegex(errors, r"\Avelmarin: .*\n'velmarin( \w+)? --help' lists what there is.\n")
             self.assertEqual((output, errors.count(f"velmarin: {expected}")), ("", 1), errors)
 
-    def test_what_cannot_be_used_ends_with_1_before_anything_is_done(self):
+    def test_unusable_arguments_end_with_1_before_anything_is_done(self):
         self.write("file", b"data")
         for command in ("scan --apply missing", "scan . file", "scan --html missing/page .",
                         "info missing"):
@@ -121,11 +121,11 @@ class Scan(ToolCase):
                        "mtime": dict(zip(("sec", "nsec"), divmod(status.st_mtime_ns, 10**9)))},
                       report["groups"][0]["files"])
         self.assertEqual(self.groups(self.scan(min_size="10K")), [["a", "sub/b"]])
-        self.assertEqual(len(self.groups(self.scan(min_size="0"))), 3)  # nothing of the empty
+        self.assertEqual(len(self.groups(self.scan(min_size="0"))), 3)  # none of empty files
         self.assertEqual(self.groups(self.scan("--skip", "sub", min_size="64K")), [])
         self.assertIn("nothing to skip at", self.run_tool("scan", "--skip", "missing", ".")[1])
 
-    def test_hostile_names_break_neither_form(self):
+    def test_hostile_names_break_neither_output_format(self):
         for name in HOSTILE:
             self.write(name, content("same"))
         self.assertEqual({bytes.fromhex(file["path_bytes"]) if "\ufffd" in file["path"]
@@ -137,7 +137,7 @@ class Scan(ToolCase):
 
 
 class Apply(ToolCase):
-    def test_identical_files_are_merged_and_join_those_that_were(self):
+    def test_identical_files_are_merged_and_join_earlier_merges(self):
         paths = [self.write(name, content("same")) for name in ("a", "c", "sub/b")]
         before = self.identities()
         report = self.scan("--apply")
@@ -145,12 +145,12 @@ class Apply(ToolCase):
         self.assertEqual((report["merged"]["files"], report["merged"]["refused"]), (2, 0))
         self.assertEqual(self.identities(), before)
         self.assertEqual({path.read_bytes() for path in paths}, {content("same")})
-        self.write("new", content("same"))  # joins those that share already
+        self.write("new", content("same"))  # joins those that already share
         report = self.scan("--apply")
         self.assertEqual((self.outcomes(report)["new"], report["counters"]["nr_hashed"]),
                          ("merged", 1))
         self.assertEqual(set(self.outcomes(self.scan("--apply")).values()), {"shared"})
-        self.run_tool("scan", ".")  # keeps digests where users' programs do, for nobody else
+        self.run_tool("scan", ".")  # saves digests in the user's private state directory
         state = self.directory / ".local/state/velmarin"
         self.assertEqual((state.stat().st_mode & 0o777, len(list(state.iterdir()))), (0o700, 2))
 
@@ -178,7 +178,7 @@ class Apply(ToolCase):
 
 class Interrupted(ToolCase):
     def wait_for(self, process, text):
-        """Reads the log so far; the tool stands still soon after, until it is read on."""
+        """Reads the log up to `text`; soon after, the tool blocks until more is read."""
         self.assertTrue(any(text in line for line in process.stderr), text)
 
     def test_a_signal_leaves_the_rest_untried_and_what_changed_meanwhile_is_left_alone(self):
@@ -199,7 +199,7 @@ class Interrupted(ToolCase):
                          (1, True, list(outcomes.values()).count("not tried")))
         self.assertEqual({path.read_bytes() for path in changed}, {b"something else"})
 
-    def test_the_time_budget_ends_merging_after_the_file_in_hand(self):
+    def test_the_time_budget_ends_merging_after_the_current_file(self):
         for number in range(60):
             for twin in "ab":
                 self.write(f"{number:02}{twin}", content(number, 90000 - 1000 * number))
@@ -207,7 +207,7 @@ class Interrupted(ToolCase):
         with self.start("scan", "--apply", "--json", "--verbose", "--time-budget", str(budget),
                         "--min-size", "1K", ".") as process:
             end = time.monotonic() + budget
-            self.wait_for(process, b"done deduplication")  # merging stands still soon after
+            self.wait_for(process, b"done deduplication")  # merging blocks soon after
             while time.monotonic() < end:
                 time.sleep(0.1)
             report = json.loads(process.communicate(timeout=DEADLINE)[0])
@@ -220,7 +220,7 @@ class Interrupted(ToolCase):
         self.write("a", content("same"))
         skips = [word for number in range(100) for word in ("--skip", f"missing{number}")]
         with self.start("scan", "--json", "--verbose", "--state", "new", *skips, ".") as process:
-            self.wait_for(process, b"missing")  # the rest of these lines holds up the walk
+            self.wait_for(process, b"missing")  # the walk blocks on the rest of these lines
             process.send_signal(signal.SIGTERM)
             report = json.loads(process.communicate(timeout=DEADLINE)[0])
         self.assertEqual((process.returncode, report["stopped"]), (0, True))

@@ -27,7 +27,7 @@ class SavedDigests(ToolCase):
         skips = [word for number in range(100) for word in ("--skip", f"missing{number}")]
         with self.start("scan", "--verbose", "--state", self.state, *skips, self.root) as process:
             self.assertTrue(any(b"missing" in line for line in process.stderr))
-            process.send_signal(signal.SIGTERM)  # while the rest of these lines holds up the walk
+            process.send_signal(signal.SIGTERM)  # while the walk blocks on the rest of these lines
             process.communicate(timeout=DEADLINE)
         self.assertEqual(process.returncode, 0)
 
@@ -81,7 +81,8 @@ class Volumes(ToolCase):
         self.mount("tmpfs", self.directory / "state", "size=8m")  # no waiting for a disk
 
     def fill(self, *places):
-        """Makes the same files in each place. In new volumes they get the same inode numbers, too."""
+        """Makes the same files in each place. In new volumes they also get the same inode
+        numbers."""
         for place in places:
             for name in "abc":
                 self.write(f"{place}/{name}", self.SAME)
@@ -90,7 +91,7 @@ class Volumes(ToolCase):
     def assert_groups(self, report, *groups):
         self.assertEqual(sorted(self.groups(report)), sorted(sorted(group) for group in groups))
 
-    def test_identical_files_of_two_subvolumes_are_one_group_and_come_to_share_their_data(self):
+    def test_identical_files_of_two_subvolumes_are_one_group_and_share_their_data(self):
         for name in ("one", "two"):
             run("btrfs", "-q", "subvolume", "create", self.root / name)
         self.fill("one", "two")
@@ -101,7 +102,7 @@ class Volumes(ToolCase):
                   ["one/only", "two/only"])
         report = self.scan("-x")
         self.assert_groups(report, *groups)
-        # Six, two of equal size, and the pair: of larger ones a pattern is compared before.
+        # Six, two of equal size, and the pair: larger files are first compared by pattern.
         self.assertEqual(report["counters"]["nr_hashed"], 10)
         os.sync()
         before = shutil.disk_usage(self.root).used

@@ -1,5 +1,5 @@
-// The system log of a build with the device's libraries: what liblog has formatted goes to the
-// process-wide sink, by default to standard error. liblog cuts a line behind 1023 bytes.
+// The system log of a build with a device's libraries: lines formatted by liblog go to the
+// process-wide sink, by default standard error. liblog truncates a line to 1023 bytes.
 #include <android/log.h>
 
 #include "common/atomic_word.h"
@@ -12,8 +12,8 @@ namespace {
 velmarin_log_sink current_sink = nullptr;
 void *sink_user_data = nullptr;
 
-// liblog puts the default tag, which is empty here, in the place of a null one.
-void pass_on(const __android_logger_data *data, const char *line) {
+// liblog replaces a null tag with the default tag, which is empty here.
+void forward_line(const __android_logger_data *data, const char *line) {
   const velmarin_log_sink sink = load_acquire(&current_sink);
   const char *const tag = data->tag != nullptr && *data->tag != '\0' ? data->tag : nullptr;
   sink(load_acquire(&sink_user_data), data->buffer_id, data->priority, tag, line);
@@ -26,5 +26,5 @@ extern "C" VELMARIN_EXPORT void velmarin_set_log_sink(velmarin_log_sink sink, vo
   velmarin::store_release(&velmarin::sink_user_data, user_data);
   velmarin::store_release(&velmarin::current_sink, sink);
   __android_log_set_default_tag("");
-  __android_log_set_logger(sink != nullptr ? velmarin::pass_on : __android_log_stderr_logger);
+  __android_log_set_logger(sink != nullptr ? velmarin::forward_line : __android_log_stderr_logger);
 }

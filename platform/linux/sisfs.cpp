@@ -1,6 +1,6 @@
-// The exported `ioctl`: answers the control codes of the deduplicating file system and hands every
-// other request to the kernel, among them unknown numbers of the same type, for which a file system
-// without codes of its own answers ENOTTY.
+// The exported `ioctl`: handles the control codes of the deduplicating file system and passes every
+// other request to the kernel. That includes unknown numbers of the same type, for which a file
+// system without codes of its own returns ENOTTY.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 
@@ -14,8 +14,8 @@
 namespace velmarin::sisfs {
 namespace {
 
-// A scan asks this about every regular file, so a file without a record costs one system call. That
-// leaves the file's type unknown: a directory, a pipe or a device is answered as what it is, not
+// A scan makes this request for every regular file, so a file without a record costs only one
+// system call. The file's type is not checked: a directory, a pipe or a device is reported as not
 // attached.
 int get_file_info(int fd, void *argument) {
   layer_record record = {};
@@ -36,7 +36,7 @@ int get_file_info(int fd, void *argument) {
   return 0;
 }
 
-// Only a null argument is found out; any other must point to the record.
+// Only null is detected; any other argument must point to the record.
 template <typename Argument>
 int with_argument(int fd, const void *argument, int (*request)(int, const Argument &)) {
   if (argument == nullptr) {
@@ -61,7 +61,7 @@ int coincide_request(int fd, void *argument) {
 }  // namespace
 }  // namespace velmarin::sisfs
 
-// The kernel looks at the low 32 bits of the request only, and so does this.
+// Like the kernel, uses only the low 32 bits of the request.
 extern "C" VELMARIN_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
   using namespace velmarin;
   va_list arguments;
@@ -94,7 +94,7 @@ extern "C" VELMARIN_EXPORT int ioctl(int fd, unsigned long request, ...) noexcep
       return sisfs::kernel_ioctl(fd, request, argument);
   }
   if (error != 0 && fcntl(fd, F_GETFL) < 0) {
-    error = EBADF;  // comes before whatever else is wrong with the request
+    error = EBADF;  // takes precedence over any other error
   }
   errno = error != 0 ? error : saved_errno;
   return error != 0 ? -1 : 0;

@@ -1,11 +1,11 @@
 // The requests that attach files to a layered inode: clone, connect, dedup. The layered inode
-// exists only as the extents that its files share, and as a number that they have in common.
+// exists only as the extents that its files share and as a number in the record of each.
 //
-// A request that is refused leaves every byte of every file as it was; only the unnamed temporary
-// file of a clone that failed may hold a part of the source. One that dies half way leaves extents
-// that are shared but not on record, which is harmless since a write still copies, or a new file
-// that is shorter than its source. For a new file that another process writes to while it is filled
-// see `fill_target`.
+// A refused request leaves every byte of every file as it was, except that the unnamed temporary
+// file of a failed clone may hold part of the source. A request that dies halfway leaves extents
+// shared without a record, which is harmless since a write still copies, or a new file that is
+// shorter than its source. `fill_target` tells what happens to a new file that another process
+// writes to meanwhile.
 #include <fcntl.h>
 #include <sys/random.h>
 
@@ -16,7 +16,7 @@
 namespace velmarin::sisfs {
 namespace {
 
-// What an open descriptor allows; nothing for a bad one.
+// The access that an open descriptor allows; none for a bad one.
 struct descriptor_access {
   bool is_readable;
   bool is_writable;
@@ -32,8 +32,8 @@ descriptor_access access_of(int fd) {
   return {mode != O_WRONLY, mode != O_RDONLY, (flags & O_APPEND) != 0};
 }
 
-// The inode number of the temporary file would not do: once that file has gone, ext4 and XFS give
-// its number to the next one, and two layered inodes would look like the same.
+// The inode number of the temporary file will not do: once that file is gone, ext4 and XFS reuse
+// its number, and two layered inodes would look like one.
 int random_layer_number(uint32_t *number) {
   do {
     if (getrandom(number, sizeof(*number), 0) != static_cast<ssize_t>(sizeof(*number))) {
@@ -43,8 +43,8 @@ int random_layer_number(uint32_t *number) {
   return 0;
 }
 
-// The two ends of a request, both regular files on one file system. `source_fd` is the descriptor
-// as it stands in an argument.
+// The two files of a request, both regular and on the same file system. `source_fd` belongs to the
+// caller.
 struct file_pair {
   int source_fd;
   file_status source;
@@ -71,7 +71,8 @@ int stat_pair(int target_fd, uint32_t source_fd, file_pair *pair) {
   return is_one_inode ? EINVAL : 0;
 }
 
-// Puts a filled target on record. With a source that is not attached it stays a plain copy.
+// Writes the record of a filled target. If the source is not attached, the target stays a plain
+// copy.
 int record_copy(int fd, const file_pair &pair, const file_status &filled) {
   layer_record layer = {};
   int error = read_attachment(pair.source_fd, &layer);
@@ -91,12 +92,12 @@ int record_copy(int fd, const file_pair &pair, const file_status &filled) {
   return is_ours ? write_layer(fd, settled.stamp, true, layer.layer_ino) : EAGAIN;
 }
 
-// The target was found empty through the read-only descriptor with which it was created. After a
-// failure it is empty again, unless another process has written to it since it was filled or beyond
-// the source's size. What another process writes meanwhile can be lost, since no request fills or
-// empties a file only if it is still as it was found: below the source's size from the look at the
-// size on, until the clock of the file system has moved on from the end of the filling; and
-// anywhere in the moments between a look at the file and the call that clones or sets its size.
+// The target was found empty through the read-only descriptor that created it. After a failure it
+// is empty again, unless another process wrote to it after it was filled, or beyond the source's
+// size. What another process writes meanwhile can be lost, since no system call fills or empties a
+// file only if it is unchanged: below the source's size, from the check of the size until the file
+// system's clock has ticked after the filling; and at any offset, between a check of the file and
+// the call that clones or sets its size.
 int fill_target(int fd, const file_pair &pair) {
   const unique_fd writable = reopen(fd, O_RDWR);
   if (!writable.is_open()) {
@@ -124,9 +125,9 @@ int fill_target(int fd, const file_pair &pair) {
   return error;
 }
 
-// Both files must still be as they were at first when their data has become one: a file that was
-// written to meanwhile keeps what was written and is not attached. What was written between the
-// first look at a file and the comparison is compared. `fd` is open for writing.
+// Once the data is shared, both files must still be unchanged: a file that was written to meanwhile
+// keeps what was written and is not attached. Anything written between the first stat of a file and
+// the comparison is compared too. `fd` is open for writing.
 int merge_target(int fd, const file_pair &pair) {
   layer_record layer = {};
   int error = read_attachment_of(pair.source_fd, pair.source.stamp, &layer);
@@ -153,7 +154,7 @@ int merge_target(int fd, const file_pair &pair) {
 
 }  // namespace
 
-// Only an unnamed file is filled: an empty file that has a name may be somebody's.
+// Only an unnamed file is filled: an empty file with a name may be in use.
 int clone_file(int fd, const sis_clone_arg &argument) {
   file_pair pair;
   int error = stat_pair(fd, argument.src_fd, &pair);
@@ -167,7 +168,7 @@ int clone_file(int fd, const sis_clone_arg &argument) {
   if (!access_of(pair.source_fd).is_readable || !access.is_writable || access.is_appending) {
     return EBADF;  // as for FICLONE
   }
-  bool is_refused = false;  // then the layered inode is a copy, and dedup requests decide
+  bool is_refused = false;  // then the layer is a copy; later dedup requests may share
   error = clone_contents(pair.source_fd, fd, &is_refused);
   return error != 0 ? error : write_clone_mark(fd, pair.source.stamp);
 }
@@ -189,8 +190,8 @@ int connect_layer(int fd, const sis_connect_arg &argument) {
   return error != 0 ? error : write_layer(fd, pair.source.stamp, false, layer_ino);
 }
 
-// An empty target is filled only through a read-only descriptor, as a caller gets it who has just
-// created the file; one that was opened for writing is merged like any other.
+// An empty target is filled only through a read-only descriptor, such as the one of a caller that
+// has just created the file; a target opened for writing is merged like any other.
 int dedup_file(int fd, const sis_dedup_arg &argument) {
   file_pair pair;
   const int error = stat_pair(fd, argument.src_fd, &pair);

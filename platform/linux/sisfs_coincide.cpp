@@ -1,8 +1,8 @@
 // The coincide flag of a file. The attribute holds the flag bits and the file's stamp when they
-// were set; the bits read as dropped once the file's size or modification time is another, so a
-// `touch` drops them too. Two kinds of change move no time after the flag was set and are not
-// noticed: what a long write(2) that had begun before still brings, and what is stored through a
-// shared mapping into a page that was dirty already, or on tmpfs into one that was mapped already.
+// were set. Once the file's size or modification time differs, the bits read as clear, so a `touch`
+// clears them too. Two kinds of change after the flag was set leave the time as it is and go
+// unnoticed: the rest of a long write(2) that had already begun, and stores through a shared
+// mapping into a page that was already dirty (on tmpfs, already mapped).
 #include <sys/xattr.h>
 
 #include <cerrno>
@@ -29,7 +29,8 @@ bool has_record(int fd, const coincide_record &wanted) {
          memcmp(&present, &wanted, sizeof(present)) == 0;
 }
 
-// A file that is frozen already is not written to again: that costs many times as much as a look.
+// The attribute of a file that is already frozen is not written again: a write costs many times as
+// much as a read.
 int set_flags(int fd, uint32_t flags) {
   file_status status;
   const int error = stat_settled(fd, &status);

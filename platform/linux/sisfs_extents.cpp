@@ -1,5 +1,5 @@
-// Data of files and its sharing. On Btrfs and XFS extents are shared for real; on every other file
-// system, and on an XFS made without reflinks, files keep their own data and are only compared.
+// File data and shared extents. Btrfs and XFS really share extents; on every other file system, and
+// on XFS without reflink support, files keep their own data and are only compared.
 #include <fcntl.h>
 #include <linux/btrfs.h>
 #include <linux/fs.h>
@@ -21,7 +21,7 @@ namespace velmarin::sisfs {
 namespace {
 
 constexpr uint64_t SHARE_CHUNK = 16 << 20;       // the most that Btrfs shares in one request
-constexpr uint64_t READ_AHEAD_STEP = 128 << 10;  // the kernel cuts a longer one short
+constexpr uint64_t READ_AHEAD_STEP = 128 << 10;  // the kernel truncates a longer one
 constexpr size_t COPY_BUFFER_SIZE = 1 << 20;
 constexpr uint32_t XFS_MAGIC = 0x58465342;  // "XFSB"
 
@@ -34,7 +34,7 @@ byte_buffer allocate_buffer(size_t size) {
   return byte_buffer(static_cast<char *>(malloc(size)));
 }
 
-// The magic number of the file system, 0 if it cannot be told.
+// The magic number of the file system, or 0 if it is unknown.
 uint32_t file_system_type(int fd) {
   struct statfs status = {};
   return fstatfs(fd, &status) == 0 ? static_cast<uint32_t>(status.f_type) : 0;
@@ -105,7 +105,7 @@ int copy_range(int source, int target, const data_range &range, char *buffer) {
   return 0;
 }
 
-// Makes a shorter file `size` bytes long. What another process wrote beyond is not cut off.
+// Extends a shorter file to `size` bytes. Whatever another process wrote beyond that stays.
 int extend(int fd, uint64_t size) {
   struct stat status = {};
   if (fstat(fd, &status) != 0) {
@@ -115,9 +115,8 @@ int extend(int fd, uint64_t size) {
   return status.st_size >= length || ftruncate(fd, length) == 0 ? 0 : errno;
 }
 
-// Has the disk fetch what a request for sharing is to compare: the comparison itself takes page
-// after page and waits for each one that is not in memory. This is advice, and its failure changes
-// nothing.
+// Prefetches what a request to share will compare: the kernel compares page by page and waits for
+// each page that is not in memory. This is advice, so a failure changes nothing.
 void read_ahead(int source, int target, uint64_t begin, uint64_t end) {
   for (uint64_t offset = begin; offset < end; offset += READ_AHEAD_STEP) {
     const auto length = static_cast<off_t>(std::min(READ_AHEAD_STEP, end - offset));
@@ -164,12 +163,12 @@ int share_range(int source, int target, uint64_t offset, uint64_t length) {
     alignas(file_dedupe_range) char
         memory[sizeof(file_dedupe_range) + sizeof(file_dedupe_range_info)] = {};
     auto *request = reinterpret_cast<file_dedupe_range *>(memory);
-    file_dedupe_range_info *answer = request->info;
+    file_dedupe_range_info *destination = request->info;
     request->src_offset = offset;
     request->src_length = std::min(length, SHARE_CHUNK);
     request->dest_count = 1;
-    answer->dest_fd = target;
-    answer->dest_offset = offset;
+    destination->dest_fd = target;
+    destination->dest_offset = offset;
     read_ahead(source, target, offset, offset + request->src_length);
     if (kernel_ioctl(source, FIDEDUPERANGE, request) != 0) {
       if (errno == EINTR) {
@@ -177,14 +176,14 @@ int share_range(int source, int target, uint64_t offset, uint64_t length) {
       }
       return errno;
     }
-    if (answer->status != FILE_DEDUPE_RANGE_SAME) {
-      return answer->status == FILE_DEDUPE_RANGE_DIFFERS ? EBADE : -answer->status;
+    if (destination->status != FILE_DEDUPE_RANGE_SAME) {
+      return destination->status == FILE_DEDUPE_RANGE_DIFFERS ? EBADE : -destination->status;
     }
-    if (answer->bytes_deduped == 0 || answer->bytes_deduped > length) {
+    if (destination->bytes_deduped == 0 || destination->bytes_deduped > length) {
       return EAGAIN;  // a file got shorter
     }
-    offset += answer->bytes_deduped;
-    length -= answer->bytes_deduped;
+    offset += destination->bytes_deduped;
+    length -= destination->bytes_deduped;
   }
   return 0;
 }
@@ -260,7 +259,7 @@ int clone_contents(int source, int target, bool *is_refused) {
     if (errno != EOPNOTSUPP && errno != EINVAL) {
       return errno;
     }
-    *is_refused = errno == EINVAL;  // as Btrfs, when one of the files is not copied on write
+    *is_refused = errno == EINVAL;  // as on Btrfs when copy on write is off for one of the files
   }
   file_status before;
   int error = stat_settled(source, &before);

@@ -1,8 +1,8 @@
-// Revoke: the file gets its own data back. On Btrfs and XFS a private copy is made in an unnamed
-// temporary file, and the kernel is asked to let the file share the copy's extents instead of those
-// of the layered inode. It does so only where the contents are equal, under the locks of both
-// files, so a write in between is never lost and a crash leaves the old or the new extents, both
-// with the same content. Then the copy is dropped and the extents are the file's alone.
+// Revoke: gives a file its own data back. On Btrfs and XFS, makes a private copy in an unnamed
+// temporary file, then asks the kernel to make the file share the copy's extents instead of those
+// of the layered inode. The kernel does so only where the contents are equal, and holds the locks
+// of both files, so a concurrent write is never lost and a crash leaves the old or the new extents,
+// with the same content. Then the copy is dropped and the extents belong to the file alone.
 #include <fcntl.h>
 #include <linux/fs.h>
 
@@ -16,12 +16,12 @@
 namespace velmarin::sisfs {
 namespace {
 
-// How often the copy is made anew for a file that is written to meanwhile.
+// How many copies are tried for a file that is being written to.
 constexpr int UNSHARE_ATTEMPTS = 5;
 
-// An unnamed file in the file's directory. A file that has been removed, or whose name lies outside
-// this process's view, may have none; a file that is itself a mount point has one on another file
-// system.
+// Opens an unnamed file in the file's directory. A file that was removed, or whose name is outside
+// this process's view, may have no such directory; that of a file that is itself a mount point is
+// on another file system.
 int open_temporary_beside(int fd, const file_status &status, unique_fd *temporary) {
   char link[32];
   char directory[PATH_MAX];
@@ -48,9 +48,9 @@ int open_temporary_beside(int fd, const file_status &status, unique_fd *temporar
   return is_same_file_system(fd, status, temporary->get(), temporary_status) ? 0 : EXDEV;
 }
 
-// Btrfs shares extents only between files that agree on copy on write, an attribute that can be
-// changed while a file is empty. Other file systems do not know it. A mismatch that remains is
-// found by the file system.
+// Btrfs shares extents only between files with the same NOCOW flag, which can be changed only while
+// a file is empty. Other file systems do not have the flag. If a mismatch remains, the file system
+// refuses to share.
 void match_nocow_flag(int fd, int empty_fd) {
   int flags = 0;
   int empty_flags = 0;
@@ -63,8 +63,8 @@ void match_nocow_flag(int fd, int empty_fd) {
   kernel_ioctl(empty_fd, FS_IOC_SETFLAGS, &empty_flags);
 }
 
-// The whole copy is made before the first extent moves, so that a lack of space is found while the
-// file is untouched. Only data is moved; what was written into a hole meanwhile is private anyway.
+// Makes the whole copy before the first extent moves, so that a lack of space shows while the file
+// is untouched. Only data is moved; anything written into a hole meanwhile is private anyway.
 int replace_extents(int fd, int temporary, uint64_t size) {
   match_nocow_flag(fd, temporary);
   int error = copy_contents(fd, temporary, size);
@@ -76,7 +76,7 @@ int replace_extents(int fd, int temporary, uint64_t size) {
     }
     error = share_range(temporary, fd, range.begin, range.end - range.begin);
     if (error == EOPNOTSUPP) {
-      return 0;  // an XFS without reflinks: nothing was ever shared
+      return 0;  // XFS without reflink support: nothing was ever shared
     }
   }
   return error;
@@ -91,7 +91,7 @@ int unshare_once(int fd, const file_status &status) {
   }
   error = replace_extents(fd, temporary.get(), status.stamp.size);
   if (error == 0) {
-    // Gives up the copy's share at once; XFS would do it some time after the close.
+    // Releases the copy's share at once; XFS would do so some time after the close.
     return ftruncate(temporary.get(), 0) == 0 ? 0 : errno;
   }
   const bool has_changed = error == EBADE || check_unchanged(fd, status) == EAGAIN;
@@ -112,9 +112,10 @@ int unshare(int fd) {
 
 }  // namespace
 
-// Also a file that was written to since it was attached is given its own data: it may still share
-// what was not written. EINVAL for a file that was never attached. One that keeps its attributes is
-// refused at once: its extents could be moved, but not its record removed.
+// A file that was written to since it was attached gets its own data too: it may still share what
+// was not written. Fails with EINVAL for a file that was never attached. An immutable or
+// append-only file is refused at once: its extents could be moved, but its record could not be
+// removed.
 int revoke_file(int fd) {
   layer_record record = {};
   file_status status;

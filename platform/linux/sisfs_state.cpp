@@ -1,14 +1,14 @@
-// A file's state, kept in two user extended attributes so that an update of one never undoes an
-// update of the other: the layered inode it is attached to (here), and its coincide flag
+// A file's state, kept in two user extended attributes so that updating one never undoes an update
+// of the other: the layered inode that the file is attached to (here) and its coincide flag
 // (sisfs_coincide.cpp). A temporary file that is to become a layered inode carries a third.
 //
-// A record holds the stamp of the file for which it was written. With another inode number or time
-// of birth it came here by copying and counts for nothing. With another size or modification time
-// the file was written to, and it is no longer attached: what it shared with others ended, where it
-// was written, with the file system's copy on write. Only times are compared, so a `touch` detaches
-// a file as well, which costs nothing but a further dedup request (its data stays shared on disk
-// until then); and a program that writes a file and then puts the old time back, keeping the size,
-// goes unnoticed. The latter never endangers content, since data is merged only after a comparison.
+// A record holds the stamp of the file it was written for. If the inode number or birth time
+// differs, the record was copied from another file and is ignored. If the size or modification time
+// differs, the file was written to and is no longer attached: copy on write has ended the sharing
+// where it was written. Content is not compared here, so a `touch` detaches a file too, which costs
+// only another dedup request (the data stays shared on disk until then). A program that writes a
+// file, keeps its size and restores its time goes unnoticed. That never endangers content, since
+// data is merged only after a comparison.
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/stat.h>
@@ -31,7 +31,7 @@ constexpr uint32_t RECORD_VERSION = 1;
 
 constexpr int64_t SECOND_NS = 1'000'000'000;
 
-// How often `stat_settled` looks again, and how long beyond the granularity of the file's time.
+// How often `settle` polls, and how long it waits beyond the granularity of the file's time.
 constexpr int64_t SETTLE_POLL_NS = 2'000'000;
 constexpr int64_t SETTLE_LIMIT_NS = 32'000'000;
 
@@ -48,9 +48,9 @@ int64_t nanoseconds_from(const timespec &time, const file_stamp &stamp) {
   return (stamp.mtime_sec - time.tv_sec) * SECOND_NS + stamp.mtime_nsec - time.tv_nsec;
 }
 
-// How coarsely the file system may keep times, judged by one of them: one second for a whole
-// second, as on an ext4 with small inodes, and so on. Never too fine where files
-// have user attributes.
+// The file system's time granularity, estimated from one time: one second for a whole second, as on
+// ext4 with small inodes, and so on. Never finer than the real one where files have user
+// attributes.
 int64_t granularity_of(const file_stamp &stamp) {
   int64_t granularity = 1;
   while (granularity < SECOND_NS && stamp.mtime_nsec % (granularity * 10) == 0) {
@@ -59,9 +59,9 @@ int64_t granularity_of(const file_stamp &stamp) {
   return granularity;
 }
 
-// Times of files come from the coarse clock, or from the fine one where the file system wants to
-// tell changes within a tick apart. A file whose time, cut to the granularity, lies between the two
-// was changed within the present tick, and a further change might leave it with the same time.
+// File times come from the coarse clock, or from the fine one where the file system distinguishes
+// changes within a tick. A file whose time, truncated to the granularity, lies between the two was
+// changed within the current tick, and another change might leave it with the same time.
 bool is_racily_clean(const file_stamp &stamp) {
   timespec tick_start = {};
   timespec now = {};
@@ -74,7 +74,7 @@ bool is_racily_clean(const file_stamp &stamp) {
          nanoseconds_from(now, stamp) < 0;
 }
 
-// A value of another size was not written here; it is answered as ENODATA.
+// A value of another size was not written here and yields ENODATA.
 int read_attribute(int fd, const char *name, void *record, size_t size) {
   const ssize_t length = fgetxattr(fd, name, record, size);
   if (length < 0) {
@@ -97,7 +97,7 @@ bool is_unchanged(const file_stamp &left, const file_stamp &right) {
 
 int stat_regular(int fd, file_status *status) {
   *status = {};
-  if (fd < 0) {  // also AT_FDCWD, which statx would follow
+  if (fd < 0) {  // also AT_FDCWD, which statx would accept
     return EBADF;
   }
   struct statx stx = {};
@@ -159,9 +159,9 @@ int read_layer(int fd, layer_record *record, file_status *status) {
   if (stat_error != 0) {
     return stat_error;
   }
-  const bool counts =
+  const bool is_valid =
       record->version == RECORD_VERSION && is_same_inode(record->file, status->stamp);
-  return counts ? 0 : ENODATA;
+  return is_valid ? 0 : ENODATA;
 }
 
 int read_attachment_of(int fd, const file_stamp &file, layer_record *record) {
@@ -169,8 +169,8 @@ int read_attachment_of(int fd, const file_stamp &file, layer_record *record) {
   if (error != 0) {
     return error;
   }
-  const bool counts = record->version == RECORD_VERSION && is_unchanged(record->file, file);
-  return counts ? 0 : ENODATA;
+  const bool is_valid = record->version == RECORD_VERSION && is_unchanged(record->file, file);
+  return is_valid ? 0 : ENODATA;
 }
 
 int read_attachment(int fd, layer_record *record) {

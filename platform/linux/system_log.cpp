@@ -1,5 +1,5 @@
-// The system log: formats one line on the stack and hands it to the process-wide sink, by default
-// syslog(3). Takes no lock and allocates nothing up to the sink, which syslog does; errno is kept.
+// The system log: formats one line on the stack and passes it to the process-wide sink, by default
+// syslog(3). Nothing before the sink locks or allocates, but syslog does both. Preserves errno.
 #include <android/log.h>
 #include <syslog.h>
 
@@ -15,8 +15,8 @@
 namespace velmarin {
 namespace {
 
-// Room for two paths of 4096 bytes and the text around them. A longer line is cut, and with it the
-// newline at its end.
+// Room for two paths of 4096 bytes and the text around them. A longer line is truncated and loses
+// its newline.
 constexpr size_t LINE_SIZE = 12 * 1024;
 
 int syslog_level(int priority) {
@@ -45,7 +45,7 @@ void write_to_syslog(void *, int, int priority, const char *tag, const char *lin
          static_cast<int>(length), line);
 }
 
-// Two words, so not replaced in one step: nobody logs while the sink is set.
+// Two words, so not replaced in one step: no thread may log while the sink is set.
 velmarin_log_sink current_sink = write_to_syslog;
 void *sink_user_data = nullptr;
 

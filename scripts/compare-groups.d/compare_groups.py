@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""compare_groups.py SCAN_JSON RDFIND_RESULTS: whether both name the same groups of identical files.
+"""compare_groups.py SCAN_JSON RDFIND_RESULTS: compares the groups of identical files.
 
-A file with several names is one file: both tools keep one of its names, perhaps not the same. So a
-path stands for its inode here, and differences are shown with the paths that the tools gave. Ends
-with 77 when there was nothing to compare.
+A file with several names is one file: each tool reports one of its names, perhaps not the same. So
+paths are compared by inode, and differences are shown with the paths that the tools reported. Exits
+with 77 when there is nothing to compare.
 """
 
 import json
@@ -27,7 +27,7 @@ def groups_of_scan(file_name, names):
 
 
 def groups_of_rdfind(file_name, names):
-    """Lines of: kind, id (negative but for the first of a group), five numbers, path."""
+    """Each line: kind, id (negative except for a group's first file), five numbers, path."""
     groups = {}
     with open(file_name, "rb") as file:
         for line in file:

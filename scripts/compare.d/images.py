@@ -26,7 +26,7 @@ class Image:
     """`root` is where the copy is mounted; `original` keeps the tree as `fill` made it."""
 
     def __init__(self, file_system, original, workspace, fill):
-        self.root = f"{workspace}/tree"  # the script that calls this unmounts it on every way out
+        self.root = f"{workspace}/tree"  # the calling script unmounts it on every exit
         self.original = original
         self.copy = f"{workspace}/image"
         with open(original, "wb") as file:
@@ -44,7 +44,8 @@ class Image:
         run("umount", self.root)
 
     def restore(self):
-        """Mounts a fresh copy. It has the identity of the last one, which must be gone before."""
+        """Mounts a fresh copy. It has the same identity as the last one, which must be gone
+        first."""
         while self.is_attached():
             time.sleep(0.05)
         run("rm", "--force", self.copy)
@@ -57,8 +58,8 @@ class Image:
                               capture_output=True).stdout != b""
 
     def used_bytes(self):
-        """After another mount, when all that was given up is free. The sync is for a Btrfs that others
-        keep mounted in namespaces of their own: it frees nothing before its next commit."""
+        """Mounts again first, so that all released space is free. The sync is for a Btrfs that
+        other mount namespaces keep mounted: it frees nothing before its next commit."""
         run("sync", "--file-system", self.root)
         self.unmount()
         self.mount(self.copy)
@@ -66,7 +67,7 @@ class Image:
         return (status.f_blocks - status.f_bfree) * status.f_frsize
 
     def set_cache(self, state):
-        """Of the file system and of the image behind it: filled with the files, or emptied."""
+        """Fills the page cache of the file system and its image with the files, or empties it."""
         run("sync")
         if state == "warm":
             run("find", self.root, "-type", "f", "-exec", "cat", "{}", "+")

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 """Runs the tools in turn on one tree, round after round, and prints medians and ratios.
 
-Every run of a round finds the page cache in the same state: filled by reading every candidate just
-before (a tool may drop the pages that it has read), or emptied. A first run finds no saved digests,
-flags or attributes of earlier ones; a repeated run finds those of a run of its own. A ratio is taken
-to the fastest other tool of the same round. The floor of a first run is to walk the tree and to
-digest the candidates, that of a repeated one to open every file.
+Every run of a round starts with the page cache in the same state: filled by reading every candidate
+just before (a tool may drop the pages that it has read), or emptied. A first run finds no saved
+digests, flags or attributes; a repeated run finds those of the tool's own earlier run. Ratios are
+to the fastest other tool of the same round. The floor of a first run is walking the tree and
+digesting the candidates; that of a repeated run is opening every file.
 """
 
 import argparse
@@ -23,7 +23,7 @@ FIELDS = ("wall", "processor", "memory")
 
 
 def candidates_of(root, minimum):
-    """All regular files of at least the minimum size, and how many entries there are."""
+    """All regular files of at least the minimum size, and the number of entries."""
     names, entries = [], 0
     for directory, directories, files in os.walk(os.fsencode(root)):
         entries += len(directories) + len(files)
@@ -75,7 +75,7 @@ class Measurement:
         return self.timed(self.floor[kind], f"{self.directory}/floor.out")
 
     def round(self, number, cache):
-        """Each round begins with another tool."""
+        """Each round begins with a different tool."""
         start = number % len(self.tools)
         for kind in ("first", "repeated"):
             for tool in self.tools[start:] + self.tools[:start]:
@@ -90,7 +90,7 @@ class Measurement:
             for run in self.runs if run["round"] == number and run["cache"] == cache), flush=True)
 
     def groups_of(self, tool):
-        """As sets of inodes, since of a file with several names each tool may name another."""
+        """As sets of inodes, since each tool may report a different name of a file."""
         groups = set()
         for paths in tool.groups():
             inodes = frozenset(os.lstat(os.path.join(os.fsencode(self.directory), path)).st_ino
@@ -116,7 +116,7 @@ class Measurement:
                 if (run["tool"], run["cache"], run["kind"]) == (tool, cache, kind)}
 
     def peer_values(self, field, cache, kind):
-        """Of each round's fastest peer; without a repeated run of its own its first one counts."""
+        """Of each round's fastest peer; for a peer without a repeated run, of its first run."""
         best = {}
         for tool in self.tools[1:]:
             own_kind = kind if tool.remembers else "first"

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Measures merging: `velmarin scan --apply` beside whole runs of other programs, on Btrfs and XFS.
 
-Every first run finds a fresh copy of one image, with the files in the page cache (warm) or not even
-the image (cold). A second run follows on the files that share by then. What merging takes beyond the
-scan is the difference to a scan without --apply in the same round. After each first run all files
-must hold what they held; what the file system got back is compared.
+Every first run starts on a fresh copy of one image, with the files in the page cache (warm) or with
+neither files nor image in it (cold). A second run follows on the files, which share data by then.
+The cost of merging beyond the scan is the difference from a scan without --apply in the same round.
+After each first run all files must have kept their content; the space freed is compared.
 """
 
 import argparse
@@ -74,7 +74,7 @@ class Comparison:
             self.measure(place, number, other, "second")
 
     def run_in_place(self, place, number):
-        """Each round begins with another program."""
+        """Each round begins with a different program."""
         turn = [self.scan, self.apply, *self.peers]
         for merger in turn[number % len(turn):] + turn[:number % len(turn)]:
             if merger.rounds is not None and (number >= merger.rounds or place[2] != "warm"):

@@ -7,7 +7,7 @@ import shutil
 
 
 class Tool:
-    """`name`; `remembers` tells whether a repeated run can use what an earlier one has saved."""
+    """`name`; `remembers` tells whether a repeated run can use what an earlier one saved."""
 
     remembers = False
 
@@ -48,7 +48,7 @@ class Velmarin(Tool):
 
 
 class Rmlint(Tool):
-    """Its repeated run takes the digests that an earlier one has left in attributes of the files."""
+    """Its repeated run uses the digests that an earlier one left in the files' attributes."""
 
     remembers = True
 

@@ -16,7 +16,8 @@ def copy(source, target):
 
 
 def make_many(root):
-    """Real files: /usr, then the parts of it that have many small ones again, until it is enough."""
+    """Real files: /usr, then more copies of its parts with many small files, until there are
+    enough."""
     copy("/usr", f"{root}/usr")
     parts = ["share", "include"]
     copies = 0
@@ -57,7 +58,8 @@ def make_medium(root):
 
 
 def make_groups(root, files, sizes, members):
-    """So many files in groups of identical ones; `sizes` and `members` draw from a range."""
+    """Makes `files` files in groups of identical ones; `sizes` and `members` are ranges to draw
+    from."""
     chosen = random.Random(3)
     number = 0
     while number < files:

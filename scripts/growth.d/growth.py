@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Scans growing trees with the tool and prints time and memory for each entry.
 
-Of two sizes of trees the difference counts as well: what is the same for every scan, such as the
-polls of the workers, drops out of it.
+What is the same for every scan, such as the workers' polls, is measured on an empty tree and
+subtracted.
 """
 
 import argparse
@@ -16,7 +16,7 @@ from timing import timed
 
 FILES_OF_A_DIRECTORY = 1000
 MINIMUM = 65536
-ORDINARY_SHARE = 25  # one file in so many is of at least the minimum size
+ORDINARY_SHARE = 25  # one file in this many reaches the minimum size
 
 
 def make_files(root, count, make):
@@ -33,7 +33,7 @@ def make_sparse(name, size):
 
 
 def make_kept(name, number):
-    """A size of its own and no blocks."""
+    """A unique size and no blocks."""
     make_sparse(name, MINIMUM + number)
 
 
@@ -59,7 +59,7 @@ class Growth:
         self.state = f"{arguments.workspace}/state"
 
     def scan(self, minimum):
-        """The first scan of a tree whose inodes are in memory; the flags of earlier ones stay."""
+        """The first scan of a tree whose inodes are in memory; flags set by earlier scans stay."""
         shutil.rmtree(self.state, ignore_errors=True)
         command = [self.arguments.tool, "scan", "--json", "--quiet", "--min-size", str(minimum),
                    "--state", self.state, self.root]
@@ -86,8 +86,8 @@ class Growth:
 
 
 def show(rows, base):
-    """Of the processor time and the memory, what an empty tree takes is not the entries'. Elapsed time
-    is not divided: the polls of the workers add 0.2 to 0.6 s by chance."""
+    """Subtracts the processor time and memory of an empty tree. Elapsed time is not divided: the
+    workers' polls add 0.2 to 0.6 s by chance."""
     print("tree        entries  hashed   wall s    cpu s     MiB  cpu us/entry  B/entry")
     for row in rows:
         entries = max(row["entries"], 1)

@@ -1,5 +1,5 @@
-"""kill_rounds.py TOOL TREE STATE ROUNDS EXPECTED: kills the tool while it merges, and looks at what is
-left. EXPECTED is left with the digests of all files, in the form of sha256sum."""
+"""kill_rounds.py TOOL TREE STATE ROUNDS EXPECTED: kills the tool while it merges and checks what is
+left. Writes the digests of all files to EXPECTED, in the format of sha256sum."""
 
 import collections
 import hashlib
@@ -56,7 +56,7 @@ class Rounds:
         return os.path.join(self.tree, name)
 
     def write(self, group, copy):
-        """Makes the file anew: its data is its own then."""
+        """Rewrites the file, so that its data is its own."""
         data = random.Random(group).randbytes(4096 + 20000 * group)
         name = f"{group}-{copy}"
         with open(self.path(name), "wb") as file:
@@ -64,7 +64,8 @@ class Rounds:
         self.expected[name] = hashlib.sha256(data).hexdigest()
 
     def make_work(self):
-        """Takes some of the sharing back, and now and then the digests, so that no phase is empty."""
+        """Undoes some of the sharing, and sometimes removes the digests, so that every phase has
+        work."""
         chosen = self.random.sample(sorted(self.expected), len(self.expected) // 3)
         kind = self.random.randrange(4)
         if kind in (0, 1):
@@ -99,7 +100,7 @@ class Rounds:
             require(process.returncode == 0, f"an unhindered scan ended with {process.returncode}")
             self.longest_wait *= 0.9
             return None
-        self.longest_wait *= 1.02  # so that about one run of six comes to its end
+        self.longest_wait *= 1.02  # so that about one run in six completes
         phase = "starting"
         with open(log_name, encoding="utf-8", errors="surrogateescape") as log:
             for line in log:
@@ -131,7 +132,8 @@ class Rounds:
                 require(hashlib.sha256(file.read()).hexdigest() == digest, f"{name} has changed")
 
     def check_next_scan(self, digest_file):
-        """It finds all groups and logs no error, but for a cut digest file without a second."""
+        """It finds all groups and logs no error, except for a truncated digest file without a
+        second name."""
         done = self.run(*self.scan_command(), statuses=(0,))
         report = json.loads(done.stdout)
         require(sorted(len(group["files"]) for group in report["groups"]) == [COPIES] * GROUPS,

@@ -1,8 +1,8 @@
 """moving_tree.py TOOL TREE STATE SECONDS EXPECTED: writes files while the tool merges and revokes them.
 
-This process writes; it knows what each file must hold. Two threads run the tool at the same time. All
-files are beginnings of a few long texts, of a few lengths, so most of them are identical to others at
-any moment. EXPECTED is left with the digests of all files, in the form of sha256sum.
+This process writes and knows what each file must hold. Two threads run the tool at the same time.
+All files are prefixes of a few long texts, in a few lengths, so at any moment most are identical to
+others. Writes the digests of all files to EXPECTED, in the format of sha256sum.
 """
 
 import collections
@@ -66,7 +66,7 @@ class Writer:
                 raise SystemExit(f"{name} does not hold what was written")
 
     def write_pieces(self, file, data, offset=0):
-        """In pieces and now and then with a pause, so that others see the file half written."""
+        """In pieces, with a pause now and then, so that others see the file half written."""
         while offset < len(data):
             piece = data[offset:offset + self.random.choice((1, 4096, 40000, 300000))]
             file.seek(offset)
@@ -158,7 +158,7 @@ class Writer:
         return name
 
     def poke_and_put_time_back(self):
-        """Nothing but the content tells that a file has changed."""
+        """Only the content shows that a file has changed."""
         name = self.any_name()
         before = os.stat(self.path(name))
         self.poke(name)
@@ -201,7 +201,7 @@ class Merger(threading.Thread):
 
 
 class Revoker(threading.Thread):
-    """Gives files their own data back, whichever are there."""
+    """Gives whatever files exist their own data back."""
 
     def __init__(self, tool, tree):
         super().__init__()

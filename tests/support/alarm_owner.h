@@ -1,5 +1,5 @@
-// A process that uses SIGALRM itself: installs an action of its own that counts its calls, and in
-// the end the default one.
+// A process that uses SIGALRM itself: installs an action that counts its calls, and finally the
+// default one.
 #pragma once
 
 #include <unistd.h>
@@ -16,7 +16,7 @@ class alarm_owner {
   }
   ~alarm_owner() { signal(SIGALRM, SIG_DFL); }
 
-  // Whether its action is in force and was never called.
+  // Whether its action is installed and was never called.
   bool has_its_action() const {
     struct sigaction current = {};
     sigaction(SIGALRM, nullptr, &current);
@@ -25,10 +25,10 @@ class alarm_owner {
 
   // Changes the mask of the calling thread. Returns whether SIGALRM was blocked before.
   static bool mask_alarm(int how) {
-    sigset_t alarm_only = {}, former;
+    sigset_t alarm_only = {}, previous;
     sigaddset(&alarm_only, SIGALRM);
-    pthread_sigmask(how, &alarm_only, &former);
-    return sigismember(&former, SIGALRM) == 1;
+    pthread_sigmask(how, &alarm_only, &previous);
+    return sigismember(&previous, SIGALRM) == 1;
   }
 
   // Sends a SIGALRM to the process. The thread sanitizer delivers it no later than the next sleep.

@@ -29,7 +29,7 @@ std::string message_of(int buffer_id, int priority, const char *tag, const char 
   return kind + " " + match.suffix().str();
 }
 
-// The part of the format behind the prefix; empty when the prefix is not that of the kind.
+// The part of the format after the prefix; empty when the prefix is wrong for the kind.
 std::string message_format(const std::string &kind) {
   const std::string prefix = kind == "SERVICE"
                                  ? "[velmarin][%d] "

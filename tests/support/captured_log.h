@@ -1,5 +1,5 @@
-// Catches the log lines of the library while the object lives. The test executable has a log
-// function of its own, which notes the format of each line and passes the line on.
+// Catches the log lines of the library while the object lives. The test executable defines the log
+// function itself: it records the format of each line and passes the line on.
 #pragma once
 
 #include <mutex>
@@ -15,10 +15,10 @@ class captured_log {
   captured_log();
   ~captured_log();
 
-  // One "KIND message" for each line, in order: ERRO, INFO or SERVICE and the text behind the
-  // prefix, with its newline if it has one. The kind is MALFORMED, and the whole line follows, when
-  // the prefix, or that of the format, is none of the three, when it names no module that has such
-  // lines, or when buffer, priority or tag are not those of the kind.
+  // One "KIND message" for each line, in order: ERRO, INFO or SERVICE and the text after the
+  // prefix, with its newline if it has one. The kind is MALFORMED, followed by the whole line, when
+  // the prefix of the line or of its format is none of the three or names a module that writes no
+  // such lines, or when the buffer, priority or tag is wrong for the kind.
   std::vector<std::string> messages() const {
     const std::lock_guard<std::mutex> guard(mutex_);
     return messages_;

@@ -24,8 +24,8 @@
 namespace velmarin_test {
 namespace {
 
-// All of this is used in relaxed order, so that it orders nothing between the library's threads
-// that was not ordered before.
+// All of these are accessed in relaxed order, so that they do not synchronize the library's
+// threads.
 constexpr auto RELAXED = std::memory_order_relaxed;
 std::atomic<library_call> failing = library_call::end;
 std::atomic<uint64_t> failing_from = 0;
@@ -40,10 +40,10 @@ bool must_fail(library_call call) {
   return number >= failing_from.load(RELAXED) && number <= failing_to.load(RELAXED);
 }
 
-// `Code` is what a failing function answers or, if it answers a pointer, has in errno; 0 stands for
-// the way of system calls.
+// `Code` is what a failing function returns or, if it returns a pointer, stores in errno; 0 means
+// that it fails as system calls do.
 template <library_call Call, int Code, typename Result, typename... Arguments>
-struct stand_in {
+struct wrapper {
   static inline Result (*function)(Arguments...) = nullptr;
 
   static Result call(Arguments... arguments) {
@@ -66,8 +66,8 @@ struct stand_in {
 };
 
 template <library_call Call, int Code = 0, typename Result, typename... Arguments>
-void *stand_in_for(Result (*function)(Arguments...)) {
-  using chosen = stand_in<Call, Code, Result, Arguments...>;
+void *wrapper_of(Result (*function)(Arguments...)) {
+  using chosen = wrapper<Call, Code, Result, Arguments...>;
   chosen::function = function;
   return reinterpret_cast<void *>(chosen::call);
 }
@@ -84,10 +84,10 @@ int create_worker(pthread_t *thread, const pthread_attr_t *attributes, void *(*b
              : EAGAIN;
 }
 
-int start_timer(timer_t timer, int flags, const itimerspec *value, itimerspec *former) {
+int start_timer(timer_t timer, int flags, const itimerspec *value, itimerspec *previous) {
   const long chosen = budget_time.load(RELAXED);
   const itimerspec shortened = {{}, {0, chosen}};
-  return timer_settime(timer, flags, chosen != 0 ? &shortened : value, former);
+  return timer_settime(timer, flags, chosen != 0 ? &shortened : value, previous);
 }
 
 int sleep_shortly(const timespec *, timespec *remaining) {
@@ -104,36 +104,35 @@ int format(char *dest, size_t dest_max, size_t count, const char *form, ...) {
   return must_fail(library_call::snprintf_s) ? -1 : snprintf_s(dest, dest_max, count, "%s", text);
 }
 
-// A call of a variadic function passes its arguments as a call of any other does.
-std::map<std::string, void *> stand_ins() {
+// Calls of variadic functions pass these arguments as other calls do.
+std::map<std::string, void *> all_wrappers() {
   using enum library_call;
-#define STAND_IN(name) {#name, stand_in_for<library_call::name>(::name)},
+#define WRAPPER(name) {#name, wrapper_of<library_call::name>(::name)},
   return {
-      VELMARIN_PLAIN_SYSTEM_CALLS(STAND_IN)  //
-      {"open", stand_in_for<open>(+[](const char *path, int flags, mode_t mode) {
+      VELMARIN_PLAIN_SYSTEM_CALLS(WRAPPER)  //
+      {"open", wrapper_of<open>(+[](const char *path, int flags, mode_t mode) {
          return ::open(path, flags, mode);
        })},
-      {"ioctl", stand_in_for<ioctl>(+[](int fd, unsigned long request, void *argument) {
+      {"ioctl", wrapper_of<ioctl>(+[](int fd, unsigned long request, void *argument) {
          return ::ioctl(fd, request, argument);
        })},
-      {"fsync", stand_in_for<fsync>(+[](int) { return 0; })},
-      {"posix_fadvise",
-       stand_in_for<posix_fadvise, EIO>(+[](int, off_t, off_t, int) { return 0; })},
-      {"timer_settime", stand_in_for<timer_settime>(start_timer)},
-      {"malloc", stand_in_for<malloc, ENOMEM>(+[](size_t n) { return count_block(::malloc(n)); })},
-      {"calloc", stand_in_for<calloc, ENOMEM>(
+      {"fsync", wrapper_of<fsync>(+[](int) { return 0; })},
+      {"posix_fadvise", wrapper_of<posix_fadvise, EIO>(+[](int, off_t, off_t, int) { return 0; })},
+      {"timer_settime", wrapper_of<timer_settime>(start_timer)},
+      {"malloc", wrapper_of<malloc, ENOMEM>(+[](size_t n) { return count_block(::malloc(n)); })},
+      {"calloc", wrapper_of<calloc, ENOMEM>(
                      +[](size_t n, size_t size) { return count_block(::calloc(n, size)); })},
       {"free", reinterpret_cast<void *>(free_library_block)},
-      {"pthread_create", stand_in_for<pthread_create, EAGAIN>(create_worker)},
-      {"pthread_mutex_init", stand_in_for<pthread_mutex_init, ENOMEM>(::pthread_mutex_init)},
-      {"pthread_cond_init", stand_in_for<pthread_cond_init, ENOMEM>(::pthread_cond_init)},
-      {"pthread_spin_init", stand_in_for<pthread_spin_init, EAGAIN>(::pthread_spin_init)},
+      {"pthread_create", wrapper_of<pthread_create, EAGAIN>(create_worker)},
+      {"pthread_mutex_init", wrapper_of<pthread_mutex_init, ENOMEM>(::pthread_mutex_init)},
+      {"pthread_cond_init", wrapper_of<pthread_cond_init, ENOMEM>(::pthread_cond_init)},
+      {"pthread_spin_init", wrapper_of<pthread_spin_init, EAGAIN>(::pthread_spin_init)},
       {"nanosleep", reinterpret_cast<void *>(sleep_shortly)},
-      {"memset_s", stand_in_for<memset_s, ERANGE>(::memset_s)},
-      {"memcpy_s", stand_in_for<memcpy_s, ERANGE>(::memcpy_s)},
-      {"strcpy_s", stand_in_for<strcpy_s, ERANGE>(::strcpy_s)},
+      {"memset_s", wrapper_of<memset_s, ERANGE>(::memset_s)},
+      {"memcpy_s", wrapper_of<memcpy_s, ERANGE>(::memcpy_s)},
+      {"strcpy_s", wrapper_of<strcpy_s, ERANGE>(::strcpy_s)},
       {"snprintf_s", reinterpret_cast<void *>(format)}};
-#undef STAND_IN
+#undef WRAPPER
 }
 
 void put_address(uintptr_t place, void *address) {
@@ -145,7 +144,7 @@ void put_address(uintptr_t place, void *address) {
   *reinterpret_cast<void **>(place) = address;
 }
 
-// Goes through the relocations of the library before main begins.
+// Patches the relocations of the library before main begins.
 [[maybe_unused]] const bool is_library_prepared = [] {
   Dl_info unused;
   void *found = nullptr;
@@ -157,7 +156,7 @@ void put_address(uintptr_t place, void *address) {
   }
   const auto *symbols = reinterpret_cast<const ElfW(Sym) *>(dynamic[DT_SYMTAB]);
   const auto *names = reinterpret_cast<const char *>(dynamic[DT_STRTAB]);
-  const std::map<std::string, void *> all = stand_ins();
+  const std::map<std::string, void *> all = all_wrappers();
   std::map<std::string, void *> missing = all;
   for (const auto &[begin, size] : {std::pair(DT_RELA, DT_RELASZ), {DT_JMPREL, DT_PLTRELSZ}}) {
     const auto *first = reinterpret_cast<const ElfW(Rela) *>(dynamic[begin]);

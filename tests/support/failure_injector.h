@@ -1,15 +1,14 @@
-// Calls of the library under a test's command. Where libvelmarin.so keeps the addresses of the
-// functions of other libraries that can fail, the test executable puts stand-ins of its own. A
-// stand-in counts its calls and, while a failure_injector says so, fails; otherwise it passes the
-// call on. The calls of the test and of other libraries do not come here.
+// Fault injection into the library's calls. The test executable patches the addresses that
+// libvelmarin.so holds of other libraries' functions that can fail, and puts wrappers in their
+// place. A wrapper counts its calls and fails when a failure_injector says so; otherwise it passes
+// the call on. Calls made by the test or by other libraries are not affected.
 //
-// A close or closedir that is made to fail releases its descriptor all the same, as the kernel does
-// it; any other call that fails has no effect. A system call fails with EIO or as told, an
-// allocation with ENOMEM; the bounds-checked functions and those of threads answer an error and
-// leave errno alone.
+// A close or closedir that is made to fail still releases its descriptor, as the kernel does; any
+// other failed call has no effect. A system call fails with EIO or `failing_errno`, an allocation
+// with ENOMEM; bounds-checked and thread functions return an error and leave errno alone.
 //
-// So that thousands of scans can be run, the library's polling sleeps are short, and what it asks
-// for only on behalf of the disk (fsync, posix_fadvise) is counted but not carried out.
+// So that thousands of scans can run, the library's polling sleeps are short, and calls that only
+// concern the disk (fsync, posix_fadvise) are counted but not executed.
 #pragma once
 
 #include <atomic>
@@ -36,7 +35,7 @@ inline constexpr const char *LIBRARY_CALL_NAMES[] = {VELMARIN_LIBRARY_CALLS(VELM
 // clang-format on
 
 // While it lives, the n-th call of one kind fails, counted from 1 over all threads; with
-// `every_later_too` all that follow as well. There is one object at a time.
+// `every_later_too`, so do all later ones. Only one object may exist at a time.
 class failure_injector {
  public:
   failure_injector(library_call call, uint64_t nth, bool every_later_too = false);
@@ -44,26 +43,26 @@ class failure_injector {
   failure_injector(const failure_injector &) = delete;
   failure_injector &operator=(const failure_injector &) = delete;
 
-  // How many calls of the kind the library has made since.
+  // How many calls of the kind the library has made since construction.
   uint64_t calls() const;
 };
 
-// Blocks that the library has allocated and not freed. A test that comes to own one frees it with
-// `free_library_block`.
+// Blocks that the library has allocated and not freed. A test that receives ownership of one frees
+// it with `free_library_block`.
 inline std::atomic<int64_t> library_blocks = 0;
 void free_library_block(void *block);
 
-// So many more threads of the library are started; those after them fail with EAGAIN. With a single
-// worker the calls of a scan come in the same order each time.
+// How many more threads the library may start; later ones fail with EAGAIN. With a single worker
+// the calls of a scan come in the same order each time.
 inline std::atomic<int> workers_allowed = 1 << 30;
 
-// The errno of a system call that fails.
+// The errno of an injected system call failure.
 inline std::atomic<int> failing_errno = EIO;
 
 // How long the library's polling sleeps last, in nanoseconds.
 inline std::atomic<long> poll_time = 1'000'000;
 
-// What every budget that the library arms lasts, in nanoseconds; 0 for what it asks for.
+// How long every time budget of the library lasts, in nanoseconds; 0 leaves it as requested.
 inline std::atomic<long> budget_time = 0;
 
 }  // namespace velmarin_test

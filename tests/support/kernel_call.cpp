@@ -38,30 +38,30 @@ bool kernel_call::fails(const char *name) {
 
 using velmarin_test::kernel_call;
 
-#define STAND_IN(result, name, parameters, arguments, ...)                                    \
+#define INTERCEPT(result, name, parameters, arguments, ...)                                   \
   extern "C" result name parameters __VA_ARGS__ {                                             \
     static const auto next = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name)); \
     return kernel_call::fails(#name) ? -1 : next arguments;                                   \
   }
 
-STAND_IN(ssize_t, fgetxattr, (int fd, const char *name, void *value, size_t size),
-         (fd, name, value, size), noexcept)
-STAND_IN(int, fsetxattr, (int fd, const char *name, const void *value, size_t size, int flags),
-         (fd, name, value, size, flags), noexcept)
-STAND_IN(int, fremovexattr, (int fd, const char *name), (fd, name), noexcept)
-STAND_IN(int, statx, (int fd, const char *path, int flags, unsigned mask, struct statx *status),
-         (fd, path, flags, mask, status), noexcept)
-STAND_IN(int, fstat, (int fd, struct stat *status), (fd, status), noexcept)
-STAND_IN(int, fstatfs, (int fd, struct statfs *status), (fd, status), noexcept)
-STAND_IN(ssize_t, readlink, (const char *path, char *buffer, size_t size), (path, buffer, size),
-         noexcept)
-STAND_IN(off_t, lseek, (int fd, off_t offset, int from), (fd, offset, from), noexcept)
-STAND_IN(int, ftruncate, (int fd, off_t length), (fd, length), noexcept)
-STAND_IN(ssize_t, pread, (int fd, void *buffer, size_t size, off_t offset),
-         (fd, buffer, size, offset))
-STAND_IN(ssize_t, pwrite, (int fd, const void *buffer, size_t size, off_t offset),
-         (fd, buffer, size, offset))
-STAND_IN(ssize_t, getrandom, (void *buffer, size_t size, unsigned flags), (buffer, size, flags))
+INTERCEPT(ssize_t, fgetxattr, (int fd, const char *name, void *value, size_t size),
+          (fd, name, value, size), noexcept)
+INTERCEPT(int, fsetxattr, (int fd, const char *name, const void *value, size_t size, int flags),
+          (fd, name, value, size, flags), noexcept)
+INTERCEPT(int, fremovexattr, (int fd, const char *name), (fd, name), noexcept)
+INTERCEPT(int, statx, (int fd, const char *path, int flags, unsigned mask, struct statx *status),
+          (fd, path, flags, mask, status), noexcept)
+INTERCEPT(int, fstat, (int fd, struct stat *status), (fd, status), noexcept)
+INTERCEPT(int, fstatfs, (int fd, struct statfs *status), (fd, status), noexcept)
+INTERCEPT(ssize_t, readlink, (const char *path, char *buffer, size_t size), (path, buffer, size),
+          noexcept)
+INTERCEPT(off_t, lseek, (int fd, off_t offset, int from), (fd, offset, from), noexcept)
+INTERCEPT(int, ftruncate, (int fd, off_t length), (fd, length), noexcept)
+INTERCEPT(ssize_t, pread, (int fd, void *buffer, size_t size, off_t offset),
+          (fd, buffer, size, offset))
+INTERCEPT(ssize_t, pwrite, (int fd, const void *buffer, size_t size, off_t offset),
+          (fd, buffer, size, offset))
+INTERCEPT(ssize_t, getrandom, (void *buffer, size_t size, unsigned flags), (buffer, size, flags))
 
 extern "C" int open(const char *path, int flags, ...) {
   va_list arguments;

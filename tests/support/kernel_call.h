@@ -1,6 +1,6 @@
-// One call into the kernel under a test's command. The test executable has functions of its own for
-// the calls that the platform layer makes; in the thread that holds an object of this kind, one of
-// them fails, or something happens just before it.
+// Intercepts one kernel call. The test executable defines the functions that the platform layer
+// calls; in the thread that holds a kernel_call, one such call fails, or something happens just
+// before it.
 #pragma once
 
 #include <functional>
@@ -9,10 +9,11 @@
 
 namespace velmarin_test {
 
-// A request of ioctl counts under its own name, such as "FICLONE".
+// An ioctl request goes by its own name, such as "FICLONE".
 class kernel_call {
  public:
-  // The n-th call, counted from 1, fails with EIO, or `before` runs first; with 0 before each.
+  // The n-th call, counted from 1, fails with EIO or, if `before` is given, runs that first; 0
+  // means every call.
   explicit kernel_call(std::string name, unsigned nth, std::function<void()> before = {})
       : name_(std::move(name)), nth_(nth), before_(std::move(before)) {
     current = this;
@@ -23,7 +24,7 @@ class kernel_call {
 
   bool has_come() const { return calls_ > 0 && calls_ >= nth_; }
 
-  // For the executable's functions alone: whether the call is to fail.
+  // For the intercepting functions only: whether the call must fail.
   static bool fails(const char *name);
 
  private:

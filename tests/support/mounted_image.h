@@ -1,6 +1,7 @@
-// A file system of a test's own, mounted on a temporary directory: an image file on a loop device,
-// or a memory file system. The mount belongs to a mount namespace of the test process and the image
-// loses its name once it is mounted, so that whatever ends the process also unmounts and detaches.
+// A test's private file system, mounted on a temporary directory: an image file on a loop device,
+// or a memory file system. The mount belongs to the test process's own mount namespace, and the
+// image is unlinked once it is mounted, so however the process ends, the mount and the loop device
+// are released.
 #pragma once
 
 #include <sched.h>
@@ -13,8 +14,8 @@
 namespace velmarin_test {
 
 struct mounted_image {
-  // `type` is "tmpfs", "ramfs", or a file system that mkfs can make, with options. To be called
-  // before the test starts a thread or opens a file on another: each sees the mounts of its time.
+  // `type` is "tmpfs", "ramfs", or a file system that mkfs can make, with options. Create it before
+  // the test starts a thread or opens a file on another one: they would not see this mount.
   explicit mounted_image(const std::string &type) {
     const bool is_in_memory = type == "tmpfs" || type == "ramfs";
     const std::string commands =  // the image is sparse; XFS wants 300 MiB

@@ -1,5 +1,5 @@
-// The context of a run, and its log, between its set-up and its teardown, without workers: a test
-// lists the dentries and does the workers' jobs itself, in a fixed order.
+// The context of a run and its log, between set-up and teardown, without workers: the test adds the
+// dentries and runs the jobs itself, in a fixed order.
 #pragma once
 
 #include <gtest/gtest.h>

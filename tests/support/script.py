@@ -1,4 +1,4 @@
-"""What the test scripts share: trees of files, and runs of the tool in them."""
+"""Shared by the test scripts: trees of files, and runs of the tool in them."""
 
 import json
 import os
@@ -10,13 +10,13 @@ import tempfile
 import unittest
 from pathlib import Path
 
-os.environ["PATH"] += ":/usr/sbin:/sbin"  # where programs for file systems are
-TOOL = os.path.abspath(sys.argv[-1])  # of those scripts that test it
+os.environ["PATH"] += ":/usr/sbin:/sbin"  # where file system programs are
+TOOL = os.path.abspath(sys.argv[-1])  # for scripts that test it
 DEADLINE = int(os.environ.get("VELMARIN_DEADLINE", 60))  # seconds for one run of the tool
 
 
 def run(*command, **options):
-    """Returns standard output; a failing command fails the test with all that it printed."""
+    """Returns standard output; a failing command fails the test and shows all that it printed."""
     done = subprocess.run(list(map(str, command)), capture_output=True, text=True, **options)
     if done.returncode != 0:
         raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}{done.stderr}")
@@ -38,19 +38,19 @@ class TreeCase(unittest.TestCase):
         self.root.mkdir()
 
     def write(self, name, data):
-        """Makes a file below the root, with the directories above it. Returns its path."""
+        """Makes a file below the root and its parent directories. Returns its path."""
         path = self.root / os.fsdecode(name)
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_bytes(data)
         return path
 
     def identities(self):
-        """What merging must keep of everything below the root, besides its content."""
+        """What merging must preserve of everything below the root, besides content."""
         return {(path, path.lstat().st_mode, path.lstat().st_ino, path.lstat().st_mtime_ns)
                 for path in self.root.rglob("*")}
 
     def mount(self, kind, place, options, source="none"):
-        """Mounts until the test ends, or skips the test where that is not possible."""
+        """Mounts until the test ends, or skips the test if that is not possible."""
         command = ["mount", "-t", kind, "-o", options, source, place]
         if os.getuid() != 0 or subprocess.run(command, capture_output=True).returncode:
             self.skipTest(f"{kind} cannot be mounted here")
@@ -75,7 +75,7 @@ class TreeCase(unittest.TestCase):
 
 class ToolCase(TreeCase):
     def start(self, *arguments, before=(), **options):
-        """Starts the tool in the root, with pipes that take few lines before somebody reads."""
+        """Starts the tool in the root, with pipes that fill up after a few lines."""
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "pipesize": 4096}
         variables = {"PATH": os.environ["PATH"], "HOME": str(self.directory), "TERM": "xterm"}
         return subprocess.Popen([*before, TOOL, *arguments], cwd=self.root, bufsize=0,
@@ -90,7 +90,7 @@ class ToolCase(TreeCase):
         return output, errors
 
     def become_nobody(self):
-        """Returns what to put before the tool to run it as a user who owns none of the files."""
+        """Returns the command prefix that runs the tool as a user who owns none of the files."""
         self.directory.chmod(0o777)
         nobody = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
         if subprocess.run([*nobody, TOOL, "--version"], capture_output=True).returncode:

@@ -1,4 +1,4 @@
-// A directory of its own for a test, removed with everything below it when the object goes.
+// A private directory for a test, removed with everything below it by the destructor.
 #pragma once
 
 #include <sys/stat.h>
@@ -21,7 +21,7 @@ class temporary_tree {
   // Paths are absolute and free of symbolic links.
   std::string path(const std::string &name) const { return root_ + "/" + name; }
 
-  // Creates or replaces the content, and creates the directories above.
+  // Creates or replaces the file, and creates its parent directories.
   void write(const std::string &name, const std::string &content) const;
   std::string read(const std::string &name) const;
   struct stat status(const std::string &name) const;

@@ -1,5 +1,5 @@
-// A scan by the calling thread, through the exports of the library: what it is asked for, and what
-// it told. Paths are those below the working directory.
+// A scan by the calling thread, through the library's exports: its arguments and its results. Paths
+// are relative to the working directory.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -32,7 +32,7 @@ struct scan {
 
   std::thread::id host = std::this_thread::get_id();
   int *stop_handle = nullptr;
-  bool was_stopped = false;  // as far as REPORT_END could see
+  bool was_stopped = false;  // as seen at REPORT_END
   groups found = {};
   names reported = {};  // since the last group
   counts counters = {};
@@ -45,15 +45,14 @@ struct scan {
     return *this;
   }
 
-  // Runs it through the service entry point, which chooses limits and callbacks. Returns the
-  // result.
+  // Runs it through the service entry point, which sets limits and callbacks. Returns the result.
   int request(int64_t size_hint = 0) {
-    const velmarin::sis_scan_request asked = {length(roots), length(skips), roots.data(),
-                                              skips.data(),  save_dir,      size_hint};
-    return startScanDirImpl(&asked, reinterpret_cast<uint64_t>(this), receive);
+    const velmarin::sis_scan_request wanted = {length(roots), length(skips), roots.data(),
+                                               skips.data(),  save_dir,      size_hint};
+    return startScanDirImpl(&wanted, reinterpret_cast<uint64_t>(this), receive);
   }
 
-  // Whether the files of each group found are together in one of `identical`, too.
+  // Whether each group found is a subset of one in `identical`.
   bool found_parts_of(const groups &identical) const {
     return std::ranges::all_of(found, [&](const names &part) {
       return std::ranges::any_of(

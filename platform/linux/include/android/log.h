@@ -25,8 +25,8 @@ typedef enum log_id {
   LOG_ID_SYSTEM = 3,
 } log_id_t;
 
-// Formats one line and hands it to the sink. Returns a positive value, or a negative one when the
-// line could not be formatted. Keeps errno. Thread-safe.
+// Formats one line and passes it to the sink. Returns a positive value, or a negative one when the
+// line could not be formatted. Preserves errno. Thread-safe.
 int __android_log_buf_print(int buffer_id, int priority, const char *tag, const char *format, ...)
     __attribute__((__format__(printf, 4, 5)));
 
