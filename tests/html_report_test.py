@@ -122,6 +122,11 @@ class HtmlReport(ToolCase):
         self.assertEqual(self.browser.execute_script(
             "return [...document.querySelectorAll('#shares span')].map((part) => part.className)"),
             ["free", "shared"])
+        self.click("#map > button", "b")  # whose files bear equal parts
+        part = "\n" + size_text(found["groups"][0]["reclaimable_bytes"] / 3)
+        self.assertEqual([part in title for title in self.browser.execute_script(
+            "return [...document.querySelectorAll('#map > .tile')].map((tile) => tile.title)")],
+            [True] * 3)
         self.assertIn(f"btrfs “a label” at {self.root} on ", self.texts("#systems li")[0])
         self.assertIn(f"on the host {platform.node()}, ", self.texts("#about")[0])
         self.assertEqual(self.texts("#history[hidden]"), [self.texts("#history")[0]])

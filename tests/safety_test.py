@@ -173,19 +173,5 @@ class Secrets(ToolCase):
             self.assertEqual(os.listxattr(copy), os.listxattr(source))
             copy.unlink()
 
-    def test_digest_files_are_private_to_their_owner(self):
-        for name in "ab":
-            self.write(name, content("same"))
-        state = self.directory / "state"
-        state.mkdir(mode=0o777)
-        state.chmod(0o777)
-        previous = state / ("0" * 64 + ".hsh")
-        previous.touch()
-        previous.chmod(0o755)
-        self.addCleanup(os.umask, os.umask(0))
-        self.scan()
-        self.assertEqual({path.stat().st_mode & 0o777 for path in state.iterdir()}, {0o600})
-        self.assertEqual(len(list(state.iterdir())), 3)
-
 
 main(sys.argv[1:-1])

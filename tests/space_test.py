@@ -1,5 +1,6 @@
 """Compares the space that the tool reports with what the file system reports after a sync."""
 
+import json
 import os
 import sys
 from pathlib import Path
@@ -69,10 +70,20 @@ class SpaceCase(ToolCase):
     def close_to(self, amount, expected):
         return abs(amount - expected) <= ALLOWED * expected
 
+    def check_page(self, report, data):
+        for group, told in zip(report["groups"], json.loads(data)["groups"], strict=True):
+            size, shares, files = told
+            free, _, shared, _ = map(sum, zip(*shares, strict=True)) if shares else [0] * 4
+            self.assertEqual((size, free, shared, len(files)), (
+                group["size"], group["reclaimable_bytes"], group["saved_bytes"],
+                len(group["files"])))
+
     def check(self, expected):
         """Scans, merges and compares with {situation: (freed, perhaps freed, outcome)}."""
         run("sync", "-f", self.root)
-        promised = self.scan("--skip", self.root / "old")
+        page = self.directory / "page"
+        promised = self.scan("--skip", self.root / "old", "--html", page)
+        self.check_page(promised, page.read_text().split(' id="data">')[1].split("</")[0])
         before = self.used()
         done = self.scan("--apply", "--skip", self.root / "old")
         gained = before - self.used()
@@ -142,6 +153,23 @@ class Btrfs(SpaceCase):
                          {"compressed": [0, 4 * SIZE], "kept": [0, 2 * SIZE],
                           "plain": [2 * SIZE, 0], "pair": [0, SIZE]})
 
+    def test_the_summary_says_what_there_is_what_was_done_and_what_was_looked_at(self):
+        self.clones("a", content("a", SIZE), 2)
+        self.copies("a/more", content("a", SIZE), 2)
+        self.write("alone", b"alone")
+        self.write("tiny", b"t")
+        for command, figures in (
+                ("scan", "  not merged yet   12 MiB\n  can be freed     12 MiB (with --apply)\n"
+                 "  saved already    6 MiB by sharing data\n  directories      3 read of 3 tried\n"
+                 "  files            10 opened, 5 candidates, 4 read whole\n"),
+                ("scan --apply", "  merged           2 files, 1 shared already\n"
+                 "  freed            12 MiB\n  saved already    6 MiB by sharing data\n"
+                 "  directories      3 read of 3 tried\n"
+                 "  files            6 opened, 5 candidates, 0 read whole\n")):
+            output, _ = self.run_tool(*command.split(), "--min-size", "2", ".")
+            self.assertIn("Summary\n  identical files  4 in 1 group\n" + figures +
+                          "  errors           0\n  time ", output)
+
     def test_only_files_that_share_extents_are_reported_as_shared(self):
         for start in (0, 64 << 10):  # in pieces, as defragmentation needs them
             for number in range(3):
@@ -178,6 +206,14 @@ class Unsharable(SpaceCase):
     def test_xfs_without_reflinks_says_so(self):
         self.mount_xfs("320M", "-m", "reflink=0")
         self.check_words()
+
+    def test_files_without_state_are_counted_by_what_they_lack(self):
+        self.mount("ramfs", self.root, "rw")
+        self.write("full", content("full"))
+        for name in "ab":
+            os.truncate(self.write(name, b""), 70000)
+        output, _ = self.run_tool("scan", ".", status=1)
+        self.assertIn("left out         1 without deduplication, 2 in an unknown state", output)
 
     def test_tmpfs_says_so(self):
         self.mount("tmpfs", self.root, "size=64M")

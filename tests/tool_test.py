@@ -150,9 +150,17 @@ class Apply(ToolCase):
         self.assertEqual((self.outcomes(report)["new"], report["counters"]["nr_hashed"]),
                          ("merged", 1))
         self.assertEqual(set(self.outcomes(self.scan("--apply")).values()), {"shared"})
-        self.run_tool("scan", ".")  # saves digests in the user's private state directory
+
+    def test_digests_are_kept_where_users_programs_do_for_nobody_else(self):
+        self.write("a", content("same"))
+        self.addCleanup(os.umask, os.umask(0))
         state = self.directory / ".local/state/velmarin"
-        self.assertEqual((state.stat().st_mode & 0o777, len(list(state.iterdir()))), (0o700, 2))
+        self.run_tool("scan", ".")
+        self.assertEqual(state.stat().st_mode & 0o777, 0o700)
+        state.chmod(0o777)
+        (state / ("0" * 64 + ".hsh")).touch(0o755)
+        self.run_tool("scan", ".")
+        self.assertEqual([path.stat().st_mode & 0o777 for path in state.iterdir()], [0o600] * 3)
 
     def test_what_a_scan_read_stays_in_memory_only_for_merging(self):
         self.mount_btrfs("256M")
@@ -182,22 +190,28 @@ class Interrupted(ToolCase):
         self.assertTrue(any(text in line for line in process.stderr), text)
 
     def test_a_signal_leaves_the_rest_untried_and_what_changed_meanwhile_is_left_alone(self):
-        for number in range(90):  # the largest pair is merged first
-            for twin in "ab":
-                self.write(f"{number:02}{twin}", content(number, 200000 - 1000 * number))
-        with self.start("scan", "--apply", "--json", "--verbose", ".") as process:
-            self.wait_for(process, b"done deduplication")
-            changed = [self.write(name, b"something else") for name in ("40b", "41a")]
-            self.wait_for(process, b"45b")
-            process.send_signal(signal.SIGINT)
-            report = json.loads(process.communicate(timeout=DEADLINE)[0])
-        outcomes = self.outcomes(report)
-        expected = {"00b": "merged", "40a": "source", "40b": "changed", "41a": "changed",
-                    "41b": "source", "45b": "merged", "89a": "not tried", "89b": "not tried"}
-        self.assertLessEqual(expected.items(), outcomes.items())
-        self.assertEqual((process.returncode, report["stopped"], report["merged"]["not_tried"]),
-                         (1, True, list(outcomes.values()).count("not tried")))
-        self.assertEqual({path.read_bytes() for path in changed}, {b"something else"})
+        for stops in (True, False):
+            for number in range(90):  # the largest pair is merged first
+                for twin in "ab":
+                    data = content(f"{number}{stops}", 200000 - 1000 * number)
+                    self.write(f"{number:02}{twin}", data)
+            with self.start("scan", "--apply", "--json", "--verbose", ".") as process:
+                self.wait_for(process, b"done deduplication")
+                changed = [self.write(name, b"something else") for name in ("40b", "41a")]
+                time = (self.root / "42b").stat().st_mtime_ns
+                os.utime(self.root / "42b", ns=(time, time ^ 1))
+                self.wait_for(process, b"45b")
+                process.send_signal(signal.SIGINT if stops else 0)
+                report = json.loads(process.communicate(timeout=DEADLINE)[0])
+            outcomes = self.outcomes(report)
+            last = "not tried" if stops else "merged"
+            expected = {"00b": "merged", "40a": "source", "40b": "changed", "41a": "changed",
+                        "41b": "source", "42b": "changed", "45b": "merged", "89b": last}
+            self.assertLessEqual(expected.items(), outcomes.items())
+            self.assertEqual((process.returncode, report["stopped"], report["out_of_time"],
+                              report["merged"]["not_tried"]),
+                             (1, stops, False, list(outcomes.values()).count("not tried")))
+            self.assertEqual({path.read_bytes() for path in changed}, {b"something else"})
 
     def test_the_time_budget_ends_merging_after_the_current_file(self):
         for number in range(60):
