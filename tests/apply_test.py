@@ -64,57 +64,52 @@ class ReportCase(ToolCase):
 class Refused(ReportCase):
     def rows(self, report):
         """Pairs of a report and what is said of it."""
-        group, file = ("groups", 1), ("groups", 1, "files", 2)
-        path = report["groups"][1]["files"][2]["path"]
+        path, twin = (report["groups"][1]["files"][number]["path"] for number in (2, 0))
         first = report["groups"][0]["files"][0]
-        for place, value, said in (
-                (("format",), 2, "format is not 1"), (("format",), GONE, "format is missing"),
-                (("roots",), GONE, "roots is missing"), (("roots",), [], "roots is empty"),
-                (("roots",), {}, "roots is not a list"),
-                (("roots", 0), "/", "root 1: not an object"),
-                (("roots", 0, "path"), "srv", "root 1: path is not absolute"),
-                (("groups",), GONE, "groups is missing"),
-                (("groups",), "x", "groups is not a list"),
-                (group, 5, "group 2: not an object"), (group, [], "group 2: not an object"),
-                (group + ("size",), GONE, "group 2: size is missing"),
-                (group + ("size",), 1.5, "group 2: size is not a whole number"),
-                (group + ("size",), 0, "group 2: size is out of range"),
-                (group + ("size",), 1 << 63, "group 2: size is out of range"),
-                (group + ("digest",), "0f" * 31, "group 2: digest is not of 64 digits"),
-                (group + ("digest",), "0g" * 32,
-                 "group 2: digest is not of pairs of hexadecimal digits"),
-                (group + ("digest",), None, "group 2: digest is not a string"),
-                (group + ("files",), [first], "group 2: files is not a list of two or more files"),
-                (group + ("files",), {}, "group 2: files is not a list of two or more files"),
-                (file, None, "group 2, file 3: not an object"),
-                (file + ("path",), ["/"], "group 2, file 3: path is not a string"),
-                (file + ("path",), "b/c", "group 2, file 3: path is not absolute"),
-                *((file + ("path",), elsewhere,
-                   "group 2, file 3: path lies below none of the roots")
-                  for elsewhere in ("/etc/passwd", "/", str(self.root), f"{self.root}x/c")),
-                *((file + ("path",), f"{self.root}/{name}",
-                   'group 2, file 3: path has an empty part, "." or ".." in it')
-                  for name in ("b/../b/c", "b//c", "./b/c", "b/c/", "..")),
-                (file + ("path",), f"{path}\0", "group 2, file 3: path has a NUL in it"),
-                (file + ("path",), f"{path}{'n' * 256}", "group 2, file 3: path is too long"),
-                (file + ("path",), LONG, "group 2, file 3: path is too long"),
-                (file + ("path",), first["path"], "group 2, file 3: path is there twice"),
-                (file + ("path",), report["groups"][1]["files"][0]["path"],
-                 "group 2, file 3: path is there twice"),
-                *((file + ("path_bytes",), digits,
-                   "group 2, file 3: path_bytes is not of pairs of hexadecimal digits")
-                  for digits in ("2f6", "2f 6", "2fx0", "-1-1")),
-                (file + ("path_bytes",), os.fsencode(first["path"]).hex(),
-                 "group 2, file 3: path and path_bytes are different names"),
-                (file + ("inode",), -1, "group 2, file 3: inode is out of range"),
-                (file + ("inode",), 1 << 64, "group 2, file 3: inode is not a whole number"),
-                (file + ("status",), 4, "group 2, file 3: status is out of range"),
-                (file + ("status",), -4096, "group 2, file 3: status is out of range"),
-                (file + ("blocks",), GONE, "group 2, file 3: blocks is missing"),
-                (file + ("mtime",), 5, "group 2, file 3, mtime: not an object"),
-                (file + ("mtime", "sec"), "0", "group 2, file 3, mtime: sec is not a whole number"),
-                (file + ("mtime", "nsec"), 10**9, "group 2, file 3, mtime: nsec is out of range")):
-            yield edited(report, place, value).encode(), said
+        outside = "path lies below none of the roots"
+        parts = 'path has an empty part, "." or ".." in it'
+        digits, number = "is not of pairs of hexadecimal digits", "is not a whole number"
+        few = "files is not a list of two or more files"
+        for place, prefix, rows in (
+                ((), "", (
+                    ("format", 2, "format is not 1"), ("format", GONE, "format is missing"),
+                    ("roots", GONE, "roots is missing"), ("roots", [], "roots is empty"),
+                    ("roots", {}, "roots is not a list"), ("groups", GONE, "groups is missing"),
+                    ("groups", "x", "groups is not a list"))),
+                (("roots",), "root 1: ", ((0, "/", "not an object"),)),
+                (("roots", 0), "root 1: ", (("path", "srv", "path is not absolute"),)),
+                (("groups",), "group 2: ", ((1, 5, "not an object"), (1, [], "not an object"))),
+                (("groups", 1), "group 2: ", (
+                    ("size", GONE, "size is missing"), ("size", 1.5, f"size {number}"),
+                    ("size", 0, "size is out of range"), ("size", 1 << 63, "size is out of range"),
+                    ("digest", "0f" * 31, "digest is not of 64 digits"),
+                    ("digest", "0g" * 32, f"digest {digits}"),
+                    ("digest", None, "digest is not a string"),
+                    ("files", [first], few), ("files", {}, few))),
+                (("groups", 1, "files"), "group 2, file 3: ", ((2, None, "not an object"),)),
+                (("groups", 1, "files", 2), "group 2, file 3: ", (
+                    ("path", ["/"], "path is not a string"), ("path", "b/c", "path is not absolute"),
+                    *(("path", name, outside)
+                      for name in ("/etc/passwd", "/", str(self.root), f"{self.root}x/c")),
+                    *(("path", f"{self.root}/{name}", parts)
+                      for name in ("b/../b/c", "b//c", "./b/c", "b/c/", "..")),
+                    ("path", f"{path}\0", "path has a NUL in it"),
+                    *(("path", name, "path is too long") for name in (f"{path}{'n' * 256}", LONG)),
+                    *(("path", name, "path is there twice") for name in (first["path"], twin)),
+                    *(("path_bytes", name, f"path_bytes {digits}")
+                      for name in ("2f6", "2f 6", "2fx0", "-1-1")),
+                    ("path_bytes", os.fsencode(first["path"]).hex(),
+                     "path and path_bytes are different names"),
+                    ("inode", -1, "inode is out of range"), ("inode", 1 << 64, f"inode {number}"),
+                    ("status", 4, "status is out of range"),
+                    ("status", -4096, "status is out of range"),
+                    ("blocks", GONE, "blocks is missing"))),
+                (("groups", 1, "files", 2), "group 2, file 3, mtime: ",
+                 (("mtime", 5, "not an object"),)),
+                (("groups", 1, "files", 2, "mtime"), "group 2, file 3, mtime: ", (
+                    ("sec", "0", f"sec {number}"), ("nsec", 10**9, "nsec is out of range")))):
+            for name, value, said in rows:
+                yield edited(report, (*place, name), value).encode(), prefix + said
 
     def damaged(self, text):
         """As above, of a text that is no JSON or has something else about it."""
