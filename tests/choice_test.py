@@ -1,9 +1,11 @@
 """Which entries a scan examines, by the tool's options."""
 
 import json
+import os
 import sys
+import threading
 
-from support.script import ToolCase, content, main
+from support.script import DEADLINE, ToolCase, content, main, run
 
 TREE = ("a.txt b.TXT .hidden .git/config .git/objects/x build/out.o build/deep/out.o src/build "
         "src/x/y/main.c src/main.c [odd] -dash ünt back\\slash src/build.d/note").split()
@@ -76,6 +78,93 @@ class Choice(ToolCase):
             report = self.scan(*limits)
             self.assertEqual((len(report["groups"]), report["counters"]["nr_dir_read"],
                               report["counters"]["nr_hashed"]), (groups, directories, read), limits)
+
+
+class LeftOut(ToolCase):
+    def test_what_could_not_be_looked_at_is_counted_listed_and_explained(self):
+        nobody = self.become_nobody()
+        for name in ("a", "b", "secret", "closed/c", "skipped/d", "no/e", "no/f", "unlisted"):
+            self.write(name, content("same", 2000))
+        self.write("small", b"")
+        for name in ("secret", "closed", "skipped", "small", "unlisted"):
+            (self.root / name).chmod(0)
+        (self.root / "no").chmod(0o444)  # shows names, and opens nothing
+        (self.root / "link").symlink_to("secret")
+        os.mkfifo(self.root / "pipe", 0)
+        limits = ["--skip", self.root / "skipped", "--exclude", "unl*"]
+        left_out = [("closed", "directory not read"), ("no/e", "not opened"), ("no/f", "not opened"),
+                    ("secret", "not opened")]
+        report = self.scan(*limits, before=nobody)
+        self.assertEqual(report["errors"], [{"path": str(self.root / name), "cause": cause,
+                                             "errno": "EACCES"} for name, cause in left_out])
+        self.assertEqual(report["error_counts"], {"directory not read": 1, "not opened": 3,
+                                                  "not marked": 0, "not read": 0,
+                                                  "state unknown": 0, "changed": 0})
+        marked = [("a", "not marked"), ("b", "not marked"), *left_out]
+        output, errors = self.run_tool("scan", "--apply", "-v", "--min-size", "1K", "--state",
+                                       self.directory / "other", *limits, ".", self.root / "closed/..",
+                                       before=nobody, status=1)
+        self.assertIn("\n                   1 directory could not be read"
+                      "\n                   3 files could not be opened"
+                      "\n                   2 files could not be marked\n", output)
+        self.assertEqual([line for line in errors.splitlines() if "left out" in line],
+                         [f"velmarin: left out: {self.root}/{name}: {cause}, Permission denied"
+                          for name, cause in marked])
+
+    def test_a_file_that_changes_while_it_is_read_is_named(self):
+        for name in "ab":
+            self.write(name, content("same", 30_000_000))
+        over = threading.Event()
+
+        def write_on():
+            with open(self.root / "b", "rb+", buffering=0) as file:
+                while not over.is_set():
+                    os.pwrite(file.fileno(), b"x", 10_000_000)
+
+        writer = threading.Thread(target=write_on)
+        writer.start()
+        self.addCleanup(writer.join)
+        self.addCleanup(over.set)
+        with self.start("scan", "--apply", "--json", ".") as process:
+            report = json.loads(process.communicate(timeout=DEADLINE)[0])
+        self.assertEqual([(error["path"], error["cause"]) for error in report["errors"]],
+                         [(str(self.root / "b"), "changed")])
+
+
+class Refusals(ToolCase):
+    def test_each_refusal_says_in_words_what_is_wrong(self):
+        for name in ("a", "b", "c"):
+            self.write(name, content("other" if name == "c" else "same"))
+        os.link(self.root / "a", self.root / "link")
+        os.mkfifo(self.root / "pipe")
+        before = self.identities()
+        for command, said in (
+                ("revoke .", ".: is a directory"), ("info pipe", "pipe: is no regular file"),
+                ("copy . new", ".: is a directory"), ("dedup a .", ".: is a directory"),
+                ("group a b pipe", "pipe: is no regular file"),
+                ("group a", "a: is alone: a group takes two files or more"),
+                ("group b a link", "link: same file as a"), ("dedup a a", "a: same file as a"),
+                ("dedup a link", "link: same file as a")):
+            self.assertEqual(self.run_tool(*command.split(), status=1), ("", f"velmarin: {said}\n"))
+            self.assertEqual(self.identities(), before)
+        _, errors = self.run_tool("dedup", "a", "c", status=1)
+        self.assertEqual(errors, "velmarin: c: cannot share the data of a: contents differ\n")
+        _, errors = self.run_tool("group", "a", "b", "c", status=1)
+        self.assertEqual(errors,
+                         "velmarin: a: the group was not merged completely: contents differ\n")
+
+    def test_files_of_which_one_is_not_copied_on_write_are_refused_in_words(self):
+        self.mount_btrfs("128M")
+        (self.root / "a").touch()
+        run("chattr", "+C", self.root / "a")
+        for name in "abc":
+            self.write(name, content("same"))
+        reason = "copy-on-write is off for one of the two"
+        for command in ("dedup a b", "group b c a"):
+            self.assertIn(reason, self.run_tool(*command.split(), status=1)[1])
+        report = self.scan("--apply", status=1)
+        self.assertEqual({file["path"][-1]: file.get("reason") for file in
+                          report["groups"][0]["files"]}, {"a": reason, "b": None, "c": None})
 
 
 main(sys.argv[1:-1])

@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <sstream>
@@ -16,6 +18,7 @@
 #include "findings.h"
 #include "glob.h"
 #include "mounts.h"
+#include "omissions.h"
 #include "output_file.h"
 #include "scan_paths.h"
 #include "size_text.h"
@@ -117,6 +120,39 @@ TEST(Glob, MatchesNamesPathsAndDirectories) {
     }
     EXPECT_EQ(matched, row);
   }
+}
+
+TEST(Omissions, TellsThePathCauseAndErrorFromALineKeepsSomeAndCountsAll) {
+  const std::string denied = std::strerror(EACCES);
+  Omissions omissions;
+  for (const std::string &line : std::vector<std::string>{
+           "cannot open /a returned b returned " + denied,
+           "cannot open /a returned b returned " + denied,
+           "failed to open //dir as directory returned " + std::string(std::strerror(ENOMEM)),
+           "failed to read [7]/r returned " + std::string(std::strerror(EIO)),
+           "failed to get stat of [12]/s returned no such error",
+           "failed to get stat of /s2 returned ",
+           "failed to allocate hash for /h returned " + std::string(std::strerror(ENOMEM)),
+           "call prep for /p returned " + denied, "fail to open /pattern returned " + denied,
+           "Cannot open /digests returned " + denied,
+           "cannot open /stopped returned Operation canceled", "cannot open /cut"}) {
+    omissions.read_log_message(line);
+  }
+  std::vector<std::string> listed;
+  for (const Omission &omission : omissions.list()) {
+    listed.push_back(describe(omission) + "; " + errno_name(omission.error));
+  }
+  EXPECT_EQ(listed,
+            (std::vector<std::string>{"/a returned b: not opened, Permission denied; EACCES",
+                                      "/dir: directory not read, Cannot allocate memory; ENOMEM",
+                                      "/h: not read, Cannot allocate memory; ENOMEM",
+                                      "/r: not read, Input/output error; EIO", "/s: not read; ",
+                                      "/s2: not read; "}));
+  for (size_t i = 0; i < Omissions::MOST_LISTED; ++i) {
+    omissions.add("/" + std::to_string(i), Cause::changed, 0);
+  }
+  EXPECT_EQ(omissions.list().size(), Omissions::MOST_LISTED);
+  EXPECT_EQ(omissions.counts(), (std::array<uint64_t, CAUSES>{1, 1, 0, 4, 0, 10000}));
 }
 
 // What each word is read as, in order; '-' where it is refused.

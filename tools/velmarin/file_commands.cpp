@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
+#include <utility>
 
 #include "copy_permissions.h"
 #include "display_name.h"
@@ -17,6 +19,7 @@
 #include "layer.h"
 #include "message.h"
 #include "overlay.h"
+#include "refusal.h"
 #include "velmarin/control_codes.h"
 #include "velmarin/files.h"
 #include "volume.h"
@@ -50,11 +53,42 @@ std::string reason_of_failure(const std::string &file, const LogLines &log) {
   return message.empty() ? "the call failed" : escaped_name(message);
 }
 
+// A directory, a device or a FIFO has no data to share, and opening it may wait or do something.
+bool refuse_other_than_file(const Files &files) {
+  for (const std::string &file : files) {
+    struct stat status = {};
+    if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+      return !refuse(file, S_ISDIR(status.st_mode) ? "is a directory" : "is no regular file");
+    }
+  }
+  return false;
+}
+
 // The commands open files for writing, which copies a file of an overlay up.
 bool refuse_on_overlay(const Files &files) {
   for (const std::string &file : files) {
     if (is_on_overlay(file)) {
       return !refuse(file, "left alone: on an overlay it would be copied up");
+    }
+  }
+  return false;
+}
+
+bool refuse_unusable(const Files &files) {
+  return refuse_other_than_file(files) || refuse_on_overlay(files);
+}
+
+// Two names of one file share its data already.
+bool refuse_same_file(const Files &files) {
+  std::map<std::pair<dev_t, ino_t>, const std::string *> met;
+  for (const std::string &file : files) {
+    struct stat status = {};
+    if (stat(file.c_str(), &status) != 0) {
+      continue;
+    }
+    const auto [place, is_new] = met.emplace(std::pair(status.st_dev, status.st_ino), &file);
+    if (!is_new) {
+      return !refuse(file, "same file as " + escaped_name(*place->second));
     }
   }
   return false;
@@ -66,7 +100,7 @@ bool for_each(const Files &files, LogLines &log, Act act) {
   bool all_done = true;
   for (const std::string &file : files) {
     log.forget();
-    all_done = !refuse_on_overlay({file}) && act(file) && all_done;
+    all_done = !refuse_unusable({file}) && act(file) && all_done;
   }
   return all_done;
 }
@@ -96,7 +130,7 @@ std::string reason_of_sharing_on(const std::string &file, int error) {
 }
 
 bool dedup(const Files &files, LogLines &log) {
-  if (refuse_on_overlay(files)) {
+  if (refuse_unusable(files) || refuse_same_file(files)) {
     return false;
   }
   // The library wants a path with a directory.
@@ -112,7 +146,7 @@ bool dedup(const Files &files, LogLines &log) {
   }
   if (result > 0) {
     return refuse(second, "cannot share the data of " + escaped_name(files[0]) + ": " +
-                              std::strerror(result));
+                              reason_of_sharing(first, second, result));
   }
   const bool is_first = access(first.c_str(), R_OK | W_OK) != 0;
   return refuse(is_first ? files[0] : second, reason_of_failure(is_first ? first : second, log));
@@ -149,8 +183,19 @@ bool recover(const Files &files, LogLines &log) {
   });
 }
 
+std::string reason_of_group(const Files &files, int error) {
+  std::string reason = reason_of(error);
+  for (size_t i = 1; i < files.size() && reason == reason_of(error); ++i) {
+    reason = reason_of_sharing(files[0], files[i], error);
+  }
+  return reason;
+}
+
 bool group(const Files &files, LogLines &) {
-  if (refuse_on_overlay(files)) {
+  if (files.size() < 2) {
+    return refuse(files[0], "is alone: a group takes two files or more");
+  }
+  if (refuse_unusable(files) || refuse_same_file(files)) {
     return false;
   }
   std::vector<char *> paths;
@@ -162,7 +207,7 @@ bool group(const Files &files, LogLines &) {
     say(file, describe_layer(file));
   }
   return error == 0 || refuse(files[0], std::string("the group was not merged completely: ") +
-                                            std::strerror(error));
+                                            reason_of_group(files, error));
 }
 
 // The copy is its user's alone until it has the permissions of its source.
@@ -176,7 +221,7 @@ bool copy(const Files &files, LogLines &) {
   const std::string &target = files[1];
   struct stat status = {};
   const bool existed = lstat(target.c_str(), &status) == 0;
-  if (refuse_on_overlay({source})) {
+  if (refuse_unusable({source})) {
     return false;
   }
   const int error = private_copy(source, target);
@@ -230,7 +275,7 @@ bool freeze(const Files &files, LogLines &log) {
     if (result == -1 && log.last_message().empty()) {
       return refuse(file, "changed meanwhile; it is not frozen");
     }
-    return refuse(file, result == -1 ? reason_of_failure(file, log) : std::strerror(-result));
+    return refuse(file, result == -1 ? reason_of_failure(file, log) : reason_of(-result));
   });
 }
 

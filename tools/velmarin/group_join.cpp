@@ -5,6 +5,7 @@
 #include <set>
 
 #include "file_digest.h"
+#include "omission_watch.h"
 #include "stop_signal.h"
 
 namespace tool {
@@ -138,6 +139,9 @@ bool GroupJoin::find_digest(const CollectedFile &file, Digest &digest) {
   findings_.counters.nr_error += error != 0 && error != ESTALE ? 1 : 0;
   if (error == 0) {
     keeper_.add(file.status, digest);
+  } else {
+    OmissionWatch::note(file.path, error == ESTALE ? Cause::changed : Cause::not_read,
+                        error == ESTALE ? 0 : error);
   }
   return error == 0;
 }

@@ -13,6 +13,7 @@
 
 #include "beneath.h"
 #include "message.h"
+#include "omission_watch.h"
 #include "scan_probes.h"
 #include "stop_signal.h"
 
@@ -95,7 +96,11 @@ int open_below_roots(const char *path, int flags, mode_t mode) {
         return -1;
       }
       probe_counts.read += is_to_be_read(flags);
-      return open_beneath(root.fd, rest, flags, mode);
+      const int fd = open_beneath(root.fd, rest, flags, mode);
+      if (fd < 0) {
+        OmissionWatch::note_failed_open(path, flags, errno);
+      }
+      return fd;
     }
   }
   if (is_temporary(flags) && !held_roots.empty()) {

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "display_name.h"
+#include "omission_watch.h"
 #include "velmarin_platform/log_sink.h"
 
 namespace tool {
@@ -59,6 +60,7 @@ void LogLines::keep(std::string_view line) {
       phase_ = end.next;
     }
   }
+  OmissionWatch::note_log_message(message);
   const std::lock_guard guard(lock_);
   last_message_ = message;
   // While digests are saved nothing but the making of their file is logged, unless that fails.

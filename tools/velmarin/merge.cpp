@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "read_ahead.h"
+#include "refusal.h"
 #include "share_plan.h"
 #include "stop_signal.h"
 #include "survey.h"
@@ -144,7 +145,8 @@ class ShareMerge {
     }
     const int error = dedup_file(file.path.c_str(), source_fd);
     if (error != 0) {
-      set_outcome(file, Outcome::refused, std::strerror(error));
+      set_outcome(file, Outcome::refused,
+                  reason_of_sharing(group_.files[source_].path, file.path, error));
       return;
     }
     set_outcome(file, Outcome::merged);

@@ -106,6 +106,23 @@ Json json_roots(const std::vector<std::string> &roots) {
   return list;
 }
 
+Json json_omission(const Omission &omission) {
+  Json object;
+  put_name(object, omission.path);
+  object["cause"] = cause_word(omission.cause);
+  const std::string name = errno_name(omission.error);
+  object["errno"] = name.empty() ? Json(nullptr) : Json(name);
+  return object;
+}
+
+Json json_omission_counts(const Report &report) {
+  Json counts;
+  for (size_t cause = 0; cause < CAUSES; ++cause) {
+    counts[cause_word(static_cast<Cause>(cause))] = report.omission_counts[cause];
+  }
+  return counts;
+}
+
 // Prints one object, each member of it and each element of its long arrays on a line of its own.
 // Only one of them is held at a time: there may be very many files.
 class ObjectPrinter {
@@ -161,6 +178,8 @@ void print_json(const Report &report, std::FILE *out) {
                      [&](const FoundGroup &group) { return json_group(group, report.applied); });
   object.print_array("compressed", findings.compressed, json_compressed);
   if (report.is_scan) {
+    object.print_array("errors", report.omissions, json_omission);
+    object.print("error_counts", json_omission_counts(report));
     object.print("counters", json_counters(report));
     object.print("statistics", json_statistics(findings.statistics));
   }

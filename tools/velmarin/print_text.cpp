@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "display_name.h"
+#include "message.h"
 #include "report.h"
 #include "size_text.h"
 
@@ -171,9 +172,19 @@ class TextPrinter {
                            std::to_string(counters.nr_scan_file) + " candidates, " +
                            std::to_string(counters.nr_hashed) + " read whole");
     print_row("errors", std::to_string(counters.nr_error));
+    print_omission_counts();
     if (report_.unsupported + report_.unknown > 0) {
       print_row("left out", std::to_string(report_.unsupported) + " without deduplication, " +
                                 std::to_string(report_.unknown) + " in an unknown state");
+    }
+  }
+
+  void print_omission_counts() const {
+    for (size_t cause = 0; cause < CAUSES; ++cause) {
+      if (report_.omission_counts[cause] > 0) {
+        print_row("",
+                  describe_omissions(static_cast<Cause>(cause), report_.omission_counts[cause]));
+      }
     }
   }
 
@@ -185,6 +196,19 @@ class TextPrinter {
 
 void print_text(const Report &report, bool colours) {
   TextPrinter(report, colours).print();
+}
+
+void print_omissions(const Report &report) {
+  uint64_t count = 0;
+  for (const uint64_t of_cause : report.omission_counts) {
+    count += of_cause;
+  }
+  for (const Omission &omission : report.omissions) {
+    print_error("left out: " + describe(omission));
+  }
+  if (count > report.omissions.size()) {
+    print_error(std::to_string(count - report.omissions.size()) + " more left out");
+  }
 }
 
 }  // namespace tool

@@ -2,24 +2,28 @@
 // be shown.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <string>
 #include <vector>
 
 #include "findings.h"
+#include "omissions.h"
 
 namespace tool {
 
 struct Report {
   Findings findings;
   std::vector<std::string> roots;
-  bool is_scan = true;       // false: the findings are those of an earlier scan
-  bool applied = false;      // merging was asked for
-  bool stopped = false;      // by a signal
-  bool out_of_time = false;  // the time budget was used up
-  uint64_t unsupported = 0;  // files left out: their file system cannot deduplicate
-  uint64_t unknown = 0;      // files left out: their state could not be asked
+  bool is_scan = true;              // false: the findings are those of an earlier scan
+  bool applied = false;             // merging was asked for
+  bool stopped = false;             // by a signal
+  bool out_of_time = false;         // the time budget was used up
+  uint64_t unsupported = 0;         // files left out: their file system cannot deduplicate
+  uint64_t unknown = 0;             // files left out: their state could not be asked
+  std::vector<Omission> omissions;  // as many as are kept by name
+  std::array<uint64_t, CAUSES> omission_counts = {};
   std::chrono::milliseconds elapsed{};
 };
 
@@ -48,6 +52,9 @@ std::vector<std::string> space_remarks(const Report &report);
 
 // Prints the report for people on standard output.
 void print_text(const Report &report, bool colours);
+
+// Lists on standard error what was left out.
+void print_omissions(const Report &report);
 
 // Prints the JSON object of `--json`.
 void print_json(const Report &report, std::FILE *out);

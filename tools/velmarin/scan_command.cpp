@@ -129,12 +129,17 @@ class ScanCommand {
     report_.unsupported = probe_counts.unsupported;
     report_.unknown = probe_counts.unknown;
     report_.findings = std::move(runs_.findings);
+    report_.omissions = runs_.omissions.list();
+    report_.omission_counts = runs_.omissions.counts();
     Statistics &statistics = report_.findings.statistics;
     get_sis_file_statistics(&statistics.compressed_files, &statistics.deduped_files,
                             &statistics.compressed_saved_bytes, &statistics.deduped_saved_bytes);
   }
 
   bool print() {
+    if (options_.verbose) {
+      print_omissions(report_);
+    }
     if (options_.json) {
       print_json(report_, stdout);
     } else {
@@ -144,8 +149,19 @@ class ScanCommand {
            page_.write(html_report(report_, page_context(report_, state_)));
   }
 
+  // The first of what the counter of errors counts for certain, in words if possible.
   std::string first_error() const {
+    for (const Omission &omission : report_.omissions) {
+      if (omission.cause == Cause::not_marked || omission.cause == Cause::not_read) {
+        return ": " + describe(omission);
+      }
+    }
     return log_.error_count() == 0 ? "" : ": " + escaped_name(log_.first_error());
+  }
+
+  std::string reason_of_not_saving() const {
+    return is_full(state_) ? "no space for the saved digests in " + escaped_name(state_)
+                           : escaped_name(log_.save_failure());
   }
 
   // Says what a reader of the report could miss.
@@ -157,8 +173,7 @@ class ScanCommand {
       print_error(format_count(counters.nr_error, "error") + " during the scan" + first_error());
     }
     if (!log_.save_failure().empty()) {
-      print_error("the digests were not kept for the next scan: " +
-                  escaped_name(log_.save_failure()));
+      print_error("the digests were not kept for the next scan: " + reason_of_not_saving());
     }
     if (probe_counts.on_overlay > 0) {
       print_error(format_count(probe_counts.on_overlay, "file") +

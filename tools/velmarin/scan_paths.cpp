@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -155,6 +156,12 @@ bool prepare_state_directory(std::string &path) {
   path = resolved;
   close_to_others(path);
   return true;
+}
+
+bool is_full(const std::string &directory) {
+  struct statvfs volume = {};
+  return statvfs(directory.c_str(), &volume) == 0 &&
+         (volume.f_bavail == 0 || (volume.f_files > 0 && volume.f_favail == 0));
 }
 
 }  // namespace tool

@@ -25,4 +25,7 @@ std::string default_state_directory();
 // path. Says on standard error what went wrong and returns false then.
 bool prepare_state_directory(std::string &path);
 
+// Whether the file system of the directory has no room or no inode left.
+bool is_full(const std::string &directory);
+
 }  // namespace tool

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "omission_watch.h"
 #include "overlay.h"
 #include "stop_signal.h"
 #include "velmarin/files.h"
@@ -32,7 +33,12 @@ int filter_entry(int fd, const struct stat *status, const char *path, bool merge
   }
   const int result = filter_out_nonsis(fd, status, path);
   if (result < 0) {
-    ++(result == -EOPNOTSUPP ? probe_counts.unsupported : probe_counts.unknown);
+    if (result == -EOPNOTSUPP) {
+      ++probe_counts.unsupported;
+    } else {
+      ++probe_counts.unknown;
+      OmissionWatch::note(path, Cause::state_unknown, -result);
+    }
   }
   return result;
 }
@@ -43,6 +49,22 @@ int filter_for_reading(int fd, const struct stat *status, const char *path) {
 
 int filter_for_merging(int fd, const struct stat *status, const char *path) {
   return filter_entry(fd, status, path, true);
+}
+
+int noted_freeze(int fd, const char *path) {
+  const int error = freeze_file(fd, path);
+  if (error != 0) {
+    OmissionWatch::note(path, error == EAGAIN ? Cause::changed : Cause::not_marked, error);
+  }
+  return error;
+}
+
+int noted_check(int fd, const char *path) {
+  const int result = check_frozen(fd, path);
+  if (result != 0) {
+    OmissionWatch::note(path, Cause::changed, 0);
+  }
+  return result;
 }
 
 }  // namespace
@@ -58,8 +80,8 @@ ChosenEntries::~ChosenEntries() {
 velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool merges) {
   return {.filter = merges ? filter_for_merging : filter_for_reading,
           .get_status = check_file_status,
-          .prep = merges ? freeze_file : nullptr,
-          .verify = merges ? check_frozen : nullptr,
+          .prep = merges ? noted_freeze : nullptr,
+          .verify = merges ? noted_check : nullptr,
           .report = report};
 }
 

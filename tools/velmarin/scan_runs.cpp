@@ -9,6 +9,7 @@
 #include "file_system.h"
 #include "group_join.h"
 #include "guarded_open.h"
+#include "omission_watch.h"
 #include "scan_paths.h"
 #include "scan_probes.h"
 
@@ -57,10 +58,12 @@ int ScanRuns::run() {
   plan_roots();
   keeper_.open(state_, roots_, planned_.size() == 1);
   const ChosenEntries chosen(choice_);
+  OmissionWatch omission_watch(omissions, choice_, skips_, smallest_size());
   VolumeWatch watch(keeper_);
   watch.min_size = smallest_size();
   const int error = make_planned_runs(watch);
   if (error == 0 && (made_.size() > 1 || !watch.collected.empty())) {
+    omission_watch.ignore_opens();
     join_runs(watch);
   }
   kept_digests = keeper_.close(error == 0 && looked_everywhere());

@@ -10,6 +10,7 @@
 #include "choice.h"
 #include "digest_keeper.h"
 #include "findings.h"
+#include "omissions.h"
 #include "options.h"
 #include "stop_signal.h"
 #include "time_limit.h"
@@ -37,6 +38,7 @@ class ScanRuns {
   int run();
 
   Findings findings;
+  Omissions omissions;
   bool kept_digests = true;  // false: digests that the library has not saved could not be written
 
  private:

@@ -1,0 +1,70 @@
+#include "omission_watch.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace tool {
+namespace {
+
+OmissionWatch *present = nullptr;
+
+// How the walk of the library opens an entry.
+constexpr int WALK_FLAGS = O_RDONLY | O_NONBLOCK | O_NOFOLLOW;
+
+// Errors of entries that a scan does not look at: symbolic links, sockets and devices, and what has
+// gone or was moved meanwhile.
+constexpr int EXPECTED[] = {ELOOP, ENXIO, ENODEV, ENOENT, ENOTDIR, EXDEV};
+
+}  // namespace
+
+OmissionWatch::OmissionWatch(Omissions &omissions, const Choice &choice,
+                             const std::vector<std::string> &skips, uint64_t min_size)
+    : omissions_(omissions), choice_(choice), skips_(skips), min_size_(min_size) {
+  present = this;
+}
+
+OmissionWatch::~OmissionWatch() {
+  present = nullptr;
+}
+
+void OmissionWatch::note(std::string_view path, Cause cause, int error) {
+  if (present != nullptr) {
+    present->omissions_.add(path, cause, error);
+  }
+}
+
+void OmissionWatch::note_failed_open(const char *path, int flags, int error) {
+  if (present != nullptr && !present->ignores_opens_ && flags == WALK_FLAGS &&
+      std::find(std::begin(EXPECTED), std::end(EXPECTED), error) == std::end(EXPECTED)) {
+    present->take_failed_open(path, error);
+  }
+  errno = error;
+}
+
+void OmissionWatch::note_log_message(std::string_view message) {
+  if (present != nullptr) {
+    present->omissions_.read_log_message(message);
+  }
+}
+
+bool OmissionWatch::is_wanted(const struct stat &status, std::string_view path) const {
+  const bool is_large_enough =
+      S_ISREG(status.st_mode) && static_cast<uint64_t>(status.st_size) >= min_size_;
+  return (is_large_enough || S_ISDIR(status.st_mode)) && !choice_.leaves_out(status, path) &&
+         std::find(skips_.begin(), skips_.end(), path) == skips_.end();
+}
+
+void OmissionWatch::take_failed_open(const char *path, int error) {
+  struct stat status = {};
+  if (lstat(path, &status) != 0) {
+    omissions_.add(path, Cause::not_opened, error);  // nobody can tell what it is
+  } else if (is_wanted(status, path)) {
+    omissions_.add(path, S_ISDIR(status.st_mode) ? Cause::directory_not_read : Cause::not_opened,
+                   error);
+  }
+}
+
+}  // namespace tool

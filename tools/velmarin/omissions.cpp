@@ -1,0 +1,117 @@
+#include "omissions.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+
+#include "display_name.h"
+#include "refusal.h"
+
+namespace tool {
+
+namespace {
+
+struct CauseText {
+  const char *word;
+  const char *one;
+  const char *several;
+};
+constexpr CauseText TEXTS[] = {
+    {"directory not read", "directory could not be read", "directories could not be read"},
+    {"not opened", "file could not be opened", "files could not be opened"},
+    {"not marked", "file could not be marked", "files could not be marked"},
+    {"not read", "file could not be read", "files could not be read"},
+    {"state unknown", "file did not tell its state", "files did not tell their state"},
+    {"changed", "file changed while it was read", "files changed while they were read"}};
+static_assert(std::size(TEXTS) == CAUSES);
+
+// How a line begins and goes on behind the path.
+struct Line {
+  std::string_view start;
+  std::string_view end;
+  Cause cause;
+};
+constexpr std::string_view RETURNED = " returned ";
+constexpr Line LINES[] = {{"cannot open ", "", Cause::not_opened},
+                          {"failed to open ", " as directory", Cause::directory_not_read},
+                          {"failed to read [", "", Cause::not_read},
+                          {"failed to get stat of ", "", Cause::not_read},
+                          {"failed to allocate hash for ", "", Cause::not_read}};
+constexpr int LAST_ERRNO = 4095;
+
+int errno_of(std::string_view text) {
+  for (int error = 1; error <= LAST_ERRNO; ++error) {
+    const char *const description = strerrordesc_np(error);
+    if (description != nullptr && text == description) {
+      return error;
+    }
+  }
+  return 0;
+}
+
+// Some lines have the number of the descriptor in brackets before the path, which is absolute.
+std::string_view path_in(std::string_view text) {
+  return text.substr(std::min(text.find('/'), text.size()));
+}
+
+}  // namespace
+
+const char *cause_word(Cause cause) {
+  return TEXTS[static_cast<size_t>(cause)].word;
+}
+
+std::string describe(const Omission &omission) {
+  const bool has_reason = omission.error != 0;
+  return escaped_name(omission.path) + ": " + cause_word(omission.cause) +
+         (has_reason ? ", " + reason_of(omission.error) : "");
+}
+
+std::string describe_omissions(Cause cause, uint64_t count) {
+  const CauseText &text = TEXTS[static_cast<size_t>(cause)];
+  return std::to_string(count) + ' ' + (count == 1 ? text.one : text.several);
+}
+
+std::string errno_name(int error) {
+  const char *const name = error == 0 ? nullptr : strerrorname_np(error);
+  return name == nullptr ? "" : name;
+}
+
+void Omissions::add(std::string_view path, Cause cause, int error) {
+  const std::lock_guard guard(lock_);
+  // A root of "/" leaves a doubled slash at the start.
+  const size_t doubled = path.starts_with("//") ? 1 : 0;
+  const std::pair key(std::string(path.substr(doubled)), cause);
+  if (listed_.size() < MOST_LISTED ? listed_.emplace(key, error).second : !listed_.contains(key)) {
+    ++counts_[static_cast<size_t>(cause)];
+  }
+}
+
+void Omissions::read_log_message(std::string_view message) {
+  for (const Line &line : LINES) {
+    const size_t end = message.rfind(std::string(line.end) + std::string(RETURNED));
+    if (message.starts_with(line.start) && end != std::string_view::npos) {
+      const int error = errno_of(message.substr(end + line.end.size() + RETURNED.size()));
+      if (error != ECANCELED) {  // a scan that is stopped opens nothing more
+        add(path_in(message.substr(0, end)), line.cause, error);
+      }
+      return;
+    }
+  }
+}
+
+std::array<uint64_t, CAUSES> Omissions::counts() const {
+  const std::lock_guard guard(lock_);
+  return counts_;
+}
+
+std::vector<Omission> Omissions::list() const {
+  const std::lock_guard guard(lock_);
+  std::vector<Omission> list;
+  for (const auto &[key, error] : listed_) {
+    list.push_back({key.first, key.second, error});
+  }
+  return list;
+}
+
+}  // namespace tool

@@ -1,0 +1,59 @@
+// What a scan left out though it was to look at it, and why.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace tool {
+
+enum class Cause { directory_not_read, not_opened, not_marked, not_read, state_unknown, changed };
+inline constexpr size_t CAUSES = 6;
+
+struct Omission {
+  std::string path;
+  Cause cause = Cause::not_opened;
+  int error = 0;  // errno; 0 if there is none
+};
+
+// "directory not read", "not opened", ...: the word in JSON.
+const char *cause_word(Cause cause);
+
+// "PATH: not opened, Permission denied", the path escaped.
+std::string describe(const Omission &omission);
+
+// "2 directories could not be read".
+std::string describe_omissions(Cause cause, uint64_t count);
+
+// "EACCES"; empty for 0 and for a number without a name.
+std::string errno_name(int error);
+
+// A collection for any thread. It keeps the paths of the first that come and counts the others.
+class Omissions {
+ public:
+  void add(std::string_view path, Cause cause, int error);
+
+  // Takes from a log line of the library what it says about a file that is left out; all other
+  // lines mean nothing here.
+  void read_log_message(std::string_view message);
+
+  // By cause.
+  std::array<uint64_t, CAUSES> counts() const;
+
+  // Ordered by path; at most `MOST_LISTED`.
+  std::vector<Omission> list() const;
+
+  static constexpr size_t MOST_LISTED = 10000;
+
+ private:
+  mutable std::mutex lock_;
+  std::map<std::pair<std::string, Cause>, int> listed_;  // the errno of each
+  std::array<uint64_t, CAUSES> counts_ = {};
+};
+
+}  // namespace tool

@@ -1,0 +1,45 @@
+#include "refusal.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace tool {
+namespace {
+
+// Whether writes to the file go to new blocks, as far as its file system tells.
+bool is_copied_on_write(const std::string &path) {
+  unsigned flags = 0;
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  const bool is_known = fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+  if (fd >= 0) {
+    close(fd);
+  }
+  return !is_known || (flags & FS_NOCOW_FL) == 0;
+}
+
+}  // namespace
+
+std::string reason_of(int error) {
+  switch (error) {
+    case EBADE:
+      return "contents differ";
+    case EOPNOTSUPP:
+      return "this file system cannot mark files";
+    default:
+      return std::strerror(error);
+  }
+}
+
+std::string reason_of_sharing(const std::string &first, const std::string &second, int error) {
+  if (error == EINVAL && is_copied_on_write(first) != is_copied_on_write(second)) {
+    return "copy-on-write is off for one of the two";
+  }
+  return reason_of(error);
+}
+
+}  // namespace tool

@@ -1,0 +1,15 @@
+// Why a file was refused, in words.
+#pragma once
+
+#include <string>
+
+namespace tool {
+
+// What an errno of the platform means for a file: "this file system cannot mark files" instead of
+// "Operation not supported"; the system's own text where that says it.
+std::string reason_of(int error);
+
+// Why `second` cannot share the data of `first`.
+std::string reason_of_sharing(const std::string &first, const std::string &second, int error);
+
+}  // namespace tool
