@@ -27,7 +27,7 @@ def fill_up(place):
 
 
 class NoRoom(ToolCase):
-    def test_digests_that_cannot_be_saved_are_reported_in_one_line_and_harm_no_file(self):
+    def test_what_cannot_be_saved_is_reported_in_a_line_and_harms_no_file(self):
         paths = [self.write(name, SAME) for name in "ab"]
         before = self.identities()
         nobody = self.become_nobody()

@@ -111,7 +111,7 @@ class Rounds:
         """What the next scan will find, besides what was saved before under its second name."""
         names = os.listdir(self.state) if os.path.isdir(self.state) else []
         kept = [name for name in names if name.endswith(".kept")]
-        found = sorted(set(names) - set(kept))
+        found = sorted(set(names) - set(kept) - {"lock", "history"})
         require(len(found) <= 1 and len(kept) <= 1, f"more than one digest file: {names}")
         if not found:
             return "absent"
