@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # segments_test.sh LIBRARY...
-# The memory image of each library fits pages of 16 KiB: every load segment is aligned to one, and
-# what becomes read-only after relocation ends with one, so that no page is half read-only.
+# Checks that the memory image of each library suits pages of 16 KiB: every load segment is aligned
+# to one, and the part that becomes read-only after relocation ends at a page boundary.
 set -euo pipefail
 command -v readelf >/dev/null || { echo "cannot run here: readelf is not installed" && exit 77; }
 

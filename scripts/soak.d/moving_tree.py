@@ -271,7 +271,7 @@ def main():
     print("reasons given:", dict(merger.reasons))
     require(merger.outcomes["merged"] > 0, "nothing was merged, so nothing was tried")
 
-    # At rest, with no digest of a file whose time was put back, a scan merges whatever is identical.
+    # At rest, with no digest of a file whose time was restored, a scan merges everything identical.
     report = merger.merge_once(state + "/fresh")
     require(merger.failure is None, merger.failure)
     print(f"at rest: {report['merged']}")
