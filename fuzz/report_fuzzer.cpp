@@ -135,12 +135,12 @@ void check_json(const tool::Report &report) {
 std::string printed_text(const tool::Report &report) {
   char *text = nullptr;
   size_t size = 0;
-  FILE *const former = stdout;
+  FILE *const previous = stdout;
   stdout = open_memstream(&text, &size);
   require(stdout != nullptr, "text can be printed into memory");
   tool::print_text(report, false);
   fclose(stdout);
-  stdout = former;
+  stdout = previous;
   std::string result(text, size);
   free(text);
   return result;
@@ -183,7 +183,7 @@ void check_text(tool::Report &report) {
   const std::string plain = printed_text(report);
   require(
       std::count(text.begin(), text.end(), '\n') == std::count(plain.begin(), plain.end(), '\n'),
-      "no name makes a line of its own");
+      "no name adds a line");
 }
 
 // Decodes an escaped name to its bytes.

@@ -1,4 +1,5 @@
-"""`velmarin apply`: merging what a report names, after somebody has had a look at it."""
+"""`velmarin apply`: merging the groups of a report, after the user has reviewed and perhaps trimmed
+it."""
 
 import copy
 import json

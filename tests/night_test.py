@@ -91,7 +91,7 @@ class Configured(NightCase):
 
 class Neighbours(NightCase):
     def stand_still(self, *arguments):
-        """Starts a run whose threads soon wait for somebody to read its log."""
+        """Starts a run whose threads soon block until its log is read."""
         for number in range(200):
             self.write(f"{number}", content("same", 2000))
         self.mount("none", self.root, "bind,ro", self.root)  # a line for each file
@@ -130,7 +130,7 @@ class Budget(NightCase):
         self.mount_btrfs("256M")
         for number in range(640):
             with open(self.root / str(number), "wb") as file:
-                file.truncate(2**25)  # reading a hole takes its time, too
+                file.truncate(2**25)  # reading a hole takes time too
         report = self.scan("--time-budget", "1")
         counters = report["counters"]
         self.assertLess(counters["nr_hashed"], 640)

@@ -23,7 +23,7 @@ from timing import processor_seconds
 FILE_SYSTEMS = ("btrfs", "xfs")
 TREES = {"small": trees.make_small_groups, "large": trees.make_large_groups}
 CACHES = ("warm", "cold")
-FREED_TOLERANCE = 0.02  # records and changed metadata take space, too
+FREED_TOLERANCE = 0.02  # records and changed metadata take space too
 
 
 def timed(merger, output):

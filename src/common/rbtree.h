@@ -31,7 +31,7 @@ rb_position rb_search(rb_root *root, Compare compare) {
   return {nullptr, parent, slot};
 }
 
-// The node that compares equal, or null. Any number of threads may search a tree that nobody
+// The node that compares equal, or null. Any number of threads may search a tree that no thread
 // changes.
 template <typename Compare>
 rb_node *rb_find(const rb_root *root, Compare compare) {

@@ -7,7 +7,7 @@
 namespace velmarin {
 
 // Reads the directory of a directory-form dentry: creates a dentry and, while there is time, a job
-// for every entry. Drops the dentry when it lies at the depth limit, cannot be opened or examined,
+// for every entry. Drops the dentry when it is at the depth limit, cannot be opened or examined,
 // is not a directory, is in the skip set, is refused by the filter, or cannot be read as a stream.
 // Only the last is logged and counted as an error.
 void read_directory(sis_context *ctx, dentry *directory);

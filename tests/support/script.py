@@ -33,7 +33,7 @@ class TreeCase(unittest.TestCase):
         self.directory = Path(tempfile.mkdtemp(prefix="velmarin-test-"))
         self.addCleanup(subprocess.run, ["rm", "-rf", self.directory])  # however deep it is
         if "overlayfs" in run("stat", "-f", "-c", "%T", self.directory):
-            self.skipTest("TMPDIR lies on an overlay, whose files are not merged")
+            self.skipTest("TMPDIR is on an overlay, whose files are not merged")
         self.root = self.directory / "root"
         self.root.mkdir()
 
