@@ -57,7 +57,7 @@ struct test_file : unique_fd {
   int dedup(int source) const { return error_of(share_data(get(), source, SIS_DEDUP_ATTACHED)); }
   int copy(int source) const { return error_of(share_data(get(), source, SIS_DEDUP_COPY)); }
   int clone(int source) const { return error_of(clone_into_temporary(get(), source)); }
-  int connect(int layer) const { return error_of(connect_to_layer(get(), layer)); }
+  int connect(int layer) const { return error_of(connect_layer(get(), layer)); }
   int freeze() const { return error_of(set_coincide_flag(get())); }
   int recover() const { return error_of(revoke(get())); }
   bool is_frozen() const {

@@ -13,8 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
+#include "common/heap_ptr.h"
 #include "sisfs.h"
 
 namespace velmarin::sisfs {
@@ -23,16 +23,6 @@ namespace {
 constexpr uint64_t SHARE_CHUNK = 16 << 20;       // the most that Btrfs shares in one request
 constexpr uint64_t READ_AHEAD_STEP = 128 << 10;  // the kernel truncates a longer one
 constexpr size_t COPY_BUFFER_SIZE = 1 << 20;
-constexpr uint32_t XFS_MAGIC = 0x58465342;  // "XFSB"
-
-struct free_memory {
-  void operator()(void *memory) const { free(memory); }
-};
-using byte_buffer = std::unique_ptr<char, free_memory>;
-
-byte_buffer allocate_buffer(size_t size) {
-  return byte_buffer(static_cast<char *>(malloc(size)));
-}
 
 // The magic number of the file system, or 0 if it is unknown.
 uint32_t file_system_type(int fd) {
@@ -70,8 +60,8 @@ int write_fully(int fd, const char *buffer, size_t length, uint64_t offset) {
 }
 
 int compare_contents(int left_fd, int right_fd, uint64_t size) {
-  const byte_buffer left = allocate_buffer(COPY_BUFFER_SIZE);
-  const byte_buffer right = allocate_buffer(COPY_BUFFER_SIZE);
+  const heap_ptr<char> left = heap_allocate<char>(COPY_BUFFER_SIZE);
+  const heap_ptr<char> right = heap_allocate<char>(COPY_BUFFER_SIZE);
   if (left == nullptr || right == nullptr) {
     return ENOMEM;
   }
@@ -155,7 +145,7 @@ bool is_same_file_system(int left_fd, const file_status &left, int right_fd,
 
 bool can_share_extents(int fd) {
   const uint32_t type = file_system_type(fd);
-  return type == BTRFS_SUPER_MAGIC || type == XFS_MAGIC;
+  return type == BTRFS_SUPER_MAGIC || type == XFS_SUPER_MAGIC;
 }
 
 int share_range(int source, int target, uint64_t offset, uint64_t length) {
@@ -233,7 +223,7 @@ int copy_contents(int source, int target, uint64_t size) {
   if (!reader.is_open()) {
     return errno;
   }
-  const byte_buffer buffer = allocate_buffer(COPY_BUFFER_SIZE);
+  const heap_ptr<char> buffer = heap_allocate<char>(COPY_BUFFER_SIZE);
   if (buffer == nullptr) {
     return ENOMEM;
   }

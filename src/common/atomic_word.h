@@ -26,6 +26,25 @@ void store_release(Word *word, Word value) {
   __atomic_store_n(word, value, __ATOMIC_RELEASE);
 }
 
+// The next four are in one order that all threads agree on.
+template <typename Word>
+Word load_ordered(const Word *word) {
+  return __atomic_load_n(word, __ATOMIC_SEQ_CST);
+}
+
+template <typename Word>
+void store_ordered(Word *word, Word value) {
+  __atomic_store_n(word, value, __ATOMIC_SEQ_CST);
+}
+
+inline void increment_ordered(uint64_t *counter) {
+  __atomic_fetch_add(counter, 1, __ATOMIC_SEQ_CST);
+}
+
+inline void decrement_ordered(uint64_t *counter) {
+  __atomic_fetch_sub(counter, 1, __ATOMIC_SEQ_CST);
+}
+
 // Sets the word to null if it still holds `expected`; only one of several threads succeeds.
 template <typename Target>
 bool take_pointer(Target **word, Target *expected) {

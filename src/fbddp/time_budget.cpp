@@ -46,22 +46,22 @@ bool is_signal_of(const sis_context *ctx, const siginfo_t *info) {
 }
 
 void clear_in_time(int, siginfo_t *info, void *) {
-  __atomic_fetch_add(&handlers_inside, 1, __ATOMIC_SEQ_CST);
+  increment_ordered(&handlers_inside);
   const void *named = info->si_value.sival_ptr;
-  sis_context *run = __atomic_load_n(&live_runs, __ATOMIC_SEQ_CST);
+  sis_context *run = load_ordered(&live_runs);
   while (run != nullptr) {
     if (run == named && is_signal_of(run, info)) {
       store_relaxed(&run->in_time, 0);
     }
-    run = __atomic_load_n(&run->alarm.next, __ATOMIC_SEQ_CST);
+    run = load_ordered(&run->alarm.next);
   }
-  __atomic_fetch_sub(&handlers_inside, 1, __ATOMIC_SEQ_CST);
+  decrement_ordered(&handlers_inside);
 }
 
 void enter_live_runs(sis_context *ctx) {
   pthread_mutex_lock(&users_lock);
   ctx->alarm.next = live_runs;
-  __atomic_store_n(&live_runs, ctx, __ATOMIC_SEQ_CST);
+  store_ordered(&live_runs, ctx);
   pthread_mutex_unlock(&users_lock);
 }
 
@@ -71,9 +71,9 @@ void leave_live_runs(sis_context *ctx) {
   while (*link != ctx) {
     link = &(*link)->alarm.next;
   }
-  __atomic_store_n(link, ctx->alarm.next, __ATOMIC_SEQ_CST);
+  store_ordered(link, ctx->alarm.next);
   pthread_mutex_unlock(&users_lock);
-  while (__atomic_load_n(&handlers_inside, __ATOMIC_SEQ_CST) != 0) {
+  while (load_ordered(&handlers_inside) != 0) {
     sched_yield();
   }
 }

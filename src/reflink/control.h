@@ -18,7 +18,7 @@ inline int clone_into_temporary(int temporary_fd, int src_fd) {
 }
 
 // Turns the filled temporary file into a layered inode and attaches `src_fd` to it.
-inline int connect_to_layer(int src_fd, int temporary_fd) {
+inline int connect_layer(int src_fd, int temporary_fd) {
   sis_connect_arg argument = {static_cast<uint32_t>(temporary_fd)};
   return ioctl(src_fd, SIS_IOC_CONNECT, &argument);
 }

@@ -31,7 +31,7 @@ int log_layer_failure(const layer_outcome &outcome, failure_style style) {
 
 }  // namespace
 
-int open_file(opened_file *file, int flags, mode_t mode, failure_style style) {
+int open_file(file_operand *file, int flags, mode_t mode, failure_style style) {
   file->fd.reset(open(file->path, flags, mode));
   if (!file->fd.is_open()) {
     return log_failure(errno, style, "fail to open %s", file->path);
@@ -39,14 +39,14 @@ int open_file(opened_file *file, int flags, mode_t mode, failure_style style) {
   return 0;
 }
 
-int read_status(opened_file *file, failure_style style) {
+int read_status(file_operand *file, failure_style style) {
   if (fstat(file->fd.get(), &file->status) != 0) {
     return log_failure(errno, style, "fail to stat %s", file->path);
   }
   return 0;
 }
 
-int open_with_status(opened_file *file, int flags, failure_style style) {
+int open_with_status(file_operand *file, int flags, failure_style style) {
   const int error = open_file(file, flags, 0, style);
   return error != 0 ? error : read_status(file, style);
 }
@@ -60,8 +60,8 @@ int find_directory(const char *path, path_buffer *directory, failure_style style
   return 0;
 }
 
-layer_outcome build_layer(int source_fd, const char *directory, mode_t mode,
-                          struct stat *empty_status, unique_fd *temporary) {
+layer_outcome make_layer(int source_fd, const char *directory, mode_t mode,
+                         struct stat *empty_status, unique_fd *temporary) {
   const int fd = open(directory, O_RDWR | O_TMPFILE, mode);
   if (fd < 0) {
     return {layer_step::open_temporary, fd, errno};
@@ -74,19 +74,19 @@ layer_outcome build_layer(int source_fd, const char *directory, mode_t mode,
   if (result < 0) {
     return {layer_step::clone, result, errno};
   }
-  result = connect_to_layer(source_fd, fd);
+  result = connect_layer(source_fd, fd);
   if (result < 0) {
     return {layer_step::connect, result, errno};
   }
   return {layer_step::done, result, 0};
 }
 
-int create_layered_inode(const opened_file &source, const char *directory, failure_style style,
-                         unique_fd *layer) {
+int make_layer_and_log(const file_operand &source, const char *directory, failure_style style,
+                       unique_fd *layer) {
   struct stat empty_status = {};
   unique_fd temporary;
   const layer_outcome outcome =
-      build_layer(source.fd.get(), directory, TEMPORARY_FILE_MODE, &empty_status, &temporary);
+      make_layer(source.fd.get(), directory, TEMPORARY_FILE_MODE, &empty_status, &temporary);
   if (outcome.stopped_at != layer_step::done) {
     return log_layer_failure(outcome, style);
   }
@@ -97,7 +97,7 @@ int create_layered_inode(const opened_file &source, const char *directory, failu
   return 0;
 }
 
-int dedup_onto_layer(const opened_file &file, int src_fd, failure_style style) {
+int dedup_onto_layer(const file_operand &file, int src_fd, failure_style style) {
   if (share_data(file.fd.get(), src_fd, SIS_DEDUP_ATTACHED) < 0) {
     return log_failure(errno, style, "fail to deduplicate %s", file.path);
   }

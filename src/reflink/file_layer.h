@@ -13,7 +13,7 @@
 namespace velmarin {
 
 // A file of an operation. Log lines show the inode number and size in `status`.
-struct opened_file {
+struct file_operand {
   const char *path;  // as the caller gave it
   unique_fd fd;
   struct stat status;
@@ -30,9 +30,9 @@ inline unsigned long size_of(const struct stat &status) {
 // The next four functions return 0 or an errno and log a failure in the given style.
 
 // `mode` is used only when `flags` creates the file.
-int open_file(opened_file *file, int flags, mode_t mode, failure_style style);
-int read_status(opened_file *file, failure_style style);
-int open_with_status(opened_file *file, int flags, failure_style style);
+int open_file(file_operand *file, int flags, mode_t mode, failure_style style);
+int read_status(file_operand *file, failure_style style);
+int open_with_status(file_operand *file, int flags, failure_style style);
 
 // Stores the directory of the file's real path, without the final '/': "" for a file in the root
 // directory.
@@ -51,16 +51,16 @@ struct layer_outcome {
 // attaches `source_fd` to it as a layered inode. `empty_status`, unless null, receives the status
 // of the temporary file before the clone. The caller keeps `temporary` open until it has dealt with
 // the outcome. Does not log.
-layer_outcome build_layer(int source_fd, const char *directory, mode_t mode,
-                          struct stat *empty_status, unique_fd *temporary);
+layer_outcome make_layer(int source_fd, const char *directory, mode_t mode,
+                         struct stat *empty_status, unique_fd *temporary);
 
 // Builds a layered inode from `source` in `directory`. Logs success, or failure in the given style.
 // Returns 0 or an errno; on success `layer` holds the temporary file's descriptor.
-int create_layered_inode(const opened_file &source, const char *directory, failure_style style,
-                         unique_fd *layer);
+int make_layer_and_log(const file_operand &source, const char *directory, failure_style style,
+                       unique_fd *layer);
 
 // Deduplicates `file` onto the layered inode of `src_fd`. Logs success, or failure in the given
 // style. Returns 0 or an errno.
-int dedup_onto_layer(const opened_file &file, int src_fd, failure_style style);
+int dedup_onto_layer(const file_operand &file, int src_fd, failure_style style);
 
 }  // namespace velmarin

@@ -15,15 +15,16 @@ namespace {
 class file_group {
  public:
   file_group(char **paths, int count)
-      : files_(static_cast<opened_file *>(calloc(static_cast<size_t>(count), sizeof(opened_file)))),
+      : files_(
+            static_cast<file_operand *>(calloc(static_cast<size_t>(count), sizeof(file_operand)))),
         count_(files_ != nullptr ? count : 0) {
     for (int i = 0; i < count_; i++) {
-      new (&files_[i]) opened_file{paths[i], {}, {}};
+      new (&files_[i]) file_operand{paths[i], {}, {}};
     }
   }
   ~file_group() {
     for (int i = count_; i > 0; i--) {
-      files_[i - 1].~opened_file();
+      files_[i - 1].~file_operand();
     }
     free(files_);
   }
@@ -31,18 +32,18 @@ class file_group {
   file_group &operator=(const file_group &) = delete;
 
   bool is_allocated() const { return files_ != nullptr; }
-  opened_file &first() { return files_[0]; }
-  opened_file *begin() { return files_; }
-  opened_file *end() { return files_ + count_; }
+  file_operand &first() { return files_[0]; }
+  file_operand *begin() { return files_; }
+  file_operand *end() { return files_ + count_; }
 
  private:
-  opened_file *files_;
+  file_operand *files_;
   int count_;
 };
 
 // Stops at the first member that cannot be opened.
 int open_members(file_group *group) {
-  for (opened_file &file : *group) {
+  for (file_operand &file : *group) {
     const int error = open_with_status(&file, O_RDWR, failure_style::erro_returned);
     if (error != 0) {
       return error;
@@ -54,7 +55,7 @@ int open_members(file_group *group) {
 // Continues after a refused member. Returns 0 or the errno of the last one refused.
 int dedup_other_members(file_group *group) {
   int result = 0;
-  for (opened_file *file = group->begin() + 1; file != group->end(); file++) {
+  for (file_operand *file = group->begin() + 1; file != group->end(); file++) {
     const int error =
         dedup_onto_layer(*file, group->first().fd.get(), failure_style::erro_returned);
     if (error != 0) {
@@ -76,8 +77,7 @@ int dedup_group(file_group *group) {
   }
   log_info("creating temporary file under %s", directory.text);
   unique_fd layer;
-  error =
-      create_layered_inode(group->first(), directory.text, failure_style::erro_returned, &layer);
+  error = make_layer_and_log(group->first(), directory.text, failure_style::erro_returned, &layer);
   if (error != 0) {
     return error;
   }

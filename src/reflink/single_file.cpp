@@ -17,7 +17,7 @@ constexpr mode_t COPY_MODE = 0644;
 using namespace velmarin;
 
 int create_layer(const char *path) {
-  opened_file file = {path, {}, {}};
+  file_operand file = {path, {}, {}};
   path_buffer directory;
   if (open_with_status(&file, O_RDWR, failure_style::info_returned) != 0 ||
       find_directory(path, &directory, failure_style::info_returned) != 0) {
@@ -25,25 +25,25 @@ int create_layer(const char *path) {
   }
   log_info("creating temporary file for %s", path);
   unique_fd layer;
-  if (create_layered_inode(file, directory.text, failure_style::info_returned, &layer) != 0) {
+  if (make_layer_and_log(file, directory.text, failure_style::info_returned, &layer) != 0) {
     return -1;
   }
   return file.fd.release();
 }
 
 int dedup_file(const char *path, int src_fd) {
-  opened_file file = {path, {}, {}};
+  file_operand file = {path, {}, {}};
   const int error = open_with_status(&file, O_RDWR, failure_style::info_returned);
   return error != 0 ? error : dedup_onto_layer(file, src_fd, failure_style::info_returned);
 }
 
 int reflink_copy(const char *src, const char *dst) {
-  opened_file source = {src, {}, {}};
+  file_operand source = {src, {}, {}};
   int error = open_with_status(&source, O_RDONLY, failure_style::erro_return);
   if (error != 0) {
     return error;
   }
-  opened_file copy = {dst, {}, {}};
+  file_operand copy = {dst, {}, {}};
   error = open_file(&copy, O_RDONLY | O_CREAT | O_EXCL, COPY_MODE, failure_style::erro_return);
   if (error != 0) {
     return error;
@@ -62,7 +62,7 @@ int reflink_copy(const char *src, const char *dst) {
 }
 
 int revoke_file(const char *path) {
-  opened_file file = {path, {}, {}};
+  file_operand file = {path, {}, {}};
   const int error = open_with_status(&file, O_RDONLY, failure_style::info_return);
   if (error != 0) {
     return error;

@@ -6,6 +6,7 @@
 
 #include <cstring>
 
+#include "common/heap_ptr.h"
 #include "reflink/control.h"
 #include "reflink/file_layer.h"
 #include "service/refusal_line.h"
@@ -18,16 +19,6 @@ namespace {
 constexpr mode_t TEMPORARY_FILE_MODE = 0777;
 constexpr int NOT_RECOVERED = -2;
 
-// A heap buffer that is freed when it goes out of scope.
-struct heap_text {
-  char *text = nullptr;
-
-  heap_text() = default;
-  heap_text(const heap_text &) = delete;
-  heap_text &operator=(const heap_text &) = delete;
-  ~heap_text() { free(text); }
-};
-
 // Two files of a request. The second is closed before the first.
 struct file_pair {
   unique_fd first;
@@ -35,23 +26,23 @@ struct file_pair {
 };
 
 // Copies `path` up to and including its last '/'. Returns 0 or -1.
-int copy_directory(const char *path, heap_text *directory) {
+int copy_directory(const char *path, heap_ptr<char> *directory) {
   const char *separator = strrchr(path, '/');
   if (separator == nullptr) {
     log_service("file1 %s invalid \n", path);
     return -1;
   }
   const size_t length = static_cast<size_t>(separator - path) + 1;
-  directory->text = static_cast<char *>(malloc(length + 1));
-  if (directory->text == nullptr) {
+  *directory = heap_allocate<char>(length + 1);
+  if (*directory == nullptr) {
     log_service("Create tmp_file Failed, malloc fail\n");
     return -1;
   }
-  if (memcpy_s(directory->text, length + 1, path, length) != 0) {
+  if (memcpy_s(directory->get(), length + 1, path, length) != 0) {
     log_service("Create tmp_file Failed, memcpy_s fail\n");
     return -1;
   }
-  directory->text[length] = '\0';
+  directory->get()[length] = '\0';
   return 0;
 }
 
@@ -81,8 +72,8 @@ int request_file_info(int fd, sis_file_info *info, int *error) {
 
 // Creates a layered inode from `fd`. Returns false and sets `error` on failure. The caller keeps
 // `temporary` open until the request for the second file is done.
-bool make_single_instance(int fd, const char *directory, unique_fd *temporary, int *error) {
-  const layer_outcome outcome = build_layer(fd, directory, TEMPORARY_FILE_MODE, nullptr, temporary);
+bool make_layer_for_request(int fd, const char *directory, unique_fd *temporary, int *error) {
+  const layer_outcome outcome = make_layer(fd, directory, TEMPORARY_FILE_MODE, nullptr, temporary);
   switch (outcome.stopped_at) {
     case layer_step::open_temporary:
       log_service("open tmp_fd failed! ret = %d, errno = %d, tmp_file %s\n", outcome.result,
@@ -121,7 +112,7 @@ using namespace velmarin;
 // Guards release in reverse order: the temporary descriptor, file2's, file1's, then the directory
 // buffer.
 int sisFileTaskImpl(const char *file1, const char *file2) {
-  heap_text directory;
+  heap_ptr<char> directory;
   file_pair files;
   if (copy_directory(file1, &directory) != 0 || open_pair(file1, file2, &files) != 0) {
     return -1;
@@ -133,7 +124,7 @@ int sisFileTaskImpl(const char *file1, const char *file2) {
   }
   unique_fd temporary;
   if (info.layered == 0 &&
-      !make_single_instance(files.first.get(), directory.text, &temporary, &error)) {
+      !make_layer_for_request(files.first.get(), directory.get(), &temporary, &error)) {
     return error;
   }
   return share_with_first(files, file1);

@@ -1,3 +1,4 @@
+// Puts the data of a report into the page of `--html`.
 #include "html_report.h"
 
 #include <algorithm>

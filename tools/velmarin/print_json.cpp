@@ -1,3 +1,4 @@
+// Prints a report for programs: one JSON object, one group a line, never held in memory as a whole.
 #include <cstring>
 #include <nlohmann/json.hpp>
 

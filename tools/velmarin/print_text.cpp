@@ -1,3 +1,4 @@
+// Prints a report for people: the groups, what was left out, and a summary.
 #include <cstdio>
 #include <cstring>
 
