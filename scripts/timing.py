@@ -5,7 +5,7 @@ import subprocess
 
 
 def processor_seconds():
-    """Of all programs run so far; far more precise than time(1)."""
+    """The processor time of all programs run so far; far more precise than time(1)."""
     usage = resource.getrusage(resource.RUSAGE_CHILDREN)
     return usage.ru_utime + usage.ru_stime
 

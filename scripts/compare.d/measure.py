@@ -90,7 +90,7 @@ class Measurement:
             for run in self.runs if run["round"] == number and run["cache"] == cache), flush=True)
 
     def groups_of(self, tool):
-        """As sets of inodes, since each tool may report a different name of a file."""
+        """The groups as sets of inodes, since each tool may report a different name of a file."""
         groups = set()
         for paths in tool.groups():
             inodes = frozenset(os.lstat(os.path.join(os.fsencode(self.directory), path)).st_ino
@@ -116,7 +116,7 @@ class Measurement:
                 if (run["tool"], run["cache"], run["kind"]) == (tool, cache, kind)}
 
     def peer_values(self, field, cache, kind):
-        """Of each round's fastest peer; for a peer without a repeated run, of its first run."""
+        """Values of each round's fastest peer; of its first run if it has no repeated one."""
         best = {}
         for tool in self.tools[1:]:
             own_kind = kind if tool.remembers else "first"

@@ -27,7 +27,7 @@ FREED_TOLERANCE = 0.02  # records and changed metadata take space too
 
 
 def timed(merger, output):
-    """Wall and processor time, in seconds, of all its commands."""
+    """Wall and processor time, in seconds, of all commands of the merger."""
     processor, start = processor_seconds(), time.perf_counter()
     with open(output, "wb") as out:
         for command in merger.commands:
@@ -100,7 +100,7 @@ class Comparison:
         return run["file system"], run["tree"], run["cache"]
 
     def values(self, place, kind, merger, field="wall"):
-        """By round."""
+        """The values of a field, by round."""
         return {run["round"]: run[field] for run in self.runs
                 if self.place_of(run) == place
                 and (run["kind"], run["tool"]) == (kind, merger.name) and field in run}
@@ -137,7 +137,7 @@ class Comparison:
 
 
 def show(rows):
-    """As a table of Markdown."""
+    """Prints a Markdown table."""
     print("| | scan | scan --apply | jdupes | duperemove | rmlint | beyond the scan | to the fastest "
           "| repeated: scan | scan --apply | ratio |")
     print("|---|" + "---|" * 10)

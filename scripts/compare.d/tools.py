@@ -7,7 +7,7 @@ import shutil
 
 
 class Tool:
-    """`name`; `remembers` tells whether a repeated run can use what an earlier one saved."""
+    """`remembers` tells whether a repeated run can use what an earlier one saved."""
 
     remembers = False
 

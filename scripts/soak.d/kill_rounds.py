@@ -88,7 +88,7 @@ class Rounds:
                 self.tree]
 
     def kill_one(self, log_name):
-        """Returns the phase in which the tool was killed, or None when it had ended before."""
+        """Returns the phase in which the tool was killed, or None if it had already ended."""
         with open(log_name, "wb") as log:
             process = subprocess.Popen([self.tool, *self.scan_command("--apply")], stderr=log,
                                        stdout=subprocess.DEVNULL)
@@ -108,7 +108,7 @@ class Rounds:
         return phase
 
     def state_of_digest_file(self):
-        """What the next scan will find, besides what was saved before under its second name."""
+        """What the next scan will find, besides the digests kept under the second name."""
         names = os.listdir(self.state) if os.path.isdir(self.state) else []
         kept = [name for name in names if name.endswith(".kept")]
         found = sorted(set(names) - set(kept) - {"lock", "history"})
@@ -132,8 +132,8 @@ class Rounds:
                 require(hashlib.sha256(file.read()).hexdigest() == digest, f"{name} has changed")
 
     def check_next_scan(self, digest_file):
-        """It finds all groups and logs no error, except for a truncated digest file without a
-        second name."""
+        """The scan must find all groups and log no error, except for a truncated digest file
+        without a second name."""
         done = self.run(*self.scan_command(), statuses=(0,))
         report = json.loads(done.stdout)
         require(sorted(len(group["files"]) for group in report["groups"]) == [COPIES] * GROUPS,

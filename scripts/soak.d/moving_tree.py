@@ -66,7 +66,7 @@ class Writer:
                 raise SystemExit(f"{name} does not hold what was written")
 
     def write_pieces(self, file, data, offset=0):
-        """In pieces, with a pause now and then, so that others see the file half written."""
+        """Writes in pieces, with a pause now and then, so that others see the file half written."""
         while offset < len(data):
             piece = data[offset:offset + self.random.choice((1, 4096, 40000, 300000))]
             file.seek(offset)
@@ -90,7 +90,7 @@ class Writer:
         del self.expected[name]
 
     def rename(self):
-        """To a new name or over another file."""
+        """Renames a file to a new name or over another file."""
         old, new = self.any_name(), self.random.choice((self.new_name(), self.any_name()))
         os.makedirs(os.path.dirname(self.path(new)), exist_ok=True)
         os.rename(self.path(old), self.path(new))
@@ -98,7 +98,7 @@ class Writer:
         return new
 
     def replace(self):
-        """As an editor saves."""
+        """Replaces a file as an editor does when it saves."""
         name, data = self.any_name(), self.any_content()
         with open(self.path(name) + "~", "wb", buffering=0) as file:
             self.write_pieces(file, data)
@@ -125,7 +125,7 @@ class Writer:
         return name
 
     def rewrite(self):
-        """In place, without a change of length."""
+        """Rewrites a file in place without changing its length."""
         name = self.any_name()
         data = self.any_content(len(self.expected[name]))
         data += self.expected[name][len(data):]
@@ -135,7 +135,7 @@ class Writer:
         return name
 
     def store(self):
-        """Through a shared mapping."""
+        """Writes through a shared mapping."""
         name = self.any_name()
         data = bytearray(self.expected[name])
         with open(self.path(name), "r+b") as file, mmap.mmap(file.fileno(), 0) as memory:
@@ -158,7 +158,7 @@ class Writer:
         return name
 
     def poke_and_put_time_back(self):
-        """Only the content shows that a file has changed."""
+        """Changes a file so that only its content shows it."""
         name = self.any_name()
         before = os.stat(self.path(name))
         self.poke(name)
