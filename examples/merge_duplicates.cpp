@@ -61,7 +61,7 @@ int open_source(const found_file &file) {
                           : create_layer(file.path.c_str());
 }
 
-// Moves a file that already shares data to the front, so that an earlier merge grows.
+// Moves a file that already shares data to the front, so that an earlier merge is extended.
 void choose_source(group &files) {
   for (found_file &file : files) {
     if (file.shares_data) {

@@ -33,9 +33,9 @@ VELMARIN_EXPORT int getSISFileInfoImpl(const char *path);
 // never attached).
 VELMARIN_EXPORT int recoverFileImpl(const char *path);
 
-// Sets the coincide flag of the plain file at `path`, if the file's modification time is the given
-// one (seconds and nanoseconds). If that time has changed once the flag is set, the flag is cleared
-// again.
+// Sets the coincide flag of the plain file at `path` if the file's modification time is the given
+// one (seconds and nanoseconds). Compares the time again afterwards and clears the flag if it has
+// changed.
 //
 // Returns 0 when the flag is set; the nonzero state byte when the file is attached to a layered
 // inode, whose flag is left alone; -1 when `path` is null or cannot be resolved, opened, examined

@@ -71,7 +71,7 @@ VELMARIN_EXPORT velmarin::rb_node *rb_next(const velmarin::rb_node *node);
 // Gives `ctx` an empty hash table of saved digests. Returns 0, or 1 when out of memory.
 VELMARIN_EXPORT int initialize_hash_table(velmarin::sis_context *ctx);
 
-// Indexes `entry` by its file key. Its record must be set and it must be on the context's list of
+// Indexes `entry` by its file key. Its record must be set, and it must be on the context's list of
 // entries. A second entry with the same key is logged and not indexed.
 VELMARIN_EXPORT void add_to_hash_table(velmarin::sis_context *ctx, velmarin::hash_entry *entry);
 
@@ -79,7 +79,7 @@ VELMARIN_EXPORT void add_to_hash_table(velmarin::sis_context *ctx, velmarin::has
 VELMARIN_EXPORT void free_entry(velmarin::sis_context *ctx, velmarin::dentry *d);
 
 // Reads the digest file of `ctx` in `save_dir` into the hash table and removes the file. Returns
-// the number of records read, or -1, on which the caller discards whatever was loaded.
+// the number of records read, or -1; the caller then discards whatever was loaded.
 VELMARIN_EXPORT int64_t load_usable_hash(velmarin::sis_context *ctx, const char *save_dir);
 
 // Writes one record for every file of `ctx` that has a digest to its digest file in `save_dir`.

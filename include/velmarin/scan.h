@@ -73,10 +73,10 @@ using sis_report_callback = int (*)(uint64_t caller_data, sis_report *record);
 // three belong to the scan and are valid during the call; a callback must leave the file offset of
 // `fd` as it is.
 struct sis_ops {
-  // Called for every directory and regular file that the walk opens, except those to skip. A
-  // negative result excludes the entry; a positive one admits a file of any size.
+  // Called for every directory and regular file that the walk opens, except those that a skip path
+  // names. A negative result excludes the entry; a positive one admits a file of any size.
   sis_entry_callback filter;
-  // Called for every candidate file; the result is reported as its status and must fit 16 bits.
+  // Called for every candidate file; the result is reported as its status and must fit in 16 bits.
   // Without it the status is 0. Files with SIS_STATUS_COMPRESSED are listed as compressed, even if
   // they belong to a group.
   sis_entry_callback get_status;
@@ -85,7 +85,7 @@ struct sis_ops {
   // For one file, both are called with the same descriptor on the same thread, which makes no call
   // for another file in between.
   sis_freeze_callback prep;
-  // Called after the file was read; a nonzero result means that the file changed and excludes it.
+  // Called after the file was read; a nonzero result means that it has changed, and excludes it.
   sis_freeze_callback verify;
   // Receives the report; null for no report.
   sis_report_callback report;
@@ -100,8 +100,8 @@ struct sis_scan_request {
   const char **roots;       // directories to scan, in order; the order also names the digest file
   const char **skip_paths;  // files and directories to skip; may be null
   const char *save_dir;     // existing directory of the digest file, at most 4026 characters
-  int64_t size_hint;        // bytes; above 0x10000000 only files from 1 MiB on are candidates,
-                            // otherwise files from 64 KiB on
+  int64_t size_hint;        // bytes; above 0x10000000, candidates are files of 1 MiB and more,
+                            // otherwise of 64 KiB and more
 };
 static_assert(sizeof(sis_scan_request) == 40 && offsetof(sis_scan_request, roots) == 8 &&
               offsetof(sis_scan_request, save_dir) == 24 &&

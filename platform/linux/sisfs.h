@@ -61,9 +61,9 @@ int stat_regular(int fd, file_status *status);
 // Like `stat_regular`, and guarantees that a write that begins after the call gives the file a
 // different modification time, even where the file system stores times as coarsely as one second.
 // The guarantee covers times taken from this machine's clock, not a network file system's, and ends
-// if that clock is set back; for a time in the future it ends when the clock gets there. Waits only
-// if the file was written to within the current clock tick or within the granularity of its own
-// time. Fails with EAGAIN if the file keeps being written to.
+// if that clock is set back; for a time in the future, it ends when the clock reaches that time.
+// Waits only if the file was written to within the current clock tick or within the granularity of
+// its own time. Fails with EAGAIN if the file keeps being written to.
 int stat_settled(int fd, file_status *status);
 
 // Like `stat_settled`, but starts with an earlier result of `stat_regular` and stats the file again
@@ -98,8 +98,8 @@ int check_changeable(int fd);
 // Marks the temporary file `fd` as a clone of the file of `source`, as that file was then.
 int write_clone_mark(int fd, const file_stamp &source);
 
-// Fails with EINVAL when the temporary file was not cloned from the file of `source`, with EAGAIN
-// when either file was written to since.
+// Fails with EINVAL when the temporary file was not cloned from the file of `source`, and with
+// EAGAIN when either file was written to since.
 int check_clone_mark(int fd, const file_stamp &source);
 
 // --- sisfs_extents.cpp: file data and shared extents ---
@@ -120,8 +120,8 @@ bool can_share_extents(int fd);
 
 // Makes the range of `target` share the extents of the same range of `source`. The kernel compares
 // and remaps while it holds the locks of both files, so no byte of the target ever changes. Fails
-// with EBADE when the contents differ, with EOPNOTSUPP when the file system cannot share extents
-// after all.
+// with EBADE when the contents differ, and with EOPNOTSUPP when the file system cannot share
+// extents after all.
 int share_range(int source, int target, uint64_t offset, uint64_t length);
 
 // Makes two files of `size` bytes share their data where the file system can; elsewhere only

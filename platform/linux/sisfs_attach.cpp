@@ -95,9 +95,9 @@ int record_copy(int fd, const file_pair &pair, const file_status &filled) {
 // The target was found empty through the read-only descriptor that created it. After a failure it
 // is empty again, unless another process wrote to it after it was filled, or beyond the source's
 // size. What another process writes meanwhile can be lost, since no system call fills or empties a
-// file only if it is unchanged: below the source's size, from the check of the size until the file
-// system's clock has ticked after the filling; and at any offset, between a check of the file and
-// the call that clones or sets its size.
+// file only if it is unchanged. A write below the source's size can be lost from the check of the
+// size until the file system's clock has ticked after the filling; a write at any offset, between a
+// check of the file and the call that clones or sets its size.
 int fill_target(int fd, const file_pair &pair) {
   const unique_fd writable = reopen(fd, O_RDWR);
   if (!writable.is_open()) {

@@ -16,12 +16,12 @@
 namespace velmarin::sisfs {
 namespace {
 
-// How many copies are tried for a file that is being written to.
+// How often the copy is attempted while the file is being written to.
 constexpr int UNSHARE_ATTEMPTS = 5;
 
 // Opens an unnamed file in the file's directory. A file that was removed, or whose name is outside
-// this process's view, may have no such directory; that of a file that is itself a mount point is
-// on another file system.
+// this process's view, may have no such directory; the directory of a file that is itself a mount
+// point is on another file system.
 int open_temporary_beside(int fd, const file_status &status, unique_fd *temporary) {
   char link[32];
   char directory[PATH_MAX];

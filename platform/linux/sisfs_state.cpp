@@ -1,6 +1,6 @@
 // A file's state, kept in two user extended attributes so that updating one never undoes an update
 // of the other: the layered inode that the file is attached to (here) and its coincide flag
-// (sisfs_coincide.cpp). A temporary file that is to become a layered inode carries a third.
+// (sisfs_coincide.cpp). A temporary file that will become a layered inode carries a third.
 //
 // A record holds the stamp of the file it was written for. If the inode number or birth time
 // differs, the record was copied from another file and is ignored. If the size or modification time
@@ -74,7 +74,7 @@ bool is_racily_clean(const file_stamp &stamp) {
          nanoseconds_from(now, stamp) < 0;
 }
 
-// A value of another size was not written here and yields ENODATA.
+// A value of another size was written by something else and yields ENODATA.
 int read_attribute(int fd, const char *name, void *record, size_t size) {
   const ssize_t length = fgetxattr(fd, name, record, size);
   if (length < 0) {

@@ -45,7 +45,7 @@ void write_to_syslog(void *, int, int priority, const char *tag, const char *lin
          static_cast<int>(length), line);
 }
 
-// Two words, so not replaced in one step: no thread may log while the sink is set.
+// Two words, which are not replaced in one step: no thread may log while the sink is set.
 velmarin_log_sink current_sink = write_to_syslog;
 void *sink_user_data = nullptr;
 

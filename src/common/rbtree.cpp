@@ -11,7 +11,7 @@ namespace {
 
 constexpr uintptr_t COLOR_MASK = 1;
 constexpr uintptr_t BLACK = 1;
-constexpr uintptr_t FLAG_MASK = 3;  // low bits of the parent word that are not address
+constexpr uintptr_t FLAG_MASK = 3;  // low bits of the parent word, not part of the address
 
 enum class side { left, right };
 

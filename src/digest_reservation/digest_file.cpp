@@ -24,7 +24,7 @@ constexpr int PATH_FAILURE = 1;
 constexpr mode_t DIGEST_FILE_MODE = 0777;  // reduced by the process's umask
 
 // The path of the digest file while it is being built: the state directory and '/', then the file
-// name. One byte longer than a path may be, so it is always terminated.
+// name. One byte longer than the longest path, so it is always terminated.
 struct digest_path {
   char text[PATH_BUF_SIZE + 1];
   size_t name_start;

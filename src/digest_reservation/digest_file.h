@@ -25,8 +25,8 @@ inline constexpr unsigned REMOVE_FILE = 1;
 int create_open_hashfiles(sis_context *ctx, const char *save_dir, int *fd, unsigned write_mode);
 
 // Unlocks and closes the digest file if `*fd` is 1 or more; `*fd` keeps its value. Bit 0 of
-// `discard`: remove the file after closing it; otherwise sync it to storage before. A failed unlock
-// is logged and leaves the file open.
+// `discard`: remove the file after closing it; otherwise sync it to storage before closing. A
+// failed unlock is logged and leaves the file open.
 void destroy_exist_hashfiles(sis_context *ctx, const char *save_dir, int *fd, unsigned discard);
 
 }  // namespace velmarin

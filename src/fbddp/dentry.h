@@ -74,7 +74,7 @@ struct dentry {
   };
   list_head same;     // head of a group of identical files: the others; in those: link
   uint64_t pattern;   // CRC-64 of sampled content; 0: not computed
-  usable_hash *hash;  // digest record, owned; null: none; HASH_PENDING. The file's digest
+  usable_hash *hash;  // digest record, owned; null or HASH_PENDING: none. The file's digest
                       // job writes it without a lock, so all access is atomic
 };
 

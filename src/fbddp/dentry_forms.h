@@ -40,7 +40,7 @@ void set_own_attributes(dentry *file, const file_attributes &attributes);
 // Adds an examined file to the group of the tree node `head`, which need not head one yet.
 void become_member(dentry *file, dentry *head);
 
-// Turns a tree node whose group is gone back into a node without one. `attributes` are its own,
+// Returns a tree node that has lost its group to the form without one. `attributes` are its own,
 // read before its group was split.
 void restore_head(dentry *node, const file_attributes &attributes);
 

@@ -47,7 +47,7 @@ bool print_digest_name(sis_context *ctx, const char *joined, uint32_t size) {
   if (SHA256(reinterpret_cast<const unsigned char *>(joined), size, digest) == nullptr) {
     return false;
   }
-  errno = 0;  // whatever the digest left there is not a failure
+  errno = 0;  // the digest may have set it without failing
   return print_name(ctx, digest);
 }
 

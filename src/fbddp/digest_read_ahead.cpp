@@ -17,11 +17,11 @@ namespace {
 // Files up to this size (bytes) are read ahead in full. A larger one keeps the disk busy by itself.
 constexpr uint64_t READ_AHEAD_MAX = 1U << 20;
 
-// The descriptor is not kept: the other workers and the host may need it when few are left. It is
-// closed before the file is frozen: closing it later would release a record lock that the host's
-// prep takes, and opening it would break a lease. This is advice, so a failure changes nothing and
-// the open is not counted. A FIFO that has replaced the file is left alone: opening it would
-// release a writer that waits for a reader.
+// The descriptor is not kept: the other workers and the host may need it when few are left. The
+// file is opened and closed before it is frozen: a later close would release a record lock that the
+// host's prep takes, and a later open would break a lease. This is advice, so a failure changes
+// nothing and the open is not counted. A FIFO that has replaced the file is left alone: opening it
+// would release a writer that waits for a reader.
 void fetch_from_disk(const dentry *file) {
   path_buffer buffer;
   const char *path = get_fullpath(file, buffer.text);

@@ -240,9 +240,8 @@ bool has_saved_digest(const sis_context *ctx, const dentry *file) {
   return find_saved_digest(ctx, file).record != nullptr;
 }
 
-// Two dentries with the same key rarely live long enough to want its record (only when the pattern
-// of a hard link could not be read once); then one of them gets it and the digest of the other is
-// computed.
+// Two dentries with the same key seldom both get here (only when the pattern of a hard link could
+// not be read once). Then one of them takes the record, and the digest of the other is computed.
 bool take_saved_digest(sis_context *ctx, dentry *file) {
   const saved_digest saved = find_saved_digest(ctx, file);
   if (saved.record == nullptr || !take_pointer(&saved.entry->record, saved.record)) {

@@ -29,9 +29,9 @@ job *take_job(sis_context *ctx);
 // How many jobs `begin_fetch` examines.
 inline constexpr int LOOK_AHEAD = 8;
 
-// Returns the first of the next LOOK_AHEAD jobs that is to compute a digest and whose file no
-// worker has begun to fetch, or null. The caller fetches that file and then calls `end_fetch`. The
-// job stays in the queue. Its dentry lives as long as the run.
+// Returns the first of the next LOOK_AHEAD jobs that will compute a digest and whose file no worker
+// has begun to fetch, or null. The caller fetches that file and then calls `end_fetch`. The job
+// stays in the queue. Its dentry lives as long as the run.
 job *begin_fetch(sis_context *ctx);
 void end_fetch(job *fetched);
 

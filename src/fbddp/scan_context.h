@@ -77,7 +77,7 @@ struct sis_context {
   struct alarm_link {
     sis_context *next;         // next live run; read by the signal handler
     struct timespec deadline;  // monotonic time before which the budget cannot run out
-    bool armed;                // `timer` names a timer (0 is a valid timer here)
+    bool armed;                // `timer` is in use (0 is a valid timer)
   } alarm;
 
   member_index *member_indexes;  // FOREST_TREES indexes, or null; see member_index.h

@@ -8,7 +8,7 @@
 
 namespace velmarin {
 
-// Adds an entry for each usable path; the others are logged and ignored.
+// Adds an entry for each usable path; unusable ones are logged and ignored.
 void add_skip_entries(sis_context *ctx, const char **paths, int count);
 
 // Whether `set` (the run's `file_skips` or `dir_skips`) holds the key.

@@ -38,7 +38,7 @@ bool is_budget_spent(const sis_context *ctx) {
          (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec);
 }
 
-// A signal that other code sent on purpose, with the run's address as its value, is accepted too.
+// A signal that other code sends on purpose, with the run's address as its value, is accepted too.
 bool is_signal_of(const sis_context *ctx, const siginfo_t *info) {
   return info->si_code != SI_TIMER ||
          info->si_timerid == static_cast<int>(reinterpret_cast<intptr_t>(ctx->timer)) ||
@@ -112,7 +112,7 @@ void deliver_pending_alarm() {
 
 // The previous action may end the process, so it must not receive the signal of a deleted timer. A
 // SIGALRM that the host sent to another of its threads stays pending there. SIGALRM is never
-// ignored meanwhile: a process started at that moment would inherit that.
+// ignored, not even briefly: a process started at that moment would inherit that.
 void restore_previous_action() {
   deliver_pending_alarm();
   sigaction(SIGALRM, &saved_action, nullptr);

@@ -83,7 +83,7 @@ int set_flag_at_time(const timespec &expected, checked_file *checked) {
 }
 
 // The time is compared before and after the flag is set: the second comparison detects a write
-// between the first and the setting of the flag.
+// between the first comparison and the setting of the flag.
 int set_flag_if_unmodified(const timespec &expected, checked_file *checked) {
   int code = set_flag_at_time(expected, checked);
   if (code != 0) {
