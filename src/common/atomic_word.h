@@ -26,7 +26,7 @@ void store_release(Word *word, Word value) {
   __atomic_store_n(word, value, __ATOMIC_RELEASE);
 }
 
-// The next four are in one order that all threads agree on.
+// Sequentially consistent: all threads see the operations of these four functions in one order.
 template <typename Word>
 Word load_ordered(const Word *word) {
   return __atomic_load_n(word, __ATOMIC_SEQ_CST);

@@ -47,8 +47,8 @@ struct layer_outcome {
   int error;              // its errno
 };
 
-// Opens an unnamed temporary file in `directory`, clones the data of `source_fd` into it and
-// attaches `source_fd` to it as a layered inode. `empty_status`, unless null, receives the status
+// Opens an unnamed temporary file in `directory`, clones the data of `source_fd` into it, makes it
+// a layered inode and attaches `source_fd` to it. `empty_status`, unless null, receives the status
 // of the temporary file before the clone. The caller keeps `temporary` open until it has dealt with
 // the outcome. Does not log.
 layer_outcome make_layer(int source_fd, const char *directory, mode_t mode,
