@@ -12,6 +12,7 @@
 
 #include "common/paths.h"
 #include "fbddp/dentry_forms.h"
+#include "fbddp/digest_read_ahead.h"
 #include "fbddp/fingerprint.h"
 #include "fbddp/forest.h"
 #include "fbddp/grouping.h"
@@ -128,6 +129,20 @@ TEST(Walk, KeepsRecordsOnlyOfCandidatesAndDirectoriesThatWereRead) {
   EXPECT_EQ(walk(2, 4, true), "/abde 2244");
   EXPECT_EQ(walk(0, 5, true), "/bdefg 3353");
   EXPECT_EQ(walk(0, 0, false), "/aabd 1100") << "no job is scheduled";
+}
+
+TEST(ReadAhead, FetchesNothingOnceTheRunIsToldToStop) {
+  for (const int in_time : {1, 0}) {
+    forest f;
+    f.insert(10);
+    f.insert(10);
+    f.ctx.in_time = in_time;
+    read_ahead(&f.ctx);
+    job *first = take_job(&f.ctx);
+    EXPECT_EQ(first->fetch, in_time != 0 ? FETCH_DONE : FETCH_NONE);
+    finish_job(&f.ctx, first);
+    EXPECT_EQ(f.queued(), "b");
+  }
 }
 
 TEST(Forest, RequestsADigestOnlyOfInodesThatShareTheirKey) {

@@ -136,7 +136,7 @@ VELMARIN_EXPORT int startScanDirImpl(const velmarin::sis_scan_request *request,
 //   time_budget             seconds after which the scan stops early; 0 for no limit. While a scan
 //                           with a budget runs, it owns the process's SIGALRM action, and SIGALRM
 //                           is left unblocked in the calling thread (or blocked if the timer cannot
-//                           be created; the scan then has no budget).
+//                           be created or started; the scan then has no budget).
 //   ops                     callbacks; must stay valid during the call
 //   caller_data             passed unchanged to `ops->report`
 //   stop_handle             receives a pointer for `signal_no_time`, valid until this call returns;

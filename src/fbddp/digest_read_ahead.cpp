@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "common/atomic_word.h"
 #include "common/paths.h"
 #include "common/unique_fd.h"
 #include "fbddp/dentry.h"
@@ -39,7 +40,7 @@ void fetch_from_disk(const dentry *file) {
 
 void read_ahead(sis_context *ctx) {
   // A fixed limit, however fast others take jobs: this worker has a file to read.
-  for (int i = 0; i < LOOK_AHEAD; i++) {
+  for (int i = 0; i < LOOK_AHEAD && load_relaxed(&ctx->in_time) != 0; i++) {
     job *next = begin_fetch(ctx);
     if (next == nullptr) {
       return;

@@ -240,8 +240,9 @@ bool has_saved_digest(const sis_context *ctx, const dentry *file) {
   return find_saved_digest(ctx, file).record != nullptr;
 }
 
-// Two dentries with the same key seldom both get here (only when the pattern of a hard link could
-// not be read once). Then one of them takes the record, and the digest of the other is computed.
+// Two dentries with the same key seldom both get here: only when an inode was admitted under two
+// names and its pattern could not be read once, or it changed in between. Then one of them takes
+// the record, and the digest of the other is computed.
 bool take_saved_digest(sis_context *ctx, dentry *file) {
   const saved_digest saved = find_saved_digest(ctx, file);
   if (saved.record == nullptr || !take_pointer(&saved.entry->record, saved.record)) {
@@ -256,10 +257,11 @@ void compute_digest(sis_context *ctx, dentry *file) {
   path_buffer buffer;
   const char *path = get_fullpath(file, buffer.text);
   usable_hash *record = nullptr;
-  const unique_fd fd = open_for_digest(ctx, path);
+  unique_fd fd = open_for_digest(ctx, path);
   if (fd.is_open()) {
     record = digest_open_file(ctx, file, fd.get(), path);
   }
+  fd.reset();  // first: once the digest is no longer pending, it may be requested again
   store_release(&file->hash, record);
 }
 

@@ -1,5 +1,5 @@
-// The queue of jobs, first in, first out, and the count of unfinished jobs. A job only names a
-// dentry; the worker pool decides what to do with it.
+// The queue of jobs, first in, first out, and the count of unfinished jobs. A job names a dentry
+// and says whether its file is being fetched; the worker pool decides what to do with it.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +31,8 @@ inline constexpr int LOOK_AHEAD = 8;
 
 // Returns the first of the next LOOK_AHEAD jobs that will compute a digest and whose file no worker
 // has begun to fetch, or null. The caller fetches that file and then calls `end_fetch`. The job
-// stays in the queue. Its dentry lives as long as the run.
+// stays in the queue; a worker that takes it meanwhile waits in `await_fetch`, so it lives until
+// then. Its dentry lives as long as the run.
 job *begin_fetch(sis_context *ctx);
 void end_fetch(job *fetched);
 

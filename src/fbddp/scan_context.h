@@ -1,7 +1,7 @@
 // The shared record of one scan run.
 //
-// Locks: a spinlock is held only for a few pointer updates, except a forest_lock, which is held for
-// a whole insertion. The only nesting is forest_lock[i], then queue_lock.
+// Locks: a spinlock is held for a few steps only, except a forest_lock, which is held for a whole
+// insertion. The only nesting is forest_lock[i], then queue_lock.
 #pragma once
 
 #include <pthread.h>

@@ -2,9 +2,9 @@
 //
 // The signal's value names the run. A signal can arrive late, when its run is over and another
 // run's context may be at the same address. So the handler acts only on a context in the set of
-// live runs, and only on a signal of that run's own timer: one that carries the timer's number, or
-// that arrives once the budget is spent. Before its context is destroyed, a run leaves the set and
-// waits until no thread is in the handler.
+// live runs. Of the signals that come from a timer it accepts only those that carry the number of
+// that run's timer or arrive once its budget is spent. Before its context is destroyed, a run
+// leaves the set and waits until no thread is in the handler.
 //
 // `users_lock` makes counting the users and changing the action one step, and guards changes to the
 // set. The handler takes no lock.
