@@ -14,7 +14,7 @@
 namespace tool {
 namespace {
 
-// The roots must still be what they were: directories to whose paths no symbolic link belongs.
+// The roots must still be directories whose paths contain no symbolic link.
 bool are_roots_usable(const Report &report) {
   std::vector<std::string> resolved;
   if (!resolve_roots(report.roots, resolved)) {

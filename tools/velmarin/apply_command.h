@@ -1,11 +1,11 @@
-// `velmarin apply`: merges the groups of a report that a scan printed before.
+// `velmarin apply`: merges the groups of an earlier scan's report.
 #pragma once
 
 #include "options.h"
 
 namespace tool {
 
-// Returns whether nothing was refused and nothing failed; standard error says otherwise what did.
+// Returns false if anything was refused or failed, after saying so on standard error.
 bool run_apply(const ApplyOptions &options);
 
 }  // namespace tool

@@ -12,12 +12,12 @@ namespace tool::btrfs {
 namespace {
 
 constexpr size_t SEARCH_BYTES = 8 << 10;
-// An item of a search. With less room than that left there may be more items.
+// The largest search item. If less space than this is left, there may be more items.
 constexpr size_t ITEM_BYTES = sizeof(btrfs_ioctl_search_header) + sizeof(btrfs_file_extent_item);
-// Room for 2,730 references, which will mostly do, and for 43,690.
+// Enough for 2,730 references, which usually suffices, and for 43,690.
 constexpr size_t REFERENCE_BYTES[] = {64 << 10, 1 << 20};
 
-// Memory with the alignment of the kernel's records.
+// Memory aligned for the kernel's records.
 std::vector<uint64_t> record_memory(size_t bytes) {
   return std::vector<uint64_t>(bytes / sizeof(uint64_t) + 1);
 }
@@ -34,7 +34,7 @@ btrfs_ioctl_search_key extent_key(const Inode &inode, uint64_t offset) {
   return key;
 }
 
-// Adds what an item of the tree refers to. A hole and inline data refer to nothing.
+// Adds the extent that a tree item refers to. Holes and inline data refer to none.
 void add_extent(const char *item, uint32_t length, uint64_t offset,
                 std::vector<FileExtent> &extents) {
   btrfs_file_extent_item extent = {};
@@ -47,7 +47,7 @@ void add_extent(const char *item, uint32_t length, uint64_t offset,
   }
 }
 
-// Three words for each reference: inode, offset, subvolume.
+// Each reference is three words: inode, offset, subvolume.
 std::vector<Inode> inodes_in(const btrfs_data_container &answer) {
   std::vector<Inode> inodes;
   inodes.reserve(answer.elem_cnt / 3);

@@ -1,5 +1,5 @@
-// What Btrfs tells the administrator alone: how much of the disk the extents of a file occupy, and
-// who else refers to them. Without that right every question here fails.
+// Btrfs queries that need administrator rights: how much of the disk a file's extents occupy, and
+// what else refers to them. Without these rights every query but `subvolume_of` fails.
 #pragma once
 
 #include <compare>
@@ -9,13 +9,13 @@
 
 namespace tool::btrfs {
 
-// A part of a file and the extent on disk to which it refers. An extent stays on disk as a whole as
-// long as anything refers to a part of it.
+// Part of a file and the extent on disk that it refers to. The whole extent stays on disk while
+// anything refers to any part of it.
 struct FileExtent {
   uint64_t offset = 0;  // in the file
   uint64_t length = 0;
   uint64_t disk_begin = 0;
-  uint64_t disk_bytes = 0;  // compressed, if it is
+  uint64_t disk_bytes = 0;  // after any compression
 };
 
 // An inode in a subvolume.
@@ -25,15 +25,15 @@ struct Inode {
   auto operator<=>(const Inode &) const = default;  // NOLINT(modernize-use-nullptr)
 };
 
-// The subvolume of an open file. Needs no special right.
+// The subvolume of an open file. Needs no special rights.
 std::optional<uint64_t> subvolume_of(int fd);
 
-// All extents of a file, in the order of the file; those behind its end are among them. Data that
-// is not on disk yet is not.
+// All extents of a file in file order, including those beyond its end. Excludes data that has not
+// reached the disk yet.
 std::optional<std::vector<FileExtent>> file_extents(int fd, const Inode &inode);
 
-// Every inode that refers to the extent at that address, snapshots included. Empty when nothing
-// does any more.
+// Every inode that refers to the extent at that address, including inodes in snapshots. Empty if
+// none does any more.
 std::optional<std::vector<Inode>> references_of(int fd, uint64_t disk_begin);
 
 }  // namespace tool::btrfs

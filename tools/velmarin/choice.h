@@ -1,4 +1,4 @@
-// Which entries below the roots a scan looks at.
+// Selects the entries below the roots that a scan examines.
 #pragma once
 
 #include <sys/stat.h>
@@ -13,7 +13,7 @@
 namespace tool {
 
 struct ChoiceRules {
-  std::vector<std::string> excludes;  // globs; what matches one is left out, and all below it
+  std::vector<std::string> excludes;  // globs; matches are left out, with everything below
   std::vector<std::string> includes;  // globs; if there are any, other files are left out
   bool no_hidden = false;             // names that begin with a dot are left out
   uint64_t max_size = UINT64_MAX;     // of files, in bytes
@@ -23,14 +23,14 @@ class Choice {
  public:
   Choice() = default;
 
-  // The roots are absolute paths; one that lies below another is a root still.
+  // The roots are absolute paths. A root below another one is still a root.
   Choice(const ChoiceRules &rules, std::vector<std::string> roots);
 
   // Whether any entry can be left out.
   bool is_limiting() const;
 
-  // Whether the entry is left out, a directory with all that is below it. A root never is. For any
-  // thread; allocates nothing.
+  // Whether the entry, and everything below it, is left out. Roots never are. Thread-safe; does not
+  // allocate.
   bool leaves_out(const struct stat &status, std::string_view path) const;
 
  private:

@@ -18,7 +18,7 @@ std::string_view trimmed(std::string_view text) {
              : text.substr(begin, text.find_last_not_of(BLANKS) - begin + 1);
 }
 
-// Appends what the line stands for. Returns false when it means nothing.
+// Appends the argument that the line stands for. Returns false if the line is invalid.
 bool add_line(std::string_view line, std::vector<std::string> &arguments) {
   const size_t sign = line.find('=');
   const bool has_value = sign != std::string_view::npos;

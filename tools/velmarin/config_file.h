@@ -1,4 +1,4 @@
-// Options of a scan that a file holds.
+// Reads scan options from a file.
 #pragma once
 
 #include <string>
@@ -6,10 +6,9 @@
 
 namespace tool {
 
-// Puts in place of each `--config FILE` of the arguments what the lines of FILE stand for:
-// `NAME = VALUE` or `NAME` for the option of that name, and `root = DIRECTORY` for a root. Blanks
-// around names and values do not count; nor do lines that begin with '#'. Returns what is wrong, or
-// nothing.
+// Replaces each `--config FILE` in the arguments with the options in FILE: `NAME = VALUE` or `NAME`
+// for an option, `root = DIRECTORY` for a root. Ignores blanks around names and values, and lines
+// that begin with '#'. Returns an error message, or an empty string.
 std::string expand_config(std::vector<std::string> &arguments);
 
 }  // namespace tool

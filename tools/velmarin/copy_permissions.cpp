@@ -27,10 +27,10 @@ struct OpenFile {
 
   struct stat status = {};
   const int fd;
-  const int error;  // of opening it and of looking at it
+  const int error;  // of open or fstat
 };
 
-// Whether this is still the file that was made, not one of somebody else under its name.
+// Whether this is still the file that was created, not someone else's under the same name.
 bool is_ours(const struct stat &status) {
   return S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == geteuid() &&
          (status.st_mode & PERMISSIONS) == (S_IRUSR | S_IWUSR);
@@ -45,7 +45,7 @@ bool has_no_list() {
   return errno == ENODATA || errno == EOPNOTSUPP;
 }
 
-// Takes away what the copy got from its directory. Returns 0 or an errno.
+// Removes the access control list that the copy got from its directory. Returns 0 or an errno.
 int remove_access_list(int copy) {
   return fremovexattr(copy, ACCESS_LIST) == 0 || has_no_list() ? 0 : errno;
 }

@@ -14,7 +14,7 @@
 namespace tool {
 namespace {
 
-// An entry of the file: a checksum, then the record, little-endian as in memory.
+// A file entry is a checksum and then the record, little-endian as in memory.
 constexpr size_t CHECKSUM_SIZE = sizeof(uint64_t);
 constexpr size_t ENTRY_SIZE = CHECKSUM_SIZE + sizeof(SavedDigest);
 constexpr size_t BUFFER_ENTRIES = 4096;
@@ -24,7 +24,7 @@ uint64_t checksum_of(const unsigned char *record) {
   return crc64_rocksoft_generic(0, record, sizeof(SavedDigest));
 }
 
-// A call that a signal cut short (that of the library's time budget, say) is made again.
+// Retries a call that a signal interrupted, such as that of the library's time budget.
 int lock(int fd, int operation) {
   int result = 0;
   do {
@@ -50,7 +50,7 @@ ssize_t read_fully(int fd, Buffer &buffer, off_t offset) {
   return static_cast<ssize_t>(used);
 }
 
-// Appends the records in `bytes` to `digests`. Returns whether all of them are whole.
+// Appends the records in `bytes` to `digests`. Returns whether all of them are intact.
 bool take_entries(const Buffer &buffer, size_t bytes, SavedDigests &digests) {
   for (size_t place = 0; place + ENTRY_SIZE <= bytes; place += ENTRY_SIZE) {
     const unsigned char *const record = buffer.data() + place + CHECKSUM_SIZE;
@@ -97,7 +97,7 @@ int write_digests(int fd, const SavedDigests &digests, off_t offset) {
   return error == 0 && fsync(fd) != 0 ? errno : error;
 }
 
-// Whether the name still leads to the opened file: another scan may have removed it meanwhile.
+// Whether the name still refers to the open file. Another scan may have removed it meanwhile.
 bool is_still_at(const std::string &path, int fd) {
   struct stat named = {};
   struct stat opened = {};

@@ -1,5 +1,4 @@
-// The library's digest files as the tool reads and completes them: what the library saves is never
-// taken out again here.
+// Reads the library's digest files and appends to them. Never removes what the library saved.
 #pragma once
 
 #include <sys/stat.h>
@@ -29,18 +28,19 @@ bool has_time_of(const SavedDigest &saved, const struct stat &status);
 // The name of the digest file of these roots.
 std::string digest_file_name(const std::vector<std::string> &roots);
 
-// Reads a digest file under its lock. Without a value there is none, or one that is damaged.
+// Reads a digest file under its lock. Returns nothing if the file is missing or damaged.
 std::optional<SavedDigests> read_digests(const std::string &path);
 
-// Opens a digest file, which its owner alone can read if it has to be made, and locks it against
-// every other process. Returns -1, with errno, on failure. Closing the descriptor unlocks.
+// Opens a digest file and locks it against every other process. With `make_it`, creates a missing
+// file, readable by its owner alone. Returns -1 with errno on failure. Closing the descriptor
+// unlocks.
 int lock_digest_file(const std::string &path, bool make_it);
 
 // The records of a file that `lock_digest_file` opened.
 std::optional<SavedDigests> read_locked_digests(int fd);
 
-// Puts the records behind those that are there, and syncs them to storage. Returns 0, or the errno
-// of a failure; the file is as it was then.
+// Appends the records and syncs them to storage. Returns 0, or an errno on failure, with the file
+// left as it was.
 int append_digests(int fd, const SavedDigests &digests);
 
 }  // namespace tool

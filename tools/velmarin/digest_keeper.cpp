@@ -13,8 +13,8 @@
 namespace tool {
 namespace {
 
-// At most so many digests of files that were not met are kept (64 bytes each in the digest
-// file): who never looks everywhere would pile up those of files that are gone.
+// The most digests of unseen files to keep (64 bytes each in the digest file). Without a limit,
+// those of deleted files would pile up for users who never scan everything.
 constexpr size_t MOST_NOT_MET = 1U << 20;
 
 bool is_before(const SavedDigest &left, const SavedDigest &right) {
@@ -25,13 +25,13 @@ bool is_same_file(const SavedDigest &left, const SavedDigest &right) {
   return left.key == right.key;
 }
 
-// Orders by key; of several with one key the first stays.
+// Sorts by key and keeps the first of each key.
 void order(SavedDigests &digests) {
   std::stable_sort(digests.begin(), digests.end(), is_before);
   digests.erase(std::unique(digests.begin(), digests.end(), is_same_file), digests.end());
 }
 
-// Returns null when there is none. The digests are ordered.
+// Returns null if there is none. The digests are sorted.
 const SavedDigest *find_by_key(const SavedDigests &digests, uint64_t key) {
   const auto place =
       std::lower_bound(digests.begin(), digests.end(), SavedDigest{.key = key}, is_before);
@@ -54,7 +54,7 @@ void DigestKeeper::open(const std::string &state, const std::vector<std::string>
   recover();
   remember(read_digests(path_).value_or(SavedDigests()));
   if (!saved_.empty()) {
-    // Without links a killed scan loses what was saved, and no other one.
+    // Without hard links, only a killed scan loses what was saved.
     [[maybe_unused]] const int result = link(path_.c_str(), kept_.c_str());
   }
   if (!library_takes_it) {
@@ -62,7 +62,7 @@ void DigestKeeper::open(const std::string &state, const std::vector<std::string>
   }
 }
 
-// Puts back what a killed scan has left under the second name.
+// Restores what a killed scan left under the second name.
 void DigestKeeper::recover() {
   const auto kept = read_digests(kept_);
   if (!kept) {
@@ -148,7 +148,7 @@ bool DigestKeeper::close(bool looked_everywhere) {
   }
   const int fd = lock_digest_file(path_, !fresh_.empty());
   if (fd < 0) {
-    return restore();  // the library could not save, and has said so
+    return restore();  // the library could not save, and has reported it
   }
   const bool is_complete = complete(fd, looked_everywhere);
   if (is_complete) {
@@ -158,7 +158,7 @@ bool DigestKeeper::close(bool looked_everywhere) {
   return is_complete;
 }
 
-// What the file lacks, which holds `present`.
+// The digests that the file, which holds `present`, still lacks.
 SavedDigests DigestKeeper::worth_keeping(SavedDigests present, bool looked_everywhere) const {
   order(present);
   SavedDigests digests;

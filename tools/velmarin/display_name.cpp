@@ -7,7 +7,7 @@
 namespace tool {
 namespace {
 
-// Control characters, line separators and everything that changes the direction of writing.
+// Control characters, line separators and characters that change the writing direction.
 bool is_unsafe(uint32_t code) {
   return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0x61c ||
          (code >= 0x200e && code <= 0x200f) || (code >= 0x2028 && code <= 0x202e) ||
@@ -47,8 +47,8 @@ std::string escaped_characters(std::string_view valid) {
   return text;
 }
 
-// Splits a name into runs of valid UTF-8 and the single bytes between them. Builds a text from what
-// `convert_valid` makes of each run and `convert_byte` of each byte.
+// Splits a name into runs of valid UTF-8 and the single bytes between them. Joins the results of
+// `convert_valid` for each run and `convert_byte` for each byte.
 template <typename ConvertValid, typename ConvertByte>
 std::string converted(std::string_view name, ConvertValid convert_valid, ConvertByte convert_byte) {
   std::string text;

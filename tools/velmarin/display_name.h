@@ -1,4 +1,4 @@
-// File names are bytes; these functions make text of them that cannot break the form it stands in.
+// File names are bytes. These functions turn them into text that cannot break the output around it.
 #pragma once
 
 #include <string>
@@ -6,13 +6,13 @@
 
 namespace tool {
 
-// One line of printable UTF-8 for a terminal: a backslash becomes \\, newline \n, tab \t, carriage
-// return \r; every other control character, character that turns the direction of writing or
-// separates lines, and byte that is not part of valid UTF-8 becomes \x and two hexadecimal digits
-// per byte. `printf %b` gives the name back.
+// One line of printable UTF-8 for a terminal. A backslash becomes \\, newline \n, tab \t, carriage
+// return \r. Each byte of any other control character, of a character that separates lines or
+// changes the writing direction, or of invalid UTF-8 becomes \x and two hexadecimal digits. The
+// shell's `printf %b` restores the name.
 std::string escaped_name(std::string_view name);
 
-// Valid UTF-8: each byte that is not part of valid UTF-8 is replaced by U+FFFD.
+// Valid UTF-8, with U+FFFD for each invalid byte.
 std::string utf8_name(std::string_view name);
 
 bool is_utf8(std::string_view text);

@@ -9,17 +9,17 @@ namespace {
 using Seconds = std::chrono::duration<double>;
 using std::chrono::milliseconds;
 
-constexpr double MEMORY_SECONDS = 20;  // after which work counts a third
+constexpr double MEMORY_SECONDS = 20;  // after which work weighs a third
 constexpr double RATE_AFTER_SECONDS = 1;
 
-// The time that a file takes beside its data is that of comparing about so much: merging small
-// files and large ones with a cold page cache differs by 0.3 to 0.5 ms a file, at 1.2 to 1.4 GB/s.
+// The overhead of a file, as the amount of data compared in that time: merging small and large
+// files with a cold page cache differs by 0.3 to 0.5 ms a file, at 1.2 to 1.4 GB/s.
 constexpr double FILE_SHARE = 512 << 10;
 
 constexpr milliseconds SHOWN_AFTER(3000);
 constexpr int ENOUGH_STEPS = 10;
 constexpr double ENOUGH_PART = 0.1;      // of the work
-constexpr double CHANGE_A_SECOND = 0.2;  // the most, besides the time that passes
+constexpr double CHANGE_A_SECOND = 0.2;  // at most, besides the time that passes
 constexpr double LEAST_SECONDS = 1;
 
 double seconds_of(milliseconds time) {
@@ -60,8 +60,8 @@ void Estimate::note(milliseconds now, Work done, uint64_t bytes_in_hand) {
   }
 }
 
-// The file in hand is taken to go on at the rate of those before it. Once it should be done by that
-// rate and is not, the wait for it counts as time that it took.
+// Assumes that the current file proceeds at the rate of those before it. Once it is overdue at that
+// rate, the wait for it lowers the rate.
 double Estimate::expected(milliseconds now, double in_hand) const {
   const double waited = seconds_of(now - stepped_);
   const double rate = rate_.per_second();

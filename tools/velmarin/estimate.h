@@ -1,5 +1,4 @@
-// How fast work goes, and how long the rest of it will take. Times count from the start of the
-// work.
+// Measures the rate of work and estimates the time left. Times count from the start of the work.
 #pragma once
 
 #include <chrono>
@@ -9,24 +8,24 @@
 
 namespace tool {
 
-// What is done per second lately: the older work is, the less it counts.
+// Recent work per second: the older the work, the less it weighs.
 class Rate {
  public:
-  // Told from time to time: `done` is all that is done by `now`.
+  // Call from time to time; `done` is the total by `now`.
   void note(std::chrono::milliseconds now, double done);
 
-  // 0 before the first second is over.
+  // 0 during the first second.
   double per_second() const;
 
  private:
   std::chrono::milliseconds noted_{};
   double done_ = 0;
-  double seconds_ = 0;  // weighted by age, like the next
+  double seconds_ = 0;  // weighted by age, as is `amount_`
   double amount_ = 0;
 };
 
-// The time left of work on files. A file counts by its bytes and by a share that every file has.
-// What is shown moves gently towards what is expected, so no file however large makes it jump.
+// The time left for work on files. A file costs its bytes plus a fixed amount. The time shown moves
+// gradually towards the expected time, so that even a huge file does not make it jump.
 class Estimate {
  public:
   struct Work {
@@ -36,10 +35,10 @@ class Estimate {
 
   explicit Estimate(Work all) : all_(cost(all)) {}
 
-  // Told several times a second: what is done, and the bytes of the file in hand.
+  // Call several times a second with what is done and the bytes of the current file.
   void note(std::chrono::milliseconds now, Work done, uint64_t bytes_in_hand);
 
-  // Nothing before there is enough to tell from.
+  // Empty until there is enough to estimate from.
   std::optional<std::chrono::milliseconds> left() const;
 
  private:
@@ -49,14 +48,14 @@ class Estimate {
 
   double all_;
   double done_ = 0;
-  int steps_ = 0;  // how often some work came to be done
-  Rate rate_;      // noted at those steps
+  int steps_ = 0;  // how often `done_` has grown
+  Rate rate_;      // updated at those steps
   std::chrono::milliseconds stepped_{};
   std::chrono::milliseconds noted_{};
   std::optional<double> shown_;  // seconds
 };
 
-// A time left as people say it: "35 s", "12 min", "3 h 20 min".
+// The time left, rounded for people: "35 s", "12 min", "3 h 20 min".
 std::string rough_duration(std::chrono::milliseconds duration);
 
 }  // namespace tool

@@ -1,4 +1,4 @@
-// How a command ended.
+// Exit statuses.
 #pragma once
 
 namespace tool {
@@ -6,6 +6,6 @@ namespace tool {
 constexpr int DONE = 0;
 constexpr int FAILED = 1;     // something was refused or failed
 constexpr int BAD_USAGE = 2;  // nothing was done
-constexpr int BUSY = 3;       // nothing was done: another run has the state directory
+constexpr int BUSY = 3;       // nothing was done: another run uses the state directory
 
 }  // namespace tool

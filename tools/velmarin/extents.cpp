@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t EXTENTS_A_CALL = 128;
 
-// Asks for all extents of the file, also behind its end. Returns false when there is no answer.
+// Queries all extents of the file, including those beyond its end. Returns false on failure.
 bool ask_extents(int fd, std::vector<fiemap_extent> &extents) {
   alignas(fiemap) char memory[sizeof(fiemap) + EXTENTS_A_CALL * sizeof(fiemap_extent)] = {};
   auto *const request = reinterpret_cast<fiemap *>(memory);
@@ -38,7 +38,7 @@ bool has(const fiemap_extent &extent, uint32_t flags) {
   return (extent.fe_flags & flags) != 0;
 }
 
-// Adds data to the list, joined with the piece before it when it continues that one.
+// Adds data to the list, merged with the piece before it if contiguous.
 void add_data(std::vector<MappedData> &data, const MappedData &piece) {
   if (!data.empty()) {
     MappedData &last = data.back();
@@ -50,7 +50,7 @@ void add_data(std::vector<MappedData> &data, const MappedData &piece) {
   data.push_back(piece);
 }
 
-// The blocks of a compressed extent lie together, but how many they are is not told: at least one.
+// A compressed extent's blocks are contiguous, but their number, at least one, is not reported.
 HeldRange compressed_range(const fiemap_extent &extent, uint64_t block_size) {
   return {.begin = extent.fe_physical,
           .end = extent.fe_physical + block_size,
@@ -59,7 +59,7 @@ HeldRange compressed_range(const fiemap_extent &extent, uint64_t block_size) {
           .is_shared = has(extent, FIEMAP_EXTENT_SHARED)};
 }
 
-// Cuts what lies behind `end` off an extent and returns it.
+// Cuts off and returns the part of an extent beyond `end`.
 fiemap_extent cut_at(fiemap_extent &extent, uint64_t end) {
   fiemap_extent rest = extent;
   const uint64_t kept = extent.fe_logical < end ? end - extent.fe_logical : 0;
@@ -111,7 +111,7 @@ bool is_shared_at(const std::vector<fiemap_extent> &extents, uint64_t offset) {
   return next != extents.begin() && has(*(next - 1), FIEMAP_EXTENT_SHARED);
 }
 
-// The extents of a Btrfs as a whole: each stays on disk until nothing refers to any part of it.
+// Whole Btrfs extents: each stays on disk until nothing refers to any part of it.
 std::vector<HeldRange> whole_extents(const std::vector<btrfs::FileExtent> &file,
                                      const std::vector<fiemap_extent> &extents, uint64_t end) {
   std::vector<HeldRange> held;

@@ -34,15 +34,15 @@ void say(const std::string &file, const std::string &text) {
   std::printf("%s: %s\n", escaped_name(file).c_str(), text.c_str());
 }
 
-// Prints on standard error what was refused, and returns the result of a failed command.
+// Prints a refusal on standard error and returns false, the result of a failed command.
 bool refuse(const std::string &file, const std::string &reason) {
   std::fflush(stdout);
   std::fprintf(stderr, "velmarin: %s: %s\n", escaped_name(file).c_str(), reason.c_str());
   return false;
 }
 
-// Why a call that says only -1 failed: it opens the file for reading and writing, so the reason is
-// found by doing the same; otherwise it stands in the call's last log line.
+// Why a call that returned only -1 failed. The call opens the file for reading and writing, so this
+// tries the same. If that works, the reason is in the call's last log line.
 std::string reason_of_failure(const std::string &file, const LogLines &log) {
   const int fd = open(file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
@@ -53,7 +53,8 @@ std::string reason_of_failure(const std::string &file, const LogLines &log) {
   return message.empty() ? "the call failed" : escaped_name(message);
 }
 
-// A directory, a device or a FIFO has no data to share, and opening it may wait or do something.
+// A directory, a device or a FIFO has no data to share, and opening one may block or have side
+// effects.
 bool refuse_other_than_file(const Files &files) {
   for (const std::string &file : files) {
     struct stat status = {};
@@ -64,7 +65,7 @@ bool refuse_other_than_file(const Files &files) {
   return false;
 }
 
-// The commands open files for writing, which copies a file of an overlay up.
+// The commands open files for writing, which copies up a file of an overlay.
 bool refuse_on_overlay(const Files &files) {
   for (const std::string &file : files) {
     if (is_on_overlay(file)) {
@@ -78,7 +79,7 @@ bool refuse_unusable(const Files &files) {
   return refuse_other_than_file(files) || refuse_on_overlay(files);
 }
 
-// Two names of one file share its data already.
+// Two names of one file already share its data.
 bool refuse_same_file(const Files &files) {
   std::map<std::pair<dev_t, ino_t>, const std::string *> met;
   for (const std::string &file : files) {
@@ -94,7 +95,7 @@ bool refuse_same_file(const Files &files) {
   return false;
 }
 
-// Acts on every file, also after a failure.
+// Acts on every file, even after a failure.
 template <typename Act>
 bool for_each(const Files &files, LogLines &log, Act act) {
   bool all_done = true;
@@ -105,7 +106,7 @@ bool for_each(const Files &files, LogLines &log, Act act) {
   return all_done;
 }
 
-// Why a file cannot be given its own data: that takes a temporary file in its directory, where it
+// Why a file cannot get its own data back. That needs a temporary file in its directory if the file
 // shares data.
 std::string reason_of_sharing_on(const std::string &file, int error) {
   char resolved[PATH_MAX];
@@ -133,7 +134,7 @@ bool dedup(const Files &files, LogLines &log) {
   if (refuse_unusable(files) || refuse_same_file(files)) {
     return false;
   }
-  // The library wants a path with a directory.
+  // The library requires a path with a directory.
   const std::string first = files[0].find('/') == std::string::npos ? "./" + files[0] : files[0];
   const std::string &second = files[1];
   const int result = sisFileTaskImpl(first.c_str(), second.c_str());
@@ -174,7 +175,7 @@ bool recover(const Files &files, LogLines &log) {
       say(file, "was a plain file already");
       return true;
     }
-    // -2 also stands for a missing file, whose errno it is.
+    // -2 is also the errno of a missing file.
     if (result == -2 && access(file.c_str(), F_OK) == 0) {
       return refuse(file, "is still attached to a layered inode");
     }
@@ -210,7 +211,7 @@ bool group(const Files &files, LogLines &) {
                                             reason_of_group(files, error));
 }
 
-// The copy is its user's alone until it has the permissions of its source.
+// The copy is private to its owner until it has the permissions of its source.
 int private_copy(const std::string &source, const std::string &target) {
   const PrivateFiles new_file;
   return reflink_copy(source.c_str(), target.c_str());
@@ -248,7 +249,7 @@ bool revoke(const Files &files, LogLines &log) {
       say(file, "has its own data");
       return true;
     }
-    // 1 stands for a plain file, but it is also an errno (EPERM).
+    // 1 means a plain file, but is also an errno (EPERM).
     if (result == 1 && query_layer(file) == 0) {
       say(file, "was a plain file already");
       return true;

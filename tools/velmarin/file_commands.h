@@ -12,7 +12,7 @@ struct FileCommand {
   const char *name;
   const char *summary;
   std::vector<const char *> operands;  // two names: exactly two files; one name: one file or more
-  // Acts and says in words what came of it. Returns false when something was refused or failed.
+  // Runs the command and prints the results. Returns false if anything was refused or failed.
   bool (*run)(const std::vector<std::string> &files, LogLines &log);
 };
 

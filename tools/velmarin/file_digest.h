@@ -1,4 +1,4 @@
-// Fingerprints of a file that the library was not asked for.
+// Digests and checksums that the tool computes itself.
 #pragma once
 
 #include <sys/stat.h>
@@ -9,15 +9,15 @@
 
 namespace tool {
 
-// Computes the SHA-256 of the file that had this status. Returns 0; ESTALE when it is another file,
-// or was changed before or while it was read; the errno of a failure.
+// Computes the SHA-256 of the file that had this status. Returns 0, an errno on failure, or ESTALE
+// if the file was replaced, or changed before or during the read.
 int read_digest(const std::string &path, const struct stat &status,
                 std::array<uint8_t, 32> &digest);
 
-// From this size on a pattern tells most files apart.
+// From this size on, a pattern tells most files apart.
 inline constexpr uint64_t PATTERN_MIN_SIZE = 1U << 20;
 
-// A checksum of parts of the first MiB; 0 when it cannot be read.
+// A checksum of parts of the first MiB; 0 if it cannot be read.
 uint64_t read_pattern(const std::string &path);
 
 }  // namespace tool

@@ -16,7 +16,7 @@ uint64_t file_system_of(int fd, const struct stat &status) {
       ioctl(fd, BTRFS_IOC_FS_INFO, &info) != 0) {
     return status.st_dev;
   }
-  uint64_t halves[2];  // of a random number: either half tells file systems apart
+  uint64_t halves[2];  // of a random number; either half identifies the file system
   static_assert(sizeof halves == sizeof info.fsid);
   std::memcpy(halves, info.fsid, sizeof halves);
   return halves[0] ^ halves[1];

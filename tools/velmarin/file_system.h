@@ -1,4 +1,4 @@
-// Which file system a file lies on.
+// Identifies the file system of a file.
 #pragma once
 
 #include <sys/stat.h>
@@ -7,8 +7,8 @@
 
 namespace tool {
 
-// A number that is the same for all files of one file system. The subvolumes of a Btrfs have device
-// numbers of their own, yet are one file system. `fd` is open on the file, `status` is its fstat.
+// A number shared by all files of one file system. The subvolumes of a Btrfs have their own device
+// numbers, but are one file system. `fd` is open on the file; `status` is its fstat result.
 uint64_t file_system_of(int fd, const struct stat &status);
 
 }  // namespace tool

@@ -1,4 +1,4 @@
-// What a scan found, and what is known of each file since.
+// What a scan found, and the later state and outcome of each file.
 #pragma once
 
 #include <sys/stat.h>
@@ -16,12 +16,12 @@ namespace tool {
 
 // What merging did with a file.
 enum class Outcome {
-  none,            // merging was not asked for
-  source,          // kept: the others of its file system were merged onto it
+  none,            // merging was not requested
+  source,          // kept; the others on its file system were merged onto it
   merged,          // shares the source's data now
   already_shared,  // shared the data before
   alone,           // has no other copy on its file system
-  changed,         // is not what the scan saw, and was left alone
+  changed,         // is no longer what the scan saw, and was left alone
   refused,         // `reason` says why
   not_tried,       // merging was stopped, or no source was left
   no_gain,         // sharing its data would free nothing; `reason` says why
@@ -29,22 +29,22 @@ enum class Outcome {
 
 // The file as it is after the scan.
 struct FileState {
-  int error = 0;  // errno of looking at it, ECANCELED if nobody did; the rest means nothing then
+  int error = 0;  // errno of the query, ECANCELED if there was none; the rest is then invalid
   bool unchanged = false;  // a regular file with the inode, size and time that the scan saw
   dev_t device = 0;
   uint64_t inode = 0;
   uint64_t allocated_bytes = 0;
   uint32_t layer = 0;      // number of the layered inode that it is attached to, 0 for a plain file
-  uint32_t copy = 0;       // the same for the files of a share that have one copy of the data
+  uint32_t copy = 0;       // number of its copy of the data within the share
   bool can_share = false;  // its file system can share data
-  bool is_inline = false;  // its data lies among the metadata and cannot be shared
+  bool is_inline = false;  // its data is stored in the metadata and cannot be shared
 };
 
-// A file as the scan reported it. Everything but `state`, `outcome` and `reason` stays as reported.
+// A file as the scan reported it. Only `state`, `outcome` and `reason` change later.
 struct FoundFile {
   std::string path;
-  dev_t device = 0;    // on which the scan met it
-  uint64_t inode = 0;  // low 32 bits; in an earlier scan's report the whole number, if known
+  dev_t device = 0;    // where the scan saw it
+  uint64_t inode = 0;  // low 32 bits; in an earlier scan's report the full number, if known
   int64_t status = 0;  // SIS_STATUS_* or minus an errno
   uint64_t size = 0;
   uint64_t blocks = 0;
@@ -56,16 +56,16 @@ struct FoundFile {
   std::string reason;
 };
 
-// Files of identical content that lie on one file system: what can come to share data. Files whose
-// data lies inline are left out.
+// Identical files on one file system, which can therefore share data. Excludes files with inline
+// data.
 struct Share {
   dev_t volume = 0;             // see `Volume::id`
   bool can_share = false;       // the file system can share data
-  std::vector<size_t> files;    // places in the group, the best source first
+  std::vector<size_t> files;    // indexes in the group, the best source first
   uint64_t unmerged_bytes = 0;  // held by copies beyond the first
-  uint64_t saved_bytes = 0;     // what the files share already, counted once for each file but one
-  Space reclaimable;            // given back by merging
-  Space freed;                  // given back
+  uint64_t saved_bytes = 0;     // already shared, counted once for each file but one
+  Space reclaimable;            // what merging would give back
+  Space freed;                  // what merging gave back
 };
 
 struct FoundGroup {
@@ -74,7 +74,7 @@ struct FoundGroup {
 
   uint64_t size() const { return files.front().size; }
   uint64_t unmerged_bytes() const;
-  uint64_t unsharable_bytes() const;  // of `unmerged_bytes`: where no data can be shared
+  uint64_t unsharable_bytes() const;  // the part of `unmerged_bytes` where no data can be shared
   uint64_t saved_bytes() const;
   Space reclaimable() const;
   Space freed() const;
@@ -98,10 +98,10 @@ struct Statistics {
 };
 
 struct Findings {
-  // Whether nothing can be shared where the files found lie.
+  // Whether no file system of the grouped files can share data.
   bool is_unsharable() const;
 
-  std::vector<FoundGroup> groups;  // most duplicate bytes first
+  std::vector<FoundGroup> groups;  // after `survey`, those that free the most first
   std::vector<FoundFile> compressed;
   Counters counters;
   Statistics statistics;

@@ -5,8 +5,7 @@
 namespace tool {
 namespace {
 
-// The length in bytes of the UTF-8 character that the text begins with. A byte that begins none
-// counts as a character.
+// The length in bytes of the text's first UTF-8 character. A byte that starts none counts as one.
 size_t character_length(std::string_view text) {
   size_t length = 1;
   while (static_cast<unsigned char>(text[0]) >= 0xc0 && length < text.size() && length < 4 &&
@@ -16,7 +15,7 @@ size_t character_length(std::string_view text) {
   return length;
 }
 
-// Its bytes as one number, which orders characters as their code points do.
+// The first character's bytes as one number, which sorts like its code point.
 char32_t character_at(std::string_view text) {
   char32_t character = 0;
   for (const char byte : text.substr(0, character_length(text))) {
@@ -56,7 +55,7 @@ Glob::Glob(std::string_view text) {
   }
 }
 
-// Turns the start of the pattern's rest into a token.
+// Turns the start of the remaining pattern into a token.
 void Glob::add_token(std::string_view &rest, bool starts_component) {
   const bool is_deep = rest.starts_with("**");
   if (starts_component && rest.starts_with("**/")) {
@@ -73,7 +72,7 @@ void Glob::add_token(std::string_view &rest, bool starts_component) {
   }
 }
 
-// Returns false when no set begins here: the bracket is not closed.
+// Returns false if no set begins here, because the bracket is not closed.
 bool Glob::add_set(std::string_view &rest) {
   std::string_view text = rest.substr(1);
   Token set = {Kind::set};
@@ -110,7 +109,7 @@ bool Glob::takes(const Token &token, char32_t character) {
   return character != '/' && (token.kind == Kind::any_character || is_in_set != token.is_negated);
 }
 
-// Lets the star take more of the text. Returns false when it cannot.
+// Lets the star match more of the text. Returns false if it cannot.
 bool Glob::extend(Star &star, Kind kind, std::string_view text) {
   if (!star.is_met || star.end == text.size() || (kind == Kind::star && text[star.end] == '/')) {
     return false;
@@ -124,8 +123,8 @@ bool Glob::extend(Star &star, Kind kind, std::string_view text) {
   return slash != std::string_view::npos;
 }
 
-// Only the last star of either sort is ever extended: whatever an earlier one could take besides,
-// the last one can take as well.
+// Extends only the last star of each kind: what an earlier one could still match, the last one can
+// match as well.
 bool Glob::matches_text(std::string_view text) const {
   Star star;
   Star deep;

@@ -1,4 +1,4 @@
-// Patterns for the names of files.
+// Patterns for file names.
 #pragma once
 
 #include <string>
@@ -8,18 +8,17 @@
 namespace tool {
 
 // A pattern for paths below a root:
-// - `*` stands for any characters but '/', `?` for one of them, `[a-z]` for one of a set and
-// `[!a-z]`
-//   for one that is not in it; a backslash takes the meaning from the character behind it;
-// - `**` stands for any characters, '/' included; as a whole component it stands for any number of
-//   directories, also none.
-// With a '/' at its start or inside, a pattern is for the whole path, otherwise for the name alone.
-// With a '/' at its end, it is for directories only.
+// - `*` matches any characters but '/', `?` one of them, `[a-z]` one from a set and `[!a-z]` one
+//   that is not in it; a backslash makes the next character literal;
+// - `**` matches any characters, '/' included; as a whole component it matches any number of
+//   directories, including none.
+// A pattern with a '/' at its start or inside applies to the whole path, any other to the name
+// alone. With a '/' at its end, it applies only to directories.
 class Glob {
  public:
   explicit Glob(std::string_view text);
 
-  // `path` lies below the root and does not begin with '/'. For any thread; allocates nothing.
+  // `path` is relative to the root and does not begin with '/'. Thread-safe; does not allocate.
   bool matches(std::string_view path, bool is_directory) const;
 
  private:
@@ -34,7 +33,7 @@ class Glob {
     bool is_negated = false;
     std::vector<Range> ranges = {};
   };
-  // Where a star stands in the pattern, and the end of the text that it takes.
+  // A star's place in the pattern, and the end of the text that it matches.
   struct Star {
     bool is_met = false;
     size_t token = 0;

@@ -24,13 +24,13 @@ FoundFile found_file(const CollectedFile &collected) {
   return file;
 }
 
-// Whether the files come from more than one run; those of one have been compared.
+// Whether the files come from several runs. Files of one run have already been compared.
 bool span_runs(std::span<const CollectedFile> files) {
   return std::any_of(files.begin(), files.end(),
                      [&](const CollectedFile &file) { return file.run != files.front().run; });
 }
 
-// Cuts an ordered range into parts of equal measure and hands each to `act`.
+// Splits a sorted range into parts of equal measure and passes each to `act`.
 template <typename Measure, typename Act>
 void for_each_part(std::span<CollectedFile> files, Measure measure, Act act) {
   for (size_t first = 0, last = 0; first < files.size(); first = last) {
@@ -45,7 +45,7 @@ uint64_t size_of(const CollectedFile &file) {
   return static_cast<uint64_t>(file.status.st_size);
 }
 
-// Leaves one name of each file, and orders by size.
+// Keeps one name of each file, and sorts by size.
 void drop_other_names(std::vector<CollectedFile> &files) {
   const auto measure = [](const CollectedFile &file) {
     return std::tuple(file.status.st_size, file.status.st_dev, file.status.st_ino);
@@ -80,7 +80,7 @@ void GroupJoin::take_groups() {
   findings_.groups.clear();
 }
 
-// A file that is known already has been met again, by way of another mount.
+// Ignores a file seen before, which another mount shows again.
 void GroupJoin::add(FoundFile file, const Digest &digest) {
   const FileId id = {file.device, static_cast<uint32_t>(file.inode)};
   if (known_.emplace(id, digest).second) {
@@ -108,7 +108,7 @@ void GroupJoin::join_size(std::span<CollectedFile> files) {
   }
 }
 
-// Files of equal size and, if they are large, equal pattern.
+// Takes files of equal size and, if they are large, equal pattern.
 void GroupJoin::join_candidates(std::span<CollectedFile> files) {
   if (!span_runs(files)) {
     return;

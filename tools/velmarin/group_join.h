@@ -1,5 +1,5 @@
-// Joins what several runs of the library found: groups of the same content, and files that found no
-// partner in their own run.
+// Joins the findings of several library runs: groups with the same content, and files without a
+// match in their own run.
 #pragma once
 
 #include <array>
@@ -18,14 +18,14 @@ class GroupJoin {
  public:
   GroupJoin(Findings &findings, DigestKeeper &keeper) : findings_(findings), keeper_(keeper) {}
 
-  // Puts together the groups of `findings` that have one digest and adds the collected files that
-  // are identical to a file of another run. Digests that are not saved are computed, until a stop
-  // is asked for.
+  // Joins the groups of `findings` that have the same digest, and adds the collected files that are
+  // identical to a file of another run. Computes digests that are not saved, until a stop is
+  // requested.
   void run(std::vector<CollectedFile> files);
 
  private:
   using Digest = std::array<uint8_t, 32>;
-  using FileId = std::pair<dev_t, uint32_t>;  // the low half of the inode number, as a run knows it
+  using FileId = std::pair<dev_t, uint32_t>;  // the low half of the inode number, as runs use it
   using Content = std::pair<Digest, uint64_t>;
 
   void take_groups();

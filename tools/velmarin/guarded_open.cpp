@@ -22,10 +22,10 @@ namespace {
 
 struct HeldRoot {
   std::string path;
-  int fd;  // a negative one makes every open below the root fail
+  int fd;  // if negative, every open below the root fails
 };
 
-// Both are written while the process has one thread.
+// The first two are written while the process has one thread.
 std::vector<HeldRoot> held_roots;
 bool makes_private_files = false;
 bool stops_opens = false;
@@ -50,7 +50,7 @@ const char *path_below(const std::string &root, const char *path) {
   return *rest == '\0' ? "." : rest;
 }
 
-// Closes a file that was found rather than made, and belongs to somebody else.
+// Closes a file that existed before and belongs to someone else.
 int refuse_foreign(int fd) {
   struct stat status = {};
   if (fd < 0 || (fstat(fd, &status) == 0 && status.st_uid == geteuid())) {
@@ -65,13 +65,13 @@ bool is_temporary(int flags) {
   return (flags & O_TMPFILE) == O_TMPFILE;
 }
 
-// How the library opens a file that it reads whole: one to be compared or, where the state
-// directory lies below a root, that of the saved digests.
+// How the library opens a file to read all of it: a file to compare or, if the state directory is
+// below a root, the digest file.
 bool is_to_be_read(int flags) {
   return flags == O_RDONLY;
 }
 
-// How it opens what it meets in the walk, and what it is told to skip.
+// How it opens entries of the walk, and skip paths.
 bool is_to_be_examined(int flags) {
   return flags == (O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
 }
@@ -85,7 +85,7 @@ bool is_stopped(int flags) {
 }
 
 int open_below_roots(const char *path, int flags, mode_t mode) {
-  // A link to a descriptor of this process, by which the platform opens a file a second time.
+  // A link to a descriptor of this process, through which the platform reopens a file.
   if (std::string_view(path).starts_with("/proc/self/fd/")) {
     return plain_open(path, flags, mode);
   }
@@ -166,7 +166,7 @@ PrivateFiles::~PrivateFiles() {
 
 }  // namespace tool
 
-// Found before the C library's by everything in the process.
+// Overrides the C library's function for the whole process.
 extern "C" int open(const char *path, int flags, ...) {
   mode_t mode = 0;
   if ((flags & O_CREAT) != 0 || tool::is_temporary(flags)) {

@@ -1,6 +1,6 @@
-// The tool answers the library's calls of open(2) itself. The library opens files by their paths,
-// so a directory below a root that another user swaps for a symbolic link at the right moment would
-// lead it to files elsewhere; and it makes files that others may read.
+// Replaces open(2) for the library. The library opens files by path, so another user could swap a
+// directory below a root for a symbolic link at the right moment and lead it to files elsewhere. It
+// also creates files that others may read.
 #pragma once
 
 #include <cstdint>
@@ -9,29 +9,27 @@
 
 namespace tool {
 
-// While an object lives, every open of a path at or below a root goes through `open_beneath` and
-// starts at the directory that the root was when the object was made. An unnamed temporary file is
-// refused in a directory elsewhere. All other paths are opened as ever. Files opened to
-// be read whole are counted. At most one object lives, and none of the other threads that open
-// files outlives it.
+// While an object lives, every open of a path at or below a root goes through `open_beneath`, from
+// the directory that was the root when the object was created. Refuses unnamed temporary files in
+// directories elsewhere. All other paths are opened as usual. Counts files opened to be read in
+// full. At most one object may live, and no other thread that opens files may outlive it.
 class GuardedRoots {
  public:
-  // Paths of directories, absolute and without symbolic links.
+  // Absolute paths of directories, without symbolic links.
   explicit GuardedRoots(const std::vector<std::string> &roots);
   ~GuardedRoots();
   GuardedRoots(const GuardedRoots &) = delete;
   GuardedRoots &operator=(const GuardedRoots &) = delete;
 
-  // False, with a word on standard error, when a root has gone or the kernel has no openat2.
+  // False, after an error message, if a root is gone or the kernel lacks openat2.
   bool are_held() const { return are_held_; }
 
  private:
   bool are_held_ = true;
 };
 
-// While an object lives and once a stop is requested, the library gets nothing more to look at or
-// to read below the roots: what it has queued by then would take its time otherwise. At most one
-// object lives.
+// While an object lives, a requested stop keeps the library from examining or reading anything more
+// below the roots. Otherwise it would first work through its queue. At most one object may live.
 class StoppableOpens {
  public:
   StoppableOpens();
@@ -39,14 +37,13 @@ class StoppableOpens {
   StoppableOpens(const StoppableOpens &) = delete;
   StoppableOpens &operator=(const StoppableOpens &) = delete;
 
-  // How many files were not opened that the library counts as errors, since it wanted their
-  // digests.
+  // The number of refused opens that the library counts as errors because it needed the digests.
   uint64_t refused_digests() const;
 };
 
-// While an object lives, a file that is made is for its user alone, whatever default access control
-// list its directory has; and a file that is there and belongs to somebody else is not opened to be
-// made. At most one object lives.
+// While an object lives, new files are private to their owner, whatever default access control list
+// their directory has, and an open that could create a file fails if the file belongs to someone
+// else. At most one object may live.
 class PrivateFiles {
  public:
   PrivateFiles();

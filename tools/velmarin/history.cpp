@@ -20,7 +20,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// A line has some 200 bytes: this is the record of years of nights.
+// A line has about 200 bytes, so this holds years of nightly runs.
 constexpr off_t MOST_BYTES = 1 << 20;
 
 struct NumberField {
@@ -46,7 +46,7 @@ struct MarkField {
 constexpr MarkField MARKS[] = {{"stopped", &HistoryEntry::stopped},
                                {"out_of_time", &HistoryEntry::out_of_time}};
 
-// Every field must be there: a line that lacks one was cut or written by something else.
+// Requires every field: a line that lacks one was cut short or written by something else.
 std::optional<HistoryEntry> parse_entry(std::string_view line) {
   const Json object = Json::parse(line, nullptr, false);
   HistoryEntry entry;
@@ -80,7 +80,7 @@ bool read_all(int fd, std::string &text) {
   return count == 0;
 }
 
-// Opens the record as a regular file. Returns -1 with errno otherwise.
+// Opens the record, which must be a regular file. Returns -1 with errno on failure.
 int open_record(const std::string &path, int flags) {
   const int fd = open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
   struct stat status = {};
@@ -92,7 +92,7 @@ int open_record(const std::string &path, int flags) {
   return -1;
 }
 
-// Without a value the record cannot be read, and standard error says why.
+// Returns nothing if the record cannot be read, after an error message.
 std::optional<std::string> read_record(const std::string &path) {
   const int fd = open_record(path, O_RDONLY);
   std::string text;
@@ -131,7 +131,7 @@ bool shorten(const std::string &path) {
   return is_written && rename(newer.c_str(), path.c_str()) == 0;
 }
 
-// A line that was cut by a crash ends before the next one starts.
+// If a crash cut the last line short, ends it first.
 bool append_line(int fd, const std::string &line) {
   struct stat status = {};
   char last = '\n';

@@ -21,7 +21,7 @@ std::string local_minute(uint64_t seconds) {
   return text;
 }
 
-// How the run came to its end.
+// How the run ended.
 const char *end_word(const HistoryEntry &entry) {
   return entry.stopped ? "stopped" : entry.out_of_time ? "out of time" : "done";
 }

@@ -16,7 +16,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// Places of the kinds of bytes in a share; the page gives each a colour and a word.
+// Indexes of the kinds of bytes in a share; the page gives each a colour and a label.
 enum Kind { FREE, FREED, SHARED, STUCK };
 
 std::string local_time() {
@@ -69,7 +69,7 @@ Json notes(const Report &report) {
   return list;
 }
 
-// What was freed may be more than what was expected.
+// More may have been freed than expected.
 uint64_t left_bytes(const Share &share) {
   return share.reclaimable.certain - std::min(share.reclaimable.certain, share.freed.certain);
 }
@@ -125,7 +125,7 @@ Json figures(const Report &report) {
   return list;
 }
 
-// Texts that occur many times, each kept once.
+// Repeated texts, each stored once.
 class TextTable {
  public:
   size_t place_of(const std::string &text) {
@@ -143,7 +143,7 @@ class TextTable {
   Json texts_ = Json::array();
 };
 
-// The files of the report in few characters: each names its directory and its word by number.
+// The report's files in compact form: each gives its directory and its word by number.
 class FileData {
  public:
   Json group(const FoundGroup &group) {
@@ -208,7 +208,7 @@ Json space_rows(const Report &report) {
   return rows;
 }
 
-// JSON that cannot end the script element in which it stands.
+// Appends JSON that cannot end its script element.
 void embed(std::string &page, const Json &data) {
   for (const char c : data.dump()) {
     if (c == '<') {
@@ -219,7 +219,7 @@ void embed(std::string &page, const Json &data) {
   }
 }
 
-// A list of which one element at a time is held as JSON: there may be very many.
+// Appends a list with only one element at a time held as JSON: there may be very many.
 template <typename Element, typename MakeJson>
 void embed_list(std::string &page, const char *name, const std::vector<Element> &elements,
                 MakeJson make) {
@@ -252,7 +252,7 @@ void embed_data(std::string &page, const Report &report, const PageContext &cont
                      {"lists", Json::array({counter_rows(report), space_rows(report)})}};
   std::string members;
   embed(members, rest);
-  page += members.substr(1);  // goes on in the object that was begun
+  page += members.substr(1);  // continues the open object
 }
 
 }  // namespace

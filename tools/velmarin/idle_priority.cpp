@@ -18,8 +18,7 @@ constexpr int LOWEST_LEVEL = 19;
 
 }  // namespace
 
-// Not SCHED_IDLE: the thread would hold the locks of files for as long as others keep the
-// processors busy.
+// Not SCHED_IDLE: the thread could hold file locks for as long as others keep the processors busy.
 void become_idle() {
   if (syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 0)) !=
           0 ||

@@ -25,7 +25,7 @@ uint64_t memory_bytes() {
              : 0;
 }
 
-// Whether the file's pages may stay; their number is then subtracted from the room.
+// Whether the file's pages may stay. If so, subtracts the file's size from the room.
 bool take_room(int fd) {
   struct stat status = {};
   if (room == 0 || fstat(fd, &status) != 0) {
@@ -60,7 +60,7 @@ KeptPages::~KeptPages() {
 
 }  // namespace tool
 
-// Found before the C library's by everything in the process.
+// Overrides the C library's function for the whole process.
 extern "C" int posix_fadvise(int fd, off_t offset, off_t length, int advice) {
   if (advice == POSIX_FADV_DONTNEED && tool::take_room(fd)) {
     return 0;

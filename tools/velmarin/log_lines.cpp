@@ -16,7 +16,7 @@ constexpr std::string_view DIGEST_FILE_MADE = "CREATE ";
 constexpr std::string_view SAVING_BEGINS = "fetch_all_sis_file:";
 
 struct PhaseEnd {
-  std::string_view message;  // how the line begins that ends the phase before
+  std::string_view message;  // start of the line that ends the previous phase
   ScanPhase next;
 };
 constexpr PhaseEnd PHASE_ENDS[] = {{"load_usable_hash(", ScanPhase::walking},
@@ -24,7 +24,7 @@ constexpr PhaseEnd PHASE_ENDS[] = {{"load_usable_hash(", ScanPhase::walking},
                                    {SAVING_BEGINS, ScanPhase::saving},
                                    {"save_usable_hash(", ScanPhase::reporting}};
 
-// The part of a line behind its prefix in brackets.
+// The part of a line after its bracketed prefix.
 std::string_view message_of(std::string_view line) {
   const size_t end = line.find("] ");
   return end == std::string_view::npos ? line : line.substr(end + 2);
@@ -63,7 +63,7 @@ void LogLines::keep(std::string_view line) {
   OmissionWatch::note_log_message(message);
   const std::lock_guard guard(lock_);
   last_message_ = message;
-  // While digests are saved nothing but the making of their file is logged, unless that fails.
+  // While digests are saved, any line but these two reports a failure.
   if (phase_ == ScanPhase::saving && !message.starts_with(DIGEST_FILE_MADE) &&
       !message.starts_with(SAVING_BEGINS) && save_failure_.empty()) {
     save_failure_ = message;

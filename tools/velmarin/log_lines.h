@@ -1,4 +1,4 @@
-// What becomes of the library's log lines while the tool runs.
+// Receives the library's log lines while the tool runs.
 #pragma once
 
 #include <atomic>
@@ -9,13 +9,13 @@
 
 namespace tool {
 
-// How far a scan has come, told by the line that the library logs when a phase ends.
+// The phase of a scan, as told by the line that the library logs when a phase ends.
 enum class ScanPhase { loading, walking, grouping, saving, reporting };
 
-// The process-wide sink of log lines for as long as the object lives. With `show`, every line goes
-// to standard error; either way the sink keeps what the tool tells its user: the phase of the scan,
-// how many error lines there were and the first of them, why the digests were not saved, and the
-// message logged last.
+// The process-wide log sink for as long as the object lives. With `show`, every line goes to
+// standard error. In any case the sink keeps what the tool reports: the phase of the scan, the
+// number of error lines and the first of them, why the digests were not saved, and the last
+// message.
 class LogLines {
  public:
   explicit LogLines(bool show);
@@ -25,15 +25,15 @@ class LogLines {
 
   ScanPhase phase() const { return phase_; }
 
-  // Error lines of the scan and of the file operations; the lines of the service calls do not
-  // count, since those are all written at error priority.
+  // Error lines of the scan and of the file operations. Lines of the service calls are excluded:
+  // all of them have error priority.
   uint64_t error_count() const;
   std::string first_error() const;
 
-  // Why the digests could not be saved; empty when they were. A scan ends well all the same.
+  // Why the digests could not be saved; empty if they were. The scan succeeds all the same.
   std::string save_failure() const;
 
-  // The message logged last, without its prefix and newline; empty since the last call of `forget`.
+  // The last message since `forget`, without its prefix and newline; empty if there is none.
   std::string last_message() const;
   void forget();
 
@@ -43,7 +43,7 @@ class LogLines {
 
   const bool show_;
   std::atomic<ScanPhase> phase_{ScanPhase::loading};
-  mutable std::mutex lock_;  // guards the fields below: any thread logs
+  mutable std::mutex lock_;  // guards the fields below, since any thread may log
   uint64_t error_count_ = 0;
   std::string first_error_;
   std::string save_failure_;

@@ -1,5 +1,4 @@
-// The command-line host of the library: does for people at a shell what a daemon does on
-// a device.
+// The command-line host of the library: does at a shell what a daemon does on a device.
 #include <cstdio>
 #include <exception>
 #include <string>

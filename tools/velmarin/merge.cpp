@@ -34,12 +34,12 @@ bool is_one_copy(const FoundGroup &group, const Share &share) {
                      [&](size_t place) { return has_copy_of(group.files[place], source); });
 }
 
-// Whether there is more than one copy of the data, and its merging is worth the trouble.
+// Whether there are several copies of the data, and merging them is worthwhile.
 bool has_work(const FoundGroup &group, const Share &share) {
   return !is_one_copy(group, share) && (!share.can_share || !share.reclaimable.is_none());
 }
 
-// The library names the error of a failed call at the end of its line.
+// The library puts the error of a failed call at the end of its line.
 std::string logged_reason(const LogLines &log) {
   const std::string message = log.last_message();
   const size_t place = message.rfind(" returned ");
@@ -68,7 +68,7 @@ int open_as_source(FoundFile &file, LogLines &log) {
   return fd;
 }
 
-// Merging the files of one share. `source_` is the place of the source in the group.
+// Merges the files of one share. `source_` is the source's index in the group.
 class ShareMerge {
  public:
   ShareMerge(FoundGroup &group, Share &share, const Volumes &volumes, LogLines &log,
@@ -94,14 +94,14 @@ class ShareMerge {
       } else if (has_copy_of(file, group_.files[source_])) {
         set_outcome(file, Outcome::already_shared);
       } else if (file.outcome != Outcome::changed) {
-        merge(place, fd);  // also if it was refused as the source: it may do as a target
+        merge(place, fd);  // even if refused as the source: it may work as a target
       }
     }
     close(fd);
   }
 
  private:
-  // Takes the first file that can be the source. The outcome of those before it says why they
+  // Picks the first file that can be the source. The outcomes of those before it say why they
   // cannot.
   int open_source() {
     for (const size_t place : share_.files) {
@@ -176,9 +176,9 @@ class ShareMerge {
   LogLines &log_;
   MergeProgress &progress_;
   ReadAhead &ahead_;
-  const std::vector<ExtentMap> maps_;  // of the files of the share, at their places in the group
+  const std::vector<ExtentMap> maps_;  // of the share's files, indexed as in the group
   SpaceAccount account_;
-  uint64_t unknown_bytes_ = 0;  // allocated to merged files whose extents are not known
+  uint64_t unknown_bytes_ = 0;  // allocated to merged files with unknown extents
   size_t source_ = 0;
 };
 
@@ -210,8 +210,8 @@ void merge_share(FoundGroup &group, Share &share, const Volumes &volumes, LogLin
   }
 }
 
-// Visits the files that merging compares, in the order in which it comes to them: of each share
-// with work the first file, which is to be the source, and those with another copy of the data.
+// Visits the files that merging compares, in merging order: in each share with work, the intended
+// source, which is the first file, and the files with another copy of the data.
 template <typename Visit>
 void visit_work(const Findings &findings, Visit visit) {
   for (const FoundGroup &group : findings.groups) {
@@ -238,7 +238,7 @@ std::vector<const FoundFile *> files_to_compare(const Findings &findings) {
 
 }  // namespace
 
-// Files in no share: what the survey saw of them decides.
+// For files in no share: decides by what the survey saw of them.
 void mark_unusable(FoundGroup &group) {
   for (FoundFile &file : group.files) {
     if (file.state.error == ECANCELED) {

@@ -1,5 +1,4 @@
-// The way from findings to their outcome: the files are looked at as they are now, and merged if
-// that was asked for.
+// Examines the files of a report as they are now, and merges them on request.
 #pragma once
 
 #include "log_lines.h"
@@ -11,12 +10,12 @@ namespace tool {
 
 class MergeRun {
  public:
-  // What is referred to outlives the object.
+  // The references must outlive the object.
   MergeRun(const TimeLimit &limit, LogLines &log, bool shows_progress)
       : limit_(limit), log_(log), shows_progress_(shows_progress) {}
 
-  // Surveys the findings of the report and, if it is `applied`, merges them; of an earlier scan's
-  // findings it tells at least which can no longer be merged. Fills in why merging ended early.
+  // Surveys the report's findings and merges them if it is `applied`. Otherwise marks those of an
+  // earlier scan that can no longer be merged. Notes whether merging ended early, and why.
   void run(Report &report);
 
  private:

@@ -1,4 +1,4 @@
-// What the tool says on standard error.
+// The tool's messages on standard error.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@ namespace tool {
 // "velmarin: TEXT"
 void print_error(std::string_view text);
 
-// "velmarin: WHAT NAME" and "velmarin: WHAT NAME: REASON", the name escaped.
+// "velmarin: WHAT NAME" and "velmarin: WHAT NAME: REASON", with the name escaped.
 void print_error(std::string_view what, std::string_view name);
 void print_error(std::string_view what, std::string_view name, std::string_view reason);
 

@@ -52,7 +52,7 @@ std::string label_of(int fd) {
   return ioctl(fd, FS_IOC_GETFSLABEL, label) == 0 ? label : "";
 }
 
-// The number of the mount on which an open file lies; 0 if the kernel cannot tell.
+// The number of an open file's mount; 0 if the kernel cannot tell.
 uint64_t mount_number(int fd) {
   struct statx status = {};
   return statx(fd, "", AT_EMPTY_PATH, STATX_MNT_ID, &status) == 0 &&

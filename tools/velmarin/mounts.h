@@ -1,4 +1,4 @@
-// How the file systems in use are called.
+// Describes the file systems in use.
 #pragma once
 
 #include <string>
@@ -8,17 +8,17 @@ namespace tool {
 
 struct Mount {
   std::string type;    // "btrfs"
-  std::string label;   // empty where there is none, or none can be asked
+  std::string label;   // empty if there is none or it cannot be read
   std::string source;  // "/dev/sdb1"
   std::string point;   // where it is mounted, "/srv"
   bool can_share = false;
 };
 
-// The mounts on which the files and directories lie, each once, in the order of the paths. Leaves
-// out what cannot be told.
+// The mounts of the files and directories, each once, in path order. Omits those that cannot be
+// determined.
 std::vector<Mount> mounts_of(const std::vector<std::string> &paths);
 
-// Reads a line of /proc/PID/mountinfo. Returns the number of the mount, or 0 for anything else.
+// Parses a line of /proc/PID/mountinfo. Returns the mount's number, or 0 if the line is not valid.
 uint64_t read_mount_line(const std::string &line, Mount &mount);
 
 }  // namespace tool

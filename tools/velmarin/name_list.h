@@ -1,4 +1,4 @@
-// Lists of names in files.
+// Reads lists of names from files.
 #pragma once
 
 #include <string>
@@ -6,11 +6,11 @@
 
 namespace tool {
 
-// Appends the entries of a file, which end with `separator`, but no empty ones; "-" stands for
-// standard input. Says on standard error what went wrong and returns false then.
+// Appends the non-empty entries of a file, which end with `separator`; "-" means standard input.
+// Returns false on failure, after an error message.
 bool read_list(const std::string &file, char separator, std::vector<std::string> &entries);
 
-// The same for a list of globs: one a line, but no lines that begin with '#'.
+// The same for globs, one per line, without lines that begin with '#'.
 bool read_globs(const std::string &file, std::vector<std::string> &globs);
 
 }  // namespace tool

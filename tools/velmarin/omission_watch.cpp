@@ -11,11 +11,11 @@ namespace {
 
 OmissionWatch *present = nullptr;
 
-// How the walk of the library opens an entry.
+// The flags with which the library's walk opens an entry.
 constexpr int WALK_FLAGS = O_RDONLY | O_NONBLOCK | O_NOFOLLOW;
 
-// Errors of entries that a scan does not look at: symbolic links, sockets and devices, and what has
-// gone or was moved meanwhile.
+// Errors of entries that a scan does not examine: symbolic links, sockets, devices, and what was
+// removed or moved meanwhile.
 constexpr int EXPECTED[] = {ELOOP, ENXIO, ENODEV, ENOENT, ENOTDIR, EXDEV};
 
 }  // namespace
@@ -60,7 +60,7 @@ bool OmissionWatch::is_wanted(const struct stat &status, std::string_view path) 
 void OmissionWatch::take_failed_open(const char *path, int error) {
   struct stat status = {};
   if (lstat(path, &status) != 0) {
-    omissions_.add(path, Cause::not_opened, error);  // nobody can tell what it is
+    omissions_.add(path, Cause::not_opened, error);  // its type is unknown
   } else if (is_wanted(status, path)) {
     omissions_.add(path, S_ISDIR(status.st_mode) ? Cause::directory_not_read : Cause::not_opened,
                    error);

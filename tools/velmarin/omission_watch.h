@@ -1,5 +1,5 @@
-// Notices what a scan leaves out. The library says little of that: it drops a directory or file
-// that it cannot open without a word.
+// Tracks what a scan leaves out. The library silently drops a directory or file that it cannot
+// open.
 #pragma once
 
 #include <cstdint>
@@ -12,28 +12,28 @@
 
 namespace tool {
 
-// Takes notes while an object lives; at most one does, and it is made and destroyed while the
-// process has one thread. The static functions are for any thread, do nothing without an object and
-// keep errno.
+// Active while an object lives. At most one may live, created and destroyed while the process has
+// one thread. The static functions are thread-safe, preserve errno and do nothing without an
+// object.
 class OmissionWatch {
  public:
-  // `skips` are paths without symbolic links. Everything outlives the object.
+  // `skips` are paths without symbolic links. All arguments must outlive the object.
   OmissionWatch(Omissions &omissions, const Choice &choice, const std::vector<std::string> &skips,
                 uint64_t min_size);
   ~OmissionWatch();
   OmissionWatch(const OmissionWatch &) = delete;
   OmissionWatch &operator=(const OmissionWatch &) = delete;
 
-  // The next run sees the same entries again.
+  // For a further run, which sees the same entries again.
   void ignore_opens() { ignores_opens_ = true; }
 
   static void note(std::string_view path, Cause cause, int error);
 
-  // An open failed. It means something if the walk wanted to look at the entry, which is a file or
-  // a directory, still there, chosen, large enough and not to be skipped.
+  // Notes a failed open if the walk wanted the entry: a file or directory that still exists, is
+  // chosen, large enough and not skipped.
   static void note_failed_open(const char *path, int flags, int error);
 
-  // The library logged a line.
+  // Takes a line that the library logged.
   static void note_log_message(std::string_view message);
 
  private:

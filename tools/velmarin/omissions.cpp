@@ -26,7 +26,7 @@ constexpr CauseText TEXTS[] = {
     {"changed", "file changed while it was read", "files changed while they were read"}};
 static_assert(std::size(TEXTS) == CAUSES);
 
-// How a line begins and goes on behind the path.
+// The start of a line, and its text after the path.
 struct Line {
   std::string_view start;
   std::string_view end;
@@ -50,7 +50,7 @@ int errno_of(std::string_view text) {
   return 0;
 }
 
-// Some lines have the number of the descriptor in brackets before the path, which is absolute.
+// Skips the bracketed descriptor number that some lines have before the path, which is absolute.
 std::string_view path_in(std::string_view text) {
   return text.substr(std::min(text.find('/'), text.size()));
 }
@@ -79,7 +79,7 @@ std::string errno_name(int error) {
 
 void Omissions::add(std::string_view path, Cause cause, int error) {
   const std::lock_guard guard(lock_);
-  // A root of "/" leaves a doubled slash at the start.
+  // Paths below a root of "/" start with two slashes.
   const size_t doubled = path.starts_with("//") ? 1 : 0;
   const std::pair key(std::string(path.substr(doubled)), cause);
   if (listed_.size() < MOST_LISTED ? listed_.emplace(key, error).second : !listed_.contains(key)) {
@@ -92,7 +92,7 @@ void Omissions::read_log_message(std::string_view message) {
     const size_t end = message.rfind(std::string(line.end) + std::string(RETURNED));
     if (message.starts_with(line.start) && end != std::string_view::npos) {
       const int error = errno_of(message.substr(end + line.end.size() + RETURNED.size()));
-      if (error != ECANCELED) {  // a scan that is stopped opens nothing more
+      if (error != ECANCELED) {  // a stopped scan opens nothing more
         add(path_in(message.substr(0, end)), line.cause, error);
       }
       return;

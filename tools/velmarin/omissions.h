@@ -1,4 +1,4 @@
-// What a scan left out though it was to look at it, and why.
+// What a scan should have examined but left out, and why.
 #pragma once
 
 #include <array>
@@ -21,7 +21,7 @@ struct Omission {
   int error = 0;  // errno; 0 if there is none
 };
 
-// "directory not read", "not opened", ...: the word in JSON.
+// "directory not read", "not opened", ...: the word used in JSON.
 const char *cause_word(Cause cause);
 
 // "PATH: not opened, Permission denied", the path escaped.
@@ -33,19 +33,18 @@ std::string describe_omissions(Cause cause, uint64_t count);
 // "EACCES"; empty for 0 and for a number without a name.
 std::string errno_name(int error);
 
-// A collection for any thread. It keeps the paths of the first that come and counts the others.
+// A thread-safe collection. Counts all omissions and keeps the paths of the first.
 class Omissions {
  public:
   void add(std::string_view path, Cause cause, int error);
 
-  // Takes from a log line of the library what it says about a file that is left out; all other
-  // lines mean nothing here.
+  // Adds the file that a library log line reports as left out. Ignores all other lines.
   void read_log_message(std::string_view message);
 
   // By cause.
   std::array<uint64_t, CAUSES> counts() const;
 
-  // Ordered by path; at most `MOST_LISTED`.
+  // Sorted by path; at most `MOST_LISTED`.
   std::vector<Omission> list() const;
 
   static constexpr size_t MOST_LISTED = 10000;

@@ -25,8 +25,8 @@ constexpr const char *INCLUDE = "--include";
 constexpr const char *GLOB_MARK = ":";
 constexpr const char *VERSION = "velmarin " VELMARIN_VERSION;
 
-// The value of an option that takes a glob may begin with anything: it gets a mark, which
-// `take_globs` removes. Returns whether there is such a value.
+// The value of a glob option may begin with any character, so it gets a mark, which `take_globs`
+// removes. Returns whether the argument has such a value.
 bool mark_glob(const std::vector<std::string> &before, std::string &argument) {
   for (const std::string option : {EXCLUDE, INCLUDE}) {
     if (!before.empty() && before.back() == option) {
@@ -41,8 +41,8 @@ bool mark_glob(const std::vector<std::string> &before, std::string &argument) {
   return false;
 }
 
-// The parser takes a name in brackets apart and gives some other marks a meaning. No option starts
-// with them, so such an argument is a name, and so is all that follows "--".
+// The parser splits names in brackets and gives some other characters a meaning. No option starts
+// with these, so an argument that does is a name, and so is everything after "--".
 std::vector<std::string> plain_arguments(const std::vector<std::string> &given) {
   std::vector<std::string> arguments;
   bool only_names = false;
@@ -100,7 +100,7 @@ void add_choice(CLI::App *command, ScanOptions &scan) {
                     "The names of --roots-from end with a NUL byte, not with the line");
 }
 
-// An option whose value `parse` reads; `accepted` says what that is.
+// Adds an option whose value `parse` reads; `accepted` describes valid values.
 template <typename Value>
 void add_value(CLI::App *command, const char *name, Value &target,
                std::optional<Value> (*parse)(std::string_view), const char *accepted,
@@ -137,7 +137,7 @@ void add_scan_limits(CLI::App *command, ScanOptions &scan) {
             "Do not read directories N levels below a root");
   command->add_flag("-x,--one-file-system", scan.one_file_system,
                     "Stay on the file systems of the roots");
-  // Only to be listed: `take_config` has put its lines in its place.
+  // Only for the help text: `take_config` has already replaced it with the file's options.
   command->add_option("--config", "Take options and roots from this file")->type_name("FILE");
   command->add_flag("--idle", scan.idle, "Give way to everything else on the machine");
   add_time_budget(command, scan.time_budget);
@@ -235,7 +235,7 @@ void check_scan(ScanOptions &scan) {
   }
 }
 
-// Returns false, with a word on standard error, when a file does not hold options.
+// Returns false, after an error message, if a file has invalid options.
 bool take_config(std::vector<std::string> &given) {
   const bool is_scan = !given.empty() && given.front() == "scan";
   const std::string wrong = is_scan ? expand_config(given) : "";
@@ -245,7 +245,7 @@ bool take_config(std::vector<std::string> &given) {
   return wrong.empty();
 }
 
-// What is wrong with the command line, in words. No command was understood.
+// Describes a usage error when no command was recognised.
 std::string describe_command(int argc, char **argv) {
   if (argc < 2) {
     return "no command is given";
@@ -269,7 +269,7 @@ std::string describe(const CLI::App &app, const CLI::ParseError &error) {
   return (extra.starts_with('-') ? "unknown option '" : "unexpected argument '") + extra + "'";
 }
 
-// Prints help, version or what is wrong. Returns the exit status.
+// Prints help, the version or the error. Returns the exit status.
 int report(const CLI::App &app, int argc, char **argv, const CLI::ParseError &error) {
   if (error.get_exit_code() == 0) {
     return app.exit(error);
@@ -293,7 +293,7 @@ CommandLine parse_command_line(int argc, char **argv) {
     return line;
   }
   std::vector<std::string> arguments = plain_arguments(given);
-  std::reverse(arguments.begin(), arguments.end());  // as the parser wants them
+  std::reverse(arguments.begin(), arguments.end());  // the order that the parser expects
   try {
     app.parse(std::move(arguments));
     line.command = app.get_subcommands().front()->get_name();

@@ -11,7 +11,7 @@ namespace tool {
 
 struct ScanOptions {
   bool apply = false;
-  bool dry_run = false;  // asked for by name
+  bool dry_run = false;  // given explicitly
   bool json = false;
   bool verbose = false;
   bool quiet = false;
@@ -22,10 +22,10 @@ struct ScanOptions {
   std::string html;   // empty: no page
   std::vector<std::string> skips;
   std::vector<std::string> roots;
-  std::string roots_from;          // a file with further ones, "-" for standard input; empty: none
-  bool ends_names_by_nul = false;  // in that file
+  std::string roots_from;          // a file with more roots, "-" for standard input; empty: none
+  bool ends_names_by_nul = false;  // in `roots_from`
   ChoiceRules choice;
-  std::vector<std::string> exclude_lists;  // files with further globs
+  std::vector<std::string> exclude_lists;  // files with more globs
   uint64_t min_size = 64 * 1024;
   int max_depth = 0;         // 0: no limit
   unsigned time_budget = 0;  // seconds; 0: no limit
@@ -51,7 +51,7 @@ struct ApplyOptions {
 };
 
 struct CommandLine {
-  std::string command;  // empty: nothing is left to do, `exit_status` says how it went
+  std::string command;  // empty: nothing is left to do, and `exit_status` is the result
   int exit_status = 0;
   ScanOptions scan;  // of the command `scan`
   ApplyOptions apply;
@@ -59,7 +59,7 @@ struct CommandLine {
   FileOptions file;  // of every other command
 };
 
-// Reads the command line. Prints help, version or what is wrong with it.
+// Parses the command line. Prints help, the version or a usage error.
 CommandLine parse_command_line(int argc, char **argv);
 
 }  // namespace tool

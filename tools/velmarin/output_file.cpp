@@ -24,7 +24,7 @@ bool write_all(int fd, std::string_view text) {
   return true;
 }
 
-// A pipe or a terminal has nothing to cut off.
+// A pipe or a terminal has nothing to truncate.
 bool empty_file(int fd) {
   struct stat status = {};
   return fstat(fd, &status) == 0 && (!S_ISREG(status.st_mode) || ftruncate(fd, 0) == 0);

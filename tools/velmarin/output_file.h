@@ -1,4 +1,4 @@
-// A file that is opened before long work, so that it fails early, and written after it.
+// A file opened before long work, so that errors show early, and written after it.
 #pragma once
 
 #include <string>
@@ -12,11 +12,11 @@ class OutputFile {
   OutputFile(const OutputFile &) = delete;
   OutputFile &operator=(const OutputFile &) = delete;
 
-  // Opens the file and leaves what it holds for now. Says on standard error what went wrong and
-  // returns false then; so does `write`.
+  // Opens the file without changing its contents. Returns false on failure, after an error message;
+  // so does `write`.
   bool open(const std::string &path);
 
-  // Replaces what the file holds and closes it.
+  // Replaces the file's contents and closes it.
   bool write(const std::string &text);
 
  private:

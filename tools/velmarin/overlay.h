@@ -1,4 +1,4 @@
-// Files of an overlay, whose first change copies them up.
+// Detects files of an overlay, which their first change copies up.
 #pragma once
 
 #include <string>
@@ -6,6 +6,6 @@
 namespace tool {
 
 bool is_on_overlay(int fd);
-bool is_on_overlay(const std::string &path);  // false also when it cannot be asked
+bool is_on_overlay(const std::string &path);  // also false on failure
 
 }  // namespace tool

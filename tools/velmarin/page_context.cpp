@@ -12,7 +12,7 @@ std::string host_name() {
   return gethostname(name, sizeof name - 1) == 0 ? name : "";
 }
 
-// The roots, and a file of each device met.
+// The roots, and one file of each device.
 std::vector<std::string> places_of(const Report &report) {
   std::vector<std::string> places = report.roots;
   std::set<dev_t> devices;

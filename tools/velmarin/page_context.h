@@ -1,5 +1,5 @@
-// What the page of `scan --html` tells besides the report: where the scan ran, and what runs before
-// it have freed.
+// What the page of `scan --html` shows besides the report: where the scan ran, and what earlier
+// runs freed.
 #pragma once
 
 #include <string>
@@ -14,10 +14,10 @@ namespace tool {
 struct PageContext {
   std::string host;
   std::vector<Mount> mounts;
-  std::vector<HistoryEntry> history;  // the oldest first
+  std::vector<HistoryEntry> history;  // oldest first
 };
 
-// `state`: the state directory. Standard error says when the history cannot be read.
+// `state`: the state directory. Prints an error message if the history cannot be read.
 PageContext page_context(const Report &report, const std::string &state);
 
 }  // namespace tool

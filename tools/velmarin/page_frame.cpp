@@ -8,7 +8,7 @@
 namespace tool {
 namespace {
 
-// As a policy names the text of an element.
+// How a policy names an element's text.
 std::string source_of(std::string_view text) {
   std::array<unsigned char, SHA256_DIGEST_LENGTH> digest;
   SHA256(reinterpret_cast<const unsigned char *>(text.data()), text.size(), digest.data());

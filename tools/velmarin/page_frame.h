@@ -1,5 +1,4 @@
-// The page of `scan --html` before its data is put in. Its parts lie in page/ and come here as
-// text.
+// The page of `scan --html` without its data. Its parts are files in page/, compiled in as text.
 #pragma once
 
 #include <string>
@@ -13,8 +12,8 @@ extern const std::string_view PAGE_SCRIPT;
 
 inline constexpr std::string_view PLACE_OF_DATA = "@REPORT_DATA@";
 
-// The page with its style and script, which its policy names by their digests, so that a browser
-// takes no other. `PLACE_OF_DATA` stands in it once.
+// The page with its style and script. Its policy names them by digest, so that a browser accepts no
+// others. Contains `PLACE_OF_DATA` once.
 std::string page_frame();
 
 }  // namespace tool

@@ -10,7 +10,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// A name that is not UTF-8 also comes as its bytes, so that it can be told from others like it.
+// A name that is not UTF-8 is also given as bytes, to tell it from similar names.
 void put_name(Json &object, const std::string &path) {
   if (is_utf8(path)) {
     object["path"] = path;
@@ -124,8 +124,8 @@ Json json_omission_counts(const Report &report) {
   return counts;
 }
 
-// Prints one object, each member of it and each element of its long arrays on a line of its own.
-// Only one of them is held at a time: there may be very many files.
+// Prints one object, with each member and each element of its long arrays on its own line. Holds
+// only one of them at a time: there may be very many files.
 class ObjectPrinter {
  public:
   explicit ObjectPrinter(std::FILE *out) : out_(out) {}

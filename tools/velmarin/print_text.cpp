@@ -139,7 +139,7 @@ class TextPrinter {
     }
   }
 
-  // What an earlier scan found and can no longer be merged.
+  // What can no longer be merged of an earlier scan's findings.
   void print_left_alone() const {
     const MergeCounts counts = count_outcomes(report_.findings);
     if (counts.changed + counts.refused > 0) {

@@ -21,7 +21,7 @@ size_t terminal_width() {
   return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
 }
 
-// A line that fills the last column would make some terminals go to the next one.
+// Some terminals wrap after a line that fills the last column.
 void show(std::string line) {
   line.resize(std::min(line.size(), terminal_width() - 1));
   std::fprintf(stderr, "%s%s", CLEAR_LINE, line.c_str());

@@ -1,4 +1,4 @@
-// One line on the terminal that shows how far long work is.
+// Shows the progress of long work in one line on the terminal.
 #pragma once
 
 #include <condition_variable>
@@ -10,8 +10,8 @@
 
 namespace tool {
 
-// Shows what `describe` returns, renewed several times a second, from a thread of its own until the
-// object goes; the line is wiped then. `describe` is called by that thread.
+// Shows what `describe` returns, refreshed several times a second, until the object is destroyed
+// and the line cleared. A separate thread does this and calls `describe`.
 class Progress {
  public:
   explicit Progress(std::function<std::string()> describe);
@@ -29,10 +29,10 @@ class Progress {
   std::thread thread_;
 };
 
-// As above, or null where it is not wanted or standard error is no terminal.
+// As above; null if not wanted or if standard error is not a terminal.
 std::unique_ptr<Progress> show_progress(bool is_wanted, std::function<std::string()> describe);
 
-// Whether standard output is a terminal that shows colours, and its user did not ask for none.
+// Whether standard output is a terminal that shows colours, and the user did not turn them off.
 bool can_show_colours();
 
 }  // namespace tool

@@ -25,8 +25,8 @@ const char *phase_word(ScanPhase phase) {
   return "reporting";
 }
 
-// The bytes that this process has read from files so far, by the kernel's own account; 0 where the
-// kernel keeps none.
+// The bytes that this process has read from files, as counted by the kernel; 0 if it keeps no
+// count.
 uint64_t bytes_read() {
   const std::unique_ptr<std::FILE, int (*)(std::FILE *)> account(std::fopen("/proc/self/io", "re"),
                                                                  std::fclose);

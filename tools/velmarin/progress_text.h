@@ -1,4 +1,4 @@
-// What the progress line says.
+// The text of the progress line.
 #pragma once
 
 #include "estimate.h"
@@ -8,8 +8,8 @@
 
 namespace tool {
 
-// Of a scan: its phase, what it looked at and what it read. How much there is to do is not known
-// before it is done, so nothing is said of the time left.
+// For a scan: its phase, what it examined and what it read. Says nothing of the time left, since
+// the total is unknown until the end.
 class ScanText {
  public:
   ScanText(const TimeLimit &limit, const LogLines &log);
@@ -22,7 +22,7 @@ class ScanText {
   Rate rate_;
 };
 
-// Of merging, from the making of the object on.
+// For merging, starting when the object is created.
 class MergeText {
  public:
   MergeText(const TimeLimit &limit, const MergeProgress &merging);

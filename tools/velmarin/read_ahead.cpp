@@ -13,7 +13,7 @@ namespace tool {
 namespace {
 
 constexpr size_t FILES_AHEAD = 4;
-constexpr off_t MOST_BYTES = 16 << 20;  // of each file; its request for sharing asks for the rest
+constexpr off_t MOST_BYTES = 16 << 20;        // of each file; the sharing request reads the rest
 constexpr off_t READ_AHEAD_STEP = 128 << 10;  // the kernel cuts a longer one short
 
 void fetch(const std::string &path) {
@@ -41,7 +41,7 @@ ReadAhead::ReadAhead(std::vector<const FoundFile *> files) : files_(std::move(fi
   try {
     thread_ = std::thread([this] { run(); });
   } catch (const std::system_error &) {
-    // Merging is slower without it, no more.
+    // Without it merging is only slower.
   }
 }
 
@@ -65,12 +65,12 @@ void ReadAhead::reach(const FoundFile &file) {
       return;
     }
     reached_ = static_cast<size_t>(place - files_.begin());
-    fetched_ = std::max(fetched_, reached_ + 1);  // the request for sharing fetches this one itself
+    fetched_ = std::max(fetched_, reached_ + 1);  // the sharing request reads this one itself
   }
   wake_.notify_one();
 }
 
-// Waits until a file is near enough to its turn. Null when there is none left.
+// Waits until the next file is close to its turn. Returns null when none is left.
 const FoundFile *ReadAhead::next_file() {
   std::unique_lock guard(lock_);
   wake_.wait(guard, [this] { return finished_ || fetched_ <= reached_ + FILES_AHEAD; });

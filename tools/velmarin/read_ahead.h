@@ -1,5 +1,5 @@
-// Has the disk fetch the files that are merged next while another one is compared. A scan drops the
-// pages that it read, so merging finds none of them in memory.
+// Prefetches the files that are merged next while another one is compared. The scan may have
+// dropped their pages from memory.
 #pragma once
 
 #include <condition_variable>
@@ -11,18 +11,18 @@
 
 namespace tool {
 
-// Fetches from a thread of its own, a few files ahead of the merging thread, until the object goes.
-// It skips a file that it cannot open. Of a file's record it reads the path alone, which merging
+// Fetches on its own thread, a few files ahead of the merging thread, until the object is
+// destroyed. Skips files that it cannot open. Reads only the path in a file's record, which merging
 // does not write.
 class ReadAhead {
  public:
-  // `files`: in the order in which they are merged.
+  // `files`: in merging order.
   explicit ReadAhead(std::vector<const FoundFile *> files);
   ~ReadAhead();
   ReadAhead(const ReadAhead &) = delete;
   ReadAhead &operator=(const ReadAhead &) = delete;
 
-  // The merging thread has come to that file; those before it need no fetching any more.
+  // The merging thread has reached that file; earlier files need no more fetching.
   void reach(const FoundFile &file);
 
  private:
@@ -32,8 +32,8 @@ class ReadAhead {
   const std::vector<const FoundFile *> files_;
   std::mutex lock_;
   std::condition_variable wake_;
-  size_t reached_ = 0;  // place of the file in hand; guarded by `lock_`, as the next two
-  size_t fetched_ = 0;  // place of the next file to fetch
+  size_t reached_ = 0;  // index of the current file; guarded by `lock_`, as are the next two
+  size_t fetched_ = 0;  // index of the next file to fetch
   bool finished_ = false;
   std::thread thread_;
 };

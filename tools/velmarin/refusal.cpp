@@ -11,7 +11,7 @@
 namespace tool {
 namespace {
 
-// Whether writes to the file go to new blocks, as far as its file system tells.
+// Whether writes to the file go to new blocks, as far as its file system reports.
 bool is_copied_on_write(const std::string &path) {
   unsigned flags = 0;
   const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);

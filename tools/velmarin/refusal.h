@@ -6,7 +6,7 @@
 namespace tool {
 
 // What an errno of the platform means for a file: "this file system cannot mark files" instead of
-// "Operation not supported"; the system's own text where that says it.
+// "Operation not supported". Other errors keep the system's own text.
 std::string reason_of(int error);
 
 // Why `second` cannot share the data of `first`.

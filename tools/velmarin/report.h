@@ -1,5 +1,5 @@
-// A finished scan, or an earlier one whose findings were merged later, in the forms in which it can
-// be shown.
+// A finished scan, or the merging of an earlier scan's findings, and the forms in which it is
+// shown.
 #pragma once
 
 #include <array>
@@ -17,17 +17,17 @@ struct Report {
   Findings findings;
   std::vector<std::string> roots;
   bool is_scan = true;              // false: the findings are those of an earlier scan
-  bool applied = false;             // merging was asked for
+  bool applied = false;             // merging was requested
   bool stopped = false;             // by a signal
   bool out_of_time = false;         // the time budget was used up
   uint64_t unsupported = 0;         // files left out: their file system cannot deduplicate
   uint64_t unknown = 0;             // files left out: their state could not be asked
-  std::vector<Omission> omissions;  // as many as are kept by name
+  std::vector<Omission> omissions;  // those kept by name
   std::array<uint64_t, CAUSES> omission_counts = {};
   std::chrono::milliseconds elapsed{};
 };
 
-// How many files merging left in each state.
+// The number of files with each outcome.
 struct MergeCounts {
   uint64_t merged = 0;
   uint64_t already_shared = 0;
@@ -43,14 +43,14 @@ const char *outcome_word(Outcome outcome);
 // "plain", "layered", "deduped", "compressed", or "unknown" for an error.
 const char *status_word(int64_t status);
 
-// The word that people see before the name of a file. Where nothing can be shared, merging only
-// puts on record what is identical.
+// The word before a file's name in text. Where nothing can be shared, merging only records which
+// files are identical.
 const char *file_word(const FoundFile &file);
 
-// What must be said of the figures of space, one sentence without its full stop each.
+// Remarks on the space figures, each one sentence without its full stop.
 std::vector<std::string> space_remarks(const Report &report);
 
-// Prints the report for people on standard output.
+// Prints the report as text on standard output.
 void print_text(const Report &report, bool colours);
 
 // Lists on standard error what was left out.

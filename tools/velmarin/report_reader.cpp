@@ -26,7 +26,7 @@ using Digest = std::array<uint8_t, 32>;
 
 constexpr int FORMAT = 1;
 constexpr size_t TEXT_MAX = size_t{512} << 20;
-constexpr int DEPTH_MAX = 32;  // of lists and objects in each other; a scan prints 6
+constexpr int DEPTH_MAX = 32;  // of nested lists and objects; a scan prints 6
 constexpr int64_t ERRNO_MAX = 4095;
 constexpr int64_t NANOSECONDS_MAX = 999'999'999;
 
@@ -76,7 +76,7 @@ class Element {
 
   Element object(const char *name) const { return {member(name), place_ + ", " + name}; }
 
-  // The bytes that the digits stand for.
+  // The bytes that the hexadecimal digits encode.
   std::string bytes(const char *name) const {
     const std::string &digits = text(name);
     std::string bytes;
@@ -97,7 +97,7 @@ class Element {
   const std::string place_;
 };
 
-// What keeps a path from being one that a scan could have met; null if nothing does.
+// Why no scan could have seen this path; null if one could.
 const char *path_fault(std::string_view path) {
   if (!path.starts_with('/')) {
     return "path is not absolute";
@@ -122,7 +122,7 @@ const char *path_fault(std::string_view path) {
   return nullptr;
 }
 
-// What is shown to a reader of the report must be what is meant.
+// The path that people see in the report must be the one that is used.
 std::string path_of(const Element &element) {
   const std::string &shown = element.text("path");
   std::string path = element.has("path_bytes") ? element.bytes("path_bytes") : shown;
@@ -180,7 +180,7 @@ FoundGroup group_of(const Json &value, const std::string &place) {
   return group;
 }
 
-// Builds the groups while the text is parsed, so that only one of them is held as JSON.
+// Builds the groups during parsing, so that only one of them at a time is held as JSON.
 class ReportParser {
  public:
   Report run(const std::string &text) {
@@ -197,7 +197,7 @@ class ReportParser {
   }
 
  private:
-  // Returns whether the value is to be kept as part of what it stands in.
+  // Returns whether to keep the value in its parent.
   bool take(int depth, Json::parse_event_t event, Json &value) {
     switch (event) {
       case Json::parse_event_t::object_start:
@@ -264,17 +264,17 @@ class ReportParser {
   }
 
   Report report_;
-  std::string member_;                       // of the report, that is being parsed
-  std::set<std::string> complete_;           // members that were parsed
-  std::vector<std::set<std::string>> keys_;  // met so far, of each object that is being parsed
+  std::string member_;                       // the report's member being parsed
+  std::set<std::string> complete_;           // members parsed so far
+  std::vector<std::set<std::string>> keys_;  // seen so far, for each object being parsed
 };
 
-// Whoever deletes the last line of a list leaves a comma at the end of the line before it. Blanks
-// such commas.
+// Deleting the last line of a list leaves a comma at the end of the line before it. Blanks such
+// commas.
 void blank_last_commas(std::string &text) {
   constexpr std::string_view SPACES = " \t\r\n";
   constexpr std::string_view NO_ELEMENT = ",:[{";
-  char *comma = nullptr;  // behind an element, with only spaces since
+  char *comma = nullptr;  // after an element, with only spaces since
   bool is_in_string = false;
   bool is_behind_element = false;
   for (char *at = text.data(); *at != '\0'; ++at) {

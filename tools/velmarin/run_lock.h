@@ -1,5 +1,5 @@
-// One run at a time for each state directory: two would wait for each other's digest file, and
-// merge what the other is merging.
+// Allows one run at a time per state directory. Two would wait for each other's digest file and
+// merge the same files.
 #pragma once
 
 #include <string>
@@ -15,8 +15,8 @@ class RunLock {
   RunLock(const RunLock &) = delete;
   RunLock &operator=(const RunLock &) = delete;
 
-  // Takes the lock, without waiting, for as long as the object lives. Says on standard error why it
-  // is not held. The file `lock` of the directory stays.
+  // Takes the lock without waiting and holds it while the object lives. On failure prints an error
+  // message. The file `lock` stays in the directory.
   Result take(const std::string &state);
 
  private:

@@ -92,7 +92,7 @@ class ScanCommand {
     return choose() && prepare_state_directory(state_);
   }
 
-  // Finds out what is to be looked at.
+  // Determines what to scan.
   bool choose() {
     std::vector<std::string> roots = options_.roots;
     ChoiceRules rules = options_.choice;
@@ -149,7 +149,7 @@ class ScanCommand {
            page_.write(html_report(report_, page_context(report_, state_)));
   }
 
-  // The first of what the counter of errors counts for certain, in words if possible.
+  // The first error that is certain to be in the error count, in words if possible.
   std::string first_error() const {
     for (const Omission &omission : report_.omissions) {
       if (omission.cause == Cause::not_marked || omission.cause == Cause::not_read) {
@@ -164,7 +164,7 @@ class ScanCommand {
                            : escaped_name(log_.save_failure());
   }
 
-  // Says what a reader of the report could miss.
+  // Also prints what a reader of the report could miss.
   bool is_success() const {
     const Counters &counters = report_.findings.counters;
     const MergeCounts merged = count_outcomes(report_.findings);
@@ -193,7 +193,7 @@ class ScanCommand {
            (merged.not_tried == 0 || used_up_budget());
   }
 
-  // What a budget leaves for the next run is no failure.
+  // Work that a budget leaves for the next run is no failure.
   bool used_up_budget() const { return report_.out_of_time && !report_.stopped; }
 
   const ScanOptions &options_;

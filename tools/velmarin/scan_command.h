@@ -5,7 +5,7 @@
 
 namespace tool {
 
-// Scans, merges when asked to, and prints what came of it. Returns the exit status.
+// Scans, merges on request and prints the results. Returns the exit status.
 int run_scan(const ScanOptions &options);
 
 }  // namespace tool

@@ -18,7 +18,7 @@
 namespace tool {
 namespace {
 
-constexpr size_t STATE_DIRECTORY_MAX = 4026;  // what the library takes
+constexpr size_t STATE_DIRECTORY_MAX = 4026;  // the library's limit
 
 // Returns 0 and the resolved path, or an errno.
 int resolve_directory(const std::string &path, std::string &resolved) {
@@ -51,7 +51,7 @@ int make_directory(const std::string &path) {
   return mkdir(path.c_str(), 0700) == 0 || errno == EEXIST ? 0 : errno;
 }
 
-// Makes the directory and every one above it that is missing. Returns 0 or an errno.
+// Creates the directory and any missing parents. Returns 0 or an errno.
 int make_directories(const std::string &path) {
   int error = make_directory(path);
   const std::string parent = std::filesystem::path(path).parent_path();
@@ -76,7 +76,7 @@ int check_state_directory(const std::string &path) {
   return access(path.c_str(), R_OK | W_OK | X_OK) == 0 ? 0 : errno;
 }
 
-// Digest files of former versions were open to others.
+// Earlier versions let others read digest files.
 void close_to_others(const std::string &directory) {
   std::error_code error;
   for (const auto &entry : std::filesystem::directory_iterator(directory, error)) {
@@ -135,7 +135,7 @@ std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bo
 
 std::string default_state_directory() {
   const std::string state = environment("XDG_STATE_HOME");
-  const bool is_usable = state.starts_with('/');  // a relative one is to be ignored
+  const bool is_usable = state.starts_with('/');  // a relative path is ignored
   return (is_usable ? state : home_directory() + "/.local/state") + "/velmarin";
 }
 

@@ -1,5 +1,5 @@
-// The paths that a scan is given, checked before it starts: the library leaves out without a word
-// what it cannot use.
+// Checks the paths of a scan before it starts: the library silently ignores those that it cannot
+// use.
 #pragma once
 
 #include <string>
@@ -7,25 +7,25 @@
 
 namespace tool {
 
-// Resolves the roots to absolute paths without symbolic links, each once; the digest file is named
-// by them, so a root means the same from everywhere. Says on standard error what is wrong with a
-// root that is no readable directory and returns false then.
+// Resolves the roots to absolute paths without symbolic links, each once. They name the digest
+// file, so a root means the same from any directory. Returns false, after an error message, if a
+// root is not a readable directory.
 bool resolve_roots(const std::vector<std::string> &given, std::vector<std::string> &roots);
 
-// Whether the absolute path lies below the root; both are without symbolic links.
+// Whether the path is below the root. Both are absolute and without symbolic links.
 bool is_below(const std::string &path, const std::string &root);
 
-// Resolves the skip paths; what leaves nothing out stays as it is, with a remark if wanted.
+// Resolves the skip paths. Keeps one that skips nothing as it is, with a remark if wanted.
 std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bool remark);
 
-// The directory of digest files when none is given: `velmarin` in the user's directory for state.
+// The default directory of digest files: `velmarin` in the user's state directory.
 std::string default_state_directory();
 
-// Makes the directory, with its parents, for its user alone, unless it exists, and resolves its
-// path. Says on standard error what went wrong and returns false then.
+// Creates the directory and its parents, private to the user, unless it exists, and resolves its
+// path. Returns false on failure, after an error message.
 bool prepare_state_directory(std::string &path);
 
-// Whether the file system of the directory has no room or no inode left.
+// Whether the directory's file system has run out of space or inodes.
 bool is_full(const std::string &directory);
 
 }  // namespace tool

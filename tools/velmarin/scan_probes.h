@@ -1,4 +1,4 @@
-// The probes that a scan calls for each file: the library's own, with a count kept on the way.
+// The probes that a scan calls for each file: the library's own, with counters added.
 #pragma once
 
 #include <atomic>
@@ -9,18 +9,18 @@
 
 namespace tool {
 
-// Written by the scan's threads. Process-wide, since a probe is given no data of its caller.
+// Written by the scan's threads. Process-wide because probes receive no caller data.
 struct ProbeCounts {
   std::atomic<uint64_t> entries = 0;      // directories and files seen
-  std::atomic<uint64_t> read = 0;         // files opened to be read whole
+  std::atomic<uint64_t> read = 0;         // files opened to be read in full
   std::atomic<uint64_t> unsupported = 0;  // files left out: their file system cannot deduplicate
-  std::atomic<uint64_t> on_overlay = 0;   // of these, those whose merging would copy them up
-  std::atomic<uint64_t> unknown = 0;      // files left out: their state could not be asked
+  std::atomic<uint64_t> on_overlay = 0;   // of these, files that merging would copy up
+  std::atomic<uint64_t> unknown = 0;      // files left out: their state could not be queried
 };
 extern ProbeCounts probe_counts;
 
-// While an object lives, what the choice leaves out is left out of scans, before anything else asks
-// about it. At most one object lives.
+// While an object lives, scans leave out what the choice leaves out, before any other probe sees
+// it. At most one object may live.
 class ChosenEntries {
  public:
   explicit ChosenEntries(const Choice &choice);
@@ -29,13 +29,13 @@ class ChosenEntries {
   ChosenEntries &operator=(const ChosenEntries &) = delete;
 };
 
-// Called for every directory and regular file before the library's own filter; a negative result
-// leaves the entry out. Set before a scan, null for none.
+// Called for each chosen directory and regular file before the library's own filter; a negative
+// result leaves the entry out. Set before a scan; null for none.
 extern velmarin::sis_entry_callback entry_watch;
 
-// The callback table of a scan that reports to `report`. One that does not merge afterwards freezes
-// nothing, so it writes nothing to the file systems that it reads; modification times tell it which
-// files change. One that does leaves out the files of an overlay.
+// The callback table of a scan that reports to `report`. Without `merges` the scan freezes nothing,
+// so it writes nothing to the file systems that it reads; modification times tell it which files
+// change. With `merges` it leaves out files of an overlay.
 velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool merges);
 
 }  // namespace tool

@@ -31,7 +31,7 @@ void append(std::vector<Element> &list, std::vector<Element> &more) {
               std::make_move_iterator(more.end()));
 }
 
-// How many levels the path lies below the innermost of the roots.
+// How many levels the path is below its innermost root.
 int depth_below(const std::vector<std::string> &roots, const std::string &path) {
   size_t length = 0;
   for (const std::string &root : roots) {
@@ -70,12 +70,12 @@ int ScanRuns::run() {
   return error;
 }
 
-// An empty file holds no data that could be shared.
+// An empty file has no data to share.
 uint64_t ScanRuns::smallest_size() const {
   return std::max<uint64_t>(options_.min_size, 1);
 }
 
-// Adds a root to the planned run that sees its device as deep.
+// Adds a root to the planned run for its device and depth.
 void ScanRuns::plan(dev_t device, int max_depth, const std::string &root) {
   if (!planned_paths_.insert(root).second) {
     return;
@@ -178,8 +178,8 @@ void ScanRuns::join_runs(VolumeWatch &watch) {
   GroupJoin(findings, keeper_).run(std::move(watch.collected));
 }
 
-// Walks again, without comparing: the paths of all files are more than a scan of one device should
-// have to remember.
+// Walks again without comparing, so that a scan of one device need not remember the path of every
+// file.
 void ScanRuns::collect_candidates(VolumeWatch &watch) {
   const size_t singles = watch.collected.size();
   watch.begin_collection();
@@ -192,7 +192,7 @@ void ScanRuns::collect_candidates(VolumeWatch &watch) {
   }
 }
 
-// The run with the innermost root above the file that saw its device.
+// The run on the file's device that has the innermost root above the file.
 std::optional<size_t> ScanRuns::run_of(const CollectedFile &file) const {
   std::optional<size_t> found;
   size_t length = 0;
@@ -214,7 +214,7 @@ bool ScanRuns::is_left_out(uint64_t file_system) {
   return is_foreign;
 }
 
-// Files below the smallest size are met, too: they are only not compared.
+// Files below the smallest size are seen too, just not compared.
 bool ScanRuns::looked_everywhere() const {
   return options_.max_depth == 0 && skips_.empty() && !choice_.is_limiting() && !has_left_out_ &&
          !stop_requested();

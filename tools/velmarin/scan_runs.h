@@ -20,8 +20,8 @@ namespace tool {
 
 class ScanRuns {
  public:
-  // `roots`, `skips`, `choice` and `state` are settled before `run`; everything that is referred to
-  // outlives the object.
+  // `roots`, `skips`, `choice` and `state` must be final before `run`. All references must outlive
+  // the object.
   ScanRuns(const ScanOptions &options, const std::vector<std::string> &roots,
            const std::vector<std::string> &skips, const Choice &choice, const std::string &state,
            const TimeLimit &limit, StopSignals &signals)
@@ -33,13 +33,12 @@ class ScanRuns {
         limit_(limit),
         signals_(signals) {}
 
-  // Scans, and takes over what was found. Returns 0, or as the library does when a scan could not
-  // be made.
+  // Scans and collects the findings. Returns 0, or the library's result if a scan failed.
   int run();
 
   Findings findings;
   Omissions omissions;
-  bool kept_digests = true;  // false: digests that the library has not saved could not be written
+  bool kept_digests = true;  // false: digests that the library did not save could not be written
 
  private:
   struct VolumeRun {

@@ -7,15 +7,15 @@
 namespace tool {
 namespace {
 
-// Files with one copy of the data.
+// Files that share one copy of the data.
 struct Copy {
-  std::vector<size_t> files;  // places in the group
-  uint64_t freed_bytes = 0;   // certainly, when none of the files refers to it any more
+  std::vector<size_t> files;  // indexes in the group
+  uint64_t freed_bytes = 0;   // certain, once none of the files refers to it
   bool is_layered = false;
 };
 
-// Numbers the copies. Files share one when they have the same extents or, where these are not
-// known, when they are attached to the same layered inode.
+// Numbers the copies. Files share one if they have the same extents or, where these are unknown,
+// the same layered inode.
 std::vector<Copy> copies_of(FoundGroup &group, const Share &share,
                             const std::vector<ExtentMap> &maps) {
   std::vector<Copy> copies;
@@ -39,7 +39,7 @@ std::vector<Copy> copies_of(FoundGroup &group, const Share &share,
   return copies;
 }
 
-// What each copy occupies alone.
+// Works out what each copy occupies alone.
 void weigh(std::vector<Copy> &copies, const std::vector<ExtentMap> &maps, SpaceAccount &account) {
   for (Copy &copy : copies) {
     for (const size_t place : copy.files) {
@@ -54,8 +54,8 @@ void weigh(std::vector<Copy> &copies, const std::vector<ExtentMap> &maps, SpaceA
   }
 }
 
-// Puts the best source first: of the copy that would free the least space, or else has the most
-// files, a file that is attached to a layered inode.
+// Puts the best source first. It comes from the copy that would free the least space or, if equal,
+// has the most files, and is attached to a layered inode if possible.
 void order_files(FoundGroup &group, Share &share, const std::vector<Copy> &copies) {
   const auto is_better = [&](size_t left, size_t right) {
     const FileState &a = group.files[left].state;
@@ -76,7 +76,7 @@ void order_files(FoundGroup &group, Share &share, const std::vector<Copy> &copie
   std::stable_sort(share.files.begin(), share.files.end(), is_better);
 }
 
-// Plays the merging of all further copies.
+// Simulates merging all other copies.
 Space reclaimable(const FoundGroup &group, const Share &share, const std::vector<ExtentMap> &maps,
                   SpaceAccount &account, bool is_btrfs) {
   const size_t source_place = share.files.front();

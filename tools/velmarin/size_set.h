@@ -1,5 +1,5 @@
-// A set of file sizes in little memory: it may hold a size that was never added, and never lacks
-// one that was.
+// A compact set of file sizes: it may hold a size that was never added, but never lacks one that
+// was.
 #pragma once
 
 #include <atomic>
@@ -13,7 +13,7 @@ class SizeSet {
  public:
   SizeSet() : words_(BITS / 64) {}
 
-  // For any thread.
+  // Thread-safe.
   void add(uint64_t size) {
     const uint64_t bit = uint64_t{1} << place(size) % 64;
     std::atomic<uint64_t> &word = words_[place(size) / 64];
@@ -35,7 +35,7 @@ class SizeSet {
     return true;
   }
 
-  // Moves what `from` holds into this set; what both hold is added to `both`.
+  // Moves the sizes of `from` into this set; adds those in both sets to `both`.
   void absorb(SizeSet &from, SizeSet &both) {
     for (size_t i = 0; i < words_.size(); ++i) {
       both.words_[i] |= words_[i] & from.words_[i];
@@ -48,7 +48,7 @@ class SizeSet {
   static constexpr unsigned BITS_LOG2 = 23;
   static constexpr size_t BITS = size_t{1} << BITS_LOG2;
 
-  // Sizes of one file system differ by whole blocks; a multiplication spreads them.
+  // Sizes often differ by whole blocks; a multiplication spreads them.
   static size_t place(uint64_t size) {
     return static_cast<size_t>(size * 0x9e3779b97f4a7c15U >> (64 - BITS_LOG2));
   }

@@ -9,13 +9,13 @@ namespace {
 constexpr std::string_view UNITS = "KMGT";
 constexpr unsigned LONGEST_DURATION = 365 * 86400;
 
-// Wide enough for the digits of a size with its fraction, before the fraction is cut off.
+// Wide enough for a size with its fraction digits, before rounding down.
 using Wide = unsigned __int128;
 constexpr Wide WIDE_MAX = ~Wide{0};
 constexpr size_t MOST_FRACTION_DIGITS = 9;
 constexpr size_t MOST_DIGITS = 29;
 
-// Cuts the digits off the start of the text.
+// Removes and returns the digits at the start of the text.
 std::string_view take_digits(std::string_view &text) {
   const size_t count = std::min(text.find_first_not_of("0123456789"), text.size());
   const std::string_view digits = text.substr(0, count);
@@ -34,8 +34,8 @@ std::optional<Wide> read_number(std::string_view digits) {
   return number;
 }
 
-// Cuts a unit off the start of the text: "K" or "KiB", in either case. Returns the power of two
-// that it stands for, 0 when there is none.
+// Removes a unit from the start of the text: "K" or "KiB", in either case. Returns its power of
+// two, 0 if there is none.
 unsigned take_unit(std::string_view &text) {
   const char letter = text.empty() ? '\0' : static_cast<char>(text.front() & ~0x20);
   const size_t place = UNITS.find(letter);

@@ -1,4 +1,4 @@
-// Sizes and durations as people write and read them.
+// Parses and formats sizes and durations.
 #pragma once
 
 #include <chrono>
@@ -24,7 +24,7 @@ std::string format_size(uint64_t bytes);
 // "0.4 s", "59.9 s", "2 min 05 s", "3 h 02 min".
 std::string format_duration(std::chrono::milliseconds duration);
 
-// "1 file", "2 files": `noun` takes an s when there is not exactly one.
+// "1 file", "2 files": `noun` gets an s unless the count is one.
 std::string format_count(uint64_t count, std::string_view noun);
 
 }  // namespace tool

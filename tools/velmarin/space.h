@@ -1,4 +1,4 @@
-// An amount of space on a file system, as far as it can be known.
+// An amount of space on a file system, as far as it is known.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@ namespace tool {
 
 struct Space {
   uint64_t certain = 0;
-  uint64_t uncertain = 0;  // at most; others may hold it, or its size is not told
+  uint64_t uncertain = 0;  // at most; others may hold it, or its size is unknown
   bool is_none() const { return certain == 0 && uncertain == 0; }
   Space &operator+=(const Space &other) {
     certain += other.certain;

@@ -5,7 +5,7 @@
 
 namespace tool {
 
-// A segment of unknown size is never split: all files name it by the same range.
+// A segment of unknown size is never split: all files refer to it by the same range.
 void SpaceAccount::split_at(uint64_t address) {
   const auto next = segments_.upper_bound(address);
   if (next == segments_.begin()) {
@@ -33,7 +33,7 @@ Space SpaceAccount::space_of(uint64_t address, Segment &segment) {
   return is_certain ? Space{segment.bytes, 0} : Space{0, segment.bytes};
 }
 
-// Makes one segment of a range that no segment covers. Returns its place.
+// Adds a segment for a range that no segment covers. Returns its position.
 SpaceAccount::Segments::iterator SpaceAccount::cover(Segments::iterator place, uint64_t begin,
                                                      uint64_t end, const HeldRange &range) {
   Segment segment;

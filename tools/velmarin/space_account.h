@@ -1,5 +1,5 @@
-// Counts the files of a group that refer to each range on disk, and so what is given back when some
-// of them no longer do.
+// Counts the files of a group that refer to each range on disk, to tell what is given back when
+// some of them no longer do.
 #pragma once
 
 #include <cstdint>
@@ -13,29 +13,29 @@ namespace tool {
 
 class SpaceAccount {
  public:
-  // `is_held_elsewhere` tells of a range that something besides the files of this account may refer
-  // to it. It is asked only for shared ranges to which no file of the account refers any more.
+  // `is_held_elsewhere` returns whether anything besides the files of this account may refer to a
+  // range. It is called only for shared ranges to which none of these files refers any more.
   explicit SpaceAccount(std::function<bool(uint64_t address)> is_held_elsewhere)
       : is_held_elsewhere_(std::move(is_held_elsewhere)) {}
 
   void add(const ExtentMap &map);
   void remove(const ExtentMap &map);
 
-  // Takes the file as it is once it shares the data of another: it holds what lies behind its end.
+  // Adds what the file keeps once it shares the data of another: the ranges beyond its end.
   void keep_rest(const ExtentMap &map);
   void drop_rest(const ExtentMap &map);  // undoes that
 
-  // Takes `map` as XFS leaves it: where nothing is written in both, it keeps its own blocks.
+  // Adds what XFS leaves to `map` after merging: its own blocks where neither file has written any.
   void keep_common_reserve(const ExtentMap &map, const ExtentMap &source);
 
-  // What the files referred to once, and no longer do.
+  // Space that the files no longer refer to.
   const Space &given_back() const { return given_back_; }
 
-  // What separate copies would occupy beyond what the files do.
+  // What separate copies would occupy in addition.
   uint64_t shared_bytes() const;
 
  private:
-  // Keyed by its first address; segments do not overlap.
+  // Keyed by the first address; segments do not overlap.
   struct Segment {
     uint64_t end = 0;
     uint64_t bytes = 0;

@@ -14,7 +14,7 @@ namespace {
 constexpr int STOP_SIGNALS[] = {SIGINT, SIGTERM, SIGHUP};
 constexpr std::string_view WORD =
     "velmarin: stopping after the files in hand; a second such signal ends it at once\n";
-constexpr std::string_view WORD_ON_TERMINAL =  // which shows how far the work is
+constexpr std::string_view WORD_ON_TERMINAL =  // which also shows the progress line
     "\nvelmarin: stopping after the files in hand; Ctrl-C once more ends it at once\n";
 
 std::atomic<bool> requested = false;
@@ -26,8 +26,8 @@ const TimeLimit *time_limit = nullptr;
 std::string_view word = WORD;  // chosen before any signal is caught
 struct sigaction former_actions[std::size(STOP_SIGNALS)];
 
-// Either this finds the handle published, or the publishing thread finds the request: both sides
-// write their own word before they read the other's.
+// Either this finds the handle published, or the publishing thread finds the request: each side
+// writes its own variable before it reads the other's.
 void ask_for_stop(int) {
   const int error = errno;
   requested = true;

@@ -1,6 +1,6 @@
-// Ctrl-C (and SIGTERM and SIGHUP), and the end of the time budget, as a request to stop: the scan
-// ends early but in order, merging ends after the file in hand. The first signal asks; a second one
-// ends the process.
+// Turns Ctrl-C, SIGTERM, SIGHUP and the end of the time budget into a request to stop: the scan
+// ends early but in order, merging after the current file. A second signal of the same kind ends
+// the process.
 #pragma once
 
 #include <signal.h>
@@ -9,8 +9,8 @@
 
 namespace tool {
 
-// Lets these signals ask for a stop, for as long as the object lives. The first of a kind is
-// answered on standard error.
+// Makes these signals request a stop while the object lives. The first of each kind prints a
+// message on standard error.
 class StopSignals {
  public:
   StopSignals();
@@ -22,26 +22,25 @@ class StopSignals {
   int **handle_slot();
 };
 
-// Whether what is under way is to end: by a signal, or since the time of `stop_after` is over.
+// Whether work in progress should end: after a signal, or when the `stop_after` limit is over.
 bool stop_requested();
 
-// Whether a signal asked for it.
+// Whether a signal requested the stop.
 bool stop_signalled();
 
-// Lets the end of that time count as a request, too. The limit must outlive whatever asks.
+// The end of this limit requests a stop too. It must outlive all callers of `stop_requested`.
 void stop_after(const TimeLimit &limit);
 
-// The handle is only valid inside the scan's call, so a signal may use it only between these two:
+// The handle is valid only inside the scan's call, so a signal may use it only between these two:
 // - `publish_stop_handle`, called from the probes of the scan. The scan has started its threads by
-//   then, hence written the handle. A stop asked for before is passed on now.
+//   then, and so has written the handle. Passes on an earlier request to stop.
 // - `withdraw_stop_handle`, called when the report begins. The scan has joined its threads by then,
-// and
-//   every other thread blocks the signals, so no handler can be at work with the handle.
+//   and every other thread blocks the signals, so no handler can be using the handle.
 void publish_stop_handle();
 void withdraw_stop_handle();
 
-// Keeps the signals out of the calling thread, and out of threads that it starts meanwhile for as
-// long as they run.
+// Blocks the signals in the calling thread while the object lives, and in threads that it starts
+// meanwhile for as long as they run.
 class StopSignalsBlocked {
  public:
   StopSignalsBlocked();

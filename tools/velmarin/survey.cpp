@@ -61,7 +61,7 @@ int open_found(const FoundFile &file) {
   return open(file.path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
 }
 
-// One survey. Each group is looked at in turn; the extents of its files are forgotten afterwards.
+// One survey. Examines each group in turn, then drops the extents of its files.
 class Survey {
  public:
   Survey(Volumes &volumes, bool before_merging)
@@ -91,7 +91,7 @@ class Survey {
   }
 
  private:
-  // A plain file is not opened where its extents say nothing.
+  // Does not open a plain file whose file system cannot share data.
   FileState examine(const FoundFile &file, ExtentMap *map) {
     struct stat status = {};
     if (lstat(file.path.c_str(), &status) != 0) {
@@ -146,7 +146,7 @@ class Survey {
     return shares;
   }
 
-  // The extents of the files of one share, at the same places.
+  // The extents of the files of one share, at the same indexes.
   static std::vector<ExtentMap> maps_of(const Share &share, std::vector<ExtentMap> &maps) {
     std::vector<ExtentMap> own(maps.size());
     for (const size_t place : share.files) {
@@ -166,7 +166,7 @@ void leave_out(FoundGroup &group) {
   }
 }
 
-// Few files are looked at even when a stop was asked for: their figures are worth the moment.
+// Lets a few files be examined even after a requested stop: their figures are worth the moment.
 class Patience {
  public:
   bool is_over() const { return stop_requested() && Clock::now() - start_ > MOST; }
@@ -177,7 +177,7 @@ class Patience {
   const Clock::time_point start_ = Clock::now();
 };
 
-// What decides about the order of two groups.
+// The sort key of a group.
 std::array<uint64_t, 3> weight(const FoundGroup &group) {
   const Space space = group.reclaimable();
   return {space.certain, space.uncertain, group.unmerged_bytes()};

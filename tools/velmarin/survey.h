@@ -1,5 +1,5 @@
-// Looks at the files that a scan found as they are now: on which file system each lies and where
-// its data is there, and works out from that what merging would free.
+// Examines the files that a scan found as they are now: the file system of each and where its data
+// is, and thus what merging would free.
 #pragma once
 
 #include "extents.h"
@@ -8,17 +8,17 @@
 
 namespace tool {
 
-// Fills the state of every file and the shares of every group, and puts everything in order: groups
-// by what merging frees, files by path. To which layered inode a plain file is attached is asked
-// again only before merging, when another program's merging in the meantime would matter. Once a
-// stop is requested, only a moment is spent: the rest of the files get the error ECANCELED.
+// Sets the state of every file and the shares of every group. Sorts groups by what merging frees,
+// and files by path. Queries the layered inode of a plain file only before merging, when another
+// program may have merged it since. After a requested stop this takes only a moment: the remaining
+// files get the error ECANCELED.
 void survey(Findings &findings, Volumes &volumes, bool before_merging);
 
 // Whether the file is still a regular file with the inode, size and modification time that the scan
 // saw.
 bool is_unchanged(const FoundFile &file);
 
-// The extents of the file as it is now; not known when it is no longer what the survey saw.
+// The extents of the file as it is now; unknown if it is no longer what the survey saw.
 ExtentMap extents_of(const FoundFile &file, const Volumes &volumes);
 
 }  // namespace tool

@@ -17,7 +17,7 @@ class TimeLimit {
 
   bool is_over() const { return seconds_ != 0 && elapsed() >= std::chrono::seconds(seconds_); }
 
-  // What is left, in whole seconds and at least one; 0 means that there is no limit.
+  // The time left in whole seconds, at least one; 0 means no limit.
   unsigned seconds_left() const {
     if (seconds_ == 0) {
       return 0;

@@ -16,7 +16,7 @@ namespace {
 
 constexpr uint32_t XFS_MAGIC = 0x58465342;  // "XFSB"
 
-// The answer of XFS about its geometry, as far as it is stable since Linux 4.9.
+// The XFS geometry, as far as it has been stable since Linux 4.9.
 struct XfsGeometry {
   uint32_t sizes[8];
   uint64_t blocks[4];

@@ -1,4 +1,4 @@
-// What the file systems of the files found can do with identical data.
+// What each file system can do with identical data.
 #pragma once
 
 #include <sys/stat.h>
@@ -17,19 +17,19 @@ struct Volume {
   bool is_btrfs = false;
   std::optional<uint64_t> subvolume;  // of a Btrfs
   uint64_t block_size = 4096;
-  int fd = -1;  // open on a file of a Btrfs, for questions about it; its owner is `Volumes`
+  int fd = -1;  // open on a file of a Btrfs, for queries; owned by `Volumes`
 };
 
-// Whether the file system of an open file can let files share extents.
+// Whether files on the file system of an open file can share extents.
 bool can_share_data(int fd);
 
-// As above, for a path; false where it cannot be opened.
+// As above, for a path; false if it cannot be opened.
 bool can_share_data(const std::string &path);
 
-// What the commands say where it cannot.
+// What the commands add if they cannot.
 inline constexpr const char *CANNOT_SHARE = "; its file system cannot share data";
 
-// The file systems met so far.
+// The file systems seen so far.
 class Volumes {
  public:
   Volumes() = default;
@@ -37,17 +37,17 @@ class Volumes {
   Volumes(const Volumes &) = delete;
   Volumes &operator=(const Volumes &) = delete;
 
-  // Returns null for one that was not met yet.
+  // Returns null for a device not seen yet.
   const Volume *find(dev_t device) const;
 
-  // The file system of the open file `fd` with that device number.
+  // The file system of the open file `fd`, which is on that device.
   const Volume &meet(dev_t device, int fd);
 
  private:
   using FileSystemId = std::array<uint8_t, 16>;
 
   std::map<dev_t, Volume> volumes_;
-  std::map<FileSystemId, dev_t> btrfs_;  // the first device number met of each Btrfs
+  std::map<FileSystemId, dev_t> btrfs_;  // the first device number seen of each Btrfs
 };
 
 }  // namespace tool

@@ -10,10 +10,10 @@
 namespace tool {
 namespace {
 
-// Probes are given no data of their caller.
+// Global because probes receive no caller data.
 VolumeWatch *present = nullptr;
 
-// A root of "/" leaves a doubled slash at the start.
+// Paths below a root of "/" start with two slashes.
 const char *without_doubled_slash(const char *path) {
   return path[0] == '/' && path[1] == '/' ? path + 1 : path;
 }

@@ -1,6 +1,5 @@
-// Watches the walk of a run of the library. A run compares files by the low half of their inode
-// numbers, so it must see one device only: what lies on another one is left out and noted, for a
-// run of its own.
+// Watches the walk of a library run. A run identifies files by the low half of their inode numbers,
+// so it may see only one device. What is on other devices is left out and noted for a separate run.
 #pragma once
 
 #include <sys/stat.h>
@@ -16,14 +15,14 @@
 
 namespace tool {
 
-// A directory on another device than the one above it.
+// A directory on a different device from its parent.
 struct ForeignDirectory {
   std::string path;
   dev_t device = 0;
   uint64_t file_system = 0;
 };
 
-// A file whose digest may be wanted besides those that the library compares.
+// A file whose digest may be needed in addition to those that the library compares.
 struct CollectedFile {
   std::string path;
   struct stat status = {};
@@ -32,11 +31,11 @@ struct CollectedFile {
   uint64_t file_system = 0;
 };
 
-// Single files on another device than their directory count as runs of their own, numbered from
+// Single files on a different device from their directory count as separate runs, numbered from
 // here.
 inline constexpr size_t FIRST_SINGLE = size_t{1} << 32;
 
-// One object at a time, and only while no run is under way is it asked or changed.
+// At most one object may live. Use it only while no run is in progress.
 class VolumeWatch {
  public:
   explicit VolumeWatch(DigestKeeper &keeper);
@@ -44,20 +43,20 @@ class VolumeWatch {
   VolumeWatch(const VolumeWatch &) = delete;
   VolumeWatch &operator=(const VolumeWatch &) = delete;
 
-  // The next run is to see this device. Sizes of its files are noted.
+  // Prepares a run that sees this device. Notes the sizes of its files.
   void begin_run(dev_t device);
 
-  // The next run is to compare nothing, but to see all devices of the runs before and to collect
-  // the files that have a size which occurs in several of them. Their `run` is left open.
+  // Prepares a run that compares nothing, but sees all devices of the earlier runs and collects the
+  // files whose size occurs in several of them. Does not set their `run`.
   void begin_collection();
 
-  // What the run noted.
+  // What the run has noted.
   std::vector<ForeignDirectory> take_directories();
 
-  // Whether files of one size were met in several runs. Ends the last run.
+  // Whether any size occurred in several runs. Ends the last run.
   bool has_common_sizes();
 
-  std::vector<CollectedFile> collected;  // single files on another device than their directory, too
+  std::vector<CollectedFile> collected;  // also single files on another device than their directory
   uint64_t min_size = 0;
 
  private:
@@ -70,9 +69,9 @@ class VolumeWatch {
   dev_t device_ = 0;
   std::set<dev_t> devices_;  // of all runs
   bool is_collecting_ = false;
-  SizeSet sizes_;    // met in this run
-  SizeSet earlier_;  // met in the runs before
-  SizeSet common_;   // met in several runs
+  SizeSet sizes_;    // seen in this run
+  SizeSet earlier_;  // seen in earlier runs
+  SizeSet common_;   // seen in several runs
   std::mutex lock_;  // guards `collected` and `directories_` while a run is under way
   std::vector<ForeignDirectory> directories_;
 };

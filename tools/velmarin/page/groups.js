@@ -2,7 +2,7 @@
 // --- The table of groups: a page of rows at a time, however many there are. ---
 
 const PAGE_ROWS = 100;
-const LIST_STEP = 200;  // names of a group that are shown at once
+const LIST_STEP = 200;  // names of a group shown at a time
 
 const kindColumns = KINDS
   .map((kind, number) => ({kind, title: kind.label, value: (group) => group.amounts[number]}))
@@ -61,7 +61,7 @@ function growingList(parent, items, makeItem) {
   parent.append(list, more);
 }
 
-// The list of files is only made when it is opened.
+// Builds the list of files only when it is opened.
 function namesCell(group) {
   const cell = element("td");
   const details = element("details");
@@ -174,7 +174,7 @@ function startGroups() {
   chooseGroups();
 }
 
-// --- What remains: compressed files and the numbers of the run. ---
+// --- The rest: compressed files and the run's counters. ---
 
 function showCompressed() {
   if (data.compressed.length > 0) {

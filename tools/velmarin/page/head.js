@@ -50,7 +50,7 @@ function showHead() {
 
 // --- The history: what was freed in all, after each run. ---
 
-const MOST_RUNS = 1000;  // in the table, the newest
+const MOST_RUNS = 1000;  // in the table; the newest
 
 const dayText = (seconds) => new Date(seconds * 1000).toLocaleString("sv-SE").slice(0, 16);
 
@@ -62,7 +62,7 @@ function curvePath(points, isBelow) {
   return path;
 }
 
-// A stair: the sum rises at each run and stays until the next.
+// A step curve: the sum rises at each run and stays level until the next.
 function curvePoints() {
   const [first, last] = [data.history[0].start, data.history.at(-1).start];
   const whole = data.history.reduce((sum, run) => sum + run.freed, 0);

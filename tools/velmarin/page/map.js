@@ -1,7 +1,7 @@
 
-// --- The map: a tree of directories. The files of a share bear equal parts of its bytes. ---
+// --- The map: a tree of directories. Each file of a share carries an equal part of its bytes. ---
 
-const MAP_TILES = 150;  // more children of a directory are shown as one tile
+const MAP_TILES = 150;  // further children of a directory share one tile
 
 function newNode(name, parent) {
   return {name, parent, amounts: [0, 0, 0, 0], children: new Map(), files: []};
@@ -18,7 +18,7 @@ function directoryNode(root, path) {
   return node;
 }
 
-// What each file of a share bears.
+// What each file of a share carries.
 function partsOf(group) {
   const counts = group.shares.map(() => 0);
   for (const file of group.files) {
@@ -66,7 +66,7 @@ function amountsText(node) {
     .map((kind) => `${sizeText(node.amounts[kind])} ${KINDS[kind].label}`).join(", ");
 }
 
-// The background of a tile: a stripe of each kind, as wide as its part.
+// The background of a tile: a stripe for each kind, as wide as its part.
 function stripes(node) {
   const whole = weight(node);
   let end = 0;
@@ -78,7 +78,7 @@ function stripes(node) {
   return `linear-gradient(to right, ${stops.join(", ")})`;
 }
 
-// A directory whose only content is another directory is passed through.
+// Skips directories whose only content is another directory.
 function passThrough(node) {
   let name = node.name;
   while (node.files.length === 0 && node.children.size === 1) {
@@ -104,15 +104,15 @@ function tilesOf(node) {
   return tiles;
 }
 
-// The worst ratio of sides in a row of tiles of the given areas along a side.
+// The worst aspect ratio in a row of tiles of the given areas along a side.
 function worstRatio(areas, side) {
   const sum = areas.reduce((total, area) => total + area, 0);
   return Math.max(...areas.map((area) => Math.max(side * side * area / (sum * sum),
                                                   sum * sum / (side * side * area))));
 }
 
-// Lays tiles (largest first) into a box, row by row along its shorter side, each row as long as that
-// makes its tiles squarer.
+// Lays tiles (largest first) into a box, row by row along its shorter side. A row grows for as long
+// as that makes its tiles squarer.
 function layOut(tiles, box) {
   const total = tiles.reduce((sum, tile) => sum + tile.bytes, 0);
   const scale = box.width * box.height / total;
@@ -209,7 +209,7 @@ function showMap(node) {
   drawTiles(map, node, {x: 0, y: 0, width: map.clientWidth, height: map.clientHeight}, 0);
 }
 
-// The button that was pressed is gone then: whoever goes by keyboard goes on from the trail.
+// The pressed button is then gone, so keyboard focus moves to the trail.
 function goTo(node) {
   showMap(node);
   place("trail").focus({preventScroll: true});
@@ -235,7 +235,7 @@ function kindChoice(kind) {
   return swatched(KINDS[kind], KINDS[kind].label, label);
 }
 
-// What is shared already is left out at first: there is nothing to do about it.
+// Already shared bytes are hidden at first: they need no action.
 function startMap() {
   const present = [0, 1, 2, 3].filter((kind) => totals[kind] > 0);
   if (present.length === 0) {

@@ -1,10 +1,10 @@
 
 "use strict";
-// Every text of the report comes to the page through textContent or title, never as markup.
+// All text of the report enters the page through textContent or title, never as markup.
 
 const data = JSON.parse(document.getElementById("data").textContent);
 
-// What can be said of bytes, in the order in which the data gives them.
+// The kinds of bytes, in the order of the data.
 const KINDS = [
   {key: "free", label: data.applied ? "could still be freed" : "can be freed"},
   {key: "freed", label: "freed by this run"},
@@ -40,8 +40,8 @@ function sizeText(bytes) {
 const countText = (count) => count.toLocaleString("en-US");
 const valueText = ({size, count}) => size === undefined ? countText(count) : sizeText(size);
 
-// A group as the data gives it: the size of each file; the bytes of each kind in each of its shares,
-// those files that lie on one file system; the files.
+// Reads a group from the data: the size of each file; the bytes of each kind in each share (its
+// files on one file system); the files.
 function readGroup([size, shares, files]) {
   const amounts = KINDS.map((_, kind) => shares.reduce((sum, share) => sum + share[kind], 0));
   return {size, shares, files, amounts};
