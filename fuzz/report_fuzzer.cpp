@@ -228,9 +228,9 @@ bool is_in_order(const json &directories, const json &files,
 // The page is the template with one JSON object in it that cannot end its element.
 void check_page(const tool::Report &report) {
   static const std::string frame = tool::page_frame();
-  const size_t place = frame.find(tool::PLACE_OF_DATA);
+  const size_t place = frame.find(tool::DATA_PLACEHOLDER);
   const std::string before = frame.substr(0, place);
-  const std::string behind = frame.substr(place + tool::PLACE_OF_DATA.size());
+  const std::string behind = frame.substr(place + tool::DATA_PLACEHOLDER.size());
   const std::string page = tool::html_report(report, {});
   require(page.starts_with(before) && page.ends_with(behind), "the page is the template");
   const std::string data = page.substr(place, page.size() - before.size() - behind.size());

@@ -67,7 +67,7 @@ class Refused(ReportCase):
         """Pairs of a report and what is said of it."""
         path, twin = (report["groups"][1]["files"][number]["path"] for number in (2, 0))
         first = report["groups"][0]["files"][0]
-        outside = "path lies below none of the roots"
+        outside = "path is not below any root"
         parts = 'path has an empty part, "." or ".." in it'
         digits, number = "is not of pairs of hexadecimal digits", "is not a whole number"
         few = "files is not a list of two or more files"
@@ -83,7 +83,7 @@ class Refused(ReportCase):
                 (("groups", 1), "group 2: ", (
                     ("size", GONE, "size is missing"), ("size", 1.5, f"size {number}"),
                     ("size", 0, "size is out of range"), ("size", 1 << 63, "size is out of range"),
-                    ("digest", "0f" * 31, "digest is not of 64 digits"),
+                    ("digest", "0f" * 31, "digest does not have 64 digits"),
                     ("digest", "0g" * 32, f"digest {digits}"),
                     ("digest", None, "digest is not a string"),
                     ("files", [first], few), ("files", {}, few))),
@@ -94,9 +94,9 @@ class Refused(ReportCase):
                       for name in ("/etc/passwd", "/", str(self.root), f"{self.root}x/c")),
                     *(("path", f"{self.root}/{name}", parts)
                       for name in ("b/../b/c", "b//c", "./b/c", "b/c/", "..")),
-                    ("path", f"{path}\0", "path has a NUL in it"),
+                    ("path", f"{path}\0", "path contains a NUL byte"),
                     *(("path", name, "path is too long") for name in (f"{path}{'n' * 256}", LONG)),
-                    *(("path", name, "path is there twice") for name in (first["path"], twin)),
+                    *(("path", name, "duplicate path") for name in (first["path"], twin)),
                     *(("path_bytes", name, f"path_bytes {digits}")
                       for name in ("2f6", "2f 6", "2fx0", "-1-1")),
                     ("path_bytes", os.fsencode(first["path"]).hex(),

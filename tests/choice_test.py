@@ -60,8 +60,8 @@ class Choice(ToolCase):
                 (1, "--roots-from /dev/null", "nothing to scan: no directory is named in /dev/null"),
                 (1, "--roots-from missing .", "cannot read missing: No such file"),
                 (1, "--exclude-from . .", "cannot read .: Is a directory"),
-                (2, "--exclude-from - --roots-from -", "standard input can be read once only"),
-                (2, "-0 .", "--null goes with --roots-from"),
+                (2, "--exclude-from - --roots-from -", "standard input can be read only once"),
+                (2, "-0 .", "--null requires --roots-from"),
                 (2, "--include src/ .", "--include: names files; for all that is below a directory, "
                                         "write 'src/**'"),
                 (2, "--exclude= .", "--exclude: an empty glob matches nothing")):
@@ -139,9 +139,9 @@ class Refusals(ToolCase):
         os.mkfifo(self.root / "pipe")
         before = self.identities()
         for command, said in (
-                ("revoke .", ".: is a directory"), ("info pipe", "pipe: is no regular file"),
+                ("revoke .", ".: is a directory"), ("info pipe", "pipe: is not a regular file"),
                 ("copy . new", ".: is a directory"), ("dedup a .", ".: is a directory"),
-                ("group a b pipe", "pipe: is no regular file"),
+                ("group a b pipe", "pipe: is not a regular file"),
                 ("group a", "a: is alone: a group takes two files or more"),
                 ("group b a link", "link: same file as a"), ("dedup a a", "a: same file as a"),
                 ("dedup a link", "link: same file as a")):

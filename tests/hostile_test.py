@@ -38,7 +38,7 @@ class NoRoom(ToolCase):
         self.mount("tmpfs", self.directory / "read-only", "ro")
         for state, user, line in (
                 ("../full", [], "cannot write .*/history: No space left on device\nvelmarin: "
-                                "the digests were not kept for the next scan: "
+                                "the digests were not saved for the next scan: "
                                 f"no space for the saved digests in {self.directory}/full"),
                 ("../read-only", [], "cannot keep digests in .*: Read-only file system"),
                 ("a/below", [], "cannot keep digests in .*: Not a directory"),

@@ -106,7 +106,7 @@ class Neighbours(NightCase):
         page = self.directory / "page"
         output, errors = self.run_tool("scan", "--state", self.state, "--html", page, ".", status=3)
         self.assertEqual((output, errors, page.exists()),
-                         ("", "velmarin: another run is under way with the state directory "
+                         ("", "velmarin: another run is using the state directory "
                               f"{self.state}: try again later\n", False))
         self.run_tool("scan", "--state", self.directory / "other", ".")
         process.kill()

@@ -144,7 +144,7 @@ class OwnData(ToolCase):
             self.mount("none", elsewhere / "file", "bind", self.root / "b")
             for command in ("revoke", "recover"):
                 _, errors = self.run_tool(command, elsewhere / "file", status=1)
-                self.assertRegex(errors, f"no temporary file beside it in {elsewhere}: (Inv|Op)")
+                self.assertRegex(errors, f"cannot create a temporary file in {elsewhere}: (Inv|Op)")
                 self.assertEqual(extents(shared), before, kind)
         run("chattr", "+i", shared[1])
         self.addCleanup(run, "chattr", "-i", shared[1])

@@ -148,10 +148,10 @@ TEST(Omissions, TellsThePathCauseAndErrorFromALineKeepsSomeAndCountsAll) {
                                       "/h: not read, Cannot allocate memory; ENOMEM",
                                       "/r: not read, Input/output error; EIO", "/s: not read; ",
                                       "/s2: not read; "}));
-  for (size_t i = 0; i < Omissions::MOST_LISTED; ++i) {
+  for (size_t i = 0; i < Omissions::MAX_LISTED; ++i) {
     omissions.add("/" + std::to_string(i), Cause::changed, 0);
   }
-  EXPECT_EQ(omissions.list().size(), Omissions::MOST_LISTED);
+  EXPECT_EQ(omissions.list().size(), Omissions::MAX_LISTED);
   EXPECT_EQ(omissions.counts(), (std::array<uint64_t, CAUSES>{1, 1, 0, 4, 0, 10000}));
 }
 

@@ -32,7 +32,7 @@ class CommandLine(ToolCase):
                 ("scan --nonsense .", "unknown option '--nonsense'"), ("info", "FILE is missing"),
                 ("dedup one", "FILE2 is missing"), ("copy a b c", "unexpected argument 'c'"),
                 ("scan . --state", "--state needs a value"),
-                ("scan --apply -n .", "--apply and --dry-run exclude each other"),
+                ("scan --apply -n .", "--apply and --dry-run cannot be combined"),
                 ("scan --min-size 1.5 .", f"--min-size: '1.5' {size}"),
                 ("scan --max-depth 2048 .", f"--max-depth: '2048' {depth}"),
                 ("scan --max-depth 1x .", f"--max-depth: '1x' {depth}"),

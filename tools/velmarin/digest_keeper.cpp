@@ -15,7 +15,7 @@ namespace {
 
 // The most digests of unseen files to keep (64 bytes each in the digest file). Without a limit,
 // those of deleted files would pile up for users who never scan everything.
-constexpr size_t MOST_NOT_MET = 1U << 20;
+constexpr size_t MAX_UNSEEN = 1U << 20;
 
 bool is_before(const SavedDigest &left, const SavedDigest &right) {
   return left.key < right.key;
@@ -87,7 +87,7 @@ void DigestKeeper::remember(SavedDigests digests) {
   marks_.assign(saved_.size(), Mark::not_met);
 }
 
-void DigestKeeper::meet(const struct stat &status) {
+void DigestKeeper::note_seen(const struct stat &status) {
   if (const SavedDigest *const saved = find_by_key(saved_, digest_key(status))) {
     Mark &mark = marks_[static_cast<size_t>(saved - saved_.data())];
     std::atomic_ref(mark).store(has_time_of(*saved, status) ? Mark::met : Mark::met_changed,
@@ -167,7 +167,7 @@ SavedDigests DigestKeeper::worth_keeping(SavedDigests present, bool looked_every
       digests.push_back(fresh);
     }
   }
-  size_t room = looked_everywhere ? 0 : MOST_NOT_MET;
+  size_t room = looked_everywhere ? 0 : MAX_UNSEEN;
   for (size_t i = 0; i < saved_.size(); ++i) {
     const bool is_replaced =
         fresh_.contains(saved_[i].key) || find_by_key(present, saved_[i].key) != nullptr;

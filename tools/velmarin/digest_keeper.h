@@ -28,7 +28,7 @@ class DigestKeeper {
   void open(const std::string &state, const std::vector<std::string> &roots, bool library_takes_it);
 
   // Notes that the scan saw the file. Thread-safe.
-  void meet(const struct stat &status);
+  void note_seen(const struct stat &status);
 
   // Saves the device's digests for a separate run with these roots. Returns that run's state
   // directory. It is a separate one because the same roots may also be scanned on their own.

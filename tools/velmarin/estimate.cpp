@@ -45,7 +45,7 @@ double Estimate::cost(Work work) {
   return static_cast<double>(work.bytes) + FILE_SHARE * static_cast<double>(work.files);
 }
 
-void Estimate::note(milliseconds now, Work done, uint64_t bytes_in_hand) {
+void Estimate::note(milliseconds now, Work done, uint64_t current_file_bytes) {
   if (const double reached = cost(done); reached > done_) {
     done_ = reached;
     stepped_ = now;
@@ -56,7 +56,7 @@ void Estimate::note(milliseconds now, Work done, uint64_t bytes_in_hand) {
   noted_ = now;
   if (now >= SHOWN_AFTER && rate_.per_second() > 0 &&
       (steps_ >= ENOUGH_STEPS || done_ >= all_ * ENOUGH_PART)) {
-    approach(expected(now, cost({bytes_in_hand, 1})), passed);
+    approach(expected(now, cost({current_file_bytes, 1})), passed);
   }
 }
 

@@ -36,7 +36,7 @@ class Estimate {
   explicit Estimate(Work all) : all_(cost(all)) {}
 
   // Call several times a second with what is done and the bytes of the current file.
-  void note(std::chrono::milliseconds now, Work done, uint64_t bytes_in_hand);
+  void note(std::chrono::milliseconds now, Work done, uint64_t current_file_bytes);
 
   // Empty until there is enough to estimate from.
   std::optional<std::chrono::milliseconds> left() const;

@@ -59,7 +59,7 @@ bool refuse_other_than_file(const Files &files) {
   for (const std::string &file : files) {
     struct stat status = {};
     if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-      return !refuse(file, S_ISDIR(status.st_mode) ? "is a directory" : "is no regular file");
+      return !refuse(file, S_ISDIR(status.st_mode) ? "is a directory" : "is not a regular file");
     }
   }
   return false;
@@ -126,7 +126,7 @@ std::string reason_of_sharing_on(const std::string &file, int error) {
   if (!is_elsewhere && open_error == 0) {
     return std::strerror(error);
   }
-  return "no temporary file beside it in " + escaped_name(directory) + ": " +
+  return "cannot create a temporary file in " + escaped_name(directory) + ": " +
          std::strerror(is_elsewhere ? EXDEV : open_error);
 }
 

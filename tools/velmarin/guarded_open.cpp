@@ -51,7 +51,7 @@ const char *path_below(const std::string &root, const char *path) {
 }
 
 // Closes a file that existed before and belongs to someone else.
-int refuse_foreign(int fd) {
+int close_if_foreign(int fd) {
   struct stat status = {};
   if (fd < 0 || (fstat(fd, &status) == 0 && status.st_uid == geteuid())) {
     return fd;
@@ -114,7 +114,7 @@ int guarded_open(const char *path, int flags, mode_t mode) {
   if (!makes_private_files || (flags & O_CREAT) == 0) {
     return open_below_roots(path, flags, mode);
   }
-  return refuse_foreign(open_below_roots(path, flags, mode & (S_IRUSR | S_IWUSR)));
+  return close_if_foreign(open_below_roots(path, flags, mode & (S_IRUSR | S_IWUSR)));
 }
 
 }  // namespace
@@ -125,7 +125,7 @@ GuardedRoots::GuardedRoots(const std::vector<std::string> &roots) {
     held.push_back({root, plain_open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC, 0)});
     const int trial = open_beneath(held.back().fd, ".", O_RDONLY | O_CLOEXEC, 0);
     if (trial < 0) {
-      print_error("cannot keep a scan below", root, std::strerror(errno));
+      print_error("cannot confine the scan to", root, std::strerror(errno));
       are_held_ = false;
     } else {
       close(trial);

@@ -21,7 +21,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 // A line has about 200 bytes, so this holds years of nightly runs.
-constexpr off_t MOST_BYTES = 1 << 20;
+constexpr off_t MAX_BYTES = 1 << 20;
 
 struct NumberField {
   const char *name;
@@ -204,7 +204,7 @@ std::optional<std::vector<HistoryEntry>> read_history(const std::string &state) 
 bool append_history(const std::string &state, const HistoryEntry &entry) {
   const std::string path = file_of(state);
   struct stat status = {};
-  const bool is_long = lstat(path.c_str(), &status) == 0 && status.st_size > MOST_BYTES;
+  const bool is_long = lstat(path.c_str(), &status) == 0 && status.st_size > MAX_BYTES;
   const int fd = is_long && !shorten(path) ? -1 : open_record(path, O_RDWR | O_APPEND | O_CREAT);
   const bool is_written = fd >= 0 && append_line(fd, history_line(entry));
   if (!is_written) {

@@ -259,10 +259,10 @@ void embed_data(std::string &page, const Report &report, const PageContext &cont
 
 std::string html_report(const Report &report, const PageContext &context) {
   const std::string frame = page_frame();
-  const size_t place = frame.find(PLACE_OF_DATA);
+  const size_t place = frame.find(DATA_PLACEHOLDER);
   std::string page = frame.substr(0, place);
   embed_data(page, report, context);
-  return page + frame.substr(place + PLACE_OF_DATA.size());
+  return page + frame.substr(place + DATA_PLACEHOLDER.size());
 }
 
 }  // namespace tool

@@ -26,7 +26,7 @@ uint64_t memory_bytes() {
 }
 
 // Whether the file's pages may stay. If so, subtracts the file's size from the room.
-bool take_room(int fd) {
+bool reserve_room(int fd) {
   struct stat status = {};
   if (room == 0 || fstat(fd, &status) != 0) {
     return false;
@@ -62,7 +62,7 @@ KeptPages::~KeptPages() {
 
 // Overrides the C library's function for the whole process.
 extern "C" int posix_fadvise(int fd, off_t offset, off_t length, int advice) {
-  if (advice == POSIX_FADV_DONTNEED && tool::take_room(fd)) {
+  if (advice == POSIX_FADV_DONTNEED && tool::reserve_room(fd)) {
     return 0;
   }
   return tool::advise(fd, offset, length, advice);

@@ -130,7 +130,7 @@ class ShareMerge {
     if (stop_requested()) {
       return;
     }
-    progress_.bytes_in_hand = file.state.allocated_bytes;
+    progress_.current_file_bytes = file.state.allocated_bytes;
     ahead_.reach(file);
     try_merge(place, source_fd);
     progress_.bytes_done += file.state.allocated_bytes;
@@ -248,7 +248,7 @@ void mark_unusable(FoundGroup &group) {
     } else if (!file.state.unchanged) {
       set_outcome(file, Outcome::changed, CHANGED);
     } else if (file.state.is_inline) {
-      set_outcome(file, Outcome::no_gain, "its data lies inline, among the metadata");
+      set_outcome(file, Outcome::no_gain, "its data is stored inline in the metadata");
     }
   }
 }

@@ -13,10 +13,10 @@ namespace tool {
 struct MergeProgress {
   uint64_t files_to_do = 0;  // set before merging starts, as is the next
   uint64_t bytes_to_do = 0;
-  std::atomic<uint64_t> files_done = 0;     // merged, refused or changed
-  std::atomic<uint64_t> bytes_done = 0;     // allocated bytes of those files
-  std::atomic<uint64_t> bytes_in_hand = 0;  // of the file started last
-  std::atomic<uint64_t> freed_bytes = 0;    // certain
+  std::atomic<uint64_t> files_done = 0;          // merged, refused or changed
+  std::atomic<uint64_t> bytes_done = 0;          // allocated bytes of those files
+  std::atomic<uint64_t> current_file_bytes = 0;  // of the file started last
+  std::atomic<uint64_t> freed_bytes = 0;         // certain
 };
 
 // Sets the outcome of the files in a group that the survey found unfit for merging.

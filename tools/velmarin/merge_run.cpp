@@ -13,7 +13,7 @@ namespace tool {
 void MergeRun::run(Report &report) {
   {
     const auto progress = show_progress(shows_progress_, [this] {
-      return format_duration(limit_.elapsed()) + "  looking at the files found";
+      return format_duration(limit_.elapsed()) + "  examining the files found";
     });
     survey(report.findings, volumes_, report.applied || !report.is_scan);
   }

@@ -82,7 +82,7 @@ void Omissions::add(std::string_view path, Cause cause, int error) {
   // Paths below a root of "/" start with two slashes.
   const size_t doubled = path.starts_with("//") ? 1 : 0;
   const std::pair key(std::string(path.substr(doubled)), cause);
-  if (listed_.size() < MOST_LISTED ? listed_.emplace(key, error).second : !listed_.contains(key)) {
+  if (listed_.size() < MAX_LISTED ? listed_.emplace(key, error).second : !listed_.contains(key)) {
     ++counts_[static_cast<size_t>(cause)];
   }
 }

@@ -44,10 +44,10 @@ class Omissions {
   // By cause.
   std::array<uint64_t, CAUSES> counts() const;
 
-  // Sorted by path; at most `MOST_LISTED`.
+  // Sorted by path; at most `MAX_LISTED`.
   std::vector<Omission> list() const;
 
-  static constexpr size_t MOST_LISTED = 10000;
+  static constexpr size_t MAX_LISTED = 10000;
 
  private:
   mutable std::mutex lock_;

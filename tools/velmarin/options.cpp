@@ -90,14 +90,13 @@ void add_choice(CLI::App *command, ScanOptions &scan) {
                    "Leave out what matches a line of this file; '-' is standard input")
       ->type_name("FILE")
       ->allow_extra_args(false);
-  command->add_flag("--no-hidden", scan.choice.no_hidden,
-                    "Leave out what has a name that begins with a dot");
+  command->add_flag("--no-hidden", scan.choice.no_hidden, "Leave out names that begin with a dot");
   command
       ->add_option("--roots-from", scan.roots_from,
-                   "Scan the directories that this file names, too; '-' is standard input")
+                   "Also scan the directories listed in this file; '-' is standard input")
       ->type_name("FILE");
   command->add_flag("-0,--null", scan.ends_names_by_nul,
-                    "The names of --roots-from end with a NUL byte, not with the line");
+                    "Names in --roots-from end with a NUL byte, not a newline");
 }
 
 // Adds an option whose value `parse` reads; `accepted` describes valid values.
@@ -165,9 +164,8 @@ void add_scan(CLI::App &app, ScanOptions &scan) {
 }
 
 void add_apply(CLI::App &app, ApplyOptions &apply) {
-  CLI::App *const command =
-      app.add_subcommand("apply", "Merge the groups of a report that scan --json has printed");
-  command->add_flag("-n,--dry-run", apply.dry_run, "Look at the files, and merge none");
+  CLI::App *const command = app.add_subcommand("apply", "Merge the groups of a scan --json report");
+  command->add_flag("-n,--dry-run", apply.dry_run, "Examine the files, but merge nothing");
   add_time_budget(command, apply.time_budget);
   command->add_flag("--json", apply.json, "Print one JSON object");
   command->add_flag("-v,--verbose", apply.verbose, "Show the library's log on standard error");
@@ -222,13 +220,13 @@ void check_scan(ScanOptions &scan) {
   const auto inputs = std::count(scan.exclude_lists.begin(), scan.exclude_lists.end(), "-") +
                       (scan.roots_from == "-" ? 1 : 0);
   if (scan.apply && scan.dry_run) {
-    throw CLI::ValidationError("--apply and --dry-run exclude each other");
+    throw CLI::ValidationError("--apply and --dry-run cannot be combined");
   }
   if (inputs > 1) {
-    throw CLI::ValidationError("standard input can be read once only");
+    throw CLI::ValidationError("standard input can be read only once");
   }
   if (scan.ends_names_by_nul && scan.roots_from.empty()) {
-    throw CLI::ValidationError("--null goes with --roots-from");
+    throw CLI::ValidationError("--null requires --roots-from");
   }
   if (scan.roots.empty() && scan.roots_from.empty()) {
     throw CLI::RequiredError("ROOT");

@@ -10,10 +10,10 @@ extern const std::string_view PAGE_HTML;
 extern const std::string_view PAGE_STYLE;
 extern const std::string_view PAGE_SCRIPT;
 
-inline constexpr std::string_view PLACE_OF_DATA = "@REPORT_DATA@";
+inline constexpr std::string_view DATA_PLACEHOLDER = "@REPORT_DATA@";
 
 // The page with its style and script. Its policy names them by digest, so that a browser accepts no
-// others. Contains `PLACE_OF_DATA` once.
+// others. Contains `DATA_PLACEHOLDER` once.
 std::string page_frame();
 
 }  // namespace tool

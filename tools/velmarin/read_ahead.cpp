@@ -13,7 +13,7 @@ namespace tool {
 namespace {
 
 constexpr size_t FILES_AHEAD = 4;
-constexpr off_t MOST_BYTES = 16 << 20;        // of each file; the sharing request reads the rest
+constexpr off_t MAX_BYTES = 16 << 20;         // of each file; the sharing request reads the rest
 constexpr off_t READ_AHEAD_STEP = 128 << 10;  // the kernel cuts a longer one short
 
 void fetch(const std::string &path) {
@@ -23,7 +23,7 @@ void fetch(const std::string &path) {
   }
   struct stat status = {};
   if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
-    const off_t end = std::min(status.st_size, MOST_BYTES);
+    const off_t end = std::min(status.st_size, MAX_BYTES);
     for (off_t offset = 0; offset < end; offset += READ_AHEAD_STEP) {
       posix_fadvise(fd, offset, READ_AHEAD_STEP, POSIX_FADV_WILLNEED);
     }

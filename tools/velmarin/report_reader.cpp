@@ -103,7 +103,7 @@ const char *path_fault(std::string_view path) {
     return "path is not absolute";
   }
   if (path.find('\0') != std::string_view::npos) {
-    return "path has a NUL in it";
+    return "path contains a NUL byte";
   }
   if (path.size() >= PATH_MAX) {
     return "path is too long";
@@ -140,7 +140,7 @@ Digest digest_of(const Element &group) {
   const std::string bytes = group.bytes("digest");
   Digest digest;
   if (bytes.size() != digest.size()) {
-    group.fail("digest is not of 64 digits");
+    group.fail("digest does not have 64 digits");
   }
   std::copy(bytes.begin(), bytes.end(), digest.begin());
   return digest;
@@ -315,8 +315,8 @@ void check_paths(const Report &report) {
       const char *const fault =
           std::none_of(report.roots.begin(), report.roots.end(),
                        [&](const std::string &root) { return is_below(path, root); })
-              ? ": path lies below none of the roots"
-          : !paths.insert(path).second ? ": path is there twice"
+              ? ": path is not below any root"
+          : !paths.insert(path).second ? ": duplicate path"
                                        : nullptr;
       if (fault != nullptr) {
         throw ReportFault(place + std::to_string(i + 1) + fault);

@@ -26,7 +26,7 @@ RunLock::Result RunLock::take(const std::string &state) {
     return Result::held;
   }
   if (fd_ >= 0 && errno == EWOULDBLOCK) {
-    print_error("another run is under way with the state directory", state, "try again later");
+    print_error("another run is using the state directory", state, "try again later");
     return Result::busy;
   }
   print_error("cannot lock", path, std::strerror(errno));

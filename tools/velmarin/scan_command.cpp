@@ -71,7 +71,7 @@ class ScanCommand {
     const PrivateFiles digest_files;
     const int error = scan();
     if (error != 0) {
-      print_error("the scan could not be made" +
+      print_error("the scan failed" +
                   (error == 1 ? first_error() : std::string(": ") + std::strerror(error)));
       return false;
     }
@@ -173,7 +173,7 @@ class ScanCommand {
       print_error(format_count(counters.nr_error, "error") + " during the scan" + first_error());
     }
     if (!log_.save_failure().empty()) {
-      print_error("the digests were not kept for the next scan: " + reason_of_not_saving());
+      print_error("the digests were not saved for the next scan: " + reason_of_not_saving());
     }
     if (probe_counts.on_overlay > 0) {
       print_error(format_count(probe_counts.on_overlay, "file") +

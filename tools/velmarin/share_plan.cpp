@@ -56,7 +56,7 @@ void weigh(std::vector<Copy> &copies, const std::vector<ExtentMap> &maps, SpaceA
 
 // Puts the best source first. It comes from the copy that would free the least space or, if equal,
 // has the most files, and is attached to a layered inode if possible.
-void order_files(FoundGroup &group, Share &share, const std::vector<Copy> &copies) {
+void sort_files(FoundGroup &group, Share &share, const std::vector<Copy> &copies) {
   const auto is_better = [&](size_t left, size_t right) {
     const FileState &a = group.files[left].state;
     const FileState &b = group.files[right].state;
@@ -142,10 +142,10 @@ void plan_share(FoundGroup &group, Share &share, const std::vector<ExtentMap> &m
     if (copies.size() > 1) {
       weigh(copies, maps, account);
     }
-    order_files(group, share, copies);
+    sort_files(group, share, copies);
     share.reclaimable = reclaimable(group, share, maps, account, volume.is_btrfs);
   } else {
-    order_files(group, share, copies);
+    sort_files(group, share, copies);
   }
   share.unmerged_bytes = unmerged_bytes(group, share);
 }

@@ -12,8 +12,8 @@ constexpr unsigned LONGEST_DURATION = 365 * 86400;
 // Wide enough for a size with its fraction digits, before rounding down.
 using Wide = unsigned __int128;
 constexpr Wide WIDE_MAX = ~Wide{0};
-constexpr size_t MOST_FRACTION_DIGITS = 9;
-constexpr size_t MOST_DIGITS = 29;
+constexpr size_t MAX_FRACTION_DIGITS = 9;
+constexpr size_t MAX_DIGITS = 29;
 
 // Removes and returns the digits at the start of the text.
 std::string_view take_digits(std::string_view &text) {
@@ -24,7 +24,7 @@ std::string_view take_digits(std::string_view &text) {
 }
 
 std::optional<Wide> read_number(std::string_view digits) {
-  if (digits.empty() || digits.size() > MOST_DIGITS) {
+  if (digits.empty() || digits.size() > MAX_DIGITS) {
     return std::nullopt;
   }
   Wide number = 0;
@@ -71,7 +71,7 @@ std::optional<uint64_t> parse_size(std::string_view text) {
     return std::nullopt;
   }
   const auto number = read_number(std::string(whole) + std::string(fraction));
-  if (!number || fraction.size() > MOST_FRACTION_DIGITS || *number > (WIDE_MAX >> shift)) {
+  if (!number || fraction.size() > MAX_FRACTION_DIGITS || *number > (WIDE_MAX >> shift)) {
     return std::nullopt;
   }
   Wide bytes = *number << shift;

@@ -28,7 +28,7 @@ struct sigaction former_actions[std::size(STOP_SIGNALS)];
 
 // Either this finds the handle published, or the publishing thread finds the request: each side
 // writes its own variable before it reads the other's.
-void ask_for_stop(int) {
+void request_stop(int) {
   const int error = errno;
   requested = true;
   if (int *const handle = published) {
@@ -43,7 +43,7 @@ void ask_for_stop(int) {
 StopSignals::StopSignals() {
   word = isatty(STDERR_FILENO) == 1 ? WORD_ON_TERMINAL : WORD;
   struct sigaction action = {};
-  action.sa_handler = ask_for_stop;
+  action.sa_handler = request_stop;
   action.sa_flags = static_cast<int>(SA_RESTART | SA_RESETHAND);
   sigemptyset(&action.sa_mask);
   for (size_t i = 0; i < std::size(STOP_SIGNALS); ++i) {

@@ -52,7 +52,7 @@ FileState state_of_open_file(const FoundFile &file, int fd, bool asks_layer) {
   return state;
 }
 
-void order_by_path(std::vector<FoundFile> &files) {
+void sort_by_path(std::vector<FoundFile> &files) {
   std::sort(files.begin(), files.end(),
             [](const FoundFile &a, const FoundFile &b) { return a.path < b.path; });
 }
@@ -68,7 +68,7 @@ class Survey {
       : volumes_(volumes), before_merging_(before_merging) {}
 
   void examine_group(FoundGroup &group) {
-    order_by_path(group.files);
+    sort_by_path(group.files);
     std::vector<ExtentMap> maps(group.files.size());
     for (size_t place = 0; place < group.files.size(); ++place) {
       FoundFile &file = group.files[place];
@@ -84,7 +84,7 @@ class Survey {
   }
 
   void examine_compressed(std::vector<FoundFile> &files) {
-    order_by_path(files);
+    sort_by_path(files);
     for (FoundFile &file : files) {
       file.state = examine(file, nullptr);
     }
@@ -117,7 +117,7 @@ class Survey {
     }
     const FileState state = state_of_open_file(file, fd, asks_layer);
     if (state.error == 0 && state.unchanged) {
-      const Volume &volume = volumes_.meet(state.device, fd);
+      const Volume &volume = volumes_.get_or_add(state.device, fd);
       if (map != nullptr) {
         *map = read_extents(fd, state.inode, file.size, volume);
       }
@@ -160,14 +160,14 @@ class Survey {
 };
 
 void leave_out(FoundGroup &group) {
-  order_by_path(group.files);
+  sort_by_path(group.files);
   for (FoundFile &file : group.files) {
     file.state = failed_state(ECANCELED);
   }
 }
 
 // Lets a few files be examined even after a requested stop: their figures are worth the moment.
-class Patience {
+class GracePeriod {
  public:
   bool is_over() const { return stop_requested() && Clock::now() - start_ > MOST; }
 
@@ -208,7 +208,7 @@ ExtentMap extents_of(const FoundFile &file, const Volumes &volumes) {
 
 void survey(Findings &findings, Volumes &volumes, bool before_merging) {
   Survey survey(volumes, before_merging);
-  const Patience patience;
+  const GracePeriod patience;
   survey.examine_compressed(findings.compressed);
   for (FoundGroup &group : findings.groups) {
     if (patience.is_over()) {

@@ -70,7 +70,7 @@ const Volume *Volumes::find(dev_t device) const {
   return place != volumes_.end() ? &place->second : nullptr;
 }
 
-const Volume &Volumes::meet(dev_t device, int fd) {
+const Volume &Volumes::get_or_add(dev_t device, int fd) {
   const auto [place, is_new] = volumes_.try_emplace(device);
   Volume &volume = place->second;
   if (!is_new) {

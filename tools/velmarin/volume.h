@@ -41,7 +41,7 @@ class Volumes {
   const Volume *find(dev_t device) const;
 
   // The file system of the open file `fd`, which is on that device.
-  const Volume &meet(dev_t device, int fd);
+  const Volume &get_or_add(dev_t device, int fd);
 
  private:
   using FileSystemId = std::array<uint8_t, 16>;

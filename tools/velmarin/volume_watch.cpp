@@ -78,7 +78,7 @@ int VolumeWatch::watch_file(int fd, const struct stat &status, const char *path)
     }
     return -EXDEV;
   }
-  keeper_.meet(status);
+  keeper_.note_seen(status);
   if (status.st_dev != device_) {
     collect(fd, status, path);
     return -EXDEV;
