@@ -253,7 +253,7 @@ std::string describe_command(int argc, char **argv) {
 }
 
 std::string describe(const CLI::App &app, const CLI::ParseError &error) {
-  const std::string text = error.what();
+  std::string text = error.what();
   if (dynamic_cast<const CLI::ArgumentMismatch *>(&error) != nullptr) {
     return text.substr(0, text.find(':')) + " needs a value";
   }
