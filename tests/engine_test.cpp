@@ -12,7 +12,6 @@
 
 #include "common/paths.h"
 #include "fbddp/dentry_forms.h"
-#include "fbddp/digest_read_ahead.h"
 #include "fbddp/fingerprint.h"
 #include "fbddp/forest.h"
 #include "fbddp/grouping.h"
@@ -60,7 +59,7 @@ struct forest : run_context {
   std::string queued() {
     std::string names;
     for (job *taken; (taken = take_job(&ctx)) != nullptr; finish_job(&ctx, taken)) {
-      names += name_of(taken->target);
+      names += name_of(taken->dentry);
     }
     return names;
   }
@@ -112,8 +111,8 @@ TEST(Walk, KeepsRecordsOnlyOfCandidatesAndDirectoriesThatWereRead) {
     c.ctx.in_time = in_time ? 1 : 0;
     read_directory(&c.ctx, c.list(nullptr, tree.root(), false));
     for (job *taken; (taken = take_job(&c.ctx)) != nullptr; finish_job(&c.ctx, taken)) {
-      is_file_form(taken->target) ? admit_file(&c.ctx, taken->target)
-                                  : read_directory(&c.ctx, taken->target);
+      is_file_form(taken->dentry) ? admit_file(&c.ctx, taken->dentry)
+                                  : read_directory(&c.ctx, taken->dentry);
     }
     std::string kept;
     for (const dentry &d : list_range<&dentry::link>(&c.ctx.dentries)) {
@@ -129,20 +128,6 @@ TEST(Walk, KeepsRecordsOnlyOfCandidatesAndDirectoriesThatWereRead) {
   EXPECT_EQ(walk(2, 4, true), "/abde 2244");
   EXPECT_EQ(walk(0, 5, true), "/bdefg 3353");
   EXPECT_EQ(walk(0, 0, false), "/aabd 1100") << "no job is scheduled";
-}
-
-TEST(ReadAhead, FetchesNothingOnceTheRunIsToldToStop) {
-  for (const int in_time : {1, 0}) {
-    forest f;
-    f.insert(10);
-    f.insert(10);
-    f.ctx.in_time = in_time;
-    read_ahead(&f.ctx);
-    job *first = take_job(&f.ctx);
-    EXPECT_EQ(first->fetch, in_time != 0 ? FETCH_DONE : FETCH_NONE);
-    finish_job(&f.ctx, first);
-    EXPECT_EQ(f.queued(), "b");
-  }
 }
 
 TEST(Forest, RequestsADigestOnlyOfInodesThatShareTheirKey) {

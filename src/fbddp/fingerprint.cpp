@@ -204,17 +204,24 @@ usable_hash *digest_open_file(sis_context *ctx, const dentry *file, int fd, cons
   return record;
 }
 
-struct saved_digest {
-  hash_entry *entry;
-  usable_hash *record;  // null when there is none for the file as it is now
-};
-
-saved_digest find_saved_digest(const sis_context *ctx, const dentry *file) {
+// Takes over the saved digest, unless there is none for the file as it is now.
+//
+// Two dentries with the same key seldom both get here: only when an inode was admitted under two
+// names and its pattern could not be read once, or it changed in between. Then one of them takes
+// the record, and the digest of the other is computed.
+usable_hash *take_saved_digest(const sis_context *ctx, const dentry *file) {
   hash_entry *entry = lookup_hash_table(ctx, file->key);
   usable_hash *record = entry == nullptr ? nullptr : load_acquire(&entry->record);
   const bool is_current = record != nullptr && record->mtime_sec == file->mtime.tv_sec &&
                           record->mtime_nsec == file->mtime.tv_nsec;
-  return {entry, is_current ? record : nullptr};
+  return is_current && take_pointer(&entry->record, record) ? record : nullptr;
+}
+
+usable_hash *compute_digest(sis_context *ctx, const dentry *file) {
+  path_buffer buffer;
+  const char *path = get_fullpath(file, buffer.text);
+  const unique_fd fd = open_for_digest(ctx, path);
+  return fd.is_open() ? digest_open_file(ctx, file, fd.get(), path) : nullptr;
 }
 
 }  // namespace
@@ -236,32 +243,13 @@ int make_pattern(dentry *file, const char *path, int fd) {
   return make_pattern_of(file, own_path, own_fd.get());
 }
 
-bool has_saved_digest(const sis_context *ctx, const dentry *file) {
-  return find_saved_digest(ctx, file).record != nullptr;
-}
-
-// Two dentries with the same key seldom both get here: only when an inode was admitted under two
-// names and its pattern could not be read once, or it changed in between. Then one of them takes
-// the record, and the digest of the other is computed.
-bool take_saved_digest(sis_context *ctx, dentry *file) {
-  const saved_digest saved = find_saved_digest(ctx, file);
-  if (saved.record == nullptr || !take_pointer(&saved.entry->record, saved.record)) {
-    return false;
+// Only a complete record is stored, so no thread sees one that is being filled in. The file is
+// closed by then: once the digest is no longer pending, it may be requested again.
+void make_digest(sis_context *ctx, dentry *file) {
+  usable_hash *record = take_saved_digest(ctx, file);
+  if (record == nullptr) {
+    record = compute_digest(ctx, file);
   }
-  store_release(&file->hash, saved.record);
-  return true;
-}
-
-// Only a complete record is stored, so no thread sees one that is being filled in.
-void compute_digest(sis_context *ctx, dentry *file) {
-  path_buffer buffer;
-  const char *path = get_fullpath(file, buffer.text);
-  usable_hash *record = nullptr;
-  unique_fd fd = open_for_digest(ctx, path);
-  if (fd.is_open()) {
-    record = digest_open_file(ctx, file, fd.get(), path);
-  }
-  fd.reset();  // first: once the digest is no longer pending, it may be requested again
   store_release(&file->hash, record);
 }
 

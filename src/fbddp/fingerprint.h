@@ -17,17 +17,8 @@ inline constexpr uint64_t PATTERN_MIN_SIZE = 1048576;
 // file is too short; `pattern` is unchanged then. The caller holds the file's forest lock.
 int make_pattern(dentry *file, const char *path, int fd);
 
-// Whether the digest of an examined file was saved and the file has not changed since. During the
-// walk any worker may call it for a file that it is not processing.
-bool has_saved_digest(const sis_context *ctx, const dentry *file);
-
-// The digest job of an examined file consists of these two steps.
-//
-// Gives the file its saved digest if there is one. Returns whether it did.
-bool take_saved_digest(sis_context *ctx, dentry *file);
-
-// Opens and reads the file and gives it a digest record, or leaves `hash` null when it cannot be
-// read or has changed.
-void compute_digest(sis_context *ctx, dentry *file);
+// The digest job of an examined file: gives it its saved digest, or opens and reads the file and
+// gives it a new digest record, or leaves `hash` null when it cannot be read or has changed.
+void make_digest(sis_context *ctx, dentry *file);
 
 }  // namespace velmarin

@@ -2,8 +2,6 @@
 
 #include "fbddp/job_queue.h"
 
-#include <sched.h>
-
 #include <cstdlib>
 
 #include "common/atomic_word.h"
@@ -19,8 +17,7 @@ void schedule_job(sis_context *ctx, dentry *d) {
   }
   // Counted before a worker can see the job and count it down.
   fetch_add(&ctx->pending, 1);
-  scheduled->target = d;
-  scheduled->fetch = FETCH_NONE;
+  scheduled->dentry = d;
   const spinlock_guard guard(&ctx->queue_lock);
   list_append(&ctx->queue, &scheduled->link);
 }
@@ -33,30 +30,6 @@ job *take_job(sis_context *ctx) {
   job *oldest = owner_of<&job::link>(ctx->queue.next);
   list_unlink(&oldest->link);
   return oldest;
-}
-
-job *begin_fetch(sis_context *ctx) {
-  const spinlock_guard guard(&ctx->queue_lock);
-  list_head *link = ctx->queue.next;
-  for (int i = 0; i < LOOK_AHEAD && link != &ctx->queue; i++, link = link->next) {
-    job *next = owner_of<&job::link>(link);
-    if (load_relaxed(&next->fetch) == FETCH_NONE && is_file_form(next->target) &&
-        is_digest_pending(next->target)) {
-      store_relaxed<uint32_t>(&next->fetch, FETCH_BEGUN);
-      return next;
-    }
-  }
-  return nullptr;
-}
-
-void end_fetch(job *fetched) {
-  store_release<uint32_t>(&fetched->fetch, FETCH_DONE);
-}
-
-void await_fetch(const job *taken) {
-  while (load_acquire(&taken->fetch) == FETCH_BEGUN) {
-    sched_yield();
-  }
 }
 
 void finish_job(sis_context *ctx, job *finished) {

@@ -8,7 +8,6 @@
 #include "common/atomic_word.h"
 #include "common/log.h"
 #include "fbddp/dentry.h"
-#include "fbddp/digest_read_ahead.h"
 #include "fbddp/fingerprint.h"
 #include "fbddp/grouping.h"
 #include "fbddp/job_queue.h"
@@ -33,13 +32,6 @@ int32_t phase_of(const sis_context *ctx) {
   return load_acquire(&ctx->phase);
 }
 
-void make_digest(sis_context *ctx, dentry *file) {
-  if (!take_saved_digest(ctx, file)) {
-    read_ahead(ctx);
-    compute_digest(ctx, file);
-  }
-}
-
 // A file is queued for its digest only after it was admitted, with its digest marked as pending,
 // and only that job clears the mark. An unexamined file is never marked. So the mark tells the two
 // jobs of a file apart.
@@ -56,11 +48,10 @@ void run_walk_job(sis_context *ctx, dentry *d) {
 void run_job(sis_context *ctx, job *taken) {
   switch (phase_of(ctx)) {
     case PHASE_WALK:
-      await_fetch(taken);
-      run_walk_job(ctx, taken->target);
+      run_walk_job(ctx, taken->dentry);
       break;
     case PHASE_GROUP:
-      split_group(ctx, taken->target);
+      split_group(ctx, taken->dentry);
       break;
     default:
       break;
