@@ -99,6 +99,22 @@ class SpaceCase(ToolCase):
         self.assertLessEqual(abs(gained - total), max(MIB, ALLOWED * total), (gained, total))
 
 
+    def check_messages(self, *table):
+        """Runs commands on two clones, one of which was partly written to, and other files."""
+        self.clones(".", content("clones", SIZE), 2)
+        with open(self.root / "1", "r+b") as file:
+            file.write(content("own", 2 * MIB))
+        for name in "ab":
+            self.write(name, content("small", 1500))
+        run("sync", "-f", self.root)
+        for command, told in (
+                ("info 1", "a plain file; 4 MiB of its 6 MiB are in shared extents\n"),
+                ("recover 1", "already; 4 MiB of its 6 MiB are in shared extents\n"),
+                ("copy 0 copy", "a new file that shares the data of 0\n"),
+                ("info copy", "a plain file; all its extents are shared\n"), *table):
+            self.assertIn(told, self.run_tool(*command.split())[0], command)
+
+
 COMMON = {"plain": (2 * SIZE, 0, "merged"), "clones": (0, 0, "shared"),
           "holes": (4 * MIB, 0, "merged"), "zeros": (2 * SIZE, 0, "merged"),
           "partly": (2 * MIB, 0, "merged")}
@@ -110,6 +126,12 @@ class Xfs(SpaceCase):
         self.make_common()
         self.check(COMMON | {"reserved": (4 * MIB, 0, "merged"),
                              "reserved beyond": (2 * MIB, 0, "merged")})
+
+    def test_messages_say_what_the_extents_say(self):
+        self.mount_xfs("320M")
+        self.check_messages(("info a", "a: a plain file\n"),
+                            ("dedup a b", "shares the data of a\n"),
+                            ("group a b", "; all its extents are shared\n"))
 
 
 class Btrfs(SpaceCase):
@@ -139,6 +161,17 @@ class Btrfs(SpaceCase):
                              "reserved beyond": (0, 0, "no gain"),
                              "kept": (0, 2 * SIZE, "merged"), "inline": (0, 0, "no gain"),
                              "compressed": (compressed, 0, "merged")})
+
+    def test_messages_say_what_the_extents_say(self):
+        whole = self.write("whole", b"")
+        run("chattr", "+C", whole)
+        whole.write_bytes(content("whole", MIB))
+        self.check_messages(
+            ("info whole", "whole: a plain file\n"),
+            ("copy whole c", "a copy of the data of whole, which takes 1 MiB more\n"),
+            ("copy a d", "a copy of the data of a, which takes up to 4 KiB more\n"),
+            ("dedup a b", "on record as identical to the data of a; none of its extents is shared\n"),
+            ("info b", "; none of its extents is shared\n"))
 
     def test_what_a_user_may_not_query_is_given_as_an_upper_bound(self):
         self.make_compressed()

@@ -20,6 +20,8 @@
 #include "message.h"
 #include "overlay.h"
 #include "refusal.h"
+#include "sharing.h"
+#include "size_text.h"
 #include "velmarin/control_codes.h"
 #include "velmarin/files.h"
 #include "volume.h"
@@ -130,6 +132,20 @@ std::string reason_of_sharing_on(const std::string &file, int error) {
          std::strerror(is_elsewhere ? EXDEV : open_error);
 }
 
+// What `dedup` did: the record says that the files are identical, the extents whether they share.
+std::string describe_dedup(const std::string &first, const std::string &second) {
+  const std::string name = escaped_name(first);
+  const Sharing sharing = sharing_between(first, second);
+  if (sharing.is_complete()) {
+    return "shares the data of " + name;
+  }
+  const std::string details = describe(sharing);
+  return "is on record as identical to the data of " + name +
+         (!can_share_data(second) ? CANNOT_SHARE
+          : details.empty()       ? ""
+                                  : "; " + details);
+}
+
 bool dedup(const Files &files, LogLines &log) {
   if (refuse_unusable(files) || refuse_same_file(files)) {
     return false;
@@ -139,10 +155,7 @@ bool dedup(const Files &files, LogLines &log) {
   const std::string &second = files[1];
   const int result = sisFileTaskImpl(first.c_str(), second.c_str());
   if (result == 0) {
-    const std::string name = escaped_name(files[0]);
-    say(second, can_share_data(second)
-                    ? "shares the data of " + name
-                    : "is on record as identical to the data of " + name + CANNOT_SHARE);
+    say(second, describe_dedup(files[0], second));
     return true;
   }
   if (result > 0) {
@@ -164,15 +177,21 @@ bool info(const Files &files, LogLines &log) {
   });
 }
 
+// After the record is gone.
+std::string describe_own_data(const std::string &file) {
+  const Sharing sharing = sharing_of(file);
+  return sharing.shared_bytes == 0 ? "has its own data" : "is a plain file; " + describe(sharing);
+}
+
 bool recover(const Files &files, LogLines &log) {
   return for_each(files, log, [&](const std::string &file) {
     const int result = recoverFileImpl(file.c_str());
     if (result == 0) {
-      say(file, "has its own data");
+      say(file, describe_own_data(file));
       return true;
     }
     if (result < -1 && query_layer(file) == 0) {
-      say(file, "was a plain file already");
+      say(file, "was a plain file already" + sharing_remark(file, false));
       return true;
     }
     // -2 is also the errno of a missing file.
@@ -217,6 +236,21 @@ int private_copy(const std::string &source, const std::string &target) {
   return reflink_copy(source.c_str(), target.c_str());
 }
 
+std::string describe_copy(const std::string &source, const std::string &target) {
+  const std::string name = escaped_name(source);
+  if (!can_share_data(target)) {
+    return "a new file with a copy of the data of " + name + CANNOT_SHARE;
+  }
+  const Sharing sharing = sharing_between(source, target);
+  if (sharing.is_complete()) {
+    return "a new file that shares the data of " + name;
+  }
+  const Space &taken = sharing.taken;
+  return "a new file with a copy of the data of " + name + ", which takes " +
+         (taken.uncertain > 0 ? "up to " : "") + format_size(taken.certain + taken.uncertain) +
+         " more";
+}
+
 bool copy(const Files &files, LogLines &) {
   const std::string &source = files[0];
   const std::string &target = files[1];
@@ -227,10 +261,7 @@ bool copy(const Files &files, LogLines &) {
   }
   const int error = private_copy(source, target);
   if (error == 0) {
-    const std::string name = escaped_name(source);
-    say(target, can_share_data(target)
-                    ? "a new file that shares the data of " + name
-                    : "a new file with a copy of the data of " + name + CANNOT_SHARE);
+    say(target, describe_copy(source, target));
     if (const int unset = copy_permissions(source, target); unset != 0) {
       return refuse(target, std::string("does not have the permissions of its source: ") +
                                 std::strerror(unset));
@@ -246,12 +277,12 @@ bool revoke(const Files &files, LogLines &log) {
   return for_each(files, log, [](const std::string &file) {
     const int result = revoke_file(file.c_str());
     if (result == 0) {
-      say(file, "has its own data");
+      say(file, describe_own_data(file));
       return true;
     }
     // 1 means a plain file, but is also an errno (EPERM).
     if (result == 1 && query_layer(file) == 0) {
-      say(file, "was a plain file already");
+      say(file, "was a plain file already" + sharing_remark(file, false));
       return true;
     }
     return refuse(file, "cannot be revoked: " + reason_of_sharing_on(file, result));

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "sharing.h"
 #include "velmarin/control_codes.h"
 #include "volume.h"
 
@@ -41,6 +42,16 @@ int64_t layer_number(int error, const velmarin::sis_file_info &info) {
 
 }  // namespace
 
+std::string sharing_remark(const std::string &path, bool expects_sharing) {
+  if (!can_share_data(path)) {
+    return CANNOT_SHARE;
+  }
+  const Sharing sharing = sharing_of(path);
+  const bool is_worth_words = expects_sharing || sharing.shared_bytes > 0;
+  const std::string text = is_worth_words ? describe(sharing) : "";
+  return text.empty() ? "" : "; " + text;
+}
+
 int64_t query_layer(int fd) {
   velmarin::sis_file_info info = {};
   return layer_number(query(fd, info), info);
@@ -56,12 +67,11 @@ std::string describe_layer(const std::string &path) {
   if (const int error = query(path, info); error != 0) {
     return std::string("cannot be examined: ") + std::strerror(error);
   }
-  const std::string remark = can_share_data(path) ? "" : CANNOT_SHARE;
   if (!is_attached(info)) {
-    return "a plain file" + remark;
+    return "a plain file" + sharing_remark(path, false);
   }
   return std::string(info.deduped != 0 ? "deduplicated onto" : "attached to") + " layered inode " +
-         std::to_string(info.layer_ino) + remark;
+         std::to_string(info.layer_ino) + sharing_remark(path, true);
 }
 
 }  // namespace tool

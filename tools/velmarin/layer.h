@@ -10,8 +10,11 @@ namespace tool {
 int64_t query_layer(int fd);
 int64_t query_layer(const std::string &path);
 
-// In words: "a plain file", "deduplicated onto layered inode 12", ...; with a note if the file
-// system cannot share data.
+// "; " and what the file's extents say, or that its file system cannot share data. Empty if they
+// say what is expected of a file that shares nothing.
+std::string sharing_remark(const std::string &path, bool expects_sharing);
+
+// In words: "a plain file", "deduplicated onto layered inode 12", ...; with the remark above.
 std::string describe_layer(const std::string &path);
 
 }  // namespace tool
