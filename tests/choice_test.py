@@ -94,7 +94,7 @@ class LeftOut(ToolCase):
         limits = ["--skip", self.root / "skipped", "--exclude", "unl*"]
         left_out = [("closed", "directory not read"), ("no/e", "not opened"), ("no/f", "not opened"),
                     ("secret", "not opened")]
-        report = self.scan(*limits, before=nobody)
+        report = self.scan(*limits, before=nobody, status=4)
         self.assertEqual(report["errors"], [{"path": str(self.root / name), "cause": cause,
                                              "errno": "EACCES"} for name, cause in left_out])
         self.assertEqual(report["error_counts"], {"directory not read": 1, "not opened": 3,
@@ -103,7 +103,7 @@ class LeftOut(ToolCase):
         marked = [("a", "not marked"), ("b", "not marked"), *left_out]
         output, errors = self.run_tool("scan", "--apply", "-v", "--min-size", "1K", "--state",
                                        self.directory / "other", *limits, ".", self.root / "closed/..",
-                                       before=nobody, status=1)
+                                       before=nobody, status=4)
         self.assertIn("\n                   1 directory could not be read"
                       "\n                   3 files could not be opened"
                       "\n                   2 files could not be marked\n", output)
@@ -162,7 +162,7 @@ class Refusals(ToolCase):
         reason = "copy-on-write is off for one of the two"
         for command in ("dedup a b", "group b c a"):
             self.assertIn(reason, self.run_tool(*command.split(), status=1)[1])
-        report = self.scan("--apply", status=1)
+        report = self.scan("--apply", status=4)
         self.assertEqual({file["path"][-1]: file.get("reason") for file in
                           report["groups"][0]["files"]}, {"a": reason, "b": None, "c": None})
 

@@ -40,9 +40,9 @@ class NoRoom(ToolCase):
                 ("../full", [], "cannot write .*/history: No space left on device\nvelmarin: "
                                 "the digests were not saved for the next scan: "
                                 f"no space for the saved digests in {self.directory}/full"),
-                ("../read-only", [], "cannot keep digests in .*: Read-only file system"),
-                ("a/below", [], "cannot keep digests in .*: Not a directory"),
-                ("../of-root", nobody, "cannot keep digests in .*: Permission denied")):
+                ("../read-only", [], "cannot use the state directory .*: Read-only file system"),
+                ("a/below", [], "cannot use the state directory .*: Not a directory"),
+                ("../of-root", nobody, "cannot use the state directory .*: Permission denied")):
             _, errors = self.run_tool("scan", "--apply", "--state", state, ".", status=1,
                                       before=user)
             self.assertRegex(errors, rf"\Avelmarin: {line}\n\Z")
@@ -70,7 +70,7 @@ class NoRoom(ToolCase):
         self.mount_btrfs("128M", "--mixed")
         paths = [self.write(name, SAME) for name in "abcd"]
         fill_up(self.root)
-        self.assertEqual(self.scan("--apply", status=1)["merged"]["files"], 0)
+        self.assertEqual(self.scan("--apply", status=4)["merged"]["files"], 0)
         self.assertEqual({path.read_bytes() for path in paths}, {SAME})
 
 
@@ -118,10 +118,11 @@ class HostileTree(ToolCase):
             self.write(name, SAME)
         (self.root / "closed").chmod(0)
         (self.root / "hidden").chmod(0)
-        _, errors = self.run_tool("scan", "--apply", "--state", "../state", ".", status=1,
+        _, errors = self.run_tool("scan", "--apply", "--state", "../state", ".", status=4,
                                   before=nobody)
-        self.assertEqual(errors, f"velmarin: 2 errors during the scan: {self.root}/a: "
-                                 "not marked, Permission denied\n")
+        self.assertEqual(errors, "velmarin: 1 directory could not be read, 1 file could not be "
+                                 "opened, 2 files could not be marked; the first: "
+                                 f"{self.root}/a: not marked, Permission denied\n")
 
 
 main(sys.argv[1:-1])

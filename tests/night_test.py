@@ -103,15 +103,20 @@ class Neighbours(NightCase):
 
     def test_one_run_at_a_time_has_a_state_directory(self):
         process = self.stand_still()
-        page = self.directory / "page"
-        output, errors = self.run_tool("scan", "--state", self.state, "--html", page, ".", status=3)
-        self.assertEqual((output, errors, page.exists()),
-                         ("", "velmarin: another run is using the state directory "
-                              f"{self.state}: try again later\n", False))
-        self.run_tool("scan", "--state", self.directory / "other", ".")
+        page, report = self.directory / "page", self.directory / "report"
+        report.write_text(self.run_tool("scan", "--json", "--min-size", "1K", "--state",
+                                        self.directory / "other", ".")[0])
+        for command in (["scan", "--html", page, "."], ["apply", report]):
+            output, errors = self.run_tool(*command, "--state", self.state, status=3)
+            self.assertEqual((output, errors, page.exists()),
+                             ("", "velmarin: another run is using the state directory "
+                                  f"{self.state}: try again later\n", False))
+        self.run_tool("apply", "--dry-run", "--state", self.state, report)
         process.kill()
         process.communicate(timeout=DEADLINE)
-        self.scan()
+        self.assertEqual(self.history(), [])
+        self.run_tool("apply", "--state", self.state, report, status=4)  # on a read-only mount
+        self.assertEqual([(run["merged"], run["refused"]) for run in self.history()], [(0, 200)])
 
     def test_every_thread_of_an_idle_run_is_idle(self):
         process = self.stand_still("--idle")

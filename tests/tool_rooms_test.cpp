@@ -347,7 +347,7 @@ TEST(ScanPaths, AreResolvedOnceAndTheStateDirectoryIsPrivate) {
   for (const auto &[variable, expected] :
        {std::pair("/state", "/state/velmarin"), {"state", "/home/.local/state/velmarin"}}) {
     setenv("XDG_STATE_HOME", variable, 1);
-    EXPECT_EQ(default_state_directory(), expected);
+    EXPECT_EQ(state_directory(""), expected);
   }
 }
 

@@ -177,11 +177,12 @@ class Apply(ToolCase):
         running = subprocess.Popen([paths[0], "100"])  # cannot be opened for writing meanwhile
         self.addCleanup(running.wait)
         self.addCleanup(running.kill)
-        report = self.scan("--apply", status=1)
+        report = self.scan("--apply", status=4)
         self.assertEqual(self.outcomes(report), {"a": "refused", "b": "source", "c": "merged"})
         self.assertEqual(report["groups"][0]["files"][0]["reason"], "Text file busy")
-        output, _ = self.run_tool("scan", "--apply", "--min-size", "1K", ".", status=1)
+        output, errors = self.run_tool("scan", "--apply", "-q", "--min-size", "1K", ".", status=4)
         self.assertIn(f"  refused     {paths[0]} (Text file busy)\n", output)
+        self.assertEqual(errors, "velmarin: 1 file not merged: 1 refused\n")
 
 
 class Interrupted(ToolCase):
@@ -210,7 +211,7 @@ class Interrupted(ToolCase):
             self.assertLessEqual(expected.items(), outcomes.items())
             self.assertEqual((process.returncode, report["stopped"], report["out_of_time"],
                               report["merged"]["not_tried"]),
-                             (1, stops, False, list(outcomes.values()).count("not tried")))
+                             (4, stops, False, list(outcomes.values()).count("not tried")))
             self.assertEqual({path.read_bytes() for path in changed}, {b"something else"})
 
     def test_the_time_budget_ends_merging_after_the_current_file(self):
@@ -237,7 +238,7 @@ class Interrupted(ToolCase):
             self.wait_for(process, b"missing")  # the walk blocks on the rest of these lines
             process.send_signal(signal.SIGTERM)
             report = json.loads(process.communicate(timeout=DEADLINE)[0])
-        self.assertEqual((process.returncode, report["stopped"]), (0, True))
+        self.assertEqual((process.returncode, report["stopped"]), (4, True))
         self.assertEqual(report["counters"]["nr_file_opened"], 0)
         self.assertEqual(len(os.listdir(self.root / "new")), 2)
 

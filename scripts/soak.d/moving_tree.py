@@ -191,7 +191,7 @@ class Merger(threading.Thread):
         except (subprocess.TimeoutExpired, ValueError) as error:
             self.failure = f"the scan did not end with a report: {error}"
             return None
-        if done.returncode not in (0, 1):
+        if done.returncode not in (0, 4):
             self.failure = f"the scan ended with {done.returncode}: {done.stderr}"
         self.scans += 1
         files = [file for group in report["groups"] for file in group["files"]]

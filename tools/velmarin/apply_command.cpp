@@ -1,12 +1,15 @@
 #include "apply_command.h"
 
-#include "display_name.h"
+#include "exit_status.h"
 #include "guarded_open.h"
+#include "history.h"
 #include "log_lines.h"
 #include "merge_run.h"
 #include "message.h"
 #include "progress.h"
 #include "report_reader.h"
+#include "run_end.h"
+#include "run_lock.h"
 #include "scan_paths.h"
 #include "stop_signal.h"
 #include "time_limit.h"
@@ -40,39 +43,51 @@ bool read_report(const std::string &file, Report &report) {
   }
 }
 
-bool is_success(const Report &report, bool is_quiet) {
-  const MergeCounts counts = count_outcomes(report.findings);
-  if (report.stopped && !is_quiet) {
-    print_error("stopped early: not all groups were merged");
-  }
-  return counts.refused + counts.changed + counts.not_tried == 0;
-}
-
-}  // namespace
-
-bool run_apply(const ApplyOptions &options) {
-  const TimeLimit limit(options.time_budget);
-  stop_after(limit);
-  Report report;
-  if (!read_report(options.report, report) || !are_roots_usable(report)) {
-    return false;
-  }
-  const GuardedRoots roots(report.roots);
-  if (!roots.are_held()) {
-    return false;
-  }
-  report.is_scan = false;
-  report.applied = !options.dry_run;
-  const StopSignals signals;
-  LogLines log(options.verbose);
-  MergeRun(limit, log, !options.quiet && !options.verbose).run(report);
-  report.elapsed = limit.elapsed();
-  if (options.json) {
+void print(const Report &report, bool as_json) {
+  if (as_json) {
     print_json(report, stdout);
   } else {
     print_text(report, can_show_colours());
   }
-  return is_success(report, options.quiet);
+}
+
+// Returns the exit status. A dry run writes no history.
+int merge(const ApplyOptions &options, const TimeLimit &limit, const std::string &state,
+          Report &report) {
+  const GuardedRoots roots(report.roots);
+  if (!roots.are_held()) {
+    return FAILED;
+  }
+  const StopSignals signals;
+  LogLines log(options.verbose);
+  MergeRun(limit, log, !options.quiet && !options.verbose).run(report);
+  report.elapsed = limit.elapsed();
+  const bool is_recorded = !report.applied || append_history(state, entry_of(report));
+  print(report, options.json);
+  const int status = explain_end(report, log, options.quiet, options.verbose);
+  return is_recorded ? status : FAILED;
+}
+
+}  // namespace
+
+int run_apply(const ApplyOptions &options) {
+  const TimeLimit limit(options.time_budget);
+  stop_after(limit);
+  Report report;
+  if (!read_report(options.report, report) || !are_roots_usable(report)) {
+    return FAILED;
+  }
+  report.is_scan = false;
+  report.applied = !options.dry_run;
+  std::string state = state_directory(options.state);
+  RunLock lock;
+  if (report.applied) {
+    const int status = prepare_state_directory(state) ? lock.take(state) : FAILED;
+    if (status != DONE) {
+      return status;
+    }
+  }
+  return merge(options, limit, state, report);
 }
 
 }  // namespace tool

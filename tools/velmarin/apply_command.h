@@ -5,7 +5,7 @@
 
 namespace tool {
 
-// Returns false if anything was refused or failed, after saying so on standard error.
-bool run_apply(const ApplyOptions &options);
+// Merges, unless it is a dry run, and prints the results. Returns the exit status.
+int run_apply(const ApplyOptions &options);
 
 }  // namespace tool

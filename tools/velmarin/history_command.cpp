@@ -61,7 +61,7 @@ void print_objects(const std::vector<HistoryEntry> &entries) {
 }  // namespace
 
 bool run_history(const HistoryOptions &options) {
-  const std::string state = options.state.empty() ? default_state_directory() : options.state;
+  const std::string state = state_directory(options.state);
   const auto entries = read_history(state);
   if (!entries) {
     return false;
@@ -69,7 +69,7 @@ bool run_history(const HistoryOptions &options) {
   if (options.json) {
     print_objects(*entries);
   } else if (entries->empty()) {
-    std::printf("No run with --apply is on record in %s\n", escaped_name(state).c_str());
+    std::printf("No merging run is on record in %s\n", escaped_name(state).c_str());
   } else {
     print_table(*entries);
   }

@@ -31,7 +31,7 @@ int run_named(const tool::CommandLine &line) {
     return tool::run_scan(line.scan);
   }
   if (line.command == "apply") {
-    return tool::run_apply(line.apply) ? DONE : FAILED;
+    return tool::run_apply(line.apply);
   }
   if (line.command == "history") {
     return tool::run_history(line.history) ? DONE : FAILED;

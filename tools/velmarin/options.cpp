@@ -166,6 +166,8 @@ void add_scan(CLI::App &app, ScanOptions &scan) {
 void add_apply(CLI::App &app, ApplyOptions &apply) {
   CLI::App *const command = app.add_subcommand("apply", "Merge the groups of a scan --json report");
   command->add_flag("-n,--dry-run", apply.dry_run, "Examine the files, but merge nothing");
+  command->add_option("--state", apply.state, "Where scans keep digests and the history")
+      ->type_name("DIR");
   add_time_budget(command, apply.time_budget);
   command->add_flag("--json", apply.json, "Print one JSON object");
   command->add_flag("-v,--verbose", apply.verbose, "Show the library's log on standard error");
@@ -176,8 +178,7 @@ void add_apply(CLI::App &app, ApplyOptions &apply) {
 }
 
 void add_history(CLI::App &app, HistoryOptions &history) {
-  CLI::App *const command =
-      app.add_subcommand("history", "Show what each scan with --apply has freed");
+  CLI::App *const command = app.add_subcommand("history", "Show what each merging run has freed");
   command->add_option("--state", history.state, "Where the scans keep their digests")
       ->type_name("DIR");
   command->add_flag("--json", history.json, "Print one JSON object");

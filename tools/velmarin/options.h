@@ -42,6 +42,7 @@ struct HistoryOptions {
 };
 
 struct ApplyOptions {
+  std::string state;  // empty: the default directory
   bool dry_run = false;
   bool json = false;
   bool verbose = false;

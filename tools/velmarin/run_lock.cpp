@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "exit_status.h"
 #include "message.h"
 
 namespace tool {
@@ -18,19 +19,19 @@ RunLock::~RunLock() {
   }
 }
 
-RunLock::Result RunLock::take(const std::string &state) {
+int RunLock::take(const std::string &state) {
   const std::string path = state + "/lock";
   fd_ =
       open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR);
   if (fd_ >= 0 && flock(fd_, LOCK_EX | LOCK_NB) == 0) {
-    return Result::held;
+    return DONE;
   }
   if (fd_ >= 0 && errno == EWOULDBLOCK) {
     print_error("another run is using the state directory", state, "try again later");
-    return Result::busy;
+    return BUSY;
   }
   print_error("cannot lock", path, std::strerror(errno));
-  return Result::failed;
+  return FAILED;
 }
 
 }  // namespace tool

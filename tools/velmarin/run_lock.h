@@ -8,16 +8,14 @@ namespace tool {
 
 class RunLock {
  public:
-  enum class Result { held, busy, failed };
-
   RunLock() = default;
   ~RunLock();
   RunLock(const RunLock &) = delete;
   RunLock &operator=(const RunLock &) = delete;
 
-  // Takes the lock without waiting and holds it while the object lives. On failure prints an error
-  // message. The file `lock` stays in the directory.
-  Result take(const std::string &state);
+  // Takes the lock without waiting and holds it while the object lives. Returns `DONE`, or `BUSY`
+  // or `FAILED` after an error message. The file `lock` stays in the directory.
+  int take(const std::string &state);
 
  private:
   int fd_ = -1;

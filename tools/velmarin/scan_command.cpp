@@ -20,6 +20,7 @@
 #include "progress.h"
 #include "progress_text.h"
 #include "report.h"
+#include "run_end.h"
 #include "run_lock.h"
 #include "scan_paths.h"
 #include "scan_probes.h"
@@ -48,45 +49,42 @@ class ScanCommand {
     if (!prepare()) {
       return FAILED;
     }
-    switch (lock_.take(state_)) {
-      case RunLock::Result::held:
-        return run_alone() ? DONE : FAILED;
-      case RunLock::Result::busy:
-        return BUSY;
-      case RunLock::Result::failed:
-        break;
+    if (const int status = lock_.take(state_); status != DONE) {
+      return status;
     }
-    return FAILED;
+    return run_alone();
   }
 
  private:
-  bool run_alone() {
+  int run_alone() {
     if (!options_.html.empty() && !page_.open(options_.html)) {
-      return false;
+      return FAILED;
     }
     const GuardedRoots roots(report_.roots);
     if (!roots.are_held()) {
-      return false;
+      return FAILED;
     }
     const PrivateFiles digest_files;
     const int error = scan();
     if (error != 0) {
       print_error("the scan failed" +
                   (error == 1 ? first_error() : std::string(": ") + std::strerror(error)));
-      return false;
+      return FAILED;
     }
     finish_scan();
     merging_.run(report_);
     report_.elapsed = limit_.elapsed();
     const bool is_recorded = !options_.apply || append_history(state_, entry_of(report_));
-    return print() && is_success() && is_recorded;
+    const bool is_printed = print();
+    const int status = explain_end(report_, log_, options_.quiet, options_.verbose);
+    return is_printed && is_whole() && is_recorded ? status : FAILED;
   }
 
   bool prepare() {
     if (options_.dry_run && !options_.quiet) {
       print_error("--dry-run is the default: nothing is merged without --apply");
     }
-    state_ = options_.state.empty() ? default_state_directory() : options_.state;
+    state_ = state_directory(options_.state);
     skips_ = resolve_skips(options_.skips, !options_.quiet);
     report_.applied = options_.apply;
     return choose() && prepare_state_directory(state_);
@@ -149,13 +147,7 @@ class ScanCommand {
            page_.write(html_report(report_, page_context(report_, state_)));
   }
 
-  // The first error that is certain to be in the error count, in words if possible.
   std::string first_error() const {
-    for (const Omission &omission : report_.omissions) {
-      if (omission.cause == Cause::not_marked || omission.cause == Cause::not_read) {
-        return ": " + describe(omission);
-      }
-    }
     return log_.error_count() == 0 ? "" : ": " + escaped_name(log_.first_error());
   }
 
@@ -164,14 +156,10 @@ class ScanCommand {
                            : escaped_name(log_.save_failure());
   }
 
-  // Also prints what a reader of the report could miss.
-  bool is_success() const {
-    const Counters &counters = report_.findings.counters;
-    const MergeCounts merged = count_outcomes(report_.findings);
-    const bool none_supported = counters.nr_scan_file == 0 && report_.unsupported > 0;
-    if (counters.nr_error > 0) {
-      print_error(format_count(counters.nr_error, "error") + " during the scan" + first_error());
-    }
+  // Whether the run did its work, apart from single files. Prints an error message if not.
+  bool is_whole() const {
+    const bool none_supported =
+        report_.findings.counters.nr_scan_file == 0 && report_.unsupported > 0;
     if (!log_.save_failure().empty()) {
       print_error("the digests were not saved for the next scan: " + reason_of_not_saving());
     }
@@ -185,16 +173,8 @@ class ScanCommand {
     if (none_supported) {
       print_error("no file could be examined: their file systems do not support deduplication");
     }
-    if (report_.stopped && !options_.quiet) {
-      print_error("stopped early: the findings are not complete");
-    }
-    return counters.nr_error == 0 && !none_supported && log_.save_failure().empty() &&
-           runs_.kept_digests && merged.refused + merged.changed == 0 &&
-           (merged.not_tried == 0 || used_up_budget());
+    return !none_supported && log_.save_failure().empty() && runs_.kept_digests;
   }
-
-  // Work that a budget leaves for the next run is no failure.
-  bool used_up_budget() const { return report_.out_of_time && !report_.stopped; }
 
   const ScanOptions &options_;
   const bool shows_progress_;

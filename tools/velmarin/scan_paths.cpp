@@ -133,7 +133,10 @@ std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bo
   return skips;
 }
 
-std::string default_state_directory() {
+std::string state_directory(const std::string &given) {
+  if (!given.empty()) {
+    return given;
+  }
   const std::string state = environment("XDG_STATE_HOME");
   const bool is_usable = state.starts_with('/');  // a relative path is ignored
   return (is_usable ? state : home_directory() + "/.local/state") + "/velmarin";
@@ -150,7 +153,7 @@ bool prepare_state_directory(std::string &path) {
     error = realpath(path.c_str(), resolved) == nullptr ? errno : check_state_directory(resolved);
   }
   if (error != 0) {
-    print_error("cannot keep digests in", path, std::strerror(error));
+    print_error("cannot use the state directory", path, std::strerror(error));
     return false;
   }
   path = resolved;

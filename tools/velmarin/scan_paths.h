@@ -18,8 +18,8 @@ bool is_below(const std::string &path, const std::string &root);
 // Resolves the skip paths. Keeps one that skips nothing as it is, with a remark if wanted.
 std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bool remark);
 
-// The default directory of digest files: `velmarin` in the user's state directory.
-std::string default_state_directory();
+// `given` or, if it is empty, the default: `velmarin` in the user's state directory.
+std::string state_directory(const std::string &given);
 
 // Creates the directory and its parents, private to the user, unless it exists, and resolves its
 // path. Returns false on failure, after an error message.

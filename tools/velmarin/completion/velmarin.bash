@@ -39,7 +39,7 @@ _velmarin() {
     options+=${options:+ --dry-run --config --idle --one-file-system --html --quiet --no-color}
     [[ -n $options ]] && _velmarin_value && return
   elif [[ $command == apply ]]; then
-    options+=${options:+ --dry-run --time-budget --json --quiet}
+    options+=${options:+ --dry-run --state --time-budget --json --quiet}
     [[ -n $options ]] && _velmarin_value && return
   elif [[ $command == history ]]; then
     names=-d options=${options:+--state --json --help --version}
