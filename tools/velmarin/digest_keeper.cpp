@@ -26,16 +26,16 @@ bool is_same_file(const SavedDigest &left, const SavedDigest &right) {
 }
 
 // Sorts by key and keeps the first of each key.
-void order(SavedDigests &digests) {
+void sort_unique(SavedDigests &digests) {
   std::stable_sort(digests.begin(), digests.end(), is_before);
   digests.erase(std::unique(digests.begin(), digests.end(), is_same_file), digests.end());
 }
 
 // Returns null if there is none. The digests are sorted.
 const SavedDigest *find_by_key(const SavedDigests &digests, uint64_t key) {
-  const auto place =
+  const auto found =
       std::lower_bound(digests.begin(), digests.end(), SavedDigest{.key = key}, is_before);
-  return place != digests.end() && place->key == key ? &*place : nullptr;
+  return found != digests.end() && found->key == key ? &*found : nullptr;
 }
 
 std::string name_in(const std::string &directory, const std::vector<std::string> &roots) {
@@ -45,7 +45,7 @@ std::string name_in(const std::string &directory, const std::vector<std::string>
 }  // namespace
 
 void DigestKeeper::open(const std::string &state, const std::vector<std::string> &roots,
-                        bool library_takes_it) {
+                        bool library_uses_it) {
   path_ = name_in(state, roots);
   kept_ = path_ + ".kept";
   runs_ = path_ + ".runs";
@@ -57,7 +57,7 @@ void DigestKeeper::open(const std::string &state, const std::vector<std::string>
     // Without hard links, only a killed scan loses what was saved.
     [[maybe_unused]] const int result = link(path_.c_str(), kept_.c_str());
   }
-  if (!library_takes_it) {
+  if (!library_uses_it) {
     unlink(path_.c_str());
   }
 }
@@ -83,19 +83,19 @@ void DigestKeeper::recover() {
 
 void DigestKeeper::remember(SavedDigests digests) {
   saved_ = std::move(digests);
-  order(saved_);
-  marks_.assign(saved_.size(), Mark::not_met);
+  sort_unique(saved_);
+  marks_.assign(saved_.size(), Mark::unseen);
 }
 
 void DigestKeeper::note_seen(const struct stat &status) {
   if (const SavedDigest *const saved = find_by_key(saved_, digest_key(status))) {
     Mark &mark = marks_[static_cast<size_t>(saved - saved_.data())];
-    std::atomic_ref(mark).store(has_time_of(*saved, status) ? Mark::met : Mark::met_changed,
+    std::atomic_ref(mark).store(has_time_of(*saved, status) ? Mark::unchanged : Mark::changed,
                                 std::memory_order_relaxed);
   }
 }
 
-std::string DigestKeeper::lend(const std::vector<std::string> &roots, dev_t device) {
+std::string DigestKeeper::export_digests(const std::vector<std::string> &roots, dev_t device) {
   mkdir(runs_.c_str(), 0700);
   SavedDigests digests;
   std::copy_if(
@@ -109,18 +109,18 @@ std::string DigestKeeper::lend(const std::vector<std::string> &roots, dev_t devi
   return runs_;
 }
 
-void DigestKeeper::take_back(const std::vector<std::string> &roots) {
+void DigestKeeper::import_digests(const std::vector<std::string> &roots) {
   const std::string path = name_in(runs_, roots);
-  take(read_digests(path));
+  add_fresh(read_digests(path));
   unlink(path.c_str());
   rmdir(runs_.c_str());
 }
 
-void DigestKeeper::take_up() {
-  take(read_digests(path_));
+void DigestKeeper::import_main_run() {
+  add_fresh(read_digests(path_));
 }
 
-void DigestKeeper::take(const std::optional<SavedDigests> &digests) {
+void DigestKeeper::add_fresh(const std::optional<SavedDigests> &digests) {
   for (const SavedDigest &digest : digests.value_or(SavedDigests())) {
     fresh_.insert_or_assign(digest.key, digest);
   }
@@ -158,35 +158,34 @@ bool DigestKeeper::close(bool looked_everywhere) {
   return is_complete;
 }
 
-// The digests that the file, which holds `present`, still lacks.
-SavedDigests DigestKeeper::worth_keeping(SavedDigests present, bool looked_everywhere) const {
-  order(present);
+// The digests to append to a file that holds those in `on_disk`.
+SavedDigests DigestKeeper::missing_digests(SavedDigests on_disk, bool looked_everywhere) const {
+  sort_unique(on_disk);
   SavedDigests digests;
   for (const auto &[key, fresh] : fresh_) {
-    if (find_by_key(present, key) == nullptr) {
+    if (find_by_key(on_disk, key) == nullptr) {
       digests.push_back(fresh);
     }
   }
   size_t room = looked_everywhere ? 0 : MAX_UNSEEN;
   for (size_t i = 0; i < saved_.size(); ++i) {
     const bool is_replaced =
-        fresh_.contains(saved_[i].key) || find_by_key(present, saved_[i].key) != nullptr;
-    if (is_replaced || marks_[i] == Mark::met_changed ||
-        (marks_[i] == Mark::not_met && room == 0)) {
+        fresh_.contains(saved_[i].key) || find_by_key(on_disk, saved_[i].key) != nullptr;
+    if (is_replaced || marks_[i] == Mark::changed || (marks_[i] == Mark::unseen && room == 0)) {
       continue;
     }
-    room -= marks_[i] == Mark::not_met ? 1U : 0U;
+    room -= marks_[i] == Mark::unseen ? 1U : 0U;
     digests.push_back(saved_[i]);
   }
   return digests;
 }
 
 bool DigestKeeper::complete(int fd, bool looked_everywhere) const {
-  auto present = read_locked_digests(fd);
-  if (!present) {
+  auto on_disk = read_locked_digests(fd);
+  if (!on_disk) {
     return restore();
   }
-  const SavedDigests digests = worth_keeping(std::move(*present), looked_everywhere);
+  const SavedDigests digests = missing_digests(std::move(*on_disk), looked_everywhere);
   return digests.empty() || append_digests(fd, digests) == 0;
 }
 

@@ -23,22 +23,22 @@ class DigestKeeper {
   using Digest = std::array<uint8_t, 32>;
 
   // Reads the digests saved for the roots. Silently drops what it cannot read, which only costs
-  // time in a later scan. `library_takes_it`: a run of the library has the same roots and removes
+  // time in a later scan. `library_uses_it`: a run of the library has the same roots and removes
   // the digest file; otherwise the keeper does.
-  void open(const std::string &state, const std::vector<std::string> &roots, bool library_takes_it);
+  void open(const std::string &state, const std::vector<std::string> &roots, bool library_uses_it);
 
   // Notes that the scan saw the file. Thread-safe.
   void note_seen(const struct stat &status);
 
-  // Saves the device's digests for a separate run with these roots. Returns that run's state
-  // directory. It is a separate one because the same roots may also be scanned on their own.
-  std::string lend(const std::vector<std::string> &roots, dev_t device);
+  // Exports the device's digests to a separate run with these roots. Returns that run's state
+  // directory, which is separate because the same roots may also be scanned on their own.
+  std::string export_digests(const std::vector<std::string> &roots, dev_t device);
 
   // Reads what that run saved, and removes its digest file.
-  void take_back(const std::vector<std::string> &roots);
+  void import_digests(const std::vector<std::string> &roots);
 
   // Reads what the run with all the roots saved.
-  void take_up();
+  void import_main_run();
 
   // The saved or computed digest of the file, if its modification time matches.
   std::optional<Digest> find(const struct stat &status) const;
@@ -51,12 +51,12 @@ class DigestKeeper {
   bool close(bool looked_everywhere);
 
  private:
-  enum class Mark : uint8_t { not_met, met, met_changed };
+  enum class Mark : uint8_t { unseen, unchanged, changed };
 
   void recover();
   void remember(SavedDigests digests);
-  void take(const std::optional<SavedDigests> &digests);
-  SavedDigests worth_keeping(SavedDigests present, bool looked_everywhere) const;
+  void add_fresh(const std::optional<SavedDigests> &digests);
+  SavedDigests missing_digests(SavedDigests on_disk, bool looked_everywhere) const;
   bool complete(int fd, bool looked_everywhere) const;
   bool restore() const;
 

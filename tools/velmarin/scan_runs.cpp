@@ -131,10 +131,10 @@ int ScanRuns::make_run(VolumeWatch &watch, const VolumeRun &run) {
   const bool is_whole = run.roots == roots_;  // its digest file is that of the whole scan
   watch.begin_run(run.device);
   Collector collector;
-  const int error =
-      call_library(run, is_whole ? state_ : keeper_.lend(run.roots, run.device), collector);
+  const int error = call_library(
+      run, is_whole ? state_ : keeper_.export_digests(run.roots, run.device), collector);
   if (!is_whole) {
-    keeper_.take_back(run.roots);
+    keeper_.import_digests(run.roots);
   }
   take_findings(run.device, std::move(collector.findings));
   plan_directories(run, watch.take_directories());
@@ -168,7 +168,7 @@ void ScanRuns::take_findings(dev_t device, Findings found) {
 }
 
 void ScanRuns::join_runs(VolumeWatch &watch) {
-  keeper_.take_up();
+  keeper_.import_main_run();
   std::erase_if(watch.collected,
                 [this](const CollectedFile &file) { return is_left_out(file.file_system); });
   findings.counters.nr_scan_file += watch.collected.size();
@@ -184,8 +184,8 @@ void ScanRuns::collect_candidates(VolumeWatch &watch) {
   const size_t singles = watch.collected.size();
   watch.begin_collection();
   Collector unused;
-  call_library({0, options_.max_depth, roots_}, keeper_.lend({}, 0), unused);
-  keeper_.take_back(roots_);
+  call_library({0, options_.max_depth, roots_}, keeper_.export_digests({}, 0), unused);
+  keeper_.import_digests(roots_);
   for (size_t i = singles; i < watch.collected.size(); ++i) {
     CollectedFile &file = watch.collected[i];
     file.run = run_of(file).value_or(FIRST_SINGLE + i);
