@@ -20,9 +20,9 @@ constexpr int EXPECTED[] = {ELOOP, ENXIO, ENODEV, ENOENT, ENOTDIR, EXDEV};
 
 }  // namespace
 
-OmissionWatch::OmissionWatch(Omissions &omissions, const Choice &choice,
+OmissionWatch::OmissionWatch(Omissions &omissions, const EntryFilter &filter,
                              const std::vector<std::string> &skips, uint64_t min_size)
-    : omissions_(omissions), choice_(choice), skips_(skips), min_size_(min_size) {
+    : omissions_(omissions), filter_(filter), skips_(skips), min_size_(min_size) {
   present = this;
 }
 
@@ -53,7 +53,7 @@ void OmissionWatch::note_log_message(std::string_view message) {
 bool OmissionWatch::is_wanted(const struct stat &status, std::string_view path) const {
   const bool is_large_enough =
       S_ISREG(status.st_mode) && static_cast<uint64_t>(status.st_size) >= min_size_;
-  return (is_large_enough || S_ISDIR(status.st_mode)) && !choice_.leaves_out(status, path) &&
+  return (is_large_enough || S_ISDIR(status.st_mode)) && !filter_.leaves_out(status, path) &&
          std::find(skips_.begin(), skips_.end(), path) == skips_.end();
 }
 

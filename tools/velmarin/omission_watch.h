@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "choice.h"
+#include "entry_filter.h"
 #include "omissions.h"
 
 namespace tool {
@@ -18,8 +18,8 @@ namespace tool {
 class OmissionWatch {
  public:
   // `skips` are paths without symbolic links. All arguments must outlive the object.
-  OmissionWatch(Omissions &omissions, const Choice &choice, const std::vector<std::string> &skips,
-                uint64_t min_size);
+  OmissionWatch(Omissions &omissions, const EntryFilter &filter,
+                const std::vector<std::string> &skips, uint64_t min_size);
   ~OmissionWatch();
   OmissionWatch(const OmissionWatch &) = delete;
   OmissionWatch &operator=(const OmissionWatch &) = delete;
@@ -30,7 +30,7 @@ class OmissionWatch {
   static void note(std::string_view path, Cause cause, int error);
 
   // Notes a failed open if the walk wanted the entry: a file or directory that still exists, is
-  // chosen, large enough and not skipped.
+  // large enough and neither filtered out nor skipped.
   static void note_failed_open(const char *path, int flags, int error);
 
   // Takes a line that the library logged.
@@ -41,7 +41,7 @@ class OmissionWatch {
   void take_failed_open(const char *path, int error);
 
   Omissions &omissions_;
-  const Choice &choice_;
+  const EntryFilter &filter_;
   const std::vector<std::string> &skips_;
   const uint64_t min_size_;
   bool ignores_opens_ = false;

@@ -76,12 +76,12 @@ void take_globs(std::vector<std::string> &globs) {
   }
 }
 
-void add_choice(CLI::App *command, ScanOptions &scan) {
-  command->add_option(EXCLUDE, scan.choice.excludes, "Leave out what matches (may be repeated)")
+void add_filter_options(CLI::App *command, ScanOptions &scan) {
+  command->add_option(EXCLUDE, scan.filter.excludes, "Leave out what matches (may be repeated)")
       ->type_name("GLOB")
       ->allow_extra_args(false)
       ->check(CLI::Validator(glob_error, ""));
-  command->add_option(INCLUDE, scan.choice.includes, "Leave out files that match none of these")
+  command->add_option(INCLUDE, scan.filter.includes, "Leave out files that match none of these")
       ->type_name("GLOB")
       ->allow_extra_args(false)
       ->check(CLI::Validator(include_error, ""));
@@ -90,7 +90,7 @@ void add_choice(CLI::App *command, ScanOptions &scan) {
                    "Leave out what matches a line of this file; '-' is standard input")
       ->type_name("FILE")
       ->allow_extra_args(false);
-  command->add_flag("--no-hidden", scan.choice.no_hidden, "Leave out names that begin with a dot");
+  command->add_flag("--no-hidden", scan.filter.no_hidden, "Leave out names that begin with a dot");
   command
       ->add_option("--roots-from", scan.roots_from,
                    "Also scan the directories listed in this file; '-' is standard input")
@@ -130,7 +130,7 @@ void add_time_budget(CLI::App *command, unsigned &seconds) {
 void add_scan_limits(CLI::App *command, ScanOptions &scan) {
   add_value(command, "--min-size", scan.min_size, parse_size, A_SIZE, "SIZE",
             "Smallest file looked at; 0 means every file that is not empty (default 64K)");
-  add_value(command, "--max-size", scan.choice.max_size, parse_size, A_SIZE, "SIZE",
+  add_value(command, "--max-size", scan.filter.max_size, parse_size, A_SIZE, "SIZE",
             "Largest file looked at (default: no limit)");
   add_value(command, "--max-depth", scan.max_depth, parse_depth, "a number from 0 to 2047", "N",
             "Do not read directories N levels below a root");
@@ -152,7 +152,7 @@ void add_scan(CLI::App &app, ScanOptions &scan) {
   command->add_option("--skip", scan.skips, "Leave out this file or directory (may be repeated)")
       ->type_name("PATH")
       ->allow_extra_args(false);
-  add_choice(command, scan);
+  add_filter_options(command, scan);
   add_scan_limits(command, scan);
   command->add_flag("--json", scan.json, "Print one JSON object");
   command->add_option("--html", scan.html, "Write a page with a picture of the findings")
@@ -216,8 +216,8 @@ void define(CLI::App &app, CommandLine &line) {
 }
 
 void check_scan(ScanOptions &scan) {
-  take_globs(scan.choice.excludes);
-  take_globs(scan.choice.includes);
+  take_globs(scan.filter.excludes);
+  take_globs(scan.filter.includes);
   const auto inputs = std::count(scan.exclude_lists.begin(), scan.exclude_lists.end(), "-") +
                       (scan.roots_from == "-" ? 1 : 0);
   if (scan.apply && scan.dry_run) {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "choice.h"
+#include "entry_filter.h"
 
 namespace tool {
 
@@ -24,7 +24,7 @@ struct ScanOptions {
   std::vector<std::string> roots;
   std::string roots_from;          // a file with more roots, "-" for standard input; empty: none
   bool ends_names_by_nul = false;  // in `roots_from`
-  ChoiceRules choice;
+  EntryFilterRules filter;
   std::vector<std::string> exclude_lists;  // files with more globs
   uint64_t min_size = 64 * 1024;
   int max_depth = 0;         // 0: no limit

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <memory>
 
-#include "choice.h"
 #include "display_name.h"
+#include "entry_filter.h"
 #include "exit_status.h"
 #include "guarded_open.h"
 #include "history.h"
@@ -87,13 +87,13 @@ class ScanCommand {
     state_ = state_directory(options_.state);
     skips_ = resolve_skips(options_.skips, !options_.quiet);
     report_.applied = options_.apply;
-    return choose() && prepare_state_directory(state_);
+    return determine_scope() && prepare_state_directory(state_);
   }
 
   // Determines what to scan.
-  bool choose() {
+  bool determine_scope() {
     std::vector<std::string> roots = options_.roots;
-    ChoiceRules rules = options_.choice;
+    EntryFilterRules rules = options_.filter;
     const char end = options_.ends_names_by_nul ? '\0' : '\n';
     if (!options_.roots_from.empty() && !read_list(options_.roots_from, end, roots)) {
       return false;
@@ -110,7 +110,7 @@ class ScanCommand {
     if (!resolve_roots(roots, report_.roots)) {
       return false;
     }
-    choice_ = Choice(rules, report_.roots);
+    filter_ = EntryFilter(rules, report_.roots);
     return true;
   }
 
@@ -184,11 +184,11 @@ class ScanCommand {
   std::string state_;
   RunLock lock_;
   std::vector<std::string> skips_;
-  Choice choice_;
+  EntryFilter filter_;
   OutputFile page_;
   Report report_;
   MergeRun merging_{limit_, log_, shows_progress_};
-  ScanRuns runs_{options_, report_.roots, skips_, choice_, state_, limit_, signals_};
+  ScanRuns runs_{options_, report_.roots, skips_, filter_, state_, limit_, signals_};
 };
 
 }  // namespace

@@ -14,12 +14,12 @@ velmarin::sis_entry_callback entry_watch = nullptr;
 
 namespace {
 
-const Choice *present_choice = nullptr;
+const EntryFilter *active_filter = nullptr;
 
 int filter_entry(int fd, const struct stat *status, const char *path, bool merges) {
   publish_stop_handle();
   ++probe_counts.entries;
-  if (present_choice != nullptr && present_choice->leaves_out(*status, path)) {
+  if (active_filter != nullptr && active_filter->leaves_out(*status, path)) {
     return -ECANCELED;
   }
   if (merges && S_ISREG(status->st_mode) && is_on_overlay(fd)) {
@@ -69,12 +69,12 @@ int noted_check(int fd, const char *path) {
 
 }  // namespace
 
-ChosenEntries::ChosenEntries(const Choice &choice) {
-  present_choice = &choice;
+ActiveEntryFilter::ActiveEntryFilter(const EntryFilter &filter) {
+  active_filter = &filter;
 }
 
-ChosenEntries::~ChosenEntries() {
-  present_choice = nullptr;
+ActiveEntryFilter::~ActiveEntryFilter() {
+  active_filter = nullptr;
 }
 
 velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool merges) {

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "choice.h"
+#include "entry_filter.h"
 #include "velmarin/scan.h"
 
 namespace tool {
@@ -19,18 +19,18 @@ struct ProbeCounts {
 };
 extern ProbeCounts probe_counts;
 
-// While an object lives, scans leave out what the choice leaves out, before any other probe sees
-// it. At most one object may live.
-class ChosenEntries {
+// While an object lives, scans apply this filter to each entry before any other probe sees it. At
+// most one object may live.
+class ActiveEntryFilter {
  public:
-  explicit ChosenEntries(const Choice &choice);
-  ~ChosenEntries();
-  ChosenEntries(const ChosenEntries &) = delete;
-  ChosenEntries &operator=(const ChosenEntries &) = delete;
+  explicit ActiveEntryFilter(const EntryFilter &filter);
+  ~ActiveEntryFilter();
+  ActiveEntryFilter(const ActiveEntryFilter &) = delete;
+  ActiveEntryFilter &operator=(const ActiveEntryFilter &) = delete;
 };
 
-// Called for each chosen directory and regular file before the library's own filter; a negative
-// result leaves the entry out. Set before a scan; null for none.
+// Called for each directory and regular file that passes the filter, before the library's own; a
+// negative result leaves the entry out. Set before a scan; null for none.
 extern velmarin::sis_entry_callback entry_watch;
 
 // The callback table of a scan that reports to `report`. Without `merges` the scan freezes nothing,

@@ -57,8 +57,8 @@ void add_counters(Counters &sum, const Counters &more) {
 int ScanRuns::run() {
   plan_roots();
   keeper_.open(state_, roots_, planned_.size() == 1);
-  const ChosenEntries chosen(choice_);
-  OmissionWatch omission_watch(omissions, choice_, skips_, smallest_size());
+  const ActiveEntryFilter active_filter(filter_);
+  OmissionWatch omission_watch(omissions, filter_, skips_, smallest_size());
   VolumeWatch watch(keeper_);
   watch.min_size = smallest_size();
   const int error = make_planned_runs(watch);
@@ -216,7 +216,7 @@ bool ScanRuns::is_left_out(uint64_t file_system) {
 
 // Files below the smallest size are seen too, just not compared.
 bool ScanRuns::looked_everywhere() const {
-  return options_.max_depth == 0 && skips_.empty() && !choice_.is_limiting() && !has_left_out_ &&
+  return options_.max_depth == 0 && skips_.empty() && !filter_.is_limiting() && !has_left_out_ &&
          !stop_requested();
 }
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "choice.h"
 #include "digest_keeper.h"
+#include "entry_filter.h"
 #include "findings.h"
 #include "omissions.h"
 #include "options.h"
@@ -20,15 +20,15 @@ namespace tool {
 
 class ScanRuns {
  public:
-  // `roots`, `skips`, `choice` and `state` must be final before `run`. All references must outlive
+  // `roots`, `skips`, `filter` and `state` must be final before `run`. All references must outlive
   // the object.
   ScanRuns(const ScanOptions &options, const std::vector<std::string> &roots,
-           const std::vector<std::string> &skips, const Choice &choice, const std::string &state,
-           const TimeLimit &limit, StopSignals &signals)
+           const std::vector<std::string> &skips, const EntryFilter &filter,
+           const std::string &state, const TimeLimit &limit, StopSignals &signals)
       : options_(options),
         roots_(roots),
         skips_(skips),
-        choice_(choice),
+        filter_(filter),
         state_(state),
         limit_(limit),
         signals_(signals) {}
@@ -64,7 +64,7 @@ class ScanRuns {
   const ScanOptions &options_;
   const std::vector<std::string> &roots_;
   const std::vector<std::string> &skips_;
-  const Choice &choice_;
+  const EntryFilter &filter_;
   const std::string &state_;
   const TimeLimit &limit_;
   StopSignals &signals_;

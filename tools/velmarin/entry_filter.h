@@ -1,4 +1,4 @@
-// Selects the entries below the roots that a scan examines.
+// Decides which entries below the roots a scan examines.
 #pragma once
 
 #include <sys/stat.h>
@@ -12,19 +12,19 @@
 
 namespace tool {
 
-struct ChoiceRules {
+struct EntryFilterRules {
   std::vector<std::string> excludes;  // globs; matches are left out, with everything below
   std::vector<std::string> includes;  // globs; if there are any, other files are left out
   bool no_hidden = false;             // names that begin with a dot are left out
   uint64_t max_size = UINT64_MAX;     // of files, in bytes
 };
 
-class Choice {
+class EntryFilter {
  public:
-  Choice() = default;
+  EntryFilter() = default;
 
   // The roots are absolute paths. A root below another one is still a root.
-  Choice(const ChoiceRules &rules, std::vector<std::string> roots);
+  EntryFilter(const EntryFilterRules &rules, std::vector<std::string> roots);
 
   // Whether any entry can be left out.
   bool is_limiting() const;

@@ -1,4 +1,4 @@
-#include "choice.h"
+#include "entry_filter.h"
 
 #include <algorithm>
 
@@ -12,18 +12,18 @@ bool match_any(const std::vector<Glob> &globs, std::string_view path, bool is_di
 
 }  // namespace
 
-Choice::Choice(const ChoiceRules &rules, std::vector<std::string> roots)
+EntryFilter::EntryFilter(const EntryFilterRules &rules, std::vector<std::string> roots)
     : excludes_(rules.excludes.begin(), rules.excludes.end()),
       includes_(rules.includes.begin(), rules.includes.end()),
       no_hidden_(rules.no_hidden),
       max_size_(rules.max_size),
       roots_(std::move(roots)) {}
 
-bool Choice::is_limiting() const {
+bool EntryFilter::is_limiting() const {
   return no_hidden_ || max_size_ != UINT64_MAX || !excludes_.empty() || !includes_.empty();
 }
 
-bool Choice::leaves_out(const struct stat &status, std::string_view path) const {
+bool EntryFilter::leaves_out(const struct stat &status, std::string_view path) const {
   if (!is_limiting()) {
     return false;
   }
@@ -38,7 +38,7 @@ bool Choice::leaves_out(const struct stat &status, std::string_view path) const 
 }
 
 // The part of the path below the innermost root, empty for a root itself.
-std::string_view Choice::below_root(std::string_view path) const {
+std::string_view EntryFilter::below_root(std::string_view path) const {
   size_t length = 0;
   for (const std::string &root : roots_) {
     const std::string_view rest = path.starts_with(root) ? path.substr(root.size()) : "no";
