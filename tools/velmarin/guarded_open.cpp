@@ -11,9 +11,9 @@
 #include <cstring>
 #include <string_view>
 
-#include "beneath.h"
 #include "message.h"
 #include "omission_watch.h"
+#include "open_beneath.h"
 #include "scan_probes.h"
 #include "stop_signal.h"
 
