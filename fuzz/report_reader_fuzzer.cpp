@@ -62,8 +62,8 @@ std::string edited_report(FuzzedDataProvider &input) {
 std::optional<tool::Report> parsed(const std::string &text) {
   try {
     return tool::parse_report(text);
-  } catch (const tool::ReportFault &fault) {
-    const std::string what = fault.what();
+  } catch (const tool::ReportError &error) {
+    const std::string what = error.what();
     require(!what.empty() && tool::escaped_name(what) == what, "a fault is told in harmless words");
     return std::nullopt;
   }

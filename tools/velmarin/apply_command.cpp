@@ -37,8 +37,8 @@ bool read_report(const std::string &file, Report &report) {
   try {
     report = parse_report(read_report_text(file));
     return true;
-  } catch (const ReportFault &fault) {
-    print_error("cannot use the report", file == "-" ? "on standard input" : file, fault.what());
+  } catch (const ReportError &error) {
+    print_error("cannot use the report", file == "-" ? "on standard input" : file, error.what());
     return false;
   }
 }

@@ -30,25 +30,27 @@ constexpr int DEPTH_MAX = 32;  // of nested lists and objects; a scan prints 6
 constexpr int64_t ERRNO_MAX = 4095;
 constexpr int64_t NANOSECONDS_MAX = 999'999'999;
 
-// An object of the report, and its place there.
+// An object of the report, and its location there.
 class Element {
  public:
-  Element(const Json &value, std::string place) : value_(value), place_(std::move(place)) {
+  Element(const Json &value, std::string location) : value_(value), location_(std::move(location)) {
     if (!value.is_object()) {
       fail("not an object");
     }
   }
 
-  [[noreturn]] void fail(const std::string &what) const { throw ReportFault(place_ + ": " + what); }
+  [[noreturn]] void fail(const std::string &what) const {
+    throw ReportError(location_ + ": " + what);
+  }
 
   bool has(const char *name) const { return value_.contains(name); }
 
   const Json &member(const char *name) const {
-    const auto place = value_.find(name);
-    if (place == value_.end()) {
+    const auto found = value_.find(name);
+    if (found == value_.end()) {
       fail(std::string(name) + " is missing");
     }
-    return *place;
+    return *found;
   }
 
   const std::string &text(const char *name) const {
@@ -74,7 +76,7 @@ class Element {
     return value.get<Number>();
   }
 
-  Element object(const char *name) const { return {member(name), place_ + ", " + name}; }
+  Element object(const char *name) const { return {member(name), location_ + ", " + name}; }
 
   // The bytes that the hexadecimal digits encode.
   std::string bytes(const char *name) const {
@@ -94,11 +96,11 @@ class Element {
 
  private:
   const Json &value_;
-  const std::string place_;
+  const std::string location_;
 };
 
 // Why no scan could have seen this path; null if one could.
-const char *path_fault(std::string_view path) {
+const char *path_error(std::string_view path) {
   if (!path.starts_with('/')) {
     return "path is not absolute";
   }
@@ -129,9 +131,9 @@ std::string path_of(const Element &element) {
   if (utf8_name(path) != shown) {
     element.fail("path and path_bytes are different names");
   }
-  const char *const fault = path == "/" ? nullptr : path_fault(path);
-  if (fault != nullptr) {
-    element.fail(fault);
+  const char *const error = path == "/" ? nullptr : path_error(path);
+  if (error != nullptr) {
+    element.fail(error);
   }
   return path;
 }
@@ -162,8 +164,8 @@ std::string numbered(const char *what, size_t number) {
   return std::string(what) + " " + std::to_string(number);
 }
 
-FoundGroup group_of(const Json &value, const std::string &place) {
-  const Element element(value, place);
+FoundGroup group_of(const Json &value, const std::string &location) {
+  const Element element(value, location);
   const auto size = element.number<uint64_t>("size", 1, INT64_MAX);
   const Digest digest = digest_of(element);
   const Json &files = element.member("files");
@@ -173,7 +175,7 @@ FoundGroup group_of(const Json &value, const std::string &place) {
   FoundGroup group;
   for (const Json &file : files) {
     group.files.push_back(
-        file_of(Element(file, place + numbered(", file", group.files.size() + 1))));
+        file_of(Element(file, location + numbered(", file", group.files.size() + 1))));
     group.files.back().size = size;
     group.files.back().digest = digest;
   }
@@ -190,7 +192,7 @@ class ReportParser {
         });
     for (const char *const name : {"format", "roots", "groups"}) {
       if (!complete_.contains(name)) {
-        throw ReportFault(std::string(name) + " is missing");
+        throw ReportError(std::string(name) + " is missing");
       }
     }
     return std::move(report_);
@@ -214,7 +216,7 @@ class ReportParser {
 
   void begin(int depth) {
     if (depth >= DEPTH_MAX) {
-      throw ReportFault(place() + "lists and objects lie too deep in each other");
+      throw ReportError(location() + "lists and objects lie too deep in each other");
     }
     keys_.resize(static_cast<size_t>(depth) + 1);
     keys_.back().clear();
@@ -222,7 +224,7 @@ class ReportParser {
 
   void take_key(int depth, const std::string &key) {
     if (!keys_[static_cast<size_t>(depth) - 1].insert(key).second) {
-      throw ReportFault(place() + escaped_name(key) + " is there twice");
+      throw ReportError(location() + escaped_name(key) + " is there twice");
     }
     if (depth == 1) {
       member_ = key;
@@ -231,7 +233,7 @@ class ReportParser {
 
   bool take_value(int depth, const Json &value) {
     if (depth == 0 && !value.is_object()) {
-      throw ReportFault("not an object");
+      throw ReportError("not an object");
     }
     if (depth == 1) {
       take_member(value);
@@ -241,23 +243,23 @@ class ReportParser {
       report_.findings.groups.push_back(group_of(value, numbered("group", number)));
     }
     if (depth == 2 && member_ == "roots") {
-      const std::string place = numbered("root", report_.roots.size() + 1);
-      report_.roots.push_back(path_of(Element(value, place)));
+      const std::string location = numbered("root", report_.roots.size() + 1);
+      report_.roots.push_back(path_of(Element(value, location)));
     }
     return depth > 2 && (member_ == "groups" || member_ == "roots");
   }
 
   void take_member(const Json &value) {
     if (member_ == "format" && value != FORMAT) {
-      throw ReportFault("format is not " + std::to_string(FORMAT));
+      throw ReportError("format is not " + std::to_string(FORMAT));
     }
     if ((member_ == "groups" || member_ == "roots") && !value.is_array()) {
-      throw ReportFault(member_ + " is not a list");
+      throw ReportError(member_ + " is not a list");
     }
     complete_.insert(member_);
   }
 
-  std::string place() const {
+  std::string location() const {
     return member_ == "groups" && !complete_.contains(member_)
                ? numbered("group", report_.findings.groups.size() + 1) + ": "
                : "";
@@ -309,17 +311,17 @@ void check_paths(const Report &report) {
   std::unordered_set<std::string_view> paths;
   size_t group_number = 0;
   for (const FoundGroup &group : report.findings.groups) {
-    const std::string place = numbered("group", ++group_number) + ", file ";
+    const std::string location = numbered("group", ++group_number) + ", file ";
     for (size_t i = 0; i < group.files.size(); ++i) {
       const std::string &path = group.files[i].path;
-      const char *const fault =
+      const char *const error =
           std::none_of(report.roots.begin(), report.roots.end(),
                        [&](const std::string &root) { return is_below(path, root); })
               ? ": path is not below any root"
           : !paths.insert(path).second ? ": duplicate path"
                                        : nullptr;
-      if (fault != nullptr) {
-        throw ReportFault(place + std::to_string(i + 1) + fault);
+      if (error != nullptr) {
+        throw ReportError(location + std::to_string(i + 1) + error);
       }
     }
   }
@@ -353,16 +355,16 @@ int read_all(int fd, std::string &text) {
 std::string read_report_text(const std::string &file) {
   const int fd = open_input(file);
   if (fd < 0) {
-    throw ReportFault(std::strerror(errno));
+    throw ReportError(std::strerror(errno));
   }
   std::string text;
   const int error = read_all(fd, text);
   close(fd);
   if (error == EFBIG) {
-    throw ReportFault("larger than 512 MiB");
+    throw ReportError("larger than 512 MiB");
   }
   if (error != 0) {
-    throw ReportFault(std::strerror(error));
+    throw ReportError(std::strerror(error));
   }
   return text;
 }
@@ -372,15 +374,15 @@ Report parse_report(std::string text) {
   try {
     Report report = ReportParser().run(text);
     if (report.roots.empty()) {
-      throw ReportFault("roots is empty");
+      throw ReportError("roots is empty");
     }
     check_paths(report);
     return report;
   } catch (const Json::parse_error &error) {
-    throw ReportFault(line_and_column(text, error.byte) +
+    throw ReportError(line_and_column(text, error.byte) +
                       (error.byte > text.size() ? ": ends too early" : ": not valid JSON"));
   } catch (const Json::out_of_range &) {
-    throw ReportFault("a number is out of range");
+    throw ReportError("a number is out of range");
   }
 }
 

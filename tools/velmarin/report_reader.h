@@ -9,16 +9,16 @@
 
 namespace tool {
 
-// Why a report is rejected: one line that names the place, such as "group 2, file 1: ...".
-class ReportFault : public std::runtime_error {
+// Why a report is rejected: one line that names the location, such as "group 2, file 1: ...".
+class ReportError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// The text of the file, or of standard input for "-". Throws ReportFault.
+// The text of the file, or of standard input for "-". Throws ReportError.
 std::string read_report_text(const std::string &file);
 
-// The roots and groups of a report, in its order; ignores the other parts. Throws ReportFault
+// The roots and groups of a report, in its order; ignores the other parts. Throws ReportError
 // unless all of it is usable.
 Report parse_report(std::string text);
 
