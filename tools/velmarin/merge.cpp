@@ -31,7 +31,7 @@ bool has_copy_of(const FoundFile &file, const FoundFile &source) {
 bool is_one_copy(const FoundGroup &group, const Share &share) {
   const FoundFile &source = group.files[share.files.front()];
   return std::all_of(share.files.begin(), share.files.end(),
-                     [&](size_t place) { return has_copy_of(group.files[place], source); });
+                     [&](size_t index) { return has_copy_of(group.files[index], source); });
 }
 
 // Whether there are several copies of the data, and merging them is worthwhile.
@@ -42,9 +42,9 @@ bool has_work(const FoundGroup &group, const Share &share) {
 // The library puts the error of a failed call at the end of its line.
 std::string logged_reason(const LogLines &log) {
   const std::string message = log.last_message();
-  const size_t place = message.rfind(" returned ");
-  return place == std::string::npos ? "cannot make a layered inode"
-                                    : message.substr(place + std::strlen(" returned "));
+  const size_t found = message.rfind(" returned ");
+  return found == std::string::npos ? "cannot make a layered inode"
+                                    : message.substr(found + std::strlen(" returned "));
 }
 
 // Opens a file as the source of its share. Returns its descriptor, or -1 with the outcome set.
@@ -87,14 +87,14 @@ class ShareMerge {
     if (fd < 0) {
       return;
     }
-    for (const size_t place : share_.files) {
-      FoundFile &file = group_.files[place];
-      if (place == source_) {
+    for (const size_t index : share_.files) {
+      FoundFile &file = group_.files[index];
+      if (index == source_) {
         set_outcome(file, Outcome::source);
       } else if (has_copy_of(file, group_.files[source_])) {
         set_outcome(file, Outcome::already_shared);
       } else if (file.outcome != Outcome::changed) {
-        merge(place, fd);  // even if refused as the source: it may work as a target
+        merge(index, fd);  // even if refused as the source: it may work as a target
       }
     }
     close(fd);
@@ -104,13 +104,13 @@ class ShareMerge {
   // Picks the first file that can be the source. The outcomes of those before it say why they
   // cannot.
   int open_source() {
-    for (const size_t place : share_.files) {
+    for (const size_t index : share_.files) {
       if (stop_requested()) {
         return -1;
       }
-      const int fd = open_as_source(group_.files[place], log_);
+      const int fd = open_as_source(group_.files[index], log_);
       if (fd >= 0) {
-        source_ = place;
+        source_ = index;
         return fd;
       }
     }
@@ -119,26 +119,26 @@ class ShareMerge {
 
   std::vector<ExtentMap> maps_before() const {
     std::vector<ExtentMap> maps(group_.files.size());
-    for (const size_t place : share_.files) {
-      maps[place] = extents_of(group_.files[place], volumes_);
+    for (const size_t index : share_.files) {
+      maps[index] = extents_of(group_.files[index], volumes_);
     }
     return maps;
   }
 
-  void merge(size_t place, int source_fd) {
-    const FoundFile &file = group_.files[place];
+  void merge(size_t index, int source_fd) {
+    const FoundFile &file = group_.files[index];
     if (stop_requested()) {
       return;
     }
     progress_.current_file_bytes = file.state.allocated_bytes;
     ahead_.reach(file);
-    try_merge(place, source_fd);
+    try_merge(index, source_fd);
     progress_.bytes_done += file.state.allocated_bytes;
     ++progress_.files_done;
   }
 
-  void try_merge(size_t place, int source_fd) {
-    FoundFile &file = group_.files[place];
+  void try_merge(size_t index, int source_fd) {
+    FoundFile &file = group_.files[index];
     if (!is_unchanged(file)) {
       set_outcome(file, Outcome::changed, CHANGED);
       return;
@@ -151,21 +151,21 @@ class ShareMerge {
     }
     set_outcome(file, Outcome::merged);
     if (share_.can_share) {
-      count_freed(place);
+      count_freed(index);
     }
   }
 
-  void count_freed(size_t place) {
-    const FoundFile &file = group_.files[place];
+  void count_freed(size_t index) {
+    const FoundFile &file = group_.files[index];
     const ExtentMap map = extents_of(file, volumes_);
-    if (!map.is_known || !maps_[place].is_known) {
+    if (!map.is_known || !maps_[index].is_known) {
       unknown_bytes_ += file.state.allocated_bytes;
     } else {
-      account_.remove(maps_[place]);
+      account_.remove(maps_[index]);
       account_.add(map);
     }
     const uint64_t before = share_.freed.certain;
-    share_.freed = account_.given_back();
+    share_.freed = account_.freed();
     share_.freed.uncertain += unknown_bytes_;
     progress_.freed_bytes += share_.freed.certain - before;
   }
@@ -184,8 +184,8 @@ class ShareMerge {
 
 void mark_idle(FoundGroup &group, const Share &share) {
   const bool shares_all = is_one_copy(group, share);
-  for (const size_t place : share.files) {
-    FoundFile &file = group.files[place];
+  for (const size_t index : share.files) {
+    FoundFile &file = group.files[index];
     if (share.files.size() == 1) {
       set_outcome(file, Outcome::alone);
     } else if (shares_all) {
@@ -202,8 +202,8 @@ void merge_share(FoundGroup &group, Share &share, const Volumes &volumes, LogLin
     mark_idle(group, share);
     return;
   }
-  for (const size_t place : share.files) {
-    set_outcome(group.files[place], Outcome::not_tried);
+  for (const size_t index : share.files) {
+    set_outcome(group.files[index], Outcome::not_tried);
   }
   if (!stop_requested()) {
     ShareMerge(group, share, volumes, log, progress, ahead).run();
@@ -220,8 +220,8 @@ void visit_work(const Findings &findings, Visit visit) {
         continue;
       }
       const FoundFile &source = group.files[share.files.front()];
-      for (const size_t place : share.files) {
-        const FoundFile &file = group.files[place];
+      for (const size_t index : share.files) {
+        const FoundFile &file = group.files[index];
         if (&file == &source || !has_copy_of(file, source)) {
           visit(file, &file == &source);
         }

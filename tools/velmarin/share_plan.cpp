@@ -21,18 +21,18 @@ std::vector<Copy> copies_of(FoundGroup &group, const Share &share,
   std::vector<Copy> copies;
   std::map<std::vector<MappedData>, size_t> by_data;
   std::map<uint32_t, size_t> by_layer;
-  for (const size_t place : share.files) {
-    FileState &state = group.files[place].state;
+  for (const size_t index : share.files) {
+    FileState &state = group.files[index].state;
     size_t number = copies.size();
-    if (maps[place].is_known) {
-      number = by_data.try_emplace(maps[place].data, number).first->second;
+    if (maps[index].is_known) {
+      number = by_data.try_emplace(maps[index].data, number).first->second;
     } else if (state.layer != 0) {
       number = by_layer.try_emplace(state.layer, number).first->second;
     }
     if (number == copies.size()) {
       copies.emplace_back();
     }
-    copies[number].files.push_back(place);
+    copies[number].files.push_back(index);
     copies[number].is_layered |= state.layer != 0;
     state.copy = static_cast<uint32_t>(number);
   }
@@ -40,16 +40,17 @@ std::vector<Copy> copies_of(FoundGroup &group, const Share &share,
 }
 
 // Works out what each copy occupies alone.
-void weigh(std::vector<Copy> &copies, const std::vector<ExtentMap> &maps, SpaceAccount &account) {
+void compute_freed_bytes(std::vector<Copy> &copies, const std::vector<ExtentMap> &maps,
+                         SpaceAccount &account) {
   for (Copy &copy : copies) {
-    for (const size_t place : copy.files) {
-      account.remove(maps[place]);
-      account.keep_rest(maps[place]);
+    for (const size_t index : copy.files) {
+      account.remove(maps[index]);
+      account.add_tail(maps[index]);
     }
-    copy.freed_bytes = account.given_back().certain;
-    for (const size_t place : copy.files) {
-      account.drop_rest(maps[place]);
-      account.add(maps[place]);
+    copy.freed_bytes = account.freed().certain;
+    for (const size_t index : copy.files) {
+      account.remove_tail(maps[index]);
+      account.add(maps[index]);
     }
   }
 }
@@ -79,32 +80,32 @@ void sort_files(FoundGroup &group, Share &share, const std::vector<Copy> &copies
 // Simulates merging all other copies.
 Space reclaimable(const FoundGroup &group, const Share &share, const std::vector<ExtentMap> &maps,
                   SpaceAccount &account, bool is_btrfs) {
-  const size_t source_place = share.files.front();
-  const uint32_t source = group.files[source_place].state.copy;
+  const size_t source_index = share.files.front();
+  const uint32_t source = group.files[source_index].state.copy;
   Space unknown;
-  for (const size_t place : share.files) {
-    const FileState &state = group.files[place].state;
+  for (const size_t index : share.files) {
+    const FileState &state = group.files[index].state;
     if (state.copy == source) {
       continue;
     }
-    if (!maps[place].is_known) {
+    if (!maps[index].is_known) {
       unknown.uncertain += state.allocated_bytes;
     }
-    account.remove(maps[place]);
-    account.keep_rest(maps[place]);
+    account.remove(maps[index]);
+    account.add_tail(maps[index]);
     if (!is_btrfs) {
-      account.keep_common_reserve(maps[place], maps[source_place]);
+      account.add_common_unwritten(maps[index], maps[source_index]);
     }
   }
-  unknown += account.given_back();
+  unknown += account.freed();
   return unknown;
 }
 
 uint64_t unmerged_bytes(const FoundGroup &group, const Share &share) {
   uint64_t bytes = 0;
   std::set<uint32_t> counted = {group.files[share.files.front()].state.copy};
-  for (const size_t place : share.files) {
-    const FileState &state = group.files[place].state;
+  for (const size_t index : share.files) {
+    const FileState &state = group.files[index].state;
     if (counted.insert(state.copy).second) {
       bytes += state.allocated_bytes;
     }
@@ -140,7 +141,7 @@ void plan_share(FoundGroup &group, Share &share, const std::vector<ExtentMap> &m
     SpaceAccount account = account_of(volume, maps);
     share.saved_bytes = account.shared_bytes();
     if (copies.size() > 1) {
-      weigh(copies, maps, account);
+      compute_freed_bytes(copies, maps, account);
     }
     sort_files(group, share, copies);
     share.reclaimable = reclaimable(group, share, maps, account, volume.is_btrfs);

@@ -11,15 +11,15 @@ void SpaceAccount::split_at(uint64_t address) {
   if (next == segments_.begin()) {
     return;
   }
-  const auto place = std::prev(next);
-  if (place->first == address || place->second.end <= address) {
+  const auto position = std::prev(next);
+  if (position->first == address || position->second.end <= address) {
     return;
   }
-  Segment tail = place->second;
-  Segment &head = place->second;
+  Segment tail = position->second;
+  Segment &head = position->second;
   head.end = address;
   if (head.is_size_known) {
-    head.bytes = head.end - place->first;
+    head.bytes = head.end - position->first;
     tail.bytes = tail.end - address;
   }
   segments_.emplace_hint(next, address, tail);
@@ -34,29 +34,30 @@ Space SpaceAccount::space_of(uint64_t address, Segment &segment) {
 }
 
 // Adds a segment for a range that no segment covers. Returns its position.
-SpaceAccount::Segments::iterator SpaceAccount::cover(Segments::iterator place, uint64_t begin,
-                                                     uint64_t end, const HeldRange &range) {
+SpaceAccount::Segments::iterator SpaceAccount::add_segment(Segments::iterator position,
+                                                           uint64_t begin, uint64_t end,
+                                                           const HeldRange &range) {
   Segment segment;
   segment.end = end;
   segment.bytes = range.is_size_known ? end - begin : range.bytes;
   segment.is_size_known = range.is_size_known;
-  return segments_.emplace_hint(place, begin, segment);
+  return segments_.emplace_hint(position, begin, segment);
 }
 
-void SpaceAccount::refer(const HeldRange &range) {
+void SpaceAccount::add_reference(const HeldRange &range) {
   split_at(range.begin);
   split_at(range.end);
   for (uint64_t begin = range.begin; begin < range.end;) {
-    auto place = segments_.lower_bound(begin);
-    if (place == segments_.end() || place->first > begin) {
-      const uint64_t next = place == segments_.end() ? range.end : place->first;
-      place = cover(place, begin, std::min(next, range.end), range);
-    } else if (place->second.references == 0) {
-      const Space space = space_of(place->first, place->second);
-      given_back_.certain -= space.certain;
-      given_back_.uncertain -= space.uncertain;
+    auto position = segments_.lower_bound(begin);
+    if (position == segments_.end() || position->first > begin) {
+      const uint64_t next = position == segments_.end() ? range.end : position->first;
+      position = add_segment(position, begin, std::min(next, range.end), range);
+    } else if (position->second.references == 0) {
+      const Space space = space_of(position->first, position->second);
+      freed_.certain -= space.certain;
+      freed_.uncertain -= space.uncertain;
     }
-    Segment &segment = place->second;
+    Segment &segment = position->second;
     ++segment.references;
     segment.is_shared |= range.is_shared;
     if (!segment.is_size_known) {
@@ -66,52 +67,52 @@ void SpaceAccount::refer(const HeldRange &range) {
   }
 }
 
-void SpaceAccount::release(const HeldRange &range) {
-  for (auto place = segments_.lower_bound(range.begin);
-       place != segments_.end() && place->first < range.end; ++place) {
-    if (--place->second.references == 0) {
-      given_back_ += space_of(place->first, place->second);
+void SpaceAccount::drop_reference(const HeldRange &range) {
+  for (auto position = segments_.lower_bound(range.begin);
+       position != segments_.end() && position->first < range.end; ++position) {
+    if (--position->second.references == 0) {
+      freed_ += space_of(position->first, position->second);
     }
   }
 }
 
 void SpaceAccount::add(const ExtentMap &map) {
   for (const HeldRange &range : map.held) {
-    refer(range);
+    add_reference(range);
   }
 }
 
 void SpaceAccount::remove(const ExtentMap &map) {
   for (const HeldRange &range : map.held) {
-    release(range);
+    drop_reference(range);
   }
 }
 
-void SpaceAccount::keep_rest(const ExtentMap &map) {
+void SpaceAccount::add_tail(const ExtentMap &map) {
   for (const HeldRange &range : map.held) {
     if (range.is_beyond_end) {
-      refer(range);
+      add_reference(range);
     }
   }
 }
 
-void SpaceAccount::drop_rest(const ExtentMap &map) {
+void SpaceAccount::remove_tail(const ExtentMap &map) {
   for (const HeldRange &range : map.held) {
     if (range.is_beyond_end) {
-      release(range);
+      drop_reference(range);
     }
   }
 }
 
-void SpaceAccount::keep_common_reserve(const ExtentMap &map, const ExtentMap &source) {
+void SpaceAccount::add_common_unwritten(const ExtentMap &map, const ExtentMap &source) {
   for (const MappedData &own : map.reserved) {
     for (const MappedData &other : source.reserved) {
       const uint64_t begin = std::max(own.offset, other.offset);
       const uint64_t end = std::min(own.offset + own.length, other.offset + other.length);
       if (begin < end) {
-        refer({.begin = own.address + (begin - own.offset),
-               .end = own.address + (end - own.offset),
-               .bytes = end - begin});
+        add_reference({.begin = own.address + (begin - own.offset),
+                       .end = own.address + (end - own.offset),
+                       .bytes = end - begin});
       }
     }
   }

@@ -22,14 +22,14 @@ class SpaceAccount {
   void remove(const ExtentMap &map);
 
   // Adds what the file keeps once it shares the data of another: the ranges beyond its end.
-  void keep_rest(const ExtentMap &map);
-  void drop_rest(const ExtentMap &map);  // undoes that
+  void add_tail(const ExtentMap &map);
+  void remove_tail(const ExtentMap &map);  // undoes that
 
   // Adds what XFS leaves to `map` after merging: its own blocks where neither file has written any.
-  void keep_common_reserve(const ExtentMap &map, const ExtentMap &source);
+  void add_common_unwritten(const ExtentMap &map, const ExtentMap &source);
 
   // Space that the files no longer refer to.
-  const Space &given_back() const { return given_back_; }
+  const Space &freed() const { return freed_; }
 
   // What separate copies would occupy in addition.
   uint64_t shared_bytes() const;
@@ -46,16 +46,16 @@ class SpaceAccount {
   };
   using Segments = std::map<uint64_t, Segment>;
 
-  void refer(const HeldRange &range);
-  void release(const HeldRange &range);
+  void add_reference(const HeldRange &range);
+  void drop_reference(const HeldRange &range);
   void split_at(uint64_t address);
-  Segments::iterator cover(Segments::iterator place, uint64_t begin, uint64_t end,
-                           const HeldRange &range);
+  Segments::iterator add_segment(Segments::iterator position, uint64_t begin, uint64_t end,
+                                 const HeldRange &range);
   Space space_of(uint64_t address, Segment &segment);
 
   std::function<bool(uint64_t)> is_held_elsewhere_;
   Segments segments_;
-  Space given_back_;
+  Space freed_;
 };
 
 }  // namespace tool

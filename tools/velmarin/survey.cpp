@@ -70,10 +70,10 @@ class Survey {
   void examine_group(FoundGroup &group) {
     sort_by_path(group.files);
     std::vector<ExtentMap> maps(group.files.size());
-    for (size_t place = 0; place < group.files.size(); ++place) {
-      FoundFile &file = group.files[place];
-      file.state = examine(file, &maps[place]);
-      file.state.is_inline = maps[place].is_inline;
+    for (size_t index = 0; index < group.files.size(); ++index) {
+      FoundFile &file = group.files[index];
+      file.state = examine(file, &maps[index]);
+      file.state.is_inline = maps[index].is_inline;
       const Volume *const volume = volumes_.find(file.state.device);
       file.state.can_share = volume != nullptr && volume->can_share;
     }
@@ -127,8 +127,8 @@ class Survey {
 
   std::vector<Share> shares_of(const FoundGroup &group) const {
     std::map<dev_t, Share> by_volume;
-    for (size_t place = 0; place < group.files.size(); ++place) {
-      const FileState &state = group.files[place].state;
+    for (size_t index = 0; index < group.files.size(); ++index) {
+      const FileState &state = group.files[index].state;
       if (state.error != 0 || !state.unchanged || state.is_inline) {
         continue;
       }
@@ -136,7 +136,7 @@ class Survey {
       Share &share = by_volume[volume.id];
       share.volume = volume.id;
       share.can_share = volume.can_share;
-      share.files.push_back(place);
+      share.files.push_back(index);
     }
     std::vector<Share> shares;
     shares.reserve(by_volume.size());
@@ -149,8 +149,8 @@ class Survey {
   // The extents of the files of one share, at the same indexes.
   static std::vector<ExtentMap> maps_of(const Share &share, std::vector<ExtentMap> &maps) {
     std::vector<ExtentMap> own(maps.size());
-    for (const size_t place : share.files) {
-      own[place] = std::move(maps[place]);
+    for (const size_t index : share.files) {
+      own[index] = std::move(maps[index]);
     }
     return own;
   }
@@ -178,7 +178,7 @@ class GracePeriod {
 };
 
 // The sort key of a group.
-std::array<uint64_t, 3> weight(const FoundGroup &group) {
+std::array<uint64_t, 3> sort_key(const FoundGroup &group) {
   const Space space = group.reclaimable();
   return {space.certain, space.uncertain, group.unmerged_bytes()};
 }
@@ -219,8 +219,8 @@ void survey(Findings &findings, Volumes &volumes, bool before_merging) {
   }
   std::sort(findings.groups.begin(), findings.groups.end(),
             [](const FoundGroup &a, const FoundGroup &b) {
-              const auto left = weight(a);
-              const auto right = weight(b);
+              const auto left = sort_key(a);
+              const auto right = sort_key(b);
               return left != right ? left > right : a.files.front().path < b.files.front().path;
             });
 }
