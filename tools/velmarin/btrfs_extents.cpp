@@ -76,17 +76,17 @@ std::optional<std::vector<FileExtent>> file_extents(int fd, const Inode &inode) 
     if (ioctl(fd, BTRFS_IOC_TREE_SEARCH_V2, search) != 0) {
       return std::nullopt;
     }
-    const char *place = reinterpret_cast<const char *>(search->buf);
-    const char *const end = place + SEARCH_BYTES;
+    const char *cursor = reinterpret_cast<const char *>(search->buf);
+    const char *const end = cursor + SEARCH_BYTES;
     for (uint32_t i = 0; i < search->key.nr_items; ++i) {
       btrfs_ioctl_search_header header = {};
-      std::memcpy(&header, place, sizeof header);
-      place += sizeof header;
-      add_extent(place, header.len, header.offset, extents);
-      place += header.len;
+      std::memcpy(&header, cursor, sizeof header);
+      cursor += sizeof header;
+      add_extent(cursor, header.len, header.offset, extents);
+      cursor += header.len;
       offset = header.offset + 1;
     }
-    if (search->key.nr_items == 0 || static_cast<size_t>(end - place) >= ITEM_BYTES) {
+    if (search->key.nr_items == 0 || static_cast<size_t>(end - cursor) >= ITEM_BYTES) {
       return extents;
     }
   }

@@ -52,10 +52,10 @@ ssize_t read_fully(int fd, Buffer &buffer, off_t offset) {
 
 // Appends the records in `bytes` to `digests`. Returns whether all of them are intact.
 bool take_entries(const Buffer &buffer, size_t bytes, SavedDigests &digests) {
-  for (size_t place = 0; place + ENTRY_SIZE <= bytes; place += ENTRY_SIZE) {
-    const unsigned char *const record = buffer.data() + place + CHECKSUM_SIZE;
+  for (size_t offset = 0; offset + ENTRY_SIZE <= bytes; offset += ENTRY_SIZE) {
+    const unsigned char *const record = buffer.data() + offset + CHECKSUM_SIZE;
     uint64_t checksum = 0;
-    std::memcpy(&checksum, buffer.data() + place, CHECKSUM_SIZE);
+    std::memcpy(&checksum, buffer.data() + offset, CHECKSUM_SIZE);
     if (checksum != checksum_of(record)) {
       return false;
     }

@@ -112,7 +112,7 @@ void add_extent(ExtentMap &map, fiemap_extent extent, uint64_t end, uint64_t blo
 bool is_shared_at(const std::vector<fiemap_extent> &extents, uint64_t offset) {
   const auto next = std::upper_bound(
       extents.begin(), extents.end(), offset,
-      [](uint64_t place, const fiemap_extent &extent) { return place < extent.fe_logical; });
+      [](uint64_t wanted, const fiemap_extent &extent) { return wanted < extent.fe_logical; });
   return next != extents.begin() && has(*(next - 1), FIEMAP_EXTENT_SHARED);
 }
 
@@ -120,15 +120,15 @@ bool is_shared_at(const std::vector<fiemap_extent> &extents, uint64_t offset) {
 std::vector<HeldRange> whole_extents(const std::vector<btrfs::FileExtent> &file,
                                      const std::vector<fiemap_extent> &extents, uint64_t end) {
   std::vector<HeldRange> held;
-  std::map<uint64_t, size_t> places;  // in `held`, by the first address
+  std::map<uint64_t, size_t> indices;  // in `held`, by the first address
   for (const btrfs::FileExtent &extent : file) {
-    const auto [place, is_new] = places.try_emplace(extent.disk_begin, held.size());
+    const auto [entry, is_new] = indices.try_emplace(extent.disk_begin, held.size());
     if (is_new) {
       held.push_back({.begin = extent.disk_begin,
                       .end = extent.disk_begin + extent.disk_bytes,
                       .bytes = extent.disk_bytes});
     }
-    HeldRange &range = held[place->second];
+    HeldRange &range = held[entry->second];
     range.is_shared |= is_shared_at(extents, extent.offset);
     range.is_beyond_end |= extent.offset + extent.length > end;
   }

@@ -11,7 +11,7 @@
 
 namespace tool {
 
-// A range of a file, and its place on disk. Two files with the same `data` share all their data.
+// A range of a file, and where it is on disk. Two files with the same `data` share all their data.
 struct MappedData {
   uint64_t offset = 0;
   uint64_t length = 0;

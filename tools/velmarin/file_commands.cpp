@@ -89,9 +89,9 @@ bool refuse_same_file(const Files &files) {
     if (stat(file.c_str(), &status) != 0) {
       continue;
     }
-    const auto [place, is_new] = met.emplace(std::pair(status.st_dev, status.st_ino), &file);
+    const auto [earlier, is_new] = met.emplace(std::pair(status.st_dev, status.st_ino), &file);
     if (!is_new) {
-      return !refuse(file, "same file as " + escaped_name(*place->second));
+      return !refuse(file, "same file as " + escaped_name(*earlier->second));
     }
   }
   return false;

@@ -129,25 +129,25 @@ bool Glob::matches_text(std::string_view text) const {
   Star star;
   Star deep;
   size_t token = 0;
-  size_t place = 0;
-  while (token < tokens_.size() || place < text.size()) {
+  size_t position = 0;
+  while (token < tokens_.size() || position < text.size()) {
     const Kind kind = token < tokens_.size() ? tokens_[token].kind : Kind::character;
     if (kind == Kind::star) {
-      star = {true, token++, place};
+      star = {true, token++, position};
     } else if (kind == Kind::deep_star || kind == Kind::directories) {
-      deep = {true, token++, place};
+      deep = {true, token++, position};
       star = {};
-    } else if (token < tokens_.size() && place < text.size() &&
-               takes(tokens_[token], character_at(text.substr(place)))) {
+    } else if (token < tokens_.size() && position < text.size() &&
+               takes(tokens_[token], character_at(text.substr(position)))) {
       ++token;
-      place += character_length(text.substr(place));
+      position += character_length(text.substr(position));
     } else if (extend(star, Kind::star, text)) {
       token = star.token + 1;
-      place = star.end;
+      position = star.end;
     } else if (deep.is_met && extend(deep, tokens_[deep.token].kind, text)) {
       star = {};
       token = deep.token + 1;
-      place = deep.end;
+      position = deep.end;
     } else {
       return false;
     }

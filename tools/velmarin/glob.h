@@ -33,7 +33,7 @@ class Glob {
     bool is_negated = false;
     std::vector<Range> ranges = {};
   };
-  // A star's place in the pattern, and the end of the text that it matches.
+  // A star's position in the pattern, and the end of the text that it matches.
   struct Star {
     bool is_met = false;
     size_t token = 0;

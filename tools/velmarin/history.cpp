@@ -51,18 +51,18 @@ std::optional<HistoryEntry> parse_entry(std::string_view line) {
   const Json object = Json::parse(line, nullptr, false);
   HistoryEntry entry;
   for (const NumberField &field : NUMBERS) {
-    const auto place = object.find(field.name);
-    if (place == object.end() || !place->is_number_unsigned()) {
+    const auto found = object.find(field.name);
+    if (found == object.end() || !found->is_number_unsigned()) {
       return std::nullopt;
     }
-    entry.*field.value = place->get<uint64_t>();
+    entry.*field.value = found->get<uint64_t>();
   }
   for (const MarkField &field : MARKS) {
-    const auto place = object.find(field.name);
-    if (place == object.end() || !place->is_boolean()) {
+    const auto found = object.find(field.name);
+    if (found == object.end() || !found->is_boolean()) {
       return std::nullopt;
     }
-    entry.*field.value = place->get<bool>();
+    entry.*field.value = found->get<bool>();
   }
   return entry;
 }

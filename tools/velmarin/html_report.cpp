@@ -128,8 +128,8 @@ Json figures(const Report &report) {
 // Repeated texts, each stored once.
 class TextTable {
  public:
-  size_t place_of(const std::string &text) {
-    const auto [found, is_new] = places_.try_emplace(text, texts_.size());
+  size_t index_of(const std::string &text) {
+    const auto [found, is_new] = indices_.try_emplace(text, texts_.size());
     if (is_new) {
       texts_.push_back(escaped_name(text));
     }
@@ -139,7 +139,7 @@ class TextTable {
   const Json &texts() const { return texts_; }
 
  private:
-  std::unordered_map<std::string, size_t> places_;
+  std::unordered_map<std::string, size_t> indices_;
   Json texts_ = Json::array();
 };
 
@@ -150,23 +150,23 @@ class FileData {
     Json shares = Json::array();
     std::vector<int> share_of(group.files.size(), -1);
     for (const Share &share : group.shares) {
-      for (const size_t place : share.files) {
-        share_of[place] = static_cast<int>(shares.size());
+      for (const size_t index : share.files) {
+        share_of[index] = static_cast<int>(shares.size());
       }
       shares.push_back(share_data(share));
     }
     Json files = Json::array();
-    for (size_t place = 0; place < group.files.size(); ++place) {
-      files.push_back(file(group.files[place], share_of[place]));
+    for (size_t index = 0; index < group.files.size(); ++index) {
+      files.push_back(file(group.files[index], share_of[index]));
     }
     return {group.size(), std::move(shares), std::move(files)};
   }
 
   Json file(const FoundFile &file, int share) {
     const size_t name = file.path.rfind('/') + 1;
-    Json data = {directories_.place_of(file.path.substr(0, name)),
+    Json data = {directories_.index_of(file.path.substr(0, name)),
                  escaped_name(std::string_view(file.path).substr(name)),
-                 words_.place_of(file_word(file)), share};
+                 words_.index_of(file_word(file)), share};
     if (!file.reason.empty()) {
       data.push_back(escaped_name(file.reason));
     }
@@ -259,10 +259,10 @@ void embed_data(std::string &page, const Report &report, const PageContext &cont
 
 std::string html_report(const Report &report, const PageContext &context) {
   const std::string frame = page_frame();
-  const size_t place = frame.find(DATA_PLACEHOLDER);
-  std::string page = frame.substr(0, place);
+  const size_t data_begin = frame.find(DATA_PLACEHOLDER);
+  std::string page = frame.substr(0, data_begin);
   embed_data(page, report, context);
-  return page + frame.substr(place + DATA_PLACEHOLDER.size());
+  return page + frame.substr(data_begin + DATA_PLACEHOLDER.size());
 }
 
 }  // namespace tool

@@ -13,23 +13,23 @@ std::string host_name() {
 }
 
 // The roots, and one file of each device.
-std::vector<std::string> places_of(const Report &report) {
-  std::vector<std::string> places = report.roots;
+std::vector<std::string> mounted_paths(const Report &report) {
+  std::vector<std::string> paths = report.roots;
   std::set<dev_t> devices;
   for (const FoundGroup &group : report.findings.groups) {
     for (const FoundFile &file : group.files) {
       if (devices.insert(file.device).second) {
-        places.push_back(file.path);
+        paths.push_back(file.path);
       }
     }
   }
-  return places;
+  return paths;
 }
 
 }  // namespace
 
 PageContext page_context(const Report &report, const std::string &state) {
-  return {host_name(), mounts_of(places_of(report)),
+  return {host_name(), mounts_of(mounted_paths(report)),
           read_history(state).value_or(std::vector<HistoryEntry>())};
 }
 

@@ -17,8 +17,8 @@ std::string source_of(std::string_view text) {
   return "sha256-" + std::string(reinterpret_cast<const char *>(base64.data()));
 }
 
-void put(std::string &page, std::string_view place, std::string_view text) {
-  page.replace(page.find(place), place.size(), text);
+void put(std::string &page, std::string_view placeholder, std::string_view text) {
+  page.replace(page.find(placeholder), placeholder.size(), text);
 }
 
 }  // namespace

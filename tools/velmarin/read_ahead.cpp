@@ -59,12 +59,12 @@ ReadAhead::~ReadAhead() {
 void ReadAhead::reach(const FoundFile &file) {
   {
     const std::lock_guard guard(lock_);
-    const auto place =
+    const auto found =
         std::find(files_.begin() + static_cast<ptrdiff_t>(reached_), files_.end(), &file);
-    if (place == files_.end()) {
+    if (found == files_.end()) {
       return;
     }
-    reached_ = static_cast<size_t>(place - files_.begin());
+    reached_ = static_cast<size_t>(found - files_.begin());
     fetched_ = std::max(fetched_, reached_ + 1);  // the sharing request reads this one itself
   }
   wake_.notify_one();

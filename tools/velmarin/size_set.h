@@ -15,15 +15,15 @@ class SizeSet {
 
   // Thread-safe.
   void add(uint64_t size) {
-    const uint64_t bit = uint64_t{1} << place(size) % 64;
-    std::atomic<uint64_t> &word = words_[place(size) / 64];
+    const uint64_t bit = uint64_t{1} << bit_index(size) % 64;
+    std::atomic<uint64_t> &word = words_[bit_index(size) / 64];
     if ((word.load(std::memory_order_relaxed) & bit) == 0) {
       word.fetch_or(bit, std::memory_order_relaxed);
     }
   }
 
   bool holds(uint64_t size) const {
-    return (words_[place(size) / 64] >> place(size) % 64 & 1) != 0;
+    return (words_[bit_index(size) / 64] >> bit_index(size) % 64 & 1) != 0;
   }
 
   bool is_empty() const {
@@ -49,7 +49,7 @@ class SizeSet {
   static constexpr size_t BITS = size_t{1} << BITS_LOG2;
 
   // Sizes often differ by whole blocks; a multiplication spreads them.
-  static size_t place(uint64_t size) {
+  static size_t bit_index(uint64_t size) {
     return static_cast<size_t>(size * 0x9e3779b97f4a7c15U >> (64 - BITS_LOG2));
   }
 

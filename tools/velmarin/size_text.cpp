@@ -38,15 +38,15 @@ std::optional<Wide> read_number(std::string_view digits) {
 // two, 0 if there is none.
 unsigned take_unit(std::string_view &text) {
   const char letter = text.empty() ? '\0' : static_cast<char>(text.front() & ~0x20);
-  const size_t place = UNITS.find(letter);
-  if (place == std::string_view::npos) {
+  const size_t index = UNITS.find(letter);
+  if (index == std::string_view::npos) {
     return 0;
   }
   text.remove_prefix(1);
   if (text == "iB" || text == "ib") {
     text.remove_prefix(2);
   }
-  return 10 * (static_cast<unsigned>(place) + 1);
+  return 10 * (static_cast<unsigned>(index) + 1);
 }
 
 std::string one_decimal(double value) {

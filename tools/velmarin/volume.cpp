@@ -66,13 +66,13 @@ Volumes::~Volumes() {
 }
 
 const Volume *Volumes::find(dev_t device) const {
-  const auto place = volumes_.find(device);
-  return place != volumes_.end() ? &place->second : nullptr;
+  const auto found = volumes_.find(device);
+  return found != volumes_.end() ? &found->second : nullptr;
 }
 
 const Volume &Volumes::get_or_add(dev_t device, int fd) {
-  const auto [place, is_new] = volumes_.try_emplace(device);
-  Volume &volume = place->second;
+  const auto [entry, is_new] = volumes_.try_emplace(device);
+  Volume &volume = entry->second;
   if (!is_new) {
     return volume;
   }
