@@ -32,12 +32,12 @@ namespace {
 using Files = std::vector<std::string>;
 
 // Prints "FILE: TEXT".
-void say(const std::string &file, const std::string &text) {
+void print_result(const std::string &file, const std::string &text) {
   std::printf("%s: %s\n", escaped_name(file).c_str(), text.c_str());
 }
 
-// Prints a refusal on standard error and returns false, the result of a failed command.
-bool refuse(const std::string &file, const std::string &reason) {
+// Prints an error message and returns false, the result of a failed command.
+bool fail(const std::string &file, const std::string &reason) {
   std::fflush(stdout);
   std::fprintf(stderr, "velmarin: %s: %s\n", escaped_name(file).c_str(), reason.c_str());
   return false;
@@ -45,7 +45,7 @@ bool refuse(const std::string &file, const std::string &reason) {
 
 // Why a call that returned only -1 failed. The call opens the file for reading and writing, so this
 // tries the same. If that works, the reason is in the call's last log line.
-std::string reason_of_failure(const std::string &file, const LogLines &log) {
+std::string failure_reason(const std::string &file, const LogLines &log) {
   const int fd = open(file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
     return std::strerror(errno);
@@ -57,41 +57,41 @@ std::string reason_of_failure(const std::string &file, const LogLines &log) {
 
 // A directory, a device or a FIFO has no data to share, and opening one may block or have side
 // effects.
-bool refuse_other_than_file(const Files &files) {
+bool reject_non_regular(const Files &files) {
   for (const std::string &file : files) {
     struct stat status = {};
     if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-      return !refuse(file, S_ISDIR(status.st_mode) ? "is a directory" : "is not a regular file");
+      return !fail(file, S_ISDIR(status.st_mode) ? "is a directory" : "is not a regular file");
     }
   }
   return false;
 }
 
 // The commands open files for writing, which copies up a file of an overlay.
-bool refuse_on_overlay(const Files &files) {
+bool reject_on_overlay(const Files &files) {
   for (const std::string &file : files) {
     if (is_on_overlay(file)) {
-      return !refuse(file, "left alone: on an overlay it would be copied up");
+      return !fail(file, "left alone: on an overlay it would be copied up");
     }
   }
   return false;
 }
 
-bool refuse_unusable(const Files &files) {
-  return refuse_other_than_file(files) || refuse_on_overlay(files);
+bool reject_unusable(const Files &files) {
+  return reject_non_regular(files) || reject_on_overlay(files);
 }
 
 // Two names of one file already share its data.
-bool refuse_same_file(const Files &files) {
-  std::map<std::pair<dev_t, ino_t>, const std::string *> met;
+bool reject_same_file(const Files &files) {
+  std::map<std::pair<dev_t, ino_t>, const std::string *> seen;
   for (const std::string &file : files) {
     struct stat status = {};
     if (stat(file.c_str(), &status) != 0) {
       continue;
     }
-    const auto [earlier, is_new] = met.emplace(std::pair(status.st_dev, status.st_ino), &file);
+    const auto [earlier, is_new] = seen.emplace(std::pair(status.st_dev, status.st_ino), &file);
     if (!is_new) {
-      return !refuse(file, "same file as " + escaped_name(*earlier->second));
+      return !fail(file, "same file as " + escaped_name(*earlier->second));
     }
   }
   return false;
@@ -103,14 +103,14 @@ bool for_each(const Files &files, LogLines &log, Act act) {
   bool all_done = true;
   for (const std::string &file : files) {
     log.forget();
-    all_done = !refuse_unusable({file}) && act(file) && all_done;
+    all_done = !reject_unusable({file}) && act(file) && all_done;
   }
   return all_done;
 }
 
 // Why a file cannot get its own data back. That needs a temporary file in its directory if the file
 // shares data.
-std::string reason_of_sharing_on(const std::string &file, int error) {
+std::string recovery_failure_reason(const std::string &file, int error) {
   char resolved[PATH_MAX];
   struct stat status = {};
   if (realpath(file.c_str(), resolved) == nullptr || stat(resolved, &status) != 0) {
@@ -147,7 +147,7 @@ std::string describe_dedup(const std::string &first, const std::string &second) 
 }
 
 bool dedup(const Files &files, LogLines &log) {
-  if (refuse_unusable(files) || refuse_same_file(files)) {
+  if (reject_unusable(files) || reject_same_file(files)) {
     return false;
   }
   // The library requires a path with a directory.
@@ -155,24 +155,24 @@ bool dedup(const Files &files, LogLines &log) {
   const std::string &second = files[1];
   const int result = sisFileTaskImpl(first.c_str(), second.c_str());
   if (result == 0) {
-    say(second, describe_dedup(files[0], second));
+    print_result(second, describe_dedup(files[0], second));
     return true;
   }
   if (result > 0) {
-    return refuse(second, "cannot share the data of " + escaped_name(files[0]) + ": " +
-                              reason_of_sharing(first, second, result));
+    return fail(second, "cannot share the data of " + escaped_name(files[0]) + ": " +
+                            describe_sharing_error(first, second, result));
   }
   const bool is_first = access(first.c_str(), R_OK | W_OK) != 0;
-  return refuse(is_first ? files[0] : second, reason_of_failure(is_first ? first : second, log));
+  return fail(is_first ? files[0] : second, failure_reason(is_first ? first : second, log));
 }
 
 bool info(const Files &files, LogLines &log) {
   return for_each(files, log, [&](const std::string &file) {
     const int result = getSISFileInfoImpl(file.c_str());
     if (result < 0) {
-      return refuse(file, reason_of_failure(file, log));
+      return fail(file, failure_reason(file, log));
     }
-    say(file, describe_layer(file));
+    print_result(file, describe_layer(file));
     return true;
   });
 }
@@ -187,35 +187,35 @@ bool recover(const Files &files, LogLines &log) {
   return for_each(files, log, [&](const std::string &file) {
     const int result = recoverFileImpl(file.c_str());
     if (result == 0) {
-      say(file, describe_own_data(file));
+      print_result(file, describe_own_data(file));
       return true;
     }
     if (result < -1 && query_layer(file) == 0) {
-      say(file, "was a plain file already" + sharing_remark(file, false));
+      print_result(file, "was a plain file already" + sharing_remark(file, false));
       return true;
     }
     // -2 is also the errno of a missing file.
     if (result == -2 && access(file.c_str(), F_OK) == 0) {
-      return refuse(file, "is still attached to a layered inode");
+      return fail(file, "is still attached to a layered inode");
     }
-    return refuse(
-        file, result == -1 ? reason_of_failure(file, log) : reason_of_sharing_on(file, -result));
+    return fail(file,
+                result == -1 ? failure_reason(file, log) : recovery_failure_reason(file, -result));
   });
 }
 
-std::string reason_of_group(const Files &files, int error) {
-  std::string reason = reason_of(error);
-  for (size_t i = 1; i < files.size() && reason == reason_of(error); ++i) {
-    reason = reason_of_sharing(files[0], files[i], error);
+std::string group_failure_reason(const Files &files, int error) {
+  std::string reason = describe_error(error);
+  for (size_t i = 1; i < files.size() && reason == describe_error(error); ++i) {
+    reason = describe_sharing_error(files[0], files[i], error);
   }
   return reason;
 }
 
 bool group(const Files &files, LogLines &) {
   if (files.size() < 2) {
-    return refuse(files[0], "is alone: a group takes two files or more");
+    return fail(files[0], "is alone: a group takes two files or more");
   }
-  if (refuse_unusable(files) || refuse_same_file(files)) {
+  if (reject_unusable(files) || reject_same_file(files)) {
     return false;
   }
   std::vector<char *> paths;
@@ -224,10 +224,10 @@ bool group(const Files &files, LogLines &) {
   }
   const int error = sis_them_all(paths.data(), static_cast<int>(paths.size()));
   for (const std::string &file : files) {
-    say(file, describe_layer(file));
+    print_result(file, describe_layer(file));
   }
-  return error == 0 || refuse(files[0], std::string("the group was not merged completely: ") +
-                                            reason_of_group(files, error));
+  return error == 0 || fail(files[0], std::string("the group was not merged completely: ") +
+                                          group_failure_reason(files, error));
 }
 
 // The copy is private to its owner until it has the permissions of its source.
@@ -256,36 +256,36 @@ bool copy(const Files &files, LogLines &) {
   const std::string &target = files[1];
   struct stat status = {};
   const bool existed = lstat(target.c_str(), &status) == 0;
-  if (refuse_unusable({source})) {
+  if (reject_unusable({source})) {
     return false;
   }
   const int error = private_copy(source, target);
   if (error == 0) {
-    say(target, describe_copy(source, target));
+    print_result(target, describe_copy(source, target));
     if (const int unset = copy_permissions(source, target); unset != 0) {
-      return refuse(target, std::string("does not have the permissions of its source: ") +
-                                std::strerror(unset));
+      return fail(target, std::string("does not have the permissions of its source: ") +
+                              std::strerror(unset));
     }
     return true;
   }
   const bool is_left = !existed && lstat(target.c_str(), &status) == 0;
-  return refuse(target, "cannot copy " + escaped_name(source) + ": " + std::strerror(error) +
-                            (is_left ? "; the new file is left, empty" : ""));
+  return fail(target, "cannot copy " + escaped_name(source) + ": " + std::strerror(error) +
+                          (is_left ? "; the new file is left, empty" : ""));
 }
 
 bool revoke(const Files &files, LogLines &log) {
   return for_each(files, log, [](const std::string &file) {
     const int result = revoke_file(file.c_str());
     if (result == 0) {
-      say(file, describe_own_data(file));
+      print_result(file, describe_own_data(file));
       return true;
     }
     // 1 means a plain file, but is also an errno (EPERM).
     if (result == 1 && query_layer(file) == 0) {
-      say(file, "was a plain file already" + sharing_remark(file, false));
+      print_result(file, "was a plain file already" + sharing_remark(file, false));
       return true;
     }
-    return refuse(file, "cannot be revoked: " + reason_of_sharing_on(file, result));
+    return fail(file, "cannot be revoked: " + recovery_failure_reason(file, result));
   });
 }
 
@@ -293,21 +293,21 @@ bool freeze(const Files &files, LogLines &log) {
   return for_each(files, log, [&](const std::string &file) {
     struct stat status = {};
     if (stat(file.c_str(), &status) != 0) {
-      return refuse(file, std::strerror(errno));
+      return fail(file, std::strerror(errno));
     }
     const int result =
         setCheckFlagImpl(file.c_str(), status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
     if (result == 0) {
-      say(file, "frozen: its coincide flag is set until it changes");
+      print_result(file, "frozen: its coincide flag is set until it changes");
       return true;
     }
     if (result > 0) {
-      return refuse(file, "is attached to a layered inode; its flag was left alone");
+      return fail(file, "is attached to a layered inode; its flag was left alone");
     }
     if (result == -1 && log.last_message().empty()) {
-      return refuse(file, "changed meanwhile; it is not frozen");
+      return fail(file, "changed meanwhile; it is not frozen");
     }
-    return refuse(file, result == -1 ? reason_of_failure(file, log) : reason_of(-result));
+    return fail(file, result == -1 ? failure_reason(file, log) : describe_error(-result));
   });
 }
 
@@ -315,13 +315,13 @@ bool flags(const Files &files, LogLines &log) {
   return for_each(files, log, [&](const std::string &file) {
     const int word = getCoincideFlagImpl(file.c_str());
     if (word < 0) {
-      return refuse(file, word == -1 ? reason_of_failure(file, log) : std::strerror(-word));
+      return fail(file, word == -1 ? failure_reason(file, log) : std::strerror(-word));
     }
     const bool is_frozen = (static_cast<unsigned>(word) & velmarin::SIS_FLAG_COINCIDE) != 0;
     char text[48];
     std::snprintf(text, sizeof text, "%s (flags 0x%x)", is_frozen ? "frozen" : "not frozen",
                   static_cast<unsigned>(word));
-    say(file, text);
+    print_result(file, text);
     return true;
   });
 }

@@ -146,7 +146,7 @@ class ShareMerge {
     const int error = dedup_file(file.path.c_str(), source_fd);
     if (error != 0) {
       set_outcome(file, Outcome::refused,
-                  reason_of_sharing(group_.files[source_].path, file.path, error));
+                  describe_sharing_error(group_.files[source_].path, file.path, error));
       return;
     }
     set_outcome(file, Outcome::merged);
@@ -182,7 +182,7 @@ class ShareMerge {
   size_t source_ = 0;
 };
 
-void mark_idle(FoundGroup &group, const Share &share) {
+void mark_nothing_to_merge(FoundGroup &group, const Share &share) {
   const bool shares_all = is_one_copy(group, share);
   for (const size_t index : share.files) {
     FoundFile &file = group.files[index];
@@ -199,7 +199,7 @@ void mark_idle(FoundGroup &group, const Share &share) {
 void merge_share(FoundGroup &group, Share &share, const Volumes &volumes, LogLines &log,
                  MergeProgress &progress, ReadAhead &ahead) {
   if (!has_work(group, share)) {
-    mark_idle(group, share);
+    mark_nothing_to_merge(group, share);
     return;
   }
   for (const size_t index : share.files) {

@@ -64,7 +64,7 @@ const char *cause_word(Cause cause) {
 std::string describe(const Omission &omission) {
   const bool has_reason = omission.error != 0;
   return escaped_name(omission.path) + ": " + cause_word(omission.cause) +
-         (has_reason ? ", " + reason_of(omission.error) : "");
+         (has_reason ? ", " + describe_error(omission.error) : "");
 }
 
 std::string describe_omissions(Cause cause, uint64_t count) {

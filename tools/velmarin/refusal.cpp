@@ -24,7 +24,7 @@ bool is_copied_on_write(const std::string &path) {
 
 }  // namespace
 
-std::string reason_of(int error) {
+std::string describe_error(int error) {
   switch (error) {
     case EBADE:
       return "contents differ";
@@ -35,11 +35,11 @@ std::string reason_of(int error) {
   }
 }
 
-std::string reason_of_sharing(const std::string &first, const std::string &second, int error) {
+std::string describe_sharing_error(const std::string &first, const std::string &second, int error) {
   if (error == EINVAL && is_copied_on_write(first) != is_copied_on_write(second)) {
     return "copy-on-write is off for one of the two";
   }
-  return reason_of(error);
+  return describe_error(error);
 }
 
 }  // namespace tool

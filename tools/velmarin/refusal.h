@@ -7,9 +7,9 @@ namespace tool {
 
 // What an errno of the platform means for a file: "this file system cannot mark files" instead of
 // "Operation not supported". Other errors keep the system's own text.
-std::string reason_of(int error);
+std::string describe_error(int error);
 
 // Why `second` cannot share the data of `first`.
-std::string reason_of_sharing(const std::string &first, const std::string &second, int error);
+std::string describe_sharing_error(const std::string &first, const std::string &second, int error);
 
 }  // namespace tool
