@@ -17,10 +17,10 @@ import time
 GROUPS, COPIES = 12, 12
 DEADLINE = 300  # seconds within which every run of the tool must end
 ENTRY, CRC = 64, 8
-PHASE_ENDS = {"load_usable_hash(": "walking", "scan_directory:": "grouping",
-              "fetch_all_sis_file:": "saving", "save_usable_hash(": "reporting",
-              "full scan process": "looking at the files found",
-              "creating temporary file": "merging"}
+PHASE_STARTS = {"load_usable_hash(": "walking", "scan_directory:": "grouping",
+                "fetch_all_sis_file:": "saving", "save_usable_hash(": "reporting",
+                "full scan process": "looking at the files found",
+                "creating temporary file": "merging"}
 
 
 def crc64(data):
@@ -104,7 +104,7 @@ class Rounds:
         phase = "starting"
         with open(log_name, encoding="utf-8", errors="surrogateescape") as log:
             for line in log:
-                phase = next((name for text, name in PHASE_ENDS.items() if text in line), phase)
+                phase = next((name for text, name in PHASE_STARTS.items() if text in line), phase)
         return phase
 
     def state_of_digest_file(self):

@@ -32,7 +32,7 @@ bool span_runs(std::span<const CollectedFile> files) {
 
 // Splits a sorted range into parts of equal measure and passes each to `act`.
 template <typename Measure, typename Act>
-void for_each_part(std::span<CollectedFile> files, Measure measure, Act act) {
+void for_each_equal_range(std::span<CollectedFile> files, Measure measure, Act act) {
   for (size_t first = 0, last = 0; first < files.size(); first = last) {
     while (last < files.size() && measure(files[last]) == measure(files[first])) {
       ++last;
@@ -46,7 +46,7 @@ uint64_t size_of(const CollectedFile &file) {
 }
 
 // Keeps one name of each file, and sorts by size.
-void drop_other_names(std::vector<CollectedFile> &files) {
+void drop_extra_links(std::vector<CollectedFile> &files) {
   const auto measure = [](const CollectedFile &file) {
     return std::tuple(file.status.st_size, file.status.st_dev, file.status.st_ino);
   };
@@ -63,13 +63,13 @@ void drop_other_names(std::vector<CollectedFile> &files) {
 }  // namespace
 
 void GroupJoin::run(std::vector<CollectedFile> files) {
-  take_groups();
-  drop_other_names(files);
-  for_each_part(files, size_of, [this](std::span<CollectedFile> part) { join_size(part); });
-  put_groups_back();
+  load_groups();
+  drop_extra_links(files);
+  for_each_equal_range(files, size_of, [this](std::span<CollectedFile> part) { join_size(part); });
+  store_groups();
 }
 
-void GroupJoin::take_groups() {
+void GroupJoin::load_groups() {
   for (FoundGroup &group : findings_.groups) {
     for (FoundFile &file : group.files) {
       if (const auto digest = file.digest) {
@@ -146,7 +146,7 @@ bool GroupJoin::find_digest(const CollectedFile &file, Digest &digest) {
   return error == 0;
 }
 
-void GroupJoin::put_groups_back() {
+void GroupJoin::store_groups() {
   for (auto &[content, group] : groups_) {
     if (group.files.size() > 1) {
       findings_.groups.push_back(std::move(group));

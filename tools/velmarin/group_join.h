@@ -28,13 +28,13 @@ class GroupJoin {
   using FileId = std::pair<dev_t, uint32_t>;  // the low half of the inode number, as runs use it
   using Content = std::pair<Digest, uint64_t>;
 
-  void take_groups();
+  void load_groups();
   void add(FoundFile file, const Digest &digest);
   void join_size(std::span<CollectedFile> files);
   void join_candidates(std::span<CollectedFile> files);
   bool is_known(const CollectedFile &file) const;
   bool find_digest(const CollectedFile &file, Digest &digest);
-  void put_groups_back();
+  void store_groups();
 
   Findings &findings_;
   DigestKeeper &keeper_;

@@ -11,18 +11,18 @@ namespace {
 
 constexpr std::string_view ERROR_PREFIX = "[ERRO ";
 constexpr std::string_view SERVICE_PREFIX = "[velmarin][";
-constexpr std::string_view DIGEST_FILE_MADE = "CREATE ";
+constexpr std::string_view DIGEST_FILE_CREATED = "CREATE ";
 
 constexpr std::string_view SAVING_BEGINS = "fetch_all_sis_file:";
 
-struct PhaseEnd {
-  std::string_view message;  // start of the line that ends the previous phase
-  ScanPhase next;
+struct PhaseStart {
+  std::string_view prefix;  // of the message that the library logs when the phase starts
+  ScanPhase phase;
 };
-constexpr PhaseEnd PHASE_ENDS[] = {{"load_usable_hash(", ScanPhase::walking},
-                                   {"scan_directory:", ScanPhase::grouping},
-                                   {SAVING_BEGINS, ScanPhase::saving},
-                                   {"save_usable_hash(", ScanPhase::reporting}};
+constexpr PhaseStart PHASE_STARTS[] = {{"load_usable_hash(", ScanPhase::walking},
+                                       {"scan_directory:", ScanPhase::grouping},
+                                       {SAVING_BEGINS, ScanPhase::saving},
+                                       {"save_usable_hash(", ScanPhase::reporting}};
 
 // The part of a line after its bracketed prefix.
 std::string_view message_of(std::string_view line) {
@@ -55,16 +55,16 @@ void LogLines::receive(void *self, int, int, const char *, const char *line) {
 
 void LogLines::keep(std::string_view line) {
   const std::string_view message = message_of(line);
-  for (const PhaseEnd &end : PHASE_ENDS) {
-    if (message.starts_with(end.message) && !line.starts_with(SERVICE_PREFIX)) {
-      phase_ = end.next;
+  for (const PhaseStart &start : PHASE_STARTS) {
+    if (message.starts_with(start.prefix) && !line.starts_with(SERVICE_PREFIX)) {
+      phase_ = start.phase;
     }
   }
   OmissionWatch::note_log_message(message);
   const std::lock_guard guard(lock_);
   last_message_ = message;
   // While digests are saved, any line but these two reports a failure.
-  if (phase_ == ScanPhase::saving && !message.starts_with(DIGEST_FILE_MADE) &&
+  if (phase_ == ScanPhase::saving && !message.starts_with(DIGEST_FILE_CREATED) &&
       !message.starts_with(SAVING_BEGINS) && save_failure_.empty()) {
     save_failure_ = message;
   }

@@ -9,7 +9,7 @@
 
 namespace tool {
 
-// The phase of a scan, as told by the line that the library logs when a phase ends.
+// The phase of a scan, recognized by the line that the library logs when it starts.
 enum class ScanPhase { loading, walking, grouping, saving, reporting };
 
 // The process-wide log sink for as long as the object lives. With `show`, every line goes to

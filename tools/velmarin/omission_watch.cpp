@@ -9,7 +9,7 @@
 namespace tool {
 namespace {
 
-OmissionWatch *present = nullptr;
+OmissionWatch *active = nullptr;
 
 // The flags with which the library's walk opens an entry.
 constexpr int WALK_FLAGS = O_RDONLY | O_NONBLOCK | O_NOFOLLOW;
@@ -23,30 +23,30 @@ constexpr int EXPECTED[] = {ELOOP, ENXIO, ENODEV, ENOENT, ENOTDIR, EXDEV};
 OmissionWatch::OmissionWatch(Omissions &omissions, const EntryFilter &filter,
                              const std::vector<std::string> &skips, uint64_t min_size)
     : omissions_(omissions), filter_(filter), skips_(skips), min_size_(min_size) {
-  present = this;
+  active = this;
 }
 
 OmissionWatch::~OmissionWatch() {
-  present = nullptr;
+  active = nullptr;
 }
 
 void OmissionWatch::note(std::string_view path, Cause cause, int error) {
-  if (present != nullptr) {
-    present->omissions_.add(path, cause, error);
+  if (active != nullptr) {
+    active->omissions_.add(path, cause, error);
   }
 }
 
 void OmissionWatch::note_failed_open(const char *path, int flags, int error) {
-  if (present != nullptr && !present->ignores_opens_ && flags == WALK_FLAGS &&
+  if (active != nullptr && !active->ignores_opens_ && flags == WALK_FLAGS &&
       std::find(std::begin(EXPECTED), std::end(EXPECTED), error) == std::end(EXPECTED)) {
-    present->take_failed_open(path, error);
+    active->take_failed_open(path, error);
   }
   errno = error;
 }
 
 void OmissionWatch::note_log_message(std::string_view message) {
-  if (present != nullptr) {
-    present->omissions_.read_log_message(message);
+  if (active != nullptr) {
+    active->omissions_.read_log_message(message);
   }
 }
 

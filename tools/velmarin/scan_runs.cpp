@@ -61,8 +61,8 @@ int ScanRuns::run() {
   OmissionWatch omission_watch(omissions, filter_, skips_, smallest_size());
   VolumeWatch watch(keeper_);
   watch.min_size = smallest_size();
-  const int error = make_planned_runs(watch);
-  if (error == 0 && (made_.size() > 1 || !watch.collected.empty())) {
+  const int error = execute_planned_runs(watch);
+  if (error == 0 && (completed_.size() > 1 || !watch.collected.empty())) {
     omission_watch.ignore_opens();
     join_runs(watch);
   }
@@ -95,7 +95,7 @@ void ScanRuns::plan_roots() {
     struct stat status = {};
     const int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd >= 0 && fstat(fd, &status) == 0) {
-      own_file_systems_.insert(file_system_of(fd, status));
+      root_file_systems_.insert(file_system_of(fd, status));
     }
     if (fd >= 0) {
       close(fd);
@@ -117,17 +117,17 @@ void ScanRuns::plan_directories(const VolumeRun &run, std::vector<ForeignDirecto
 }
 
 // Each run may find further devices.
-int ScanRuns::make_planned_runs(VolumeWatch &watch) {
+int ScanRuns::execute_planned_runs(VolumeWatch &watch) {
   int error = 0;
-  while (error == 0 && !planned_.empty() && (made_.empty() || !stop_requested())) {
+  while (error == 0 && !planned_.empty() && (completed_.empty() || !stop_requested())) {
     const VolumeRun run = planned_.front();
     planned_.erase(planned_.begin());
-    error = make_run(watch, run);
+    error = execute_run(watch, run);
   }
   return error;
 }
 
-int ScanRuns::make_run(VolumeWatch &watch, const VolumeRun &run) {
+int ScanRuns::execute_run(VolumeWatch &watch, const VolumeRun &run) {
   const bool is_whole = run.roots == roots_;  // its digest file is that of the whole scan
   watch.begin_run(run.device);
   Collector collector;
@@ -136,9 +136,9 @@ int ScanRuns::make_run(VolumeWatch &watch, const VolumeRun &run) {
   if (!is_whole) {
     keeper_.import_digests(run.roots);
   }
-  take_findings(run.device, std::move(collector.findings));
+  add_findings(run.device, std::move(collector.findings));
   plan_directories(run, watch.take_directories());
-  made_.push_back(run);
+  completed_.push_back(run);
   return error;
 }
 
@@ -156,7 +156,7 @@ int ScanRuns::call_library(const VolumeRun &run, const std::string &state, Colle
   return error;
 }
 
-void ScanRuns::take_findings(dev_t device, Findings found) {
+void ScanRuns::add_findings(dev_t device, Findings found) {
   for (FoundGroup &group : found.groups) {
     for (FoundFile &file : group.files) {
       file.device = device;
@@ -196,9 +196,9 @@ void ScanRuns::collect_candidates(VolumeWatch &watch) {
 std::optional<size_t> ScanRuns::run_of(const CollectedFile &file) const {
   std::optional<size_t> found;
   size_t length = 0;
-  for (size_t i = 0; i < made_.size(); ++i) {
-    for (const std::string &root : made_[i].roots) {
-      if (made_[i].device == file.status.st_dev && is_below(file.path, root) &&
+  for (size_t i = 0; i < completed_.size(); ++i) {
+    for (const std::string &root : completed_[i].roots) {
+      if (completed_[i].device == file.status.st_dev && is_below(file.path, root) &&
           root.size() > length) {
         found = i;
         length = root.size();
@@ -209,7 +209,7 @@ std::optional<size_t> ScanRuns::run_of(const CollectedFile &file) const {
 }
 
 bool ScanRuns::is_left_out(uint64_t file_system) {
-  const bool is_foreign = options_.one_file_system && !own_file_systems_.contains(file_system);
+  const bool is_foreign = options_.one_file_system && !root_file_systems_.contains(file_system);
   has_left_out_ = has_left_out_ || is_foreign;
   return is_foreign;
 }

@@ -51,10 +51,10 @@ class ScanRuns {
   void plan(dev_t device, int max_depth, const std::string &root);
   void plan_roots();
   void plan_directories(const VolumeRun &run, std::vector<ForeignDirectory> directories);
-  int make_planned_runs(VolumeWatch &watch);
-  int make_run(VolumeWatch &watch, const VolumeRun &run);
+  int execute_planned_runs(VolumeWatch &watch);
+  int execute_run(VolumeWatch &watch, const VolumeRun &run);
   int call_library(const VolumeRun &run, const std::string &state, Collector &collector);
-  void take_findings(dev_t device, Findings found);
+  void add_findings(dev_t device, Findings found);
   void join_runs(VolumeWatch &watch);
   void collect_candidates(VolumeWatch &watch);
   std::optional<size_t> run_of(const CollectedFile &file) const;
@@ -70,10 +70,10 @@ class ScanRuns {
   StopSignals &signals_;
   DigestKeeper keeper_;
   std::vector<VolumeRun> planned_;
-  std::vector<VolumeRun> made_;
+  std::vector<VolumeRun> completed_;
   std::set<std::string> planned_paths_;
-  std::set<uint64_t> own_file_systems_;  // of the roots
-  bool has_left_out_ = false;            // something on another file system
+  std::set<uint64_t> root_file_systems_;
+  bool has_left_out_ = false;  // something on another file system
 };
 
 }  // namespace tool

@@ -22,7 +22,7 @@ class SizeSet {
     }
   }
 
-  bool holds(uint64_t size) const {
+  bool may_contain(uint64_t size) const {
     return (words_[bit_index(size) / 64] >> bit_index(size) % 64 & 1) != 0;
   }
 

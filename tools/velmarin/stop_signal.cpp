@@ -12,9 +12,9 @@ namespace tool {
 namespace {
 
 constexpr int STOP_SIGNALS[] = {SIGINT, SIGTERM, SIGHUP};
-constexpr std::string_view WORD =
+constexpr std::string_view STOP_MESSAGE =
     "velmarin: stopping after the files in hand; a second such signal ends it at once\n";
-constexpr std::string_view WORD_ON_TERMINAL =  // which also shows the progress line
+constexpr std::string_view STOP_MESSAGE_ON_TERMINAL =  // which also shows the progress line
     "\nvelmarin: stopping after the files in hand; Ctrl-C once more ends it at once\n";
 
 std::atomic<bool> requested = false;
@@ -23,7 +23,7 @@ static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int *>::is_a
 
 int *written_handle = nullptr;  // written by the scan before it starts its threads
 const TimeLimit *time_limit = nullptr;
-std::string_view word = WORD;  // chosen before any signal is caught
+std::string_view stop_message = STOP_MESSAGE;  // chosen before any signal is caught
 struct sigaction former_actions[std::size(STOP_SIGNALS)];
 
 // Either this finds the handle published, or the publishing thread finds the request: each side
@@ -34,14 +34,15 @@ void request_stop(int) {
   if (int *const handle = published) {
     signal_no_time(handle);
   }
-  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, word.data(), word.size());
+  [[maybe_unused]] const ssize_t written =
+      write(STDERR_FILENO, stop_message.data(), stop_message.size());
   errno = error;
 }
 
 }  // namespace
 
 StopSignals::StopSignals() {
-  word = isatty(STDERR_FILENO) == 1 ? WORD_ON_TERMINAL : WORD;
+  stop_message = isatty(STDERR_FILENO) == 1 ? STOP_MESSAGE_ON_TERMINAL : STOP_MESSAGE;
   struct sigaction action = {};
   action.sa_handler = request_stop;
   action.sa_flags = static_cast<int>(SA_RESTART | SA_RESETHAND);

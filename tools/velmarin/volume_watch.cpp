@@ -11,7 +11,7 @@ namespace tool {
 namespace {
 
 // Global because probes receive no caller data.
-VolumeWatch *present = nullptr;
+VolumeWatch *active = nullptr;
 
 // Paths below a root of "/" start with two slashes.
 const char *without_doubled_slash(const char *path) {
@@ -21,13 +21,13 @@ const char *without_doubled_slash(const char *path) {
 }  // namespace
 
 VolumeWatch::VolumeWatch(DigestKeeper &keeper) : keeper_(keeper) {
-  present = this;
+  active = this;
   entry_watch = watch;
 }
 
 VolumeWatch::~VolumeWatch() {
   entry_watch = nullptr;
-  present = nullptr;
+  active = nullptr;
 }
 
 void VolumeWatch::begin_run(dev_t device) {
@@ -53,8 +53,8 @@ bool VolumeWatch::has_common_sizes() {
 }
 
 int VolumeWatch::watch(int fd, const struct stat *status, const char *path) {
-  return S_ISDIR(status->st_mode) ? present->watch_directory(fd, *status, path)
-                                  : present->watch_file(fd, *status, path);
+  return S_ISDIR(status->st_mode) ? active->watch_directory(fd, *status, path)
+                                  : active->watch_file(fd, *status, path);
 }
 
 int VolumeWatch::watch_directory(int fd, const struct stat &status, const char *path) {
@@ -73,7 +73,7 @@ int VolumeWatch::watch_directory(int fd, const struct stat &status, const char *
 int VolumeWatch::watch_file(int fd, const struct stat &status, const char *path) {
   const auto size = static_cast<uint64_t>(status.st_size);
   if (is_collecting_) {
-    if (devices_.contains(status.st_dev) && common_.holds(size)) {
+    if (devices_.contains(status.st_dev) && common_.may_contain(size)) {
       collect(fd, status, path);
     }
     return -EXDEV;
