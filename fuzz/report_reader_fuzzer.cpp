@@ -64,7 +64,8 @@ std::optional<tool::Report> parsed(const std::string &text) {
     return tool::parse_report(text);
   } catch (const tool::ReportError &error) {
     const std::string what = error.what();
-    require(!what.empty() && tool::escaped_name(what) == what, "a fault is told in harmless words");
+    require(!what.empty() && tool::escaped_name(what) == what,
+            "an error message is printable text");
     return std::nullopt;
   }
 }

@@ -51,7 +51,7 @@ ssize_t read_fully(int fd, Buffer &buffer, off_t offset) {
 }
 
 // Appends the records in `bytes` to `digests`. Returns whether all of them are intact.
-bool take_entries(const Buffer &buffer, size_t bytes, SavedDigests &digests) {
+bool parse_entries(const Buffer &buffer, size_t bytes, SavedDigests &digests) {
   for (size_t offset = 0; offset + ENTRY_SIZE <= bytes; offset += ENTRY_SIZE) {
     const unsigned char *const record = buffer.data() + offset + CHECKSUM_SIZE;
     uint64_t checksum = 0;
@@ -142,9 +142,9 @@ std::optional<SavedDigests> read_digests(const std::string &path) {
   return digests;
 }
 
-int lock_digest_file(const std::string &path, bool make_it) {
+int lock_digest_file(const std::string &path, bool create) {
   for (;;) {
-    const int flags = O_RDWR | O_NONBLOCK | O_CLOEXEC | (make_it ? O_CREAT : 0);
+    const int flags = O_RDWR | O_NONBLOCK | O_CLOEXEC | (create ? O_CREAT : 0);
     const int fd = open(path.c_str(), flags, 0600);
     if (fd < 0) {
       return -1;
@@ -166,7 +166,7 @@ std::optional<SavedDigests> read_locked_digests(int fd) {
   Buffer buffer(BUFFER_ENTRIES * ENTRY_SIZE);
   for (off_t offset = 0;; offset += static_cast<off_t>(buffer.size())) {
     const ssize_t bytes = read_fully(fd, buffer, offset);
-    if (bytes < 0 || !take_entries(buffer, static_cast<size_t>(bytes), digests)) {
+    if (bytes < 0 || !parse_entries(buffer, static_cast<size_t>(bytes), digests)) {
       return {};
     }
     if (static_cast<size_t>(bytes) < buffer.size()) {

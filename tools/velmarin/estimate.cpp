@@ -9,18 +9,18 @@ namespace {
 using Seconds = std::chrono::duration<double>;
 using std::chrono::milliseconds;
 
-constexpr double MEMORY_SECONDS = 20;  // after which work weighs a third
+constexpr double DECAY_SECONDS = 20;  // work this old counts for about a third
 constexpr double RATE_AFTER_SECONDS = 1;
 
 // The overhead of a file, as the amount of data compared in that time: merging small and large
 // files with a cold page cache differs by 0.3 to 0.5 ms a file, at 1.2 to 1.4 GB/s.
-constexpr double FILE_SHARE = 512 << 10;
+constexpr double BYTES_PER_FILE = 512 << 10;
 
 constexpr milliseconds SHOWN_AFTER(3000);
 constexpr int ENOUGH_STEPS = 10;
-constexpr double ENOUGH_PART = 0.1;      // of the work
-constexpr double CHANGE_A_SECOND = 0.2;  // at most, besides the time that passes
-constexpr double LEAST_SECONDS = 1;
+constexpr double ENOUGH_FRACTION = 0.1;    // of the work
+constexpr double CHANGE_PER_SECOND = 0.2;  // at most, besides the time that passes
+constexpr double MIN_SECONDS = 1;
 
 double seconds_of(milliseconds time) {
   return Seconds(time).count();
@@ -30,7 +30,7 @@ double seconds_of(milliseconds time) {
 
 void Rate::note(milliseconds now, double done) {
   const double passed = seconds_of(now - noted_);
-  const double kept = std::exp(-passed / MEMORY_SECONDS);
+  const double kept = std::exp(-passed / DECAY_SECONDS);
   seconds_ = seconds_ * kept + passed;
   amount_ = amount_ * kept + done - done_;
   noted_ = now;
@@ -42,7 +42,7 @@ double Rate::per_second() const {
 }
 
 double Estimate::cost(Work work) {
-  return static_cast<double>(work.bytes) + FILE_SHARE * static_cast<double>(work.files);
+  return static_cast<double>(work.bytes) + BYTES_PER_FILE * static_cast<double>(work.files);
 }
 
 void Estimate::note(milliseconds now, Work done, uint64_t current_file_bytes) {
@@ -55,22 +55,22 @@ void Estimate::note(milliseconds now, Work done, uint64_t current_file_bytes) {
   const double passed = seconds_of(now - noted_);
   noted_ = now;
   if (now >= SHOWN_AFTER && rate_.per_second() > 0 &&
-      (steps_ >= ENOUGH_STEPS || done_ >= all_ * ENOUGH_PART)) {
+      (steps_ >= ENOUGH_STEPS || done_ >= all_ * ENOUGH_FRACTION)) {
     approach(expected(now, cost({current_file_bytes, 1})), passed);
   }
 }
 
 // Assumes that the current file proceeds at the rate of those before it. Once it is overdue at that
 // rate, the wait for it lowers the rate.
-double Estimate::expected(milliseconds now, double in_hand) const {
+double Estimate::expected(milliseconds now, double current_cost) const {
   const double waited = seconds_of(now - stepped_);
   const double rate = rate_.per_second();
-  if (rate * waited <= in_hand) {
+  if (rate * waited <= current_cost) {
     return (all_ - done_) / rate - waited;
   }
   Rate slower = rate_;
-  slower.note(now, done_ + in_hand);
-  return (all_ - done_ - in_hand) / slower.per_second();
+  slower.note(now, done_ + current_cost);
+  return (all_ - done_ - current_cost) / slower.per_second();
 }
 
 void Estimate::approach(double expected, double passed) {
@@ -78,8 +78,8 @@ void Estimate::approach(double expected, double passed) {
     shown_ = expected;
     return;
   }
-  const double now = std::max(*shown_ - passed, LEAST_SECONDS);
-  const double most = std::exp(CHANGE_A_SECOND * passed);
+  const double now = std::max(*shown_ - passed, MIN_SECONDS);
+  const double most = std::exp(CHANGE_PER_SECOND * passed);
   shown_ = std::clamp(expected, now / most, now * most);
 }
 

@@ -43,7 +43,7 @@ class Estimate {
 
  private:
   static double cost(Work work);
-  double expected(std::chrono::milliseconds now, double in_hand) const;
+  double expected(std::chrono::milliseconds now, double current_cost) const;
   void approach(double expected, double passed);
 
   double all_;

@@ -10,18 +10,18 @@
 namespace tool {
 namespace {
 
-constexpr size_t EXTENTS_A_CALL = 128;
+constexpr size_t EXTENTS_PER_CALL = 128;
 
 // Queries all extents of the file, including those beyond its end. Returns false on failure.
-bool ask_extents(int fd, std::vector<fiemap_extent> &extents) {
-  alignas(fiemap) char memory[sizeof(fiemap) + EXTENTS_A_CALL * sizeof(fiemap_extent)] = {};
+bool query_extents(int fd, std::vector<fiemap_extent> &extents) {
+  alignas(fiemap) char memory[sizeof(fiemap) + EXTENTS_PER_CALL * sizeof(fiemap_extent)] = {};
   auto *const request = reinterpret_cast<fiemap *>(memory);
   for (uint64_t start = 0;;) {
     *request = {};
     request->fm_start = start;
     request->fm_length = FIEMAP_MAX_OFFSET - start;
     request->fm_flags = FIEMAP_FLAG_SYNC;
-    request->fm_extent_count = EXTENTS_A_CALL;
+    request->fm_extent_count = EXTENTS_PER_CALL;
     if (ioctl(fd, FS_IOC_FIEMAP, request) != 0) {
       return false;
     }
@@ -140,7 +140,7 @@ std::vector<HeldRange> whole_extents(const std::vector<btrfs::FileExtent> &file,
 ExtentMap read_extents(int fd, uint64_t inode, uint64_t size, const Volume &volume) {
   ExtentMap map;
   std::vector<fiemap_extent> extents;
-  if (!volume.can_share || !ask_extents(fd, extents)) {
+  if (!volume.can_share || !query_extents(fd, extents)) {
     return map;
   }
   map.is_known = true;

@@ -46,7 +46,7 @@ int check_unchanged(int fd, const struct stat &before) {
 }
 
 // Returns 0 or an errno.
-int feed(int fd, EVP_MD_CTX *context) {
+int hash_contents(int fd, EVP_MD_CTX *context) {
   std::vector<unsigned char> block(BLOCK_SIZE);
   for (;;) {
     const ssize_t count = read(fd, block.data(), block.size());
@@ -78,7 +78,7 @@ int read_digest(const std::string &path, const struct stat &status,
   }
   int error = check_unchanged(file.fd, status);
   if (error == 0) {
-    error = feed(file.fd, context.get());
+    error = hash_contents(file.fd, context.get());
   }
   if (error == 0) {
     error = check_unchanged(file.fd, status);

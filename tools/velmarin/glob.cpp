@@ -99,7 +99,7 @@ bool Glob::matches(std::string_view path, bool is_directory) const {
   return matches_text(is_for_path_ ? path : path.substr(path.rfind('/') + 1));
 }
 
-bool Glob::takes(const Token &token, char32_t character) {
+bool Glob::accepts(const Token &token, char32_t character) {
   if (token.kind == Kind::character) {
     return character == token.character;
   }
@@ -111,7 +111,7 @@ bool Glob::takes(const Token &token, char32_t character) {
 
 // Lets the star match more of the text. Returns false if it cannot.
 bool Glob::extend(Star &star, Kind kind, std::string_view text) {
-  if (!star.is_met || star.end == text.size() || (kind == Kind::star && text[star.end] == '/')) {
+  if (!star.is_active || star.end == text.size() || (kind == Kind::star && text[star.end] == '/')) {
     return false;
   }
   if (kind != Kind::directories) {
@@ -138,13 +138,13 @@ bool Glob::matches_text(std::string_view text) const {
       deep = {true, token++, position};
       star = {};
     } else if (token < tokens_.size() && position < text.size() &&
-               takes(tokens_[token], character_at(text.substr(position)))) {
+               accepts(tokens_[token], character_at(text.substr(position)))) {
       ++token;
       position += character_length(text.substr(position));
     } else if (extend(star, Kind::star, text)) {
       token = star.token + 1;
       position = star.end;
-    } else if (deep.is_met && extend(deep, tokens_[deep.token].kind, text)) {
+    } else if (deep.is_active && extend(deep, tokens_[deep.token].kind, text)) {
       star = {};
       token = deep.token + 1;
       position = deep.end;

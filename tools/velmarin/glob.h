@@ -35,7 +35,7 @@ class Glob {
   };
   // A star's position in the pattern, and the end of the text that it matches.
   struct Star {
-    bool is_met = false;
+    bool is_active = false;
     size_t token = 0;
     size_t end = 0;
   };
@@ -43,7 +43,7 @@ class Glob {
   void add_token(std::string_view &rest, bool starts_component);
   bool add_set(std::string_view &rest);
   bool matches_text(std::string_view text) const;
-  static bool takes(const Token &token, char32_t character);
+  static bool accepts(const Token &token, char32_t character);
   static bool extend(Star &star, Kind kind, std::string_view text);
 
   std::vector<Token> tokens_;

@@ -67,20 +67,20 @@ bool is_temporary(int flags) {
 
 // How the library opens a file to read all of it: a file to compare or, if the state directory is
 // below a root, the digest file.
-bool is_to_be_read(int flags) {
+bool is_content_open(int flags) {
   return flags == O_RDONLY;
 }
 
 // How it opens entries of the walk, and skip paths.
-bool is_to_be_examined(int flags) {
+bool is_walk_open(int flags) {
   return flags == (O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
 }
 
 bool is_stopped(int flags) {
-  if (!stops_opens || !(is_to_be_read(flags) || is_to_be_examined(flags)) || !stop_requested()) {
+  if (!stops_opens || !(is_content_open(flags) || is_walk_open(flags)) || !stop_requested()) {
     return false;
   }
-  refused_for_digests += is_to_be_read(flags);
+  refused_for_digests += is_content_open(flags);
   return true;
 }
 
@@ -95,7 +95,7 @@ int open_below_roots(const char *path, int flags, mode_t mode) {
         errno = ECANCELED;
         return -1;
       }
-      probe_counts.read += is_to_be_read(flags);
+      probe_counts.read += is_content_open(flags);
       const int fd = open_beneath(root.fd, rest, flags, mode);
       if (fd < 0) {
         OmissionWatch::note_failed_open(path, flags, errno);

@@ -39,11 +39,11 @@ constexpr NumberField NUMBERS[] = {
     {"not_tried", &HistoryEntry::not_tried},
 };
 
-struct MarkField {
+struct FlagField {
   const char *name;
   bool HistoryEntry::*value;
 };
-constexpr MarkField MARKS[] = {{"stopped", &HistoryEntry::stopped},
+constexpr FlagField FLAGS[] = {{"stopped", &HistoryEntry::stopped},
                                {"out_of_time", &HistoryEntry::out_of_time}};
 
 // Requires every field: a line that lacks one was cut short or written by something else.
@@ -57,7 +57,7 @@ std::optional<HistoryEntry> parse_entry(std::string_view line) {
     }
     entry.*field.value = found->get<uint64_t>();
   }
-  for (const MarkField &field : MARKS) {
+  for (const FlagField &field : FLAGS) {
     const auto found = object.find(field.name);
     if (found == object.end() || !found->is_boolean()) {
       return std::nullopt;
@@ -67,7 +67,7 @@ std::optional<HistoryEntry> parse_entry(std::string_view line) {
   return entry;
 }
 
-std::string file_of(const std::string &state) {
+std::string history_path(const std::string &state) {
   return state + "/history";
 }
 
@@ -175,14 +175,14 @@ std::string history_line(const HistoryEntry &entry) {
   for (const NumberField &field : NUMBERS) {
     object[field.name] = entry.*field.value;
   }
-  for (const MarkField &field : MARKS) {
+  for (const FlagField &field : FLAGS) {
     object[field.name] = entry.*field.value;
   }
   return object.dump();
 }
 
 std::optional<std::vector<HistoryEntry>> read_history(const std::string &state) {
-  const auto text = read_record(file_of(state));
+  const auto text = read_record(history_path(state));
   if (!text) {
     return std::nullopt;
   }
@@ -194,7 +194,8 @@ std::optional<std::vector<HistoryEntry>> read_history(const std::string &state) 
     if (const auto entry = parse_entry(std::string_view(*text).substr(begin, end - begin))) {
       entries.push_back(*entry);
     } else {
-      print_error("line " + std::to_string(number) + " left out of", file_of(state), "damaged");
+      print_error("line " + std::to_string(number) + " left out of", history_path(state),
+                  "damaged");
     }
     begin = end + 1;
   }
@@ -202,7 +203,7 @@ std::optional<std::vector<HistoryEntry>> read_history(const std::string &state) 
 }
 
 bool append_history(const std::string &state, const HistoryEntry &entry) {
-  const std::string path = file_of(state);
+  const std::string path = history_path(state);
   struct stat status = {};
   const bool is_long = lstat(path.c_str(), &status) == 0 && status.st_size > MAX_BYTES;
   const int fd = is_long && !shorten(path) ? -1 : open_record(path, O_RDWR | O_APPEND | O_CREAT);

@@ -17,15 +17,16 @@
 namespace tool {
 namespace {
 
-constexpr int DEEPEST = 2047;
-constexpr const char *A_SIZE = "a size: a number, or one with K, M, G or T, as 64K or 1.5M";
-constexpr const char *A_DURATION = "a time: seconds, or d, h, m and s, as 5m or 1h30m, up to 365d";
+constexpr int MAX_DEPTH = 2047;
+constexpr const char *SIZE_FORMAT = "a size: a number, or one with K, M, G or T, as 64K or 1.5M";
+constexpr const char *DURATION_FORMAT =
+    "a time: seconds, or d, h, m and s, as 5m or 1h30m, up to 365d";
 constexpr const char *EXCLUDE = "--exclude";
 constexpr const char *INCLUDE = "--include";
 constexpr const char *GLOB_MARK = ":";
 constexpr const char *VERSION = "velmarin " VELMARIN_VERSION;
 
-// The value of a glob option may begin with any character, so it gets a mark, which `take_globs`
+// The value of a glob option may begin with any character, so it gets a mark, which `unmark_globs`
 // removes. Returns whether the argument has such a value.
 bool mark_glob(const std::vector<std::string> &before, std::string &argument) {
   for (const std::string option : {EXCLUDE, INCLUDE}) {
@@ -70,7 +71,7 @@ std::string include_error(const std::string &marked) {
                                : glob_error(marked);
 }
 
-void take_globs(std::vector<std::string> &globs) {
+void unmark_globs(std::vector<std::string> &globs) {
   for (std::string &glob : globs) {
     glob.erase(0, 1);
   }
@@ -104,39 +105,39 @@ template <typename Value>
 void add_value(CLI::App *command, const char *name, Value &target,
                std::optional<Value> (*parse)(std::string_view), const char *accepted,
                const char *type, const char *summary) {
-  const auto complain = [=](const std::string &text) {
+  const auto value_error = [=](const std::string &text) {
     return parse(text) ? "" : "'" + escaped_name(text) + "' is not " + accepted;
   };
   command
       ->add_option_function<std::string>(
           name, [&target, parse](const std::string &text) { target = *parse(text); }, summary)
       ->type_name(type)
-      ->check(CLI::Validator(complain, ""));
+      ->check(CLI::Validator(value_error, ""));
 }
 
 std::optional<int> parse_depth(std::string_view text) {
   int depth = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), depth);
   const bool is_depth =
-      error == std::errc() && end == text.data() + text.size() && depth >= 0 && depth <= DEEPEST;
+      error == std::errc() && end == text.data() + text.size() && depth >= 0 && depth <= MAX_DEPTH;
   return is_depth ? std::optional(depth) : std::nullopt;
 }
 
 void add_time_budget(CLI::App *command, unsigned &seconds) {
-  add_value(command, "--time-budget", seconds, parse_duration, A_DURATION, "TIME",
+  add_value(command, "--time-budget", seconds, parse_duration, DURATION_FORMAT, "TIME",
             "End early after this time: 90 (seconds), 5m, 1h30m");
 }
 
 void add_scan_limits(CLI::App *command, ScanOptions &scan) {
-  add_value(command, "--min-size", scan.min_size, parse_size, A_SIZE, "SIZE",
+  add_value(command, "--min-size", scan.min_size, parse_size, SIZE_FORMAT, "SIZE",
             "Smallest file looked at; 0 means every file that is not empty (default 64K)");
-  add_value(command, "--max-size", scan.filter.max_size, parse_size, A_SIZE, "SIZE",
+  add_value(command, "--max-size", scan.filter.max_size, parse_size, SIZE_FORMAT, "SIZE",
             "Largest file looked at (default: no limit)");
   add_value(command, "--max-depth", scan.max_depth, parse_depth, "a number from 0 to 2047", "N",
             "Do not read directories N levels below a root");
   command->add_flag("-x,--one-file-system", scan.one_file_system,
                     "Stay on the file systems of the roots");
-  // Only for the help text: `take_config` has already replaced it with the file's options.
+  // Only for the help text: `apply_config` has already replaced it with the file's options.
   command->add_option("--config", "Take options and roots from this file")->type_name("FILE");
   command->add_flag("--idle", scan.idle, "Give way to everything else on the machine");
   add_time_budget(command, scan.time_budget);
@@ -216,8 +217,8 @@ void define(CLI::App &app, CommandLine &line) {
 }
 
 void check_scan(ScanOptions &scan) {
-  take_globs(scan.filter.excludes);
-  take_globs(scan.filter.includes);
+  unmark_globs(scan.filter.excludes);
+  unmark_globs(scan.filter.includes);
   const auto inputs = std::count(scan.exclude_lists.begin(), scan.exclude_lists.end(), "-") +
                       (scan.roots_from == "-" ? 1 : 0);
   if (scan.apply && scan.dry_run) {
@@ -235,7 +236,7 @@ void check_scan(ScanOptions &scan) {
 }
 
 // Returns false, after an error message, if a file has invalid options.
-bool take_config(std::vector<std::string> &given) {
+bool apply_config(std::vector<std::string> &given) {
   const bool is_scan = !given.empty() && given.front() == "scan";
   const std::string wrong = is_scan ? expand_config(given) : "";
   if (!wrong.empty()) {
@@ -287,7 +288,7 @@ CommandLine parse_command_line(int argc, char **argv) {
   CLI::App app("Finds files with identical content and has the file system keep one copy.");
   define(app, line);
   std::vector<std::string> given(argv + 1, argv + argc);
-  if (!take_config(given)) {
+  if (!apply_config(given)) {
     line.exit_status = BAD_USAGE;
     return line;
   }

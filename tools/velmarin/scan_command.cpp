@@ -151,7 +151,7 @@ class ScanCommand {
     return log_.error_count() == 0 ? "" : ": " + escaped_name(log_.first_error());
   }
 
-  std::string reason_of_not_saving() const {
+  std::string save_failure_reason() const {
     return is_full(state_) ? "no space for the saved digests in " + escaped_name(state_)
                            : escaped_name(log_.save_failure());
   }
@@ -161,7 +161,7 @@ class ScanCommand {
     const bool none_supported =
         report_.findings.counters.nr_scan_file == 0 && report_.unsupported > 0;
     if (!log_.save_failure().empty()) {
-      print_error("the digests were not saved for the next scan: " + reason_of_not_saving());
+      print_error("the digests were not saved for the next scan: " + save_failure_reason());
     }
     if (probe_counts.on_overlay > 0) {
       print_error(format_count(probe_counts.on_overlay, "file") +

@@ -77,7 +77,7 @@ int check_state_directory(const std::string &path) {
 }
 
 // Earlier versions let others read digest files.
-void close_to_others(const std::string &directory) {
+void make_digests_private(const std::string &directory) {
   std::error_code error;
   for (const auto &entry : std::filesystem::directory_iterator(directory, error)) {
     if (entry.path().extension() != ".hsh") {
@@ -114,7 +114,7 @@ bool is_below(const std::string &path, const std::string &root) {
   return root == "/" || path.starts_with(root + "/");
 }
 
-std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bool remark) {
+std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bool warn) {
   std::vector<std::string> skips;
   for (const std::string &path : given) {
     struct stat status = {};
@@ -125,7 +125,7 @@ std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bo
     } else if (S_ISLNK(status.st_mode)) {
       useless = "a symbolic link, which a scan does not follow";
     }
-    if (useless != nullptr && remark) {
+    if (useless != nullptr && warn) {
       print_error("nothing to skip at", path, useless);
     }
     skips.push_back(useless == nullptr ? resolved : path);
@@ -157,7 +157,7 @@ bool prepare_state_directory(std::string &path) {
     return false;
   }
   path = resolved;
-  close_to_others(path);
+  make_digests_private(path);
   return true;
 }
 

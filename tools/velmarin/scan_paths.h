@@ -16,7 +16,7 @@ bool resolve_roots(const std::vector<std::string> &given, std::vector<std::strin
 bool is_below(const std::string &path, const std::string &root);
 
 // Resolves the skip paths. Keeps one that skips nothing as it is, with a remark if wanted.
-std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bool remark);
+std::vector<std::string> resolve_skips(const std::vector<std::string> &given, bool warn);
 
 // `given` or, if it is empty, the default: `velmarin` in the user's state directory.
 std::string state_directory(const std::string &given);

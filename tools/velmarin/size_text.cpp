@@ -7,7 +7,7 @@ namespace tool {
 namespace {
 
 constexpr std::string_view UNITS = "KMGT";
-constexpr unsigned LONGEST_DURATION = 365 * 86400;
+constexpr unsigned MAX_DURATION = 365 * 86400;
 
 // Wide enough for a size with its fraction digits, before rounding down.
 using Wide = unsigned __int128;
@@ -94,13 +94,13 @@ std::optional<unsigned> parse_duration(std::string_view text) {
     while (!is_plain && next < std::size(PARTS) && !text.starts_with(PARTS[next].letter)) {
       ++next;
     }
-    if (!number || *number > LONGEST_DURATION || (!is_plain && next == std::size(PARTS))) {
+    if (!number || *number > MAX_DURATION || (!is_plain && next == std::size(PARTS))) {
       return std::nullopt;
     }
     sum += static_cast<uint64_t>(*number) * (is_plain ? 1 : PARTS[next++].seconds);
     text.remove_prefix(is_plain ? 0 : 1);
   } while (!text.empty());
-  return sum > LONGEST_DURATION ? std::nullopt : std::optional(static_cast<unsigned>(sum));
+  return sum > MAX_DURATION ? std::nullopt : std::optional(static_cast<unsigned>(sum));
 }
 
 std::string format_size(uint64_t bytes) {

@@ -159,7 +159,7 @@ class Survey {
   const bool before_merging_;
 };
 
-void leave_out(FoundGroup &group) {
+void mark_not_examined(FoundGroup &group) {
   sort_by_path(group.files);
   for (FoundFile &file : group.files) {
     file.state = failed_state(ECANCELED);
@@ -169,11 +169,11 @@ void leave_out(FoundGroup &group) {
 // Lets a few files be examined even after a requested stop: their figures are worth the moment.
 class GracePeriod {
  public:
-  bool is_over() const { return stop_requested() && Clock::now() - start_ > MOST; }
+  bool is_over() const { return stop_requested() && Clock::now() - start_ > LENGTH; }
 
  private:
   using Clock = std::chrono::steady_clock;
-  static constexpr std::chrono::milliseconds MOST{300};
+  static constexpr std::chrono::milliseconds LENGTH{300};
   const Clock::time_point start_ = Clock::now();
 };
 
@@ -208,11 +208,11 @@ ExtentMap extents_of(const FoundFile &file, const Volumes &volumes) {
 
 void survey(Findings &findings, Volumes &volumes, bool before_merging) {
   Survey survey(volumes, before_merging);
-  const GracePeriod patience;
+  const GracePeriod grace;
   survey.examine_compressed(findings.compressed);
   for (FoundGroup &group : findings.groups) {
-    if (patience.is_over()) {
-      leave_out(group);
+    if (grace.is_over()) {
+      mark_not_examined(group);
     } else {
       survey.examine_group(group);
     }

@@ -111,16 +111,16 @@ function headerCell(column) {
 function showHeader() {
   const header = element("tr");
   header.append(...COLUMNS.map(headerCell));
-  place("groups").tHead.replaceChildren(header);
+  byId("groups").tHead.replaceChildren(header);
 }
 
-function pageButton(text, target, isUseful, turned) {
+function pageButton(text, target, isUseful, onTurn) {
   const button = element("button", text);
   button.disabled = !isUseful;
   button.addEventListener("click", () => {
     firstRow = target;
     showGroups();
-    turned(text);
+    onTurn(text);
   });
   return button;
 }
@@ -128,26 +128,26 @@ function pageButton(text, target, isUseful, turned) {
 function showPages(pages, isAtEnd) {
   const end = Math.min(firstRow + PAGE_ROWS, shownGroups.length);
   const last = Math.max(0, Math.ceil(shownGroups.length / PAGE_ROWS) - 1) * PAGE_ROWS;
-  const turned = (text) => {
+  const onTurn = (text) => {
     if (isAtEnd) {
-      place("table").scrollIntoView();
+      byId("table").scrollIntoView();
     }
     [...pages.querySelectorAll("button")].find((button) => button.textContent === text)
       .focus({preventScroll: true});
   };
   pages.replaceChildren(
-    pageButton("First", 0, firstRow > 0, turned),
-    pageButton("Back", firstRow - PAGE_ROWS, firstRow > 0, turned),
+    pageButton("First", 0, firstRow > 0, onTurn),
+    pageButton("Back", firstRow - PAGE_ROWS, firstRow > 0, onTurn),
     element("span", end === 0 ? "none" : `${countText(firstRow + 1)}–${countText(end)} of ` +
                                          countText(shownGroups.length)),
-    pageButton("Next", firstRow + PAGE_ROWS, firstRow < last, turned),
-    pageButton("Last", last, firstRow < last, turned));
+    pageButton("Next", firstRow + PAGE_ROWS, firstRow < last, onTurn),
+    pageButton("Last", last, firstRow < last, onTurn));
 }
 
 function showGroups() {
-  place("groups").tBodies[0].replaceChildren(
+  byId("groups").tBodies[0].replaceChildren(
     ...shownGroups.slice(firstRow, firstRow + PAGE_ROWS).map(groupRow));
-  place("found").textContent = searched === "" ? "" :
+  byId("found").textContent = searched === "" ? "" :
     `${countText(shownGroups.length)} of ${countText(groups.length)} groups`;
   document.querySelectorAll("nav.pages").forEach((pages, number) => {
     pages.hidden = groups.length <= PAGE_ROWS;
@@ -157,15 +157,15 @@ function showGroups() {
 
 function startGroups() {
   if (groups.length === 0) {
-    place("tools").remove();
-    place("groups").replaceWith(element("p", "No identical files were found."));
+    byId("tools").remove();
+    byId("groups").replaceWith(element("p", "No identical files were found."));
     return;
   }
   let waiting = 0;
-  place("search").addEventListener("input", () => {
+  byId("search").addEventListener("input", () => {
     clearTimeout(waiting);
     waiting = setTimeout(() => {
-      searched = place("search").value.trim().toLowerCase();
+      searched = byId("search").value.trim().toLowerCase();
       chooseGroups();
     }, 150);
   });
@@ -178,8 +178,8 @@ function startGroups() {
 
 function showCompressed() {
   if (data.compressed.length > 0) {
-    place("compressed").hidden = false;
-    growingList(place("compressed"), data.compressed, (file) => element("li", nameOf(file), "name"));
+    byId("compressed").hidden = false;
+    growingList(byId("compressed"), data.compressed, (file) => element("li", nameOf(file), "name"));
   }
 }
 
@@ -190,7 +190,7 @@ function showLists() {
       const row = table.insertRow();
       row.append(element("td", label), element("td", valueText(value), "number"));
     }
-    place("lists").append(table);
+    byId("lists").append(table);
   }
 }
 

@@ -10,7 +10,7 @@ function showSystems() {
     } else {
       swatched(KINDS[3], "cannot share data", item);
     }
-    place("systems").append(item);
+    byId("systems").append(item);
   }
 }
 
@@ -18,7 +18,7 @@ function showFigures() {
   for (const {label, kind, ...value} of data.figures) {
     const figure = element("div");
     figure.append(element("b", valueText(value)));
-    place("figures").append(kind === undefined ? figure : swatched(KINDS[kind], "", figure));
+    byId("figures").append(kind === undefined ? figure : swatched(KINDS[kind], "", figure));
     figure.append(kind === undefined ? label : KINDS[kind].label);
   }
 }
@@ -31,18 +31,18 @@ function showShares() {
       part.style.flexGrow = totals[number];
       part.title = `${sizeText(totals[number])} ${kind.label}`;
       texts.push(part.title);
-      place("shares").append(part);
+      byId("shares").append(part);
     }
   });
-  place("shares").setAttribute("role", "img");
-  place("shares").setAttribute("aria-label", texts.join(", "));
+  byId("shares").setAttribute("role", "img");
+  byId("shares").setAttribute("aria-label", texts.join(", "));
 }
 
 function showHead() {
-  place("about").textContent = data.about;
+  byId("about").textContent = data.about;
   showSystems();
   for (const note of data.notes) {
-    place("notes").append(element("p", note));
+    byId("notes").append(element("p", note));
   }
   showFigures();
   showShares();
@@ -50,7 +50,7 @@ function showHead() {
 
 // --- The history: what was freed in all, after each run. ---
 
-const MOST_RUNS = 1000;  // in the table; the newest
+const MAX_RUNS = 1000;  // in the table; the newest
 
 const dayText = (seconds) => new Date(seconds * 1000).toLocaleString("sv-SE").slice(0, 16);
 
@@ -82,7 +82,7 @@ function showRuns() {
   const header = table.tHead.insertRow();
   header.append(element("th", "Run"), element("th", "Freed", "number"),
                 element("th", "Files merged", "number"));
-  for (const run of data.history.slice(-MOST_RUNS).reverse()) {
+  for (const run of data.history.slice(-MAX_RUNS).reverse()) {
     const row = table.tBodies[0].insertRow();
     row.append(element("td", dayText(run.start)), element("td", sizeText(run.freed), "number"),
                element("td", countText(run.merged), "number"));
@@ -93,7 +93,7 @@ function showHistory() {
   if (data.history.length === 0) {
     return;
   }
-  place("history").hidden = false;
+  byId("history").hidden = false;
   const {points, whole} = curvePoints();
   const picture = document.createElementNS("http://www.w3.org/2000/svg", "svg");
   picture.setAttribute("viewBox", "0 0 1000 100");
@@ -103,8 +103,8 @@ function showHistory() {
   const text = `${sizeText(whole)} freed by ${runs}`;
   picture.setAttribute("aria-label", text);
   picture.append(curvePath(points, true), curvePath(points, false));
-  place("curve").append(element("div", text), picture);
-  const [left, right] = place("ends").children;
+  byId("curve").append(element("div", text), picture);
+  const [left, right] = byId("ends").children;
   left.textContent = dayText(data.history[0].start);
   right.textContent = data.history.length > 1 ? dayText(data.history.at(-1).start) : "";
   showRuns();

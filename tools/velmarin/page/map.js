@@ -79,7 +79,7 @@ function stripes(node) {
 }
 
 // Skips directories whose only content is another directory.
-function passThrough(node) {
+function collapseChain(node) {
   let name = node.name;
   while (node.files.length === 0 && node.children.size === 1) {
     [node] = node.children.values();
@@ -93,7 +93,7 @@ function tilesOf(node) {
     .map((child) => ({child, bytes: weight(child)}))
     .filter(({bytes}) => bytes > 0).sort((a, b) => b.bytes - a.bytes);
   const tiles = children.slice(0, MAP_TILES).map(({child, bytes}) =>
-    ({...(isDirectory(child) ? passThrough(child) : {node: child, name: child.name}), bytes}));
+    ({...(isDirectory(child) ? collapseChain(child) : {node: child, name: child.name}), bytes}));
   const rest = children.slice(MAP_TILES);
   if (rest.length > 0) {
     const amounts = KINDS.map((_, kind) =>
@@ -183,7 +183,7 @@ function drawTiles(parent, node, box, level) {
 }
 
 function showTrail(node) {
-  const trail = place("trail");
+  const trail = byId("trail");
   trail.replaceChildren();
   const steps = [];
   for (let step = node; step !== null; step = step.parent) {
@@ -202,7 +202,7 @@ function showTrail(node) {
 let shownNode = null;
 
 function showMap(node) {
-  const map = place("map");
+  const map = byId("map");
   shownNode = node;
   map.replaceChildren();
   showTrail(node);
@@ -212,7 +212,7 @@ function showMap(node) {
 // The pressed button is then gone, so keyboard focus moves to the trail.
 function goTo(node) {
   showMap(node);
-  place("trail").focus({preventScroll: true});
+  byId("trail").focus({preventScroll: true});
 }
 
 function kindChoice(kind) {
@@ -237,14 +237,14 @@ function kindChoice(kind) {
 
 // Already shared bytes are hidden at first: they need no action.
 function startMap() {
-  const present = [0, 1, 2, 3].filter((kind) => totals[kind] > 0);
-  if (present.length === 0) {
-    place("map").remove();
-    place("trail").textContent = "Nothing is left to merge.";
+  const usedKinds = [0, 1, 2, 3].filter((kind) => totals[kind] > 0);
+  if (usedKinds.length === 0) {
+    byId("map").remove();
+    byId("trail").textContent = "Nothing is left to merge.";
     return;
   }
-  shownKinds = present.filter((kind) => present.length === 1 || KINDS[kind].key !== "shared");
-  place("kinds").append(...present.map(kindChoice));
-  showMap(passThrough(buildTree()).node);
+  shownKinds = usedKinds.filter((kind) => usedKinds.length === 1 || KINDS[kind].key !== "shared");
+  byId("kinds").append(...usedKinds.map(kindChoice));
+  showMap(collapseChain(buildTree()).node);
   window.addEventListener("resize", () => showMap(shownNode));
 }

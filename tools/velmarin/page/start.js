@@ -12,7 +12,7 @@ const KINDS = [
   {key: "stuck", label: "cannot be shared"},
 ];
 
-const place = (id) => document.getElementById(id);
+const byId = (id) => document.getElementById(id);
 
 function element(kind, text = "", className = "") {
   const made = document.createElement(kind);
