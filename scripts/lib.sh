@@ -7,7 +7,7 @@ velmarin=$repository/build/release/velmarin
 build_packages=(g++ cmake ninja-build pkg-config libssl-dev libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev libutfcpp-dev nlohmann-json3-dev)
 test_packages=(btrfs-progs chromium chromium-driver dpkg-dev e2fsprogs lintian mandoc mount python3
-  python3-selenium systemd util-linux-extra xfsprogs)
+  python3-selenium systemd util-linux-extra xfsprogs zsh)
 
 say() {
   printf '%s\n' "$*"

@@ -10,6 +10,7 @@ import signal
 import subprocess
 import sys
 import time
+import unittest
 from pathlib import Path
 
 from support.script import DEADLINE, TOOL, ToolCase, content, main, run
@@ -80,6 +81,14 @@ class CommandLine(ToolCase):
                 *(([command, "--"], options[command]) for command in options)]:
             output = run("bash", "-uc", script, bash, *words, cwd=self.root)
             self.assertEqual(set(output.splitlines()), offered, words)
+
+    @unittest.skipUnless(shutil.which("zsh"), "needs zsh")
+    def test_zsh_completes_commands_and_options(self):
+        run("zsh", "-fc", '''zmodload zsh/zpty; zpty shell zsh -fi
+            zpty -w shell "fpath=($0 \\$fpath); autoload -U compinit; compinit -uD"
+            zpty -w -n shell $'velmarin app\\t--st\\t'; zpty -r -m shell _ '*ate*=*' ''',
+            SOURCE / "tools/velmarin/completion", env={**os.environ, "TERM": "xterm"},
+            stdin=subprocess.DEVNULL, timeout=DEADLINE)
 
     def test_progress_and_colours_are_for_terminals_whose_user_wants_them(self):
         def on_terminal(*arguments, **environment):

@@ -1,8 +1,9 @@
 # Completion of velmarin(1) for bash.
 
-# Offers what compgen makes of its arguments for the word being completed.
+# Offers what compgen makes of its arguments for the word being completed. Readline makes words of
+# their own of the parts of --option=value.
 _velmarin_offer() {
-  mapfile -t COMPREPLY < <(compgen "$@" -- "${COMP_WORDS[COMP_CWORD]}")
+  mapfile -t COMPREPLY < <(compgen "$@" -- "${COMP_WORDS[COMP_CWORD]#=}")
 }
 
 _velmarin_offer_names() {
@@ -12,7 +13,9 @@ _velmarin_offer_names() {
 
 # The value of the option before the word being completed. Fails if that option takes none.
 _velmarin_value() {
-  case ${COMP_WORDS[COMP_CWORD - 1]} in
+  local option=${COMP_WORDS[COMP_CWORD - 1]}
+  [[ $option == = ]] && option=${COMP_WORDS[COMP_CWORD - 2]}
+  case $option in
     --state) _velmarin_offer_names -d ;;
     --skip | --config | --html | --exclude-from | --roots-from) _velmarin_offer_names -f ;;
     --min-size | --max-size) _velmarin_offer -W '0 4K 64K 1M 1G' ;;
