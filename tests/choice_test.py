@@ -62,8 +62,8 @@ class Choice(ToolCase):
                 (1, "--exclude-from . .", "cannot read .: Is a directory"),
                 (2, "--exclude-from - --roots-from -", "standard input can be read only once"),
                 (2, "-0 .", "--null requires --roots-from"),
-                (2, "--include src/ .", "--include: names files; for all that is below a directory, "
-                                        "write 'src/**'"),
+                (2, "--include src/ .", "--include: matches only files; for everything below a "
+                                        "directory, use 'src/**'"),
                 (2, "--exclude= .", "--exclude: an empty glob matches nothing")):
             output, errors = self.run_tool("scan", *command.split(), status=status)
             self.assertEqual((output, errors[:len(said) + 10]), ("", f"velmarin: {said}"))

@@ -36,13 +36,14 @@ bool add_line(std::string_view line, std::vector<std::string> &arguments) {
 std::string add_file(const std::string &file, std::vector<std::string> &arguments) {
   std::vector<std::string> lines;
   if (!read_list(file, '\n', lines)) {
-    return "the options of " + escaped_name(file) + " cannot be had";
+    return "cannot read the options in " + escaped_name(file);
   }
   for (const std::string &line : lines) {
     const std::string_view text = trimmed(line);
     if (!text.empty() && !text.starts_with('#') && !add_line(text, arguments)) {
-      return "a line of " + escaped_name(file) + " is no option of a scan with its value, and no " +
-             "'root = /DIRECTORY': " + escaped_name(std::string(text));
+      return "invalid line in " + escaped_name(file) +
+             ", expected 'OPTION', 'OPTION = VALUE' or 'root = /DIRECTORY': " +
+             escaped_name(std::string(text));
     }
   }
   return {};

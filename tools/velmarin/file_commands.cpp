@@ -332,11 +332,11 @@ const std::vector<FileCommand> &file_commands() {
   static const std::vector<FileCommand> commands = {
       {"dedup", "Make FILE2 share the data of FILE1", {"FILE1", "FILE2"}, dedup},
       {"info", "Tell whether files are plain or share data", {"FILE"}, info},
-      {"recover", "Give files their own data back, and check it", {"FILE"}, recover},
+      {"recover", "Give files their own data back and check the result", {"FILE"}, recover},
       {"group", "Make identical files share one new copy of their data", {"FILE"}, group},
-      {"copy", "Make the new file DST, which shares the data of SRC", {"SRC", "DST"}, copy},
+      {"copy", "Create DST as a new file that shares the data of SRC", {"SRC", "DST"}, copy},
       {"revoke", "Give files that share data their own data back", {"FILE"}, revoke},
-      {"freeze", "Set the coincide flag, which falls when a file changes", {"FILE"}, freeze},
+      {"freeze", "Set the coincide flag, which is cleared when a file changes", {"FILE"}, freeze},
       {"flags", "Tell whether files are frozen", {"FILE"}, flags}};
   return commands;
 }

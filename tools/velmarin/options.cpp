@@ -18,9 +18,9 @@ namespace tool {
 namespace {
 
 constexpr int MAX_DEPTH = 2047;
-constexpr const char *SIZE_FORMAT = "a size: a number, or one with K, M, G or T, as 64K or 1.5M";
+constexpr const char *SIZE_FORMAT = "a size such as 65536, 64K or 1.5M (units: K, M, G, T)";
 constexpr const char *DURATION_FORMAT =
-    "a time: seconds, or d, h, m and s, as 5m or 1h30m, up to 365d";
+    "a time such as 90, 5m or 1h30m (units: d, h, m, s; at most 365d)";
 constexpr const char *EXCLUDE = "--exclude";
 constexpr const char *INCLUDE = "--include";
 constexpr const char *GLOB_MARK = ":";
@@ -66,7 +66,7 @@ std::string glob_error(const std::string &marked) {
 }
 
 std::string include_error(const std::string &marked) {
-  return marked.ends_with('/') ? "names files; for all that is below a directory, write '" +
+  return marked.ends_with('/') ? "matches only files; for everything below a directory, use '" +
                                      escaped_name(marked.substr(1)) + "**'"
                                : glob_error(marked);
 }
@@ -78,7 +78,8 @@ void unmark_globs(std::vector<std::string> &globs) {
 }
 
 void add_filter_options(CLI::App *command, ScanOptions &scan) {
-  command->add_option(EXCLUDE, scan.filter.excludes, "Leave out what matches (may be repeated)")
+  command
+      ->add_option(EXCLUDE, scan.filter.excludes, "Leave out entries that match (may be repeated)")
       ->type_name("GLOB")
       ->allow_extra_args(false)
       ->check(CLI::Validator(glob_error, ""));
@@ -88,7 +89,7 @@ void add_filter_options(CLI::App *command, ScanOptions &scan) {
       ->check(CLI::Validator(include_error, ""));
   command
       ->add_option("--exclude-from", scan.exclude_lists,
-                   "Leave out what matches a line of this file; '-' is standard input")
+                   "Leave out entries that match a glob in this file; '-' is standard input")
       ->type_name("FILE")
       ->allow_extra_args(false);
   command->add_flag("--no-hidden", scan.filter.no_hidden, "Leave out names that begin with a dot");
@@ -125,30 +126,30 @@ std::optional<int> parse_depth(std::string_view text) {
 
 void add_time_budget(CLI::App *command, unsigned &seconds) {
   add_value(command, "--time-budget", seconds, parse_duration, DURATION_FORMAT, "TIME",
-            "End early after this time: 90 (seconds), 5m, 1h30m");
+            "Stop after this time, such as 90 (seconds), 5m or 1h30m");
 }
 
 void add_scan_limits(CLI::App *command, ScanOptions &scan) {
   add_value(command, "--min-size", scan.min_size, parse_size, SIZE_FORMAT, "SIZE",
-            "Smallest file looked at; 0 means every file that is not empty (default 64K)");
+            "Leave out smaller files (default 64K); 0 leaves out only empty files");
   add_value(command, "--max-size", scan.filter.max_size, parse_size, SIZE_FORMAT, "SIZE",
-            "Largest file looked at (default: no limit)");
+            "Leave out larger files (default: no limit)");
   add_value(command, "--max-depth", scan.max_depth, parse_depth, "a number from 0 to 2047", "N",
-            "Do not read directories N levels below a root");
+            "Do not read directories N or more levels below a root");
   command->add_flag("-x,--one-file-system", scan.one_file_system,
                     "Stay on the file systems of the roots");
   // Only for the help text: `apply_config` has already replaced it with the file's options.
-  command->add_option("--config", "Take options and roots from this file")->type_name("FILE");
-  command->add_flag("--idle", scan.idle, "Give way to everything else on the machine");
+  command->add_option("--config", "Read options and roots from this file")->type_name("FILE");
+  command->add_flag("--idle", scan.idle, "Run at idle disk and processor priority");
   add_time_budget(command, scan.time_budget);
 }
 
 void add_scan(CLI::App &app, ScanOptions &scan) {
-  CLI::App *const command = app.add_subcommand(
-      "scan", "Find identical files in directory trees, and merge them if asked");
+  CLI::App *const command =
+      app.add_subcommand("scan", "Find identical files in directory trees; --apply merges them");
   command->add_flag("--apply", scan.apply, "Make identical files share one copy of their data");
-  command->add_flag("-n,--dry-run", scan.dry_run, "Merge nothing, which is the default");
-  command->add_option("--state", scan.state, "Where digests are kept for the next scan")
+  command->add_flag("-n,--dry-run", scan.dry_run, "Merge nothing (default)");
+  command->add_option("--state", scan.state, "Keep digests for the next scan in this directory")
       ->type_name("DIR");
   command->add_option("--skip", scan.skips, "Leave out this file or directory (may be repeated)")
       ->type_name("PATH")
@@ -156,10 +157,10 @@ void add_scan(CLI::App &app, ScanOptions &scan) {
   add_filter_options(command, scan);
   add_scan_limits(command, scan);
   command->add_flag("--json", scan.json, "Print one JSON object");
-  command->add_option("--html", scan.html, "Write a page with a picture of the findings")
+  command->add_option("--html", scan.html, "Also write the findings to an HTML page")
       ->type_name("FILE");
   command->add_flag("-v,--verbose", scan.verbose, "Show the library's log on standard error");
-  command->add_flag("-q,--quiet", scan.quiet, "No progress display and no remarks");
+  command->add_flag("-q,--quiet", scan.quiet, "Show no progress and no remarks");
   command->add_flag("--no-color", scan.no_color, "No colours");
   command->add_option("ROOT", scan.roots, "Directory to scan")->type_name("");
 }
@@ -172,15 +173,15 @@ void add_apply(CLI::App &app, ApplyOptions &apply) {
   add_time_budget(command, apply.time_budget);
   command->add_flag("--json", apply.json, "Print one JSON object");
   command->add_flag("-v,--verbose", apply.verbose, "Show the library's log on standard error");
-  command->add_flag("-q,--quiet", apply.quiet, "No progress display and no remarks");
-  command->add_option("REPORT", apply.report, "The report; - is standard input")
+  command->add_flag("-q,--quiet", apply.quiet, "Show no progress and no remarks");
+  command->add_option("REPORT", apply.report, "The report; '-' is standard input")
       ->required()
       ->type_name("");
 }
 
 void add_history(CLI::App &app, HistoryOptions &history) {
   CLI::App *const command = app.add_subcommand("history", "Show what each merging run has freed");
-  command->add_option("--state", history.state, "Where the scans keep their digests")
+  command->add_option("--state", history.state, "The state directory of the scans")
       ->type_name("DIR");
   command->add_flag("--json", history.json, "Print one JSON object");
 }
@@ -248,7 +249,7 @@ bool apply_config(std::vector<std::string> &given) {
 // Describes a usage error when no command was recognised.
 std::string describe_command(int argc, char **argv) {
   if (argc < 2) {
-    return "no command is given";
+    return "no command given";
   }
   const std::string first = escaped_name(argv[1]);
   return (first.starts_with('-') ? "unknown option '" : "unknown command '") + first + "'";
@@ -277,7 +278,7 @@ int report(const CLI::App &app, int argc, char **argv, const CLI::ParseError &er
   const auto commands = app.get_subcommands();
   const std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
   print_error(command.empty() ? describe_command(argc, argv) : describe(app, error));
-  std::fprintf(stderr, "'velmarin%s --help' lists what there is.\n", command.c_str());
+  std::fprintf(stderr, "Try 'velmarin%s --help'.\n", command.c_str());
   return BAD_USAGE;
 }
 
