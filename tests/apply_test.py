@@ -68,8 +68,8 @@ class Refused(ReportCase):
         path, twin = (report["groups"][1]["files"][number]["path"] for number in (2, 0))
         first = report["groups"][0]["files"][0]
         outside = "path is not below any root"
-        parts = 'path has an empty part, "." or ".." in it'
-        digits, number = "is not of pairs of hexadecimal digits", "is not a whole number"
+        parts = 'path has an empty, "." or ".." component'
+        digits, number = "is not an even number of hexadecimal digits", "is not a whole number"
         few = "files is not a list of two or more files"
         for place, prefix, rows in (
                 ((), "", (
@@ -100,7 +100,7 @@ class Refused(ReportCase):
                     *(("path_bytes", name, f"path_bytes {digits}")
                       for name in ("2f6", "2f 6", "2fx0", "-1-1")),
                     ("path_bytes", os.fsencode(first["path"]).hex(),
-                     "path and path_bytes are different names"),
+                     "path and path_bytes do not match"),
                     ("inode", -1, "inode is out of range"), ("inode", 1 << 64, f"inode {number}"),
                     ("status", 4, "status is out of range"),
                     ("status", -4096, "status is out of range"),
@@ -117,21 +117,21 @@ class Refused(ReportCase):
         lines = text.splitlines()
         start = next(number for number, line in enumerate(lines) if '"size"' in line)
         yield from (
-            ("", "line 1, column 1: ends too early"), ("[]", "not an object"),
+            ("", "line 1, column 1: unexpected end"), ("[]", "not an object"),
             ("\n".join(lines[:start]), f"line {start}, column {len(lines[start - 1]) + 1}: "
-                                       "ends too early"),
+                                       "unexpected end"),
             (text + "}", f"line {len(lines) + 1}, column 1: not valid JSON"),
             (text.replace('"size":', '"size":,'), f"line {start + 1}, column 13: not valid JSON"),
             (text.replace('},\n', '},,\n'), f"line {start + 1}, column {len(lines[start]) + 1}: "
                                             "not valid JSON"),
             (text.replace('"groups": [', '"groups": [,'),
              f"line {start}, column 14: not valid JSON"),
-            (text.replace('"size":', '"size":7,"size":'), "group 1: size is there twice"),
-            (text.replace('"velmarin"', '"format"'), "format is there twice"),
+            (text.replace('"size":', '"size":7,"size":'), "group 1: duplicate size"),
+            (text.replace('"velmarin"', '"format"'), "duplicate format"),
             (text.replace('"stopped": false', '"stopped": 1e999'), "a number is out of range"),
-            ("[" * 10**6, "lists and objects lie too deep in each other"),
+            ("[" * 10**6, "lists and objects are nested too deeply"),
             (text.replace('"size":', '"more":' + "[" * 32 + '0,"size":'),
-             "group 1: lists and objects lie too deep in each other"))
+             "group 1: lists and objects are nested too deeply"))
 
     def test_a_damaged_or_hostile_report_is_refused_whole(self):
         text = self.make_groups("a", "b")
@@ -160,7 +160,7 @@ class Refused(ReportCase):
         before = self.traces()
         self.assertIn("No such file", self.run_tool("apply", report, status=1)[1])
         (self.root / "tree").symlink_to(tree)
-        self.assertIn("by way of a symbolic link", self.run_tool("apply", report, status=1)[1])
+        self.assertIn("through a symbolic link", self.run_tool("apply", report, status=1)[1])
         self.assertEqual(self.traces(), before)
 
 

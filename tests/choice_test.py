@@ -57,7 +57,7 @@ class Choice(ToolCase):
                                        "b*", roots=["src/x/y"], stdin=names),
                              {"two\nlines/file", "src/main.c", "src/x/y/main.c"})  # a root is in
         for status, command, said in (
-                (1, "--roots-from /dev/null", "nothing to scan: no directory is named in /dev/null"),
+                (1, "--roots-from /dev/null", "nothing to scan: no directories are listed in /dev/null"),
                 (1, "--roots-from missing .", "cannot read missing: No such file"),
                 (1, "--exclude-from . .", "cannot read .: Is a directory"),
                 (2, "--exclude-from - --roots-from -", "standard input can be read only once"),
@@ -142,7 +142,7 @@ class Refusals(ToolCase):
                 ("revoke .", ".: is a directory"), ("info pipe", "pipe: is not a regular file"),
                 ("copy . new", ".: is a directory"), ("dedup a .", ".: is a directory"),
                 ("group a b pipe", "pipe: is not a regular file"),
-                ("group a", "a: is alone: a group takes two files or more"),
+                ("group a", "a: a group needs at least two files"),
                 ("group b a link", "link: same file as a"), ("dedup a a", "a: same file as a"),
                 ("dedup a link", "link: same file as a")):
             self.assertEqual(self.run_tool(*command.split(), status=1), ("", f"velmarin: {said}\n"))
@@ -151,7 +151,7 @@ class Refusals(ToolCase):
         self.assertEqual(errors, "velmarin: c: cannot share the data of a: contents differ\n")
         _, errors = self.run_tool("group", "a", "b", "c", status=1)
         self.assertEqual(errors,
-                         "velmarin: a: the group was not merged completely: contents differ\n")
+                         "velmarin: a: not all files of the group were merged: contents differ\n")
 
     def test_files_of_which_one_is_not_copied_on_write_are_refused_in_words(self):
         self.mount_btrfs("128M")

@@ -38,8 +38,8 @@ class NoRoom(ToolCase):
         self.mount("tmpfs", self.directory / "read-only", "ro")
         for state, user, line in (
                 ("../full", [], "cannot write .*/history: No space left on device\nvelmarin: "
-                                "the digests were not saved for the next scan: "
-                                f"no space for the saved digests in {self.directory}/full"),
+                                "cannot save the digests for the next scan: "
+                                f"no space left for digests in {self.directory}/full"),
                 ("../read-only", [], "cannot use the state directory .*: Read-only file system"),
                 ("a/below", [], "cannot use the state directory .*: Not a directory"),
                 ("../of-root", nobody, "cannot use the state directory .*: Permission denied")):

@@ -41,7 +41,7 @@ class History(NightCase):
         line = record.read_bytes()
         record.write_bytes(line + line.replace(b":1,", b':"1",') + b"[" * 1000 + b"\n\n" + line[:-9])
         self.scan("--apply")  # after a truncated line
-        damaged = "".join(f"velmarin: line {number} left out of {record}: damaged\n"
+        damaged = "".join(f"velmarin: ignoring damaged line {number} of {record}\n"
                           for number in range(2, 6))
         self.assertEqual([run["merged"] for run in self.history(damaged)], [1, 0])
         table, _ = self.run_tool("history", "--state", self.state)
@@ -73,10 +73,10 @@ class Configured(NightCase):
                 (f"root = {top}/other\nexclude = [ab]\nno-hidden = no",
                  "", "other/-x[1] other/left out/c", 0),
                 ("root = other", "", "'root = /DIRECTORY': root = other", 2),
-                (f"root = {top}\nmin-size =", "", "with its value", 2),
-                (f"root = {top}\nconfig = {config}", "", "no option of a scan", 2),
+                (f"root = {top}\nmin-size =", "", "invalid line in ", 2),
+                (f"root = {top}\nconfig = {config}", "", "invalid line in ", 2),
                 (f"root = {top}\nnonsense = 1", "", "unknown option '--nonsense=1'", 2),
-                (f"root = {top}\n= 1", "", "no option of a scan", 2)):
+                (f"root = {top}\n= 1", "", "invalid line in ", 2)):
             config.write_text(lines, encoding="utf-8")
             output, errors = self.run_tool("scan", "--json", "--state", self.state,
                                            *words.split(), "--config", config, status=status)

@@ -88,12 +88,12 @@ class OnlyLooking(ToolCase):
         output, _ = self.run_tool("apply", report, status=1)
         self.assertEqual(output.count("  refused "), 3)
         self.assertEqual(self.scan("--apply", status=1)["groups"], [])
-        self.assertIn(": 4 files of an overlay left out: ",
+        self.assertIn(": left out 4 files on an overlay: ",
                       self.run_tool("scan", "--apply", ".", status=1)[1])
         for command in ("info a b", "flags a b", "freeze a", "dedup a b", "group a b", "revoke a",
                         "recover a", "copy a new"):
             _, errors = self.run_tool(*command.split(), status=1)
-            self.assertIn("velmarin: a: left alone: on an overlay it would be copied up\n", errors)
+            self.assertIn("velmarin: a: not opened: the overlay would copy it up\n", errors)
         self.assertEqual(list(upper.iterdir()), [])
 
 

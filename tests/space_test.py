@@ -109,7 +109,7 @@ class SpaceCase(ToolCase):
         run("sync", "-f", self.root)
         for command, told in (
                 ("info 1", "a plain file; 4 MiB of its 6 MiB are in shared extents\n"),
-                ("recover 1", "already; 4 MiB of its 6 MiB are in shared extents\n"),
+                ("recover 1", "plain file; 4 MiB of its 6 MiB are in shared extents\n"),
                 ("copy 0 copy", "a new file that shares the data of 0\n"),
                 ("info copy", "a plain file; all its extents are shared\n"), *table):
             self.assertIn(told, self.run_tool(*command.split())[0], command)
@@ -170,7 +170,7 @@ class Btrfs(SpaceCase):
             ("info whole", "whole: a plain file\n"),
             ("copy whole c", "a copy of the data of whole, which takes 1 MiB more\n"),
             ("copy a d", "a copy of the data of a, which takes up to 4 KiB more\n"),
-            ("dedup a b", "on record as identical to the data of a; none of its extents is shared\n"),
+            ("dedup a b", "recorded as identical to the data of a; none of its extents is shared\n"),
             ("info b", "; none of its extents is shared\n"))
 
     def test_what_a_user_may_not_query_is_given_as_an_upper_bound(self):
@@ -193,12 +193,12 @@ class Btrfs(SpaceCase):
         self.write("tiny", b"t")
         for command, figures in (
                 ("scan", "  not merged yet   12 MiB\n  can be freed     12 MiB (with --apply)\n"
-                 "  saved already    6 MiB by sharing data\n  directories      3 read of 3 tried\n"
-                 "  files            10 opened, 5 candidates, 4 read whole\n"),
-                ("scan --apply", "  merged           2 files, 1 shared already\n"
-                 "  freed            12 MiB\n  saved already    6 MiB by sharing data\n"
+                 "  already saved    6 MiB by sharing data\n  directories      3 read of 3 tried\n"
+                 "  files            10 opened, 5 candidates, 4 read in full\n"),
+                ("scan --apply", "  merged           2 files, 1 already shared\n"
+                 "  freed            12 MiB\n  already saved    6 MiB by sharing data\n"
                  "  directories      3 read of 3 tried\n"
-                 "  files            6 opened, 5 candidates, 0 read whole\n")):
+                 "  files            6 opened, 5 candidates, 0 read in full\n")):
             output, _ = self.run_tool(*command.split(), "--min-size", "2", ".")
             self.assertIn("Summary\n  identical files  4 in 1 group\n" + figures +
                           "  errors           0\n  time ", output)

@@ -96,13 +96,13 @@ class CommandLine(ToolCase):
             shown = run("script", "-qec", command, self.directory / "shown",
                         env={**os.environ, "TERM": "xterm", **environment,
                              "XDG_STATE_HOME": self.directory})
-            return "looked at" in shown, "\x1b[1m" in shown
+            return "examined" in shown, "\x1b[1m" in shown
 
         for name in "ab":
             os.truncate(self.write(name, b"same"), 500 << 20)
         self.assertEqual(on_terminal(), (True, True))
         self.assertRegex((self.directory / "shown").read_text(),
-                         r"walking  3 files looked at, [12] read \(\d+(\.\d)? MiB\)")
+                         r"walking  3 files examined, [12] read \(\d+(\.\d)? MiB\)")
         self.assertEqual(on_terminal("--apply"), (True, True))
         self.assertRegex((self.directory / "shown").read_text(),
                          r"merging  0 of 1 file, 0 B of \d+ [KM]?i?B, 0 B freed")
@@ -263,9 +263,9 @@ class Files(ToolCase):
                 ("dedup a other", 1, "other: cannot share the data of a: "),
                 ("freeze missing a c", 1, "missing: No such", "a: is attached", "c: frozen"),
                 ("flags missing c other", 1, "c: frozen (flags 0x2)", "other: not frozen"),
-                ("recover missing a a", 1, "a: has its own data", "a: was a plain file already"),
-                ("revoke missing b c", 1, "b: has its own data", "c: was a plain file already"),
-                ("group a b other", 1, "other: a plain file", "not merged completely"),
+                ("recover missing a a", 1, "a: has its own data", "a: was already a plain file"),
+                ("revoke missing b c", 1, "b: has its own data", "c: was already a plain file"),
+                ("group a b other", 1, "other: a plain file", "not all files of the group"),
                 ("group a b c", 0, "c: deduplicated onto layered inode"),
                 ("copy a new", 0, "new: a new file "),
                 ("copy a other", 1, "other: cannot copy a: File exists"),

@@ -26,7 +26,7 @@ bool are_roots_usable(const Report &report) {
   for (size_t i = 0; i < report.roots.size(); ++i) {
     if (i >= resolved.size() || resolved[i] != report.roots[i]) {
       print_error("cannot merge below", report.roots[i],
-                  "named twice, or by way of a symbolic link");
+                  "listed twice, or reached through a symbolic link");
       return false;
     }
   }

@@ -71,7 +71,7 @@ bool reject_non_regular(const Files &files) {
 bool reject_on_overlay(const Files &files) {
   for (const std::string &file : files) {
     if (is_on_overlay(file)) {
-      return !fail(file, "left alone: on an overlay it would be copied up");
+      return !fail(file, "not opened: the overlay would copy it up");
     }
   }
   return false;
@@ -140,7 +140,7 @@ std::string describe_dedup(const std::string &first, const std::string &second) 
     return "shares the data of " + name;
   }
   const std::string details = describe(sharing);
-  return "is on record as identical to the data of " + name +
+  return "is recorded as identical to the data of " + name +
          (!can_share_data(second) ? CANNOT_SHARE
           : details.empty()       ? ""
                                   : "; " + details);
@@ -191,7 +191,7 @@ bool recover(const Files &files, LogLines &log) {
       return true;
     }
     if (result < -1 && query_layer(file) == 0) {
-      print_result(file, "was a plain file already" + sharing_remark(file, false));
+      print_result(file, "was already a plain file" + sharing_remark(file, false));
       return true;
     }
     // -2 is also the errno of a missing file.
@@ -213,7 +213,7 @@ std::string group_failure_reason(const Files &files, int error) {
 
 bool group(const Files &files, LogLines &) {
   if (files.size() < 2) {
-    return fail(files[0], "is alone: a group takes two files or more");
+    return fail(files[0], "a group needs at least two files");
   }
   if (reject_unusable(files) || reject_same_file(files)) {
     return false;
@@ -226,7 +226,7 @@ bool group(const Files &files, LogLines &) {
   for (const std::string &file : files) {
     print_result(file, describe_layer(file));
   }
-  return error == 0 || fail(files[0], std::string("the group was not merged completely: ") +
+  return error == 0 || fail(files[0], std::string("not all files of the group were merged: ") +
                                           group_failure_reason(files, error));
 }
 
@@ -263,14 +263,14 @@ bool copy(const Files &files, LogLines &) {
   if (error == 0) {
     print_result(target, describe_copy(source, target));
     if (const int unset = copy_permissions(source, target); unset != 0) {
-      return fail(target, std::string("does not have the permissions of its source: ") +
+      return fail(target, std::string("cannot be given the permissions of its source: ") +
                               std::strerror(unset));
     }
     return true;
   }
   const bool is_left = !existed && lstat(target.c_str(), &status) == 0;
   return fail(target, "cannot copy " + escaped_name(source) + ": " + std::strerror(error) +
-                          (is_left ? "; the new file is left, empty" : ""));
+                          (is_left ? "; the new file remains, empty" : ""));
 }
 
 bool revoke(const Files &files, LogLines &log) {
@@ -282,7 +282,7 @@ bool revoke(const Files &files, LogLines &log) {
     }
     // 1 means a plain file, but is also an errno (EPERM).
     if (result == 1 && query_layer(file) == 0) {
-      print_result(file, "was a plain file already" + sharing_remark(file, false));
+      print_result(file, "was already a plain file" + sharing_remark(file, false));
       return true;
     }
     return fail(file, "cannot be revoked: " + recovery_failure_reason(file, result));
@@ -302,10 +302,10 @@ bool freeze(const Files &files, LogLines &log) {
       return true;
     }
     if (result > 0) {
-      return fail(file, "is attached to a layered inode; its flag was left alone");
+      return fail(file, "is attached to a layered inode; its flag was not changed");
     }
     if (result == -1 && log.last_message().empty()) {
-      return fail(file, "changed meanwhile; it is not frozen");
+      return fail(file, "not frozen: it has just changed");
     }
     return fail(file, result == -1 ? failure_reason(file, log) : describe_error(-result));
   });

@@ -194,8 +194,7 @@ std::optional<std::vector<HistoryEntry>> read_history(const std::string &state) 
     if (const auto entry = parse_entry(std::string_view(*text).substr(begin, end - begin))) {
       entries.push_back(*entry);
     } else {
-      print_error("line " + std::to_string(number) + " left out of", history_path(state),
-                  "damaged");
+      print_error("ignoring damaged line " + std::to_string(number) + " of", history_path(state));
     }
     begin = end + 1;
   }

@@ -69,7 +69,7 @@ bool run_history(const HistoryOptions &options) {
   if (options.json) {
     print_objects(*entries);
   } else if (entries->empty()) {
-    std::printf("No merging run is on record in %s\n", escaped_name(state).c_str());
+    std::printf("No merging run is recorded in %s\n", escaped_name(state).c_str());
   } else {
     print_table(*entries);
   }

@@ -5,7 +5,7 @@
 
 namespace tool {
 
-// Prints what the runs on record freed. Returns false when the record cannot be read.
+// Prints what the recorded runs freed. Returns false if the record cannot be read.
 bool run_history(const HistoryOptions &options);
 
 }  // namespace tool

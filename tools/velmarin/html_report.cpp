@@ -61,7 +61,7 @@ Json history(const PageContext &context) {
 Json notes(const Report &report) {
   Json list = Json::array();
   if (report.stopped || report.out_of_time) {
-    list.push_back("Stopped early: the findings are not complete.");
+    list.push_back("Stopped early: the findings are incomplete.");
   }
   for (const std::string &remark : space_remarks(report)) {
     list.push_back("Space: " + remark + ".");
@@ -110,7 +110,7 @@ Json figures(const Report &report) {
   }
   list.push_back(size_of_kind(FREE, all_left_bytes(findings)));
   if (space.uncertain > 0) {
-    list.push_back(size("at most besides", space.uncertain));
+    list.push_back(size("up to this much more", space.uncertain));
   }
   list.push_back(size_of_kind(SHARED, findings.saved_bytes()));
   if (findings.unsharable_bytes() > 0) {
@@ -187,7 +187,7 @@ Json counter_rows(const Report &report) {
           count("directories tried", counters.nr_dir_opened),
           count("files opened", counters.nr_file_opened),
           count("candidates", counters.nr_scan_file),
-          count("files read whole", counters.nr_hashed),
+          count("files read in full", counters.nr_hashed),
           count("errors", counters.nr_error),
           count("left out: no deduplication", report.unsupported),
           count("left out: unknown state", report.unknown)};
@@ -195,12 +195,12 @@ Json counter_rows(const Report &report) {
 
 Json space_rows(const Report &report) {
   Json rows = Json::array();
-  rows.push_back(size("held by copies that are not merged", report.findings.unmerged_bytes()));
+  rows.push_back(size("held by unmerged copies", report.findings.unmerged_bytes()));
   if (report.applied) {
     const MergeCounts counts = count_outcomes(report.findings);
     rows.push_back(count("merged", counts.merged));
     rows.push_back(count("shared before", counts.already_shared));
-    rows.push_back(count("nothing to gain", counts.no_gain));
+    rows.push_back(count("no gain", counts.no_gain));
     rows.push_back(count("changed since the scan", counts.changed));
     rows.push_back(count("refused", counts.refused));
     rows.push_back(count("not tried", counts.not_tried));

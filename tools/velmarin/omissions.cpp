@@ -22,7 +22,7 @@ constexpr CauseText TEXTS[] = {
     {"not opened", "file could not be opened", "files could not be opened"},
     {"not marked", "file could not be marked", "files could not be marked"},
     {"not read", "file could not be read", "files could not be read"},
-    {"state unknown", "file did not tell its state", "files did not tell their state"},
+    {"state unknown", "file with an unknown state", "files with an unknown state"},
     {"changed", "file changed while it was read", "files changed while they were read"}};
 static_assert(std::size(TEXTS) == CAUSES);
 

@@ -135,7 +135,7 @@ class TextPrinter {
       print_row("", remark);
     }
     if (!findings.is_unsharable()) {
-      print_row("saved already", format_size(findings.saved_bytes()) + " by sharing data");
+      print_row("already saved", format_size(findings.saved_bytes()) + " by sharing data");
     }
   }
 
@@ -153,11 +153,11 @@ class TextPrinter {
     const bool is_unsharable = report_.findings.is_unsharable();
     std::string text = format_count(counts.merged, "file") + ", " +
                        std::to_string(counts.already_shared) +
-                       (is_unsharable ? " before" : " shared already");
+                       (is_unsharable ? " already recorded" : " already shared");
     const auto append = [&text](uint64_t count, const char *what) {
       text += count > 0 ? ", " + std::to_string(count) + what : "";
     };
-    append(counts.no_gain, " with nothing to gain");
+    append(counts.no_gain, " with no gain");
     append(counts.changed, " changed since the scan");
     append(counts.refused, " refused");
     append(counts.not_tried, " not tried");
@@ -171,7 +171,7 @@ class TextPrinter {
                                  std::to_string(counters.nr_dir_opened) + " tried");
     print_row("files", std::to_string(counters.nr_file_opened) + " opened, " +
                            std::to_string(counters.nr_scan_file) + " candidates, " +
-                           std::to_string(counters.nr_hashed) + " read whole");
+                           std::to_string(counters.nr_hashed) + " read in full");
     print_row("errors", std::to_string(counters.nr_error));
     print_omission_counts();
     if (report_.unsupported + report_.unknown > 0) {

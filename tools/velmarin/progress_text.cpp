@@ -49,7 +49,7 @@ std::string ScanText::describe() {
   const uint64_t bytes = bytes_read() - read_before_;
   rate_.note(elapsed, static_cast<double>(bytes));
   return format_duration(elapsed) + "  " + phase_word(log_.phase()) + "  " +
-         format_count(probe_counts.entries, "file") + " looked at, " +
+         format_count(probe_counts.entries, "file") + " examined, " +
          std::to_string(probe_counts.read) + " read (" + format_size(bytes) + ")" +
          rate_text(rate_);
 }

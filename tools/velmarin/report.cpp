@@ -77,21 +77,21 @@ std::vector<std::string> space_remarks(const Report &report) {
   const Findings &findings = report.findings;
   if (report.applied && findings.freed().uncertain > 0) {
     remarks.push_back("up to " + format_size(findings.freed().uncertain) +
-                      " more: now, or once no snapshot or other file holds it");
+                      " more, now or once no snapshot or other file holds it");
   }
   if (!report.applied && findings.reclaimable().uncertain > 0) {
     remarks.push_back("up to " + format_size(findings.reclaimable().uncertain) +
-                      " more: snapshots, other files or compression decide");
+                      " more, depending on snapshots, other files and compression");
   }
   if (findings.is_unsharable()) {
     remarks.push_back("the file system of these files cannot share data: nothing can be freed");
   } else if (findings.unsharable_bytes() > 0) {
     remarks.push_back(format_size(findings.unsharable_bytes()) +
-                      " lies where the file system cannot share data: nothing can be freed there");
+                      " cannot be freed: the file system cannot share data");
   }
   if (findings.inline_files() > 0) {
     remarks.push_back(format_count(findings.inline_files(), "file") +
-                      " with nothing to gain: the data lies inline, among the metadata");
+                      " with no gain: the data is stored inline in the metadata");
   }
   return remarks;
 }

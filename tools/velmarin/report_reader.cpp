@@ -87,7 +87,7 @@ class Element {
       unsigned byte = 0;
       const auto [end, error] = std::from_chars(pair, pair + 2, byte, 16);
       if (i + 1 == digits.size() || error != std::errc() || end != pair + 2) {
-        fail(std::string(name) + " is not of pairs of hexadecimal digits");
+        fail(std::string(name) + " is not an even number of hexadecimal digits");
       }
       bytes += static_cast<char>(byte);
     }
@@ -114,7 +114,7 @@ const char *path_error(std::string_view path) {
     path.remove_prefix(1);
     const std::string_view part = path.substr(0, path.find('/'));
     if (part.empty() || part == "." || part == "..") {
-      return "path has an empty part, \".\" or \"..\" in it";
+      return "path has an empty, \".\" or \"..\" component";
     }
     if (part.size() > NAME_MAX) {
       return "path is too long";
@@ -129,7 +129,7 @@ std::string path_of(const Element &element) {
   const std::string &shown = element.text("path");
   std::string path = element.has("path_bytes") ? element.bytes("path_bytes") : shown;
   if (utf8_name(path) != shown) {
-    element.fail("path and path_bytes are different names");
+    element.fail("path and path_bytes do not match");
   }
   const char *const error = path == "/" ? nullptr : path_error(path);
   if (error != nullptr) {
@@ -216,7 +216,7 @@ class ReportParser {
 
   void begin(int depth) {
     if (depth >= DEPTH_MAX) {
-      throw ReportError(location() + "lists and objects lie too deep in each other");
+      throw ReportError(location() + "lists and objects are nested too deeply");
     }
     keys_.resize(static_cast<size_t>(depth) + 1);
     keys_.back().clear();
@@ -224,7 +224,7 @@ class ReportParser {
 
   void take_key(int depth, const std::string &key) {
     if (!keys_[static_cast<size_t>(depth) - 1].insert(key).second) {
-      throw ReportError(location() + escaped_name(key) + " is there twice");
+      throw ReportError(location() + "duplicate " + escaped_name(key));
     }
     if (depth == 1) {
       member_ = key;
@@ -380,7 +380,7 @@ Report parse_report(std::string text) {
     return report;
   } catch (const Json::parse_error &error) {
     throw ReportError(line_and_column(text, error.byte) +
-                      (error.byte > text.size() ? ": ends too early" : ": not valid JSON"));
+                      (error.byte > text.size() ? ": unexpected end" : ": not valid JSON"));
   } catch (const Json::out_of_range &) {
     throw ReportError("a number is out of range");
   }

@@ -104,7 +104,7 @@ class ScanCommand {
       }
     }
     if (roots.empty()) {
-      print_error("nothing to scan: no directory is named in", options_.roots_from);
+      print_error("nothing to scan: no directories are listed in", options_.roots_from);
       return false;
     }
     if (!resolve_roots(roots, report_.roots)) {
@@ -152,7 +152,7 @@ class ScanCommand {
   }
 
   std::string save_failure_reason() const {
-    return is_full(state_) ? "no space for the saved digests in " + escaped_name(state_)
+    return is_full(state_) ? "no space left for digests in " + escaped_name(state_)
                            : escaped_name(log_.save_failure());
   }
 
@@ -161,17 +161,18 @@ class ScanCommand {
     const bool none_supported =
         report_.findings.counters.nr_scan_file == 0 && report_.unsupported > 0;
     if (!log_.save_failure().empty()) {
-      print_error("the digests were not saved for the next scan: " + save_failure_reason());
+      print_error("cannot save the digests for the next scan: " + save_failure_reason());
     }
     if (probe_counts.on_overlay > 0) {
-      print_error(format_count(probe_counts.on_overlay, "file") +
-                  " of an overlay left out: merging would copy each of them up");
+      print_error("left out " + format_count(probe_counts.on_overlay, "file") +
+                  " on an overlay: merging would copy each of them up");
     }
     if (!runs_.kept_digests) {
-      print_error("digests of files that were not reached could not be written");
+      print_error("cannot save the digests of files that the scan did not reach");
     }
     if (none_supported) {
-      print_error("no file could be examined: their file systems do not support deduplication");
+      print_error(
+          "no file could be examined: none is on a file system that supports deduplication");
     }
     return !none_supported && log_.save_failure().empty() && runs_.kept_digests;
   }

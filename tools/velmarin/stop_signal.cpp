@@ -13,9 +13,9 @@ namespace {
 
 constexpr int STOP_SIGNALS[] = {SIGINT, SIGTERM, SIGHUP};
 constexpr std::string_view STOP_MESSAGE =
-    "velmarin: stopping after the files in hand; a second such signal ends it at once\n";
+    "velmarin: stopping after the current files; a second such signal quits at once\n";
 constexpr std::string_view STOP_MESSAGE_ON_TERMINAL =  // which also shows the progress line
-    "\nvelmarin: stopping after the files in hand; Ctrl-C once more ends it at once\n";
+    "\nvelmarin: stopping after the current files; press Ctrl-C again to quit at once\n";
 
 std::atomic<bool> requested = false;
 std::atomic<int *> published = nullptr;
