@@ -125,10 +125,11 @@ class LeftOut(ToolCase):
         writer.start()
         self.addCleanup(writer.join)
         self.addCleanup(over.set)
-        with self.start("scan", "--apply", "--json", ".") as process:
-            report = json.loads(process.communicate(timeout=DEADLINE)[0])
-        self.assertEqual([(error["path"], error["cause"]) for error in report["errors"]],
-                         [(str(self.root / "b"), "changed")])
+        for options in ([], ["--apply"]):
+            report = self.scan(*options, status=4)
+            self.assertEqual(([(error["path"], error["cause"]) for error in report["errors"]],
+                              report["counters"]["nr_error"]),
+                             ([(str(self.root / "b"), "changed")], 0))
 
 
 class Refusals(ToolCase):

@@ -23,7 +23,7 @@ constexpr CauseText TEXTS[] = {
     {"not marked", "file could not be marked", "files could not be marked"},
     {"not read", "file could not be read", "files could not be read"},
     {"state unknown", "file with an unknown state", "files with an unknown state"},
-    {"changed", "file changed while it was read", "files changed while they were read"}};
+    {"changed", "file changed during the scan", "files changed during the scan"}};
 static_assert(std::size(TEXTS) == CAUSES);
 
 // The start of a line, and its text after the path.

@@ -1,6 +1,7 @@
 // Prints a report for people: the groups, what was left out, and a summary.
 #include <cstdio>
 #include <cstring>
+#include <numeric>
 
 #include "display_name.h"
 #include "message.h"
@@ -172,7 +173,6 @@ class TextPrinter {
     print_row("files", std::to_string(counters.nr_file_opened) + " opened, " +
                            std::to_string(counters.nr_scan_file) + " candidates, " +
                            std::to_string(counters.nr_hashed) + " read in full");
-    print_row("errors", std::to_string(counters.nr_error));
     print_omission_counts();
     if (report_.unsupported + report_.unknown > 0) {
       print_row("left out", std::to_string(report_.unsupported) + " without deduplication, " +
@@ -180,7 +180,11 @@ class TextPrinter {
     }
   }
 
+  // The library counts an error for each attempt, and not all that is left out.
   void print_omission_counts() const {
+    const uint64_t count = std::accumulate(report_.omission_counts.begin(),
+                                           report_.omission_counts.end(), uint64_t{0});
+    print_row("errors", std::to_string(count > 0 ? count : report_.findings.counters.nr_error));
     for (size_t cause = 0; cause < CAUSES; ++cause) {
       if (report_.omission_counts[cause] > 0) {
         print_row("",

@@ -73,6 +73,7 @@ class ScanCommand {
     }
     finish_scan();
     merging_.run(report_);
+    take_omissions();
     report_.elapsed = limit_.elapsed();
     const bool is_recorded = !options_.apply || append_history(state_, entry_of(report_));
     const bool is_printed = print();
@@ -127,11 +128,22 @@ class ScanCommand {
     report_.unsupported = probe_counts.unsupported;
     report_.unknown = probe_counts.unknown;
     report_.findings = std::move(runs_.findings);
-    report_.omissions = runs_.omissions.list();
-    report_.omission_counts = runs_.omissions.counts();
     Statistics &statistics = report_.findings.statistics;
     get_sis_file_statistics(&statistics.compressed_files, &statistics.deduped_files,
                             &statistics.compressed_saved_bytes, &statistics.deduped_saved_bytes);
+  }
+
+  // If nothing is merged, no outcome tells which files have changed since they were read.
+  void take_omissions() {
+    for (const FoundGroup &group : report_.findings.groups) {
+      for (const FoundFile &file : group.files) {
+        if (!options_.apply && file.state.error == 0 && !file.state.unchanged) {
+          runs_.omissions.add(file.path, Cause::changed, 0);
+        }
+      }
+    }
+    report_.omissions = runs_.omissions.list();
+    report_.omission_counts = runs_.omissions.counts();
   }
 
   bool print() {

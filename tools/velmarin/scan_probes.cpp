@@ -1,5 +1,7 @@
 #include "scan_probes.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 
 #include "omission_watch.h"
@@ -67,6 +69,30 @@ int noted_check(int fd, const char *path) {
   return result;
 }
 
+// A scan that may not mark files compares what it sees of them instead. Both calls for a file come
+// from one thread, with no other file in between.
+thread_local struct stat before_reading;
+
+int note_status(int fd, const char *path) {
+  const int error = fstat(fd, &before_reading) == 0 ? 0 : errno;
+  if (error != 0) {
+    OmissionWatch::note(path, Cause::not_read, error);
+  }
+  return error;
+}
+
+int compare_status(int fd, const char *path) {
+  struct stat now = {};
+  const struct stat &before = before_reading;
+  const bool is_same = fstat(fd, &now) == 0 && now.st_size == before.st_size &&
+                       now.st_mtim.tv_sec == before.st_mtim.tv_sec &&
+                       now.st_mtim.tv_nsec == before.st_mtim.tv_nsec;
+  if (!is_same) {
+    OmissionWatch::note(path, Cause::changed, 0);
+  }
+  return is_same ? 0 : EAGAIN;
+}
+
 }  // namespace
 
 ActiveEntryFilter::ActiveEntryFilter(const EntryFilter &filter) {
@@ -80,8 +106,8 @@ ActiveEntryFilter::~ActiveEntryFilter() {
 velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool merges) {
   return {.filter = merges ? filter_for_merging : filter_for_reading,
           .get_status = check_file_status,
-          .prep = merges ? noted_freeze : nullptr,
-          .verify = merges ? noted_check : nullptr,
+          .prep = merges ? noted_freeze : note_status,
+          .verify = merges ? noted_check : compare_status,
           .report = report};
 }
 
