@@ -19,7 +19,7 @@ constexpr double BYTES_PER_FILE = 512 << 10;
 constexpr milliseconds SHOWN_AFTER(3000);
 constexpr int ENOUGH_STEPS = 10;
 constexpr double ENOUGH_FRACTION = 0.1;    // of the work
-constexpr double CHANGE_PER_SECOND = 0.2;  // at most, besides the time that passes
+constexpr double CHANGE_PER_SECOND = 0.2;  // at most, apart from the time that passes
 constexpr double MIN_SECONDS = 1;
 
 double seconds_of(milliseconds time) {

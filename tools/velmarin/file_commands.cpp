@@ -67,7 +67,7 @@ bool reject_non_regular(const Files &files) {
   return false;
 }
 
-// The commands open files for writing, which copies up a file of an overlay.
+// The commands open files for writing, which copies up a file on an overlay.
 bool reject_on_overlay(const Files &files) {
   for (const std::string &file : files) {
     if (is_on_overlay(file)) {

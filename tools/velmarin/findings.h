@@ -64,8 +64,8 @@ struct Share {
   std::vector<size_t> files;    // indexes in the group, the best source first
   uint64_t unmerged_bytes = 0;  // held by copies beyond the first
   uint64_t saved_bytes = 0;     // already shared, counted once for each file but one
-  Space reclaimable;            // what merging would give back
-  Space freed;                  // what merging gave back
+  Space reclaimable;            // what merging would free
+  Space freed;                  // what merging freed
 };
 
 struct FoundGroup {

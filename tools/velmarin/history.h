@@ -15,7 +15,7 @@ struct HistoryEntry {
   uint64_t start = 0;  // seconds since 1970
   uint64_t elapsed_ms = 0;
   uint64_t freed_bytes = 0;            // certain
-  uint64_t freed_uncertain_bytes = 0;  // at most this much more
+  uint64_t freed_uncertain_bytes = 0;  // up to this much more
   uint64_t left_bytes = 0;             // known to the run but not freed
   uint64_t merged = 0;                 // files, as are the next three
   uint64_t changed = 0;
@@ -29,7 +29,8 @@ struct HistoryEntry {
 HistoryEntry entry_of(const Report &report);
 
 // The recorded runs, oldest first; none if there is no record. Skips damaged lines and names them
-// on standard error. Returns nothing if the record cannot be read, after saying why.
+// on standard error. Returns nothing, after an error message, if the record
+// cannot be read.
 std::optional<std::vector<HistoryEntry>> read_history(const std::string &state);
 
 // The run as one JSON object, without a newline.

@@ -1,4 +1,4 @@
-// Detects files of an overlay, which their first change copies up.
+// Detects files on an overlay. The first change to such a file copies it up.
 #pragma once
 
 #include <string>

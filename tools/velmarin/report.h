@@ -21,7 +21,7 @@ struct Report {
   bool stopped = false;             // by a signal
   bool out_of_time = false;         // the time budget was used up
   uint64_t unsupported = 0;         // files left out: their file system cannot deduplicate
-  uint64_t unknown = 0;             // files left out: their state could not be asked
+  uint64_t unknown = 0;             // files left out: their state could not be queried
   std::vector<Omission> omissions;  // those kept by name
   std::array<uint64_t, CAUSES> omission_counts = {};
   std::chrono::milliseconds elapsed{};

@@ -62,7 +62,7 @@ int explain_end(const Report &report, const LogLines &log, bool is_quiet,
   const bool has_omissions = explain_omissions(report, log, omissions_are_listed);
   const bool has_left_alone = explain_left_alone(report);
   if (report.stopped && !is_quiet) {
-    print_error(report.is_scan ? "stopped early: the findings are not complete"
+    print_error(report.is_scan ? "stopped early: the findings are incomplete"
                                : "stopped early: not all groups were merged");
   }
   return has_omissions || has_left_alone || report.stopped ? PARTIAL : DONE;

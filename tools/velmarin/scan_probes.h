@@ -35,7 +35,7 @@ extern velmarin::sis_entry_callback entry_watch;
 
 // The callback table of a scan that reports to `report`. Without `merges` the scan freezes nothing,
 // so it writes nothing to the file systems that it reads; sizes and modification times tell it
-// which files change. With `merges` it leaves out files of an overlay.
+// which files change. With `merges` it leaves out files on an overlay.
 velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool merges);
 
 }  // namespace tool

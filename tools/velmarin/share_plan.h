@@ -1,5 +1,5 @@
 // Works out which files of a share have the same copy of the data, which file is the best source,
-// and what merging gives back.
+// and what merging frees.
 #pragma once
 
 #include <vector>

@@ -14,34 +14,34 @@
 namespace tool {
 namespace {
 
-// What a file's extents say, and on which file system they are.
-struct Place {
+// A file's extents and their file system.
+struct Layout {
   dev_t volume = 0;
   ExtentMap map;
 };
 
-Place place_of(const std::string &path, Volumes &volumes) {
-  Place place;
+Layout layout_of(const std::string &path, Volumes &volumes) {
+  Layout layout;
   struct stat status = {};
   const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
-    return place;
+    return layout;
   }
   if (fstat(fd, &status) == 0) {
     const Volume &volume = volumes.get_or_add(status.st_dev, fd);
-    place.volume = volume.id;
-    place.map = read_extents(fd, status.st_ino, static_cast<uint64_t>(status.st_size), volume);
+    layout.volume = volume.id;
+    layout.map = read_extents(fd, status.st_ino, static_cast<uint64_t>(status.st_size), volume);
   }
   close(fd);
-  return place;
+  return layout;
 }
 
-// The bytes at the same offset in both pieces, if these are at the same place on disk.
+// The bytes at the same offset in both pieces, if they are the same bytes on disk.
 uint64_t common_bytes(const MappedData &left, const MappedData &right) {
   const uint64_t begin = std::max(left.offset, right.offset);
   const uint64_t end = std::min(left.offset + left.length, right.offset + right.length);
-  const bool is_one_place = left.address - left.offset == right.address - right.offset;
-  return is_one_place && begin < end ? end - begin : 0;
+  const bool is_same_data = left.address - left.offset == right.address - right.offset;
+  return is_same_data && begin < end ? end - begin : 0;
 }
 
 // Both lists are in file order.
@@ -58,7 +58,7 @@ uint64_t common_bytes(const std::vector<MappedData> &left, const std::vector<Map
   return bytes;
 }
 
-// What a file that shares that much takes besides. Inline data takes no whole block.
+// The space that a file takes in addition to what it shares. Inline data takes less than a block.
 Space taken_by(const ExtentMap &map, uint64_t shared_bytes) {
   Space taken;
   for (const HeldRange &range : map.held) {
@@ -73,7 +73,7 @@ Space taken_by(const ExtentMap &map, uint64_t shared_bytes) {
 
 Sharing sharing_of(const std::string &path) {
   Volumes volumes;
-  const ExtentMap map = place_of(path, volumes).map;
+  const ExtentMap map = layout_of(path, volumes).map;
   Sharing sharing;
   sharing.is_known = map.is_known;
   sharing.data_bytes = map.data_bytes;
@@ -83,8 +83,8 @@ Sharing sharing_of(const std::string &path) {
 
 Sharing sharing_between(const std::string &first, const std::string &second) {
   Volumes volumes;
-  const Place left = place_of(first, volumes);
-  const Place right = place_of(second, volumes);
+  const Layout left = layout_of(first, volumes);
+  const Layout right = layout_of(second, volumes);
   Sharing sharing;
   sharing.is_known = left.map.is_known && right.map.is_known && left.volume == right.volume;
   sharing.data_bytes = right.map.data_bytes;

@@ -1,4 +1,4 @@
-// Tells how much of a file's data the file system keeps only once.
+// Measures how much of a file's data is shared.
 #pragma once
 
 #include <cstdint>
@@ -12,19 +12,19 @@ struct Sharing {
   bool is_known = false;  // if false, the file system did not answer
   uint64_t data_bytes = 0;
   uint64_t shared_bytes = 0;
-  Space taken;  // on disk, by what is not shared
+  Space taken;  // on disk, by the data that is not shared
   bool is_complete() const { return is_known && data_bytes > 0 && shared_bytes == data_bytes; }
 };
 
-// With whatever else refers to the same extents: other files or snapshots.
+// What the file shares with anything else: other files or snapshots.
 Sharing sharing_of(const std::string &path);
 
-// Of the second file with the first.
+// What the second file shares with the first.
 Sharing sharing_between(const std::string &first, const std::string &second);
 
 // In words: "all its extents are shared", "64 KiB of its 2 MiB are in shared extents", "none of its
-// extents is shared"; empty for a file without data. On Btrfs a file may share an extent and yet be
-// alone in using a part of it.
+// extents is shared"; empty for a file without data. On Btrfs a file may share an extent although
+// nothing else uses the same part of it.
 std::string describe(const Sharing &sharing);
 
 }  // namespace tool

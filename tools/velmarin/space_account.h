@@ -1,4 +1,4 @@
-// Counts the files of a group that refer to each range on disk, to tell what is given back when
+// Counts the files of a group that refer to each range on disk, and so knows what is freed when
 // some of them no longer do.
 #pragma once
 
@@ -28,10 +28,10 @@ class SpaceAccount {
   // Adds what XFS leaves to `map` after merging: its own blocks where neither file has written any.
   void add_common_unwritten(const ExtentMap &map, const ExtentMap &source);
 
-  // Space that the files no longer refer to.
+  // The space to which the files no longer refer.
   const Space &freed() const { return freed_; }
 
-  // What separate copies would occupy in addition.
+  // The additional space that separate copies would occupy.
   uint64_t shared_bytes() const;
 
  private:

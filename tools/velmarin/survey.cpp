@@ -166,7 +166,7 @@ void mark_not_examined(FoundGroup &group) {
   }
 }
 
-// Lets a few files be examined even after a requested stop: their figures are worth the moment.
+// Lets a few files be examined even after a requested stop: their figures are worth the wait.
 class GracePeriod {
  public:
   bool is_over() const { return stop_requested() && Clock::now() - start_ > LENGTH; }

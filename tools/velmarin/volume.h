@@ -26,7 +26,7 @@ bool can_share_data(int fd);
 // As above, for a path; false if it cannot be opened.
 bool can_share_data(const std::string &path);
 
-// What the commands add if they cannot.
+// What the commands add if the file system cannot share data.
 inline constexpr const char *CANNOT_SHARE = "; its file system cannot share data";
 
 // The file systems seen so far.

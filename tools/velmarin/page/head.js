@@ -48,9 +48,9 @@ function showHead() {
   showShares();
 }
 
-// --- The history: what was freed in all, after each run. ---
+// --- The history: the total freed after each run. ---
 
-const MAX_RUNS = 1000;  // in the table; the newest
+const MAX_RUNS = 1000;  // the newest, in the table
 
 const dayText = (seconds) => new Date(seconds * 1000).toLocaleString("sv-SE").slice(0, 16);
 
