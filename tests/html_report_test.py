@@ -61,9 +61,9 @@ class HtmlReport(ToolCase):
             "document.querySelectorAll('details').forEach((found) => { found.open = true; });"
             "return document.documentElement.scrollWidth"), NARROW)
 
-    def open_report(self, *arguments):
+    def open_report(self, *arguments, **options):
         """Scans and loads the page. Returns the JSON object."""
-        report = self.scan("--html", self.directory / "report.html", *arguments)
+        report = self.scan("--html", self.directory / "report.html", *arguments, **options)
         self.load(self.directory / "report.html")
         return report
 
@@ -129,15 +129,19 @@ class HtmlReport(ToolCase):
             [True] * 3)
         self.assertIn(f"btrfs “a label” at {self.root} on ", self.texts("#systems li")[0])
         self.assertIn(f"on the host {platform.node()}, ", self.texts("#about")[0])
-        self.assertEqual(self.texts("#history[hidden]"), [self.texts("#history")[0]])
+        self.assertEqual(self.texts("[hidden] h2")[:2], ["What the runs have freed", "Left out"])
         merged = self.open_report("--apply")["merged"]
         self.assertEqual(self.texts("#figures div"), [
             size_text(merged["freed_bytes"]) + "freed by this run", "0 Bcould still be freed",
             size_text(found["saved_bytes"]) + "shared before", f"{merged['files']}files merged",
             "2groups", "5identical files"])
-        for variant in "xy":
+        for variant in "xyz":
             self.write("c/" + variant, content("c", 900000))
-        more = self.open_report("--apply")["merged"]
+        run("chattr", "+i", self.root / "c/z")
+        more = self.open_report("--apply", status=4)["merged"]
+        self.assertEqual(self.texts("#omissions > :not([hidden])")[1:], [
+            "1 file could not be marked",
+            f"{self.root}/c/z (not marked, Operation not permitted)"])
         self.assertEqual(self.texts("#curve div"), [
             size_text(merged["freed_bytes"] + more["freed_bytes"]) + " freed by 2 runs"])
         self.assertEqual(self.texts("#history tbody td:nth-child(2)"), [

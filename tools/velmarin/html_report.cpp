@@ -69,6 +69,10 @@ Json notes(const Report &report) {
   return list;
 }
 
+Json omission_data(const Omission &omission) {
+  return {escaped_name(omission.path), explain(omission)};
+}
+
 // More may have been freed than expected.
 uint64_t left_bytes(const Share &share) {
   return share.reclaimable.certain - std::min(share.reclaimable.certain, share.freed.certain);
@@ -241,6 +245,7 @@ void embed_data(std::string &page, const Report &report, const PageContext &cont
              [&files](const FoundGroup &group) { return files.group(group); });
   embed_list(page, "compressed", findings.compressed,
              [&files](const FoundFile &file) { return files.file(file, -1); });
+  embed_list(page, "omissions", report.omissions, omission_data);
   const Json rest = {{"directories", files.directories()},
                      {"words", files.words()},
                      {"about", about(report, context)},
@@ -249,6 +254,8 @@ void embed_data(std::string &page, const Report &report, const PageContext &cont
                      {"notes", notes(report)},
                      {"figures", figures(report)},
                      {"applied", report.applied},
+                     {"omissionCounts", omission_remarks(report)},
+                     {"unlisted", omission_count(report) - report.omissions.size()},
                      {"lists", Json::array({counter_rows(report), space_rows(report)})}};
   std::string members;
   embed(members, rest);

@@ -61,10 +61,13 @@ const char *cause_word(Cause cause) {
   return TEXTS[static_cast<size_t>(cause)].word;
 }
 
-std::string describe(const Omission &omission) {
+std::string explain(const Omission &omission) {
   const bool has_reason = omission.error != 0;
-  return escaped_name(omission.path) + ": " + cause_word(omission.cause) +
-         (has_reason ? ", " + describe_error(omission.error) : "");
+  return cause_word(omission.cause) + (has_reason ? ", " + describe_error(omission.error) : "");
+}
+
+std::string describe(const Omission &omission) {
+  return escaped_name(omission.path) + ": " + explain(omission);
 }
 
 std::string describe_omissions(Cause cause, uint64_t count) {

@@ -24,6 +24,9 @@ struct Omission {
 // "directory not read", "not opened", ...: the word used in JSON.
 const char *cause_word(Cause cause);
 
+// "not opened, Permission denied".
+std::string explain(const Omission &omission);
+
 // "PATH: not opened, Permission denied", the path escaped.
 std::string describe(const Omission &omission);
 

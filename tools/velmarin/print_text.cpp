@@ -1,7 +1,6 @@
 // Prints a report for people: the groups, what was left out, and a summary.
 #include <cstdio>
 #include <cstring>
-#include <numeric>
 
 #include "display_name.h"
 #include "message.h"
@@ -182,14 +181,10 @@ class TextPrinter {
 
   // The library counts an error for each attempt, and not all that is left out.
   void print_omission_counts() const {
-    const uint64_t count = std::accumulate(report_.omission_counts.begin(),
-                                           report_.omission_counts.end(), uint64_t{0});
+    const uint64_t count = omission_count(report_);
     print_row("errors", std::to_string(count > 0 ? count : report_.findings.counters.nr_error));
-    for (size_t cause = 0; cause < CAUSES; ++cause) {
-      if (report_.omission_counts[cause] > 0) {
-        print_row("",
-                  describe_omissions(static_cast<Cause>(cause), report_.omission_counts[cause]));
-      }
+    for (const std::string &remark : omission_remarks(report_)) {
+      print_row("", remark);
     }
   }
 
@@ -204,10 +199,7 @@ void print_text(const Report &report, bool colours) {
 }
 
 void print_omissions(const Report &report) {
-  uint64_t count = 0;
-  for (const uint64_t of_cause : report.omission_counts) {
-    count += of_cause;
-  }
+  const uint64_t count = omission_count(report);
   for (const Omission &omission : report.omissions) {
     print_error("left out: " + describe(omission));
   }

@@ -1,9 +1,25 @@
 #include "report.h"
 
+#include <numeric>
+
 #include "size_text.h"
 #include "velmarin/control_codes.h"
 
 namespace tool {
+
+uint64_t omission_count(const Report &report) {
+  return std::accumulate(report.omission_counts.begin(), report.omission_counts.end(), uint64_t{0});
+}
+
+std::vector<std::string> omission_remarks(const Report &report) {
+  std::vector<std::string> remarks;
+  for (size_t cause = 0; cause < CAUSES; ++cause) {
+    if (const uint64_t count = report.omission_counts[cause]; count > 0) {
+      remarks.push_back(describe_omissions(static_cast<Cause>(cause), count));
+    }
+  }
+  return remarks;
+}
 
 MergeCounts count_outcomes(const Findings &findings) {
   MergeCounts counts;

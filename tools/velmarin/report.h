@@ -27,6 +27,12 @@ struct Report {
   std::chrono::milliseconds elapsed{};
 };
 
+// The directories and files that a scan should have examined but left out, all causes together.
+uint64_t omission_count(const Report &report);
+
+// "1 directory could not be read", ...: a remark for each cause of omissions.
+std::vector<std::string> omission_remarks(const Report &report);
+
 // The number of files with each outcome.
 struct MergeCounts {
   uint64_t merged = 0;

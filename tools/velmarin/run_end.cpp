@@ -16,10 +16,8 @@ void append(std::string &list, const std::string &more) {
 // "1 directory could not be read, 2 files could not be opened"; empty if nothing was left out.
 std::string omissions_in_words(const Report &report) {
   std::string words;
-  for (size_t cause = 0; cause < CAUSES; ++cause) {
-    if (const uint64_t count = report.omission_counts[cause]; count > 0) {
-      append(words, describe_omissions(static_cast<Cause>(cause), count));
-    }
+  for (const std::string &remark : omission_remarks(report)) {
+    append(words, remark);
   }
   return words;
 }

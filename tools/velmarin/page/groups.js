@@ -174,7 +174,24 @@ function startGroups() {
   chooseGroups();
 }
 
-// --- The rest: compressed files and the run's counters. ---
+// --- The rest: what was left out, compressed files and the run's counters. ---
+
+function showOmissions() {
+  if (data.omissionCounts.length === 0) {
+    return;
+  }
+  const section = byId("omissions");
+  section.hidden = false;
+  section.append(element("p", data.omissionCounts.join(", ")));
+  growingList(section, data.omissions, ([path, explanation]) => {
+    const item = element("li");
+    item.append(element("span", path, "name"), element("span", ` (${explanation})`, "muted"));
+    return item;
+  });
+  if (data.unlisted > 0) {
+    section.append(element("p", `${countText(data.unlisted)} more are not listed.`, "muted"));
+  }
+}
 
 function showCompressed() {
   if (data.compressed.length > 0) {
@@ -197,6 +214,7 @@ function showLists() {
 showHead();
 showHistory();
 startGroups();
+showOmissions();
 showCompressed();
 showLists();
 startMap();  // last: its width depends on whether the page needs a scroll bar
