@@ -1,5 +1,5 @@
-// Scans that are stopped, overlap, or end while a signal arrives. The sanitizers and the state left
-// behind show the faults that these tests look for.
+// Scans that are stopped, overlap, run short of descriptors, or end while a signal arrives. The
+// sanitizers and the state left behind show most of the faults that these tests look for.
 //
 // VELMARIN_ROUNDS_FACTOR=n makes every test n times as long.
 
@@ -17,7 +17,6 @@
 #include "support/failure_injector.h"
 #include "support/temporary_tree.h"
 #include "support/test_scan.h"
-#include "velmarin/files.h"
 #include "velmarin_platform/log_sink.h"
 
 namespace {
