@@ -4,6 +4,7 @@
 #include <linux/btrfs_tree.h>
 #include <sys/ioctl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -11,6 +12,7 @@
 namespace tool::btrfs {
 namespace {
 
+constexpr size_t MAX_SPACES = 16;  // data, metadata and system, each in up to a few profiles
 constexpr size_t SEARCH_BYTES = 8 << 10;
 // The largest search item. If less space than this is left, there may be more items.
 constexpr size_t ITEM_BYTES = sizeof(btrfs_ioctl_search_header) + sizeof(btrfs_file_extent_item);
@@ -57,7 +59,40 @@ std::vector<Inode> inodes_in(const btrfs_data_container &answer) {
   return inodes;
 }
 
+uint64_t copies_by(uint64_t profile) {
+  if ((profile & BTRFS_BLOCK_GROUP_RAID1C4) != 0) {
+    return 4;
+  }
+  if ((profile & BTRFS_BLOCK_GROUP_RAID1C3) != 0) {
+    return 3;
+  }
+  constexpr uint64_t TWO =
+      BTRFS_BLOCK_GROUP_DUP | BTRFS_BLOCK_GROUP_RAID1 | BTRFS_BLOCK_GROUP_RAID10;
+  return (profile & TWO) != 0 ? 2 : 1;
+}
+
 }  // namespace
+
+Copies copies_kept(int fd) {
+  std::vector<uint64_t> memory =
+      record_memory(sizeof(btrfs_ioctl_space_args) + MAX_SPACES * sizeof(btrfs_ioctl_space_info));
+  auto *const answer = reinterpret_cast<btrfs_ioctl_space_args *>(memory.data());
+  answer->space_slots = MAX_SPACES;
+  Copies copies;
+  if (ioctl(fd, BTRFS_IOC_SPACE_INFO, answer) != 0) {
+    return copies;
+  }
+  for (uint64_t i = 0; i < answer->total_spaces; ++i) {
+    const uint64_t flags = answer->spaces[i].flags;
+    if ((flags & BTRFS_BLOCK_GROUP_METADATA) != 0) {
+      copies.metadata = std::max(copies.metadata, copies_by(flags));
+    }
+    if ((flags & BTRFS_BLOCK_GROUP_DATA) != 0) {
+      copies.data = std::max(copies.data, copies_by(flags));
+    }
+  }
+  return copies;
+}
 
 std::optional<uint64_t> subvolume_of(int fd) {
   btrfs_ioctl_ino_lookup_args lookup = {};

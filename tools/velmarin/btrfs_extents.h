@@ -1,5 +1,6 @@
-// Btrfs queries that need administrator rights: how much of the disk a file's extents occupy, and
-// what else refers to them. Without these rights every query but `subvolume_of` fails.
+// Btrfs queries, most of which need administrator rights: how much of the disk a file's extents
+// occupy, and what else refers to them. Without these rights all but `subvolume_of` and
+// `copies_kept` fail.
 #pragma once
 
 #include <compare>
@@ -27,6 +28,15 @@ struct Inode {
 
 // The subvolume of an open file. Needs no special rights.
 std::optional<uint64_t> subvolume_of(int fd);
+
+// How often the file system keeps each block.
+struct Copies {
+  uint64_t data = 1;
+  uint64_t metadata = 1;
+};
+
+// Of the file system of an open file. Needs no special rights.
+Copies copies_kept(int fd);
 
 // All extents of a file in file order, including those beyond its end. Excludes data that has not
 // reached the disk yet.

@@ -155,6 +155,14 @@ class ShareMerge {
     }
   }
 
+  // What the records of the files merged so far take, including that one.
+  uint64_t record_bytes(size_t index) {
+    const auto is_plain = [this](size_t file) { return group_.files[file].state.layer == 0; };
+    records_ += is_plain(index) ? 1U : 0U;
+    const uint64_t of_source = is_plain(source_) ? 1 : 0;
+    return (records_ + of_source) * volumes_.find(share_.volume)->record_bytes;
+  }
+
   void count_freed(size_t index) {
     const FoundFile &file = group_.files[index];
     const ExtentMap map = extents_of(file, volumes_);
@@ -165,7 +173,7 @@ class ShareMerge {
       account_.add(map);
     }
     const uint64_t before = share_.freed.certain;
-    share_.freed = account_.freed();
+    share_.freed = account_.freed().less(record_bytes(index));
     share_.freed.uncertain += unknown_bytes_;
     progress_.freed_bytes += share_.freed.certain - before;
   }
@@ -179,6 +187,7 @@ class ShareMerge {
   const std::vector<ExtentMap> maps_;  // of the share's files, indexed as in the group
   SpaceAccount account_;
   uint64_t unknown_bytes_ = 0;  // allocated to merged files with unknown extents
+  uint64_t records_ = 0;        // made for merged files
   size_t source_ = 0;
 };
 

@@ -79,26 +79,28 @@ void sort_files(FoundGroup &group, Share &share, const std::vector<Copy> &copies
 
 // Simulates merging all other copies.
 Space reclaimable(const FoundGroup &group, const Share &share, const std::vector<ExtentMap> &maps,
-                  SpaceAccount &account, bool is_btrfs) {
+                  SpaceAccount &account, const Volume &volume) {
   const size_t source_index = share.files.front();
   const uint32_t source = group.files[source_index].state.copy;
   Space unknown;
+  uint64_t records = group.files[source_index].state.layer == 0 ? 1 : 0;
   for (const size_t index : share.files) {
     const FileState &state = group.files[index].state;
     if (state.copy == source) {
       continue;
     }
+    records += state.layer == 0 ? 1 : 0;
     if (!maps[index].is_known) {
       unknown.uncertain += state.allocated_bytes;
     }
     account.remove(maps[index]);
     account.add_tail(maps[index]);
-    if (!is_btrfs) {
+    if (!volume.is_btrfs) {
       account.add_common_unwritten(maps[index], maps[source_index]);
     }
   }
   unknown += account.freed();
-  return unknown;
+  return unknown.less(records * volume.record_bytes);
 }
 
 uint64_t unmerged_bytes(const FoundGroup &group, const Share &share) {
@@ -144,7 +146,7 @@ void plan_share(FoundGroup &group, Share &share, const std::vector<ExtentMap> &m
       compute_freed_bytes(copies, maps, account);
     }
     sort_files(group, share, copies);
-    share.reclaimable = reclaimable(group, share, maps, account, volume.is_btrfs);
+    share.reclaimable = reclaimable(group, share, maps, account, volume);
   } else {
     sort_files(group, share, copies);
   }

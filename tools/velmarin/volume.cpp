@@ -35,6 +35,9 @@ bool has_reflinks(int fd) {
   return ioctl(fd, XFS_GET_GEOMETRY, &geometry) == 0 && (geometry.flags & XFS_HAS_REFLINK) != 0;
 }
 
+// Measured with 30,000 small files, in pairs and in groups of 30, on metadata kept once and twice.
+constexpr uint64_t BTRFS_RECORD_BYTES = 172;
+
 bool is_of_type(const struct statfs &status, uint32_t magic) {
   return static_cast<uint32_t>(status.f_type) == magic;
 }
@@ -87,6 +90,8 @@ const Volume &Volumes::get_or_add(dev_t device, int fd) {
     return volume;
   }
   volume.subvolume = btrfs::subvolume_of(fd);
+  const btrfs::Copies copies = btrfs::copies_kept(fd);
+  volume.record_bytes = BTRFS_RECORD_BYTES * copies.metadata / copies.data;
   volume.fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
   btrfs_ioctl_fs_info_args info = {};
   if (ioctl(fd, BTRFS_IOC_FS_INFO, &info) == 0) {

@@ -17,7 +17,8 @@ struct Volume {
   bool is_btrfs = false;
   std::optional<uint64_t> subvolume;  // of a Btrfs
   uint64_t block_size = 4096;
-  int fd = -1;  // open on a file of a Btrfs, for queries; owned by `Volumes`
+  uint64_t record_bytes = 0;  // of metadata that a file takes once it is merged for the first time
+  int fd = -1;                // open on a file of a Btrfs, for queries; owned by `Volumes`
 };
 
 // Whether files on the file system of an open file can share extents.
