@@ -13,6 +13,7 @@ namespace tool {
 
 ProbeCounts probe_counts;
 velmarin::sis_entry_callback entry_watch = nullptr;
+void (*left_out_watch)(const struct stat &status) = nullptr;
 
 namespace {
 
@@ -27,6 +28,9 @@ int filter_entry(int fd, const struct stat *status, const char *path, bool merge
   if (merges && S_ISREG(status->st_mode) && is_on_overlay(fd)) {
     ++probe_counts.unsupported;
     ++probe_counts.on_overlay;
+    if (left_out_watch != nullptr) {
+      left_out_watch(*status);
+    }
     return -EOPNOTSUPP;
   }
   const int verdict = entry_watch == nullptr ? 0 : entry_watch(fd, status, path);

@@ -33,6 +33,9 @@ class ActiveEntryFilter {
 // negative result leaves the entry out. Set before a scan; null for none.
 extern velmarin::sis_entry_callback entry_watch;
 
+// Called for each file of an overlay that is left out of merging. Set like `entry_watch`.
+extern void (*left_out_watch)(const struct stat &status);
+
 // The callback table of a scan that reports to `report`. Without `merges` the scan freezes nothing,
 // so it writes nothing to the file systems that it reads; sizes and modification times tell it
 // which files change. With `merges` it leaves out files on an overlay.

@@ -23,10 +23,12 @@ const char *without_doubled_slash(const char *path) {
 VolumeWatch::VolumeWatch(DigestKeeper &keeper) : keeper_(keeper) {
   active = this;
   entry_watch = watch;
+  left_out_watch = note_left_out;
 }
 
 VolumeWatch::~VolumeWatch() {
   entry_watch = nullptr;
+  left_out_watch = nullptr;
   active = nullptr;
 }
 
@@ -50,6 +52,11 @@ bool VolumeWatch::has_common_sizes() {
     common_.add(static_cast<uint64_t>(single.status.st_size));
   }
   return !common_.is_empty();
+}
+
+// Its digest is still worth keeping for a scan that only looks.
+void VolumeWatch::note_left_out(const struct stat &status) {
+  active->keeper_.note_seen(status);
 }
 
 int VolumeWatch::watch(int fd, const struct stat *status, const char *path) {

@@ -60,6 +60,7 @@ class VolumeWatch {
   uint64_t min_size = 0;
 
  private:
+  static void note_left_out(const struct stat &status);
   static int watch(int fd, const struct stat *status, const char *path);
   int watch_directory(int fd, const struct stat &status, const char *path);
   int watch_file(int fd, const struct stat &status, const char *path);
