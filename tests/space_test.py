@@ -168,8 +168,10 @@ class Btrfs(SpaceCase):
         whole = self.write("whole", b"")
         run("chattr", "+C", whole)
         whole.write_bytes(content("whole", MIB))
+        run("fallocate", "-l", MIB, self.root / "reserved")
         self.check_messages(
             ("info whole", "whole: a plain file\n"),
+            ("copy reserved e", "a new file that shares the data of reserved\n"),
             ("copy whole c", "a copy of the data of whole, which takes 1 MiB more\n"),
             ("copy a d", "a copy of the data of a, which takes up to 4 KiB more\n"),
             ("dedup a b", "recorded as identical to the data of a; none of its extents is shared\n"),

@@ -81,7 +81,7 @@ HeldRange plain_range(const fiemap_extent &extent, bool is_beyond_end) {
 void add_extent(ExtentMap &map, fiemap_extent extent, uint64_t end, uint64_t block_size) {
   if (has(extent, FIEMAP_EXTENT_DATA_INLINE)) {
     map.is_inline = true;
-    map.data_bytes += extent.fe_length;
+    map.mapped_bytes += extent.fe_length;
     return;
   }
   if (has(extent, FIEMAP_EXTENT_UNKNOWN)) {
@@ -105,8 +105,8 @@ void add_extent(ExtentMap &map, fiemap_extent extent, uint64_t end, uint64_t blo
   const bool is_written = !has(extent, FIEMAP_EXTENT_UNWRITTEN);
   add_data(is_written ? map.data : map.reserved,
            {extent.fe_logical, extent.fe_length, extent.fe_physical});
-  map.data_bytes += is_written ? extent.fe_length : 0;
-  map.shared_bytes += is_written && has(extent, FIEMAP_EXTENT_SHARED) ? extent.fe_length : 0;
+  map.mapped_bytes += extent.fe_length;
+  map.shared_bytes += has(extent, FIEMAP_EXTENT_SHARED) ? extent.fe_length : 0;
 }
 
 bool is_shared_at(const std::vector<fiemap_extent> &extents, uint64_t offset) {

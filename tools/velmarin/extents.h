@@ -32,7 +32,7 @@ struct HeldRange {
 struct ExtentMap {
   bool is_known = false;      // if false, the file system did not answer and the rest is invalid
   bool is_inline = false;     // the data is stored in the metadata
-  uint64_t data_bytes = 0;    // written, in whole blocks
+  uint64_t mapped_bytes = 0;  // in extents or inline, up to the end of the file, in whole blocks
   uint64_t shared_bytes = 0;  // of these, in extents that something else refers to too
   std::vector<MappedData> data;
   std::vector<MappedData> reserved;  // allocated but unwritten, up to the end of the file

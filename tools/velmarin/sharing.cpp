@@ -64,7 +64,7 @@ Space taken_by(const ExtentMap &map, uint64_t shared_bytes) {
   for (const HeldRange &range : map.held) {
     (range.is_size_known ? taken.certain : taken.uncertain) += range.bytes;
   }
-  taken.uncertain += map.is_inline ? map.data_bytes : 0;
+  taken.uncertain += map.is_inline ? map.mapped_bytes : 0;
   taken.certain -= std::min(taken.certain, shared_bytes);
   return taken;
 }
@@ -76,7 +76,7 @@ Sharing sharing_of(const std::string &path) {
   const ExtentMap map = layout_of(path, volumes).map;
   Sharing sharing;
   sharing.is_known = map.is_known;
-  sharing.data_bytes = map.data_bytes;
+  sharing.mapped_bytes = map.mapped_bytes;
   sharing.shared_bytes = map.shared_bytes;
   return sharing;
 }
@@ -87,22 +87,24 @@ Sharing sharing_between(const std::string &first, const std::string &second) {
   const Layout right = layout_of(second, volumes);
   Sharing sharing;
   sharing.is_known = left.map.is_known && right.map.is_known && left.volume == right.volume;
-  sharing.data_bytes = right.map.data_bytes;
-  sharing.shared_bytes = common_bytes(left.map.data, right.map.data);
+  sharing.mapped_bytes = right.map.mapped_bytes;
+  sharing.shared_bytes = common_bytes(left.map.data, right.map.data) +
+                         common_bytes(left.map.reserved, right.map.reserved);
   sharing.taken = taken_by(right.map, sharing.shared_bytes);
   return sharing;
 }
 
 std::string describe(const Sharing &sharing) {
-  if (!sharing.is_known || sharing.data_bytes == 0) {
+  if (!sharing.is_known || sharing.mapped_bytes == 0) {
     return "";
   }
   if (sharing.is_complete()) {
     return "all its extents are shared";
   }
-  return sharing.shared_bytes == 0 ? "none of its extents is shared"
-                                   : format_size(sharing.shared_bytes) + " of its " +
-                                         format_size(sharing.data_bytes) + " are in shared extents";
+  return sharing.shared_bytes == 0
+             ? "none of its extents is shared"
+             : format_size(sharing.shared_bytes) + " of its " + format_size(sharing.mapped_bytes) +
+                   " are in shared extents";
 }
 
 }  // namespace tool

@@ -10,10 +10,10 @@ namespace tool {
 
 struct Sharing {
   bool is_known = false;  // if false, the file system did not answer
-  uint64_t data_bytes = 0;
+  uint64_t mapped_bytes = 0;
   uint64_t shared_bytes = 0;
   Space taken;  // on disk, by the data that is not shared
-  bool is_complete() const { return is_known && data_bytes > 0 && shared_bytes == data_bytes; }
+  bool is_complete() const { return is_known && mapped_bytes > 0 && shared_bytes == mapped_bytes; }
 };
 
 // What the file shares with anything else: other files or snapshots.
