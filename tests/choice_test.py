@@ -62,6 +62,7 @@ class Choice(ToolCase):
                 (1, "--exclude-from . .", "cannot read .: Is a directory"),
                 (2, "--exclude-from - --roots-from -", "standard input can be read only once"),
                 (2, "-0 .", "--null requires --roots-from"),
+                (2, "--max-size 9K .", "--max-size is below --min-size"),
                 (2, "--include src/ .", "--include: matches only files; for everything below a "
                                         "directory, use 'src/**'"),
                 (2, "--exclude= .", "--exclude: an empty glob matches nothing")):

@@ -231,6 +231,9 @@ void check_scan(ScanOptions &scan) {
   if (scan.ends_names_by_nul && scan.roots_from.empty()) {
     throw CLI::ValidationError("--null requires --roots-from");
   }
+  if (scan.filter.max_size < scan.min_size) {
+    throw CLI::ValidationError("--max-size is below --min-size, which is 64K unless it is given");
+  }
   if (scan.roots.empty() && scan.roots_from.empty()) {
     throw CLI::RequiredError("ROOT");
   }
