@@ -51,6 +51,10 @@ struct test_file : unique_fd {
     EXPECT_EQ(pread(get(), content.data(), content.size(), 0), std::ssize(content));
     return content;
   }
+  void set_time(time_t seconds) const {
+    const timespec times[] = {{seconds, 5}, {seconds, 5}};
+    EXPECT_EQ(futimens(get(), times), 0);
+  }
   bool write(const std::string &content, off_t offset = 0) const {
     return pwrite(get(), content.data(), content.size(), offset) == std::ssize(content);
   }
@@ -59,7 +63,10 @@ struct test_file : unique_fd {
   int clone(int source) const { return error_of(clone_into_temporary(get(), source)); }
   int connect(int layer) const { return error_of(connect_layer(get(), layer)); }
   int freeze() const { return error_of(set_coincide_flag(get())); }
+  int clear() const { return error_of(clear_coincide_flag(get())); }
   int recover() const { return error_of(revoke(get())); }
+  int read_flags(uint32_t flags = 0) const { return error_of(get_flag_word(get(), &flags)); }
+  int query(sis_file_info info = {}) const { return error_of(query_file_info(get(), &info)); }
   bool is_frozen() const {
     uint32_t flags = 0;
     return get_flag_word(get(), &flags) == 0 && flags == SIS_FLAG_COINCIDE;
@@ -93,11 +100,6 @@ class ControlCodes : public testing::TestWithParam<const char *> {
   bool attach(const test_file &file) {
     const test_file layer = open_file("", NAMELESS);
     return layer.clone(file) == 0 && file.connect(layer) == 0;
-  }
-  // Gives the file an old time, so that no request waits for the clock to tick.
-  static void settle(const test_file &file) {
-    const timespec long_ago[] = {{1, 5}, {1, 5}};
-    EXPECT_EQ(futimens(file, long_ago), 0);
   }
   bool has_shared_extents(const std::string &name) {
     return image_.run("filefrag -vs " + name + " | grep -q shared");
@@ -194,7 +196,7 @@ TEST_P(ControlCodes, AnAttributeIsValidOnlyForItsOwnFileAndUntilTheNextWrite) {
               fgetxattr(copy, "user.velmarin.coincide", nullptr, 0) > 0);
   EXPECT_TRUE(reader.is_frozen() && !copy.is_frozen());
   EXPECT_TRUE(copy.state() == "plain" && copy.recover() == EINVAL);
-  EXPECT_TRUE(clear_coincide_flag(reader) == 0 && !reader.is_frozen());
+  EXPECT_TRUE(reader.clear() == 0 && !reader.is_frozen());
   EXPECT_TRUE(reader.state().ends_with("layered"));
   if (coarse.is_mounted) {
     const test_file late(creat(coarse.path("late").c_str(), 0644));
@@ -221,8 +223,8 @@ TEST_P(ControlCodes, AFileWhoseRecordCannotChangeIsRefusedBeforeItsDataDoes) {
     const test_file over_a = open_file("overlay/a", O_RDONLY);
     const test_file over_b = open_file("overlay/b", O_RDONLY);
     const test_file layer = open_file("overlay", NAMELESS);
-    for (const int error : {over_b.freeze(), error_of(clear_coincide_flag(over_b)),
-                            over_b.recover(), over_b.dedup(over_a)}) {
+    for (const int error :
+         {over_b.freeze(), over_b.clear(), over_b.recover(), over_b.dedup(over_a)}) {
       EXPECT_EQ(error, EOPNOTSUPP);
     }
     if (layer.is_open()) {  // Linux 6.1 makes no nameless file there
@@ -237,8 +239,9 @@ TEST_P(ControlCodes, AFileWhoseRecordCannotChangeIsRefusedBeforeItsDataDoes) {
 // attached to it if the request is to detach it.
 struct request_files {
   test_file a, b;
-  test_file layer;  // a clone of `a` if the request is to connect it
-  test_file copy;   // new and empty
+  test_file layer;   // a clone of `a` if the request is to connect it
+  test_file copy;    // new and empty
+  test_file writer;  // of the copy
 };
 
 struct request {
@@ -256,33 +259,32 @@ const request REQUESTS[] = {
     {"copy", [](const auto &f) { return f.copy.copy(f.a); }, "fstatfs statx"},
     {"recover", [](const auto &f) { return f.b.recover(); }, "fstatfs GETFLAGS SETFLAGS"},
     {"freeze", [](const auto &f) { return f.a.freeze(); }, "fstatfs fgetxattr"},
-    {"clear", [](const auto &f) { return error_of(clear_coincide_flag(f.a)); }, "fstatfs"},
-    {"get flags",
-     [](const auto &f) {
-       uint32_t flags = 0;
-       return error_of(get_flag_word(f.a, &flags));
-     },
-     ""},
-    {"query",
-     [](const auto &f) {
-       sis_file_info info;
-       return error_of(query_file_info(f.a, &info));
-     },
-     ""}};
+    {"clear", [](const auto &f) { return f.a.clear(); }, "fstatfs"},
+    {"get flags", [](const auto &f) { return f.a.read_flags(); }, ""},
+    {"query", [](const auto &f) { return f.a.query(); }, ""}};
 
 class Requests : public ControlCodes {
  protected:
   request_files prepare(const std::string &name) {
     image_.run("rm -f a b copy");
     request_files f = {make_file("a", content_), make_file("b", content_), open_file("", NAMELESS),
-                       open_file("copy", NEW_COPY)};
+                       open_file("copy", NEW_COPY), open_file("copy", O_WRONLY)};
     EXPECT_EQ(ftruncate(f.a, HOLE_END) | ftruncate(f.b, HOLE_END), 0);
-    settle(f.a);
-    settle(f.b);
+    f.a.set_time(1);  // an old time, so that no request waits for the clock to tick
+    f.b.set_time(1);
     EXPECT_TRUE(attach(f.a) && (name != "connect" || f.layer.clone(f.a) == 0));
     EXPECT_TRUE(name != "recover" || f.b.dedup(f.a) == 0);
     EXPECT_TRUE((name != "clear" && name != "get flags") || f.a.freeze() == 0);
     return f;
+  }
+  // Its state and, if it is not empty, the changed bytes at its beginning.
+  std::string outcome_of(const test_file &file) const {
+    const std::string content = file.content(), original = whole();
+    const auto same = std::mismatch(content.rbegin(), content.rend(), original.rbegin());
+    const std::string state = file.state(), changed(content.begin(), same.first.base());
+    return content.empty() ? "new"
+                           : state.substr(state.find_first_not_of("0123456789")) +
+                                 (changed.empty() ? "" : " " + changed);
   }
   std::string whole() const { return content_ + std::string(HOLE_END - content_.size(), '\0'); }
 
@@ -328,19 +330,7 @@ TEST_P(Requests, FailWhenACallFailsAndChangeNoContent) {
 TEST_P(Requests, NoticeConcurrentChangesToTheirFiles) {
   const std::string share = shares_extents_ ? "FIDEDUPERANGE" : "pread";
   const std::string clone = shares_extents_ ? "FICLONE" : "pread";
-  const auto touch = [](const test_file &file) {
-    const timespec later[] = {{2, 5}, {2, 5}};
-    futimens(file, later);
-  };
-  // Makes a request during which `happens` runs before a call. Returns its result.
-  const auto make = [](const request_files &f, unsigned which, const std::string &call,
-                       unsigned nth, const std::function<void()> &happens) {
-    const kernel_call watched(call, nth, happens);
-    const int result = REQUESTS[which].make(f);
-    EXPECT_TRUE(watched.has_come()) << call;
-    return result;
-  };
-  enum { CLONE, CONNECT, DEDUP, COPY, RECOVER };
+  const int unless_shared = shares_extents_ ? 0 : EAGAIN;
   // Until it shows in the file's time: before Linux 6.13, that is in the next tick of the clock.
   const auto write = [](const test_file &file) {
     const auto before = file.status().st_mtim.tv_nsec;
@@ -348,57 +338,43 @@ TEST_P(Requests, NoticeConcurrentChangesToTheirFiles) {
       EXPECT_TRUE(file.write("mine"));
     } while (file.status().st_mtim.tv_nsec == before);
   };
-  const std::string written = "mine" + whole().substr(4);
-  {
-    const request_files f = prepare("dedup");
-    EXPECT_EQ(make(f, DEDUP, share, 1, [&] { touch(f.b); }), EAGAIN);
-    EXPECT_EQ(make(f, DEDUP, share, 1, [&] { touch(f.a); }), EAGAIN);
-    EXPECT_TRUE(f.b.state() == "plain" && f.a.state() == "plain") << "both times have changed";
-  }
-  {
-    const request_files f = prepare("dedup");
-    EXPECT_EQ(make(f, DEDUP, share, 1, [&] { write(f.b); }), EBADE);
-    EXPECT_TRUE(f.b.content() == written && f.b.state() == "plain");
-  }
-  {
-    const request_files f = prepare("copy");
-    const int result = make(f, COPY, clone, 1, [&] { touch(f.a); });
-    EXPECT_EQ(result, shares_extents_ ? 0 : EAGAIN);
-    EXPECT_TRUE(f.copy.content() == (result == 0 ? whole() : "") && f.copy.state() == "plain");
-  }
-  {
-    const request_files f = prepare("copy");
-    const test_file writer = open_file("copy", O_WRONLY);
-    EXPECT_EQ(make(f, COPY, "fgetxattr", 1, [&] { write(writer); }), EAGAIN);
-    EXPECT_TRUE(f.copy.content() == written && f.copy.state() == "plain");
-  }
-  {
-    const request_files f = prepare("clone");
-    const int result = make(f, CLONE, clone, 1, [&] { touch(f.a); });
-    EXPECT_EQ(result, shares_extents_ ? 0 : EAGAIN);
-    EXPECT_EQ(f.a.connect(f.layer), shares_extents_ ? EAGAIN : EINVAL);
-  }
-  {
-    const request_files f = prepare("connect");
-    write(f.layer);
-    EXPECT_EQ(f.a.connect(f.layer), EAGAIN);
-    EXPECT_EQ(ftruncate(f.layer, 1), 0);
-    EXPECT_EQ(f.a.connect(f.layer), EINVAL);
-  }
-  {
-    const request_files f = prepare("recover");
-    const auto other = [&] { EXPECT_TRUE(attach(f.b)); };
-    EXPECT_EQ(make(f, RECOVER, "fgetxattr", 2, other), 0);
-    EXPECT_TRUE(f.b.state().ends_with("layered")) << "another request's record stays";
-  }
-  if (shares_extents_) {
-    const request_files f = prepare("recover");
-    off_t place = 0;  // a different byte each time
-    EXPECT_EQ(make(f, RECOVER, share, 0, [&] { f.b.write("x", place++); }), EBUSY);
-    EXPECT_EQ(place, 5) << "the number of attempts";
-    EXPECT_EQ(make(f, RECOVER, share, 1, [&] { f.b.write("n"); }), 0);
-    EXPECT_TRUE(f.b.state() == "plain" && f.b.content() == "nxxxx" + whole().substr(5));
-    EXPECT_FALSE(has_shared_extents("b"));
+  off_t attempts = 0;
+  // A request, what happens before the n-th call that it makes, its result, and the outcome for
+  // `a`, `b` and the new file.
+  const std::tuple<std::string, std::string, unsigned, std::function<void(const request_files &)>,
+                   int, std::string>
+      rows[] = {
+          {"dedup", share, 1, [](auto &f) { f.b.set_time(2); }, EAGAIN, "layered, plain, new"},
+          {"dedup", share, 1, [](auto &f) { f.a.set_time(2); }, EAGAIN, "plain, plain, new"},
+          {"dedup", share, 1, [&](auto &f) { write(f.b); }, EBADE, "layered, plain mine, new"},
+          {"copy", clone, 1, [](auto &f) { f.a.set_time(2); }, unless_shared,
+           shares_extents_ ? "plain, plain, plain" : "plain, plain, new"},
+          {"copy", "fgetxattr", 1, [&](auto &f) { write(f.writer); }, EAGAIN,
+           "layered, plain, plain mine"},
+          {"clone", clone, 1, [](auto &f) { f.a.set_time(2); }, unless_shared, "plain, plain, new"},
+          {"connect", "fstatfs", 1, [](auto &f) { f.a.set_time(2); }, EAGAIN, "plain, plain, new"},
+          {"connect", "fstatfs", 1, [&](auto &f) { write(f.layer); }, EAGAIN,
+           "layered, plain, new"},
+          {"connect", "fstatfs", 1, [](auto &f) { EXPECT_EQ(ftruncate(f.layer, 1), 0); }, EINVAL,
+           "layered, plain, new"},
+          {"recover", "fgetxattr", 2, [&](auto &f) { EXPECT_TRUE(attach(f.b)); }, 0,
+           "layered, layered, new"},  // another request's record stays
+          {"recover", share, 0, [&](auto &f) { f.b.write("x", attempts++); }, EBUSY,
+           "layered, plain xxxxx, new"},
+          {"recover", share, 1, [](auto &f) { f.b.write("n"); }, 0, "layered, plain n, new"}};
+  for (const auto &[name, call, nth, happens, result, outcome] : rows) {
+    if (!shares_extents_ && name == "recover" && call == share) {
+      continue;
+    }
+    SCOPED_TRACE(outcome);
+    const request_files f = prepare(name);
+    const auto tried = std::ranges::find(REQUESTS, name, &request::name);
+    const kernel_call watched(call, nth, [&, &change = happens] { change(f); });
+    EXPECT_EQ(tried->make(f), result);
+    EXPECT_TRUE(watched.has_come()) << call;
+    EXPECT_EQ(outcome_of(f.a) + ", " + outcome_of(f.b) + ", " + outcome_of(f.copy), outcome);
+    EXPECT_FALSE(name == "recover" && result == 0 && has_shared_extents("b"));
+    EXPECT_TRUE(name != "clone" || f.a.connect(f.layer) == (result == 0 ? EAGAIN : EINVAL));
   }
 }
 
