@@ -134,60 +134,23 @@ TEST_F(Threads, ARunWithABudgetSetsTheSignalActionOnceAndRestoresItOnce) {
   EXPECT_EQ(counter.calls(), 2U);
 }
 
-// A host that holds a descriptor for each file that is frozen.
-struct holding_host {
-  static inline thread_local std::string frozen;
-  static inline thread_local int held = -1;
-  static inline std::atomic<int> overlaps = 0;
-
-  static int filter(int, const struct stat *, const char *) {
-    overlaps += frozen.empty() ? 0 : 1;
-    return 0;
-  }
-  static int prep(int, const char *path) {
-    filter(0, nullptr, path);
-    held = open("/dev/null", O_RDONLY);
-    frozen = held < 0 ? "" : path;
-    return held < 0 ? errno : 0;
-  }
-  static int verify(int, const char *path) {
-    overlaps += frozen == path ? 0 : 1;
-    frozen.clear();
-    return close(held);
-  }
-};
-
-// What a scan with `workers` workers and this many descriptors finds and counts, and the formats of
-// its lines.
-auto scan_with(int workers, rlim_t descriptors) {
-  fs::remove_all("s");
-  fs::create_directory("s");
-  const captured_log log;
-  workers_allowed = workers;
+TEST_F(Threads, AWorkerNeedsTwoDescriptors) {
   rlimit previous = {};
   getrlimit(RLIMIT_NOFILE, &previous);
-  const rlimit lowered = {std::min(descriptors, previous.rlim_cur), previous.rlim_max};
-  scan s = {.ops = {holding_host::filter, nullptr, holding_host::prep, holding_host::verify,
-                    scan::receive}};
-  setrlimit(RLIMIT_NOFILE, &lowered);
-  s.run();
-  setrlimit(RLIMIT_NOFILE, &previous);
-  workers_allowed = 1 << 30;
-  const auto formats = log.formats();
-  return std::tuple(s.found, s.counters, std::multiset(formats.begin(), formats.end()));
-}
-
-TEST_F(Threads, AWorkerHandlesOneFileAtATimeAndNeedsNoExtraDescriptors) {
   const int next = dup(STDOUT_FILENO);
   close(next);
   for (const int workers : {1, 3}) {
-    const auto unlimited = scan_with(workers, RLIM_INFINITY);
-    EXPECT_EQ(std::get<groups>(unlimited), all);
-    for (int free = 30; free >= 2 * workers; free--) {
-      EXPECT_EQ(scan_with(workers, static_cast<rlim_t>(next + free)), unlimited) << free;
-    }
+    fs::remove_all("s");
+    fs::create_directory("s");
+    workers_allowed = workers;
+    const rlimit lowered = {static_cast<rlim_t>(next + 2 * workers), previous.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &lowered);
+    const scan s = scan().run();
+    setrlimit(RLIMIT_NOFILE, &previous);
+    workers_allowed = 1 << 30;
+    EXPECT_EQ(s.found, all);
+    EXPECT_EQ(s.counters, (counts{5, 5, 81, 41, 40, 0}));
   }
-  EXPECT_EQ(holding_host::overlaps, 0);
 }
 
 }  // namespace
