@@ -1,14 +1,13 @@
 // The operations on single files and groups, the status probes and the service entry points,
-// against the built library. A row holds everything observable about a call: its result, its
-// requests with their arguments and its log lines, in order, and how all that changes when a
-// request is refused. No call leaks a descriptor.
+// against the built library. A row holds everything observable about a call: its requests with
+// their arguments and its log lines, in order, its result, and how all that changes when a request
+// is refused. No call leaks a descriptor.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <optional>
 #include <regex>
 
 #include "support/scripted_fs.h"
@@ -29,53 +28,68 @@ constexpr sis_file_info LAYERED = {0, 1, {}, 0xfffffffe};
 constexpr sis_file_info DEDUPED = {1, 1, {}, 77};
 constexpr sis_file_info DEDUPED_ONLY = {1, 0, {}, 77};
 
+constexpr int FD_OF_A = 100;  // open for reading
+
 // A tree and the scripted file system. A temporary file must stay open until the last request.
 struct world : working_tree {
   scripted_fs file_system;
   std::function<void()> while_flag_is_set = [] {};
-  int fd_of_a = open("a", O_RDONLY);
   int temporary_fd = -1;
-  std::vector<size_t> lines_before;  // each request
-  const std::string inodes[3] = {inode_of("a"), inode_of("b"), inode_of("d/c")};
-  const std::ptrdiff_t descriptors = count_in("/proc/self/fd");
+  texts steps;
+  size_t lines = 0;  // among the steps
+  const std::map<std::string, std::string> names = {
+      {inode_of("a"), "a"}, {inode_of("b"), "b"}, {inode_of("d/c"), "c"}};
+  std::ptrdiff_t descriptors = 0;
 
   world() : working_tree("a=same b=same d/c=same") {
     umask(0);
-    file_system.before_each = [this](unsigned code, int fd) {
-      temporary_fd = code == SIS_IOC_CLONE_FILE ? fd : temporary_fd;
+    const int fd = open("a", O_RDONLY);
+    dup2(fd, FD_OF_A);
+    close(fd);
+    descriptors = count_in("/proc/self/fd");
+    file_system.before_each = [this](unsigned code, int to) {
+      temporary_fd = code == SIS_IOC_CLONE_FILE ? to : temporary_fd;
       EXPECT_TRUE(temporary_fd < 0 || fcntl(temporary_fd, F_GETFD) >= 0) << code;
-      lines_before.push_back(log.messages().size());
+      trace().push_back(file_system.texts.back());
       code == FLAG ? while_flag_is_set() : void();
     };
   }
-  ~world() { close(fd_of_a); }
+  ~world() { close(FD_OF_A); }
 
   std::string inode_of(const char *name) const { return std::to_string(status(name).st_ino); }
 
-  // A line with file names in place of inode numbers.
+  // A line with file names in place of inode numbers, and on one line.
   std::string readable(std::string line) const {
-    const char *const known[] = {"a", "b", "c"};
-    for (size_t i = 0; i < 3; i++) {
-      line = std::regex_replace(line, std::regex("(\\[ino:|\\()" + inodes[i] + "(?=,|\\))"),
-                                std::string("$1") + known[i]);
+    for (const auto &[inode, name] : names) {
+      line =
+          std::regex_replace(line, std::regex("(\\[ino:|\\()" + inode + "(?=,|\\))"), "$1" + name);
     }
-    line = std::regex_replace(line, std::regex(R"(\[ino:\d{3,},)"), "[ino:new,");
-    return std::regex_replace(line, std::regex(root()), "ROOT");
+    for (const auto &[from, to] :
+         {std::pair<std::string, const char *>(R"(\[ino:\d{3,},)", "[ino:new,"),
+          {root(), "ROOT"},
+          {"Input/output error", "EIO"},
+          {"No such file or directory", "ENOENT"},
+          {"\n", "\\n"}}) {
+      line = std::regex_replace(line, std::regex(from), to);
+    }
+    return line;
   }
 
   // The requests and lines so far, in order.
-  texts trace() const {
-    texts all;
-    const texts lines = log.messages();
-    for (size_t line = 0, request = 0; line < lines.size() || request < lines_before.size();) {
-      const bool is_line = request == lines_before.size() || line < lines_before[request];
-      all.push_back(is_line ? readable(lines[line++]) : file_system.texts[request++]);
+  texts &trace() {
+    for (const texts all = log.messages(); lines < all.size(); lines++) {
+      steps.push_back(readable(all[lines]));
     }
-    return all;
+    return steps;
   }
 };
 
 using call = std::function<int(world &)>;
+
+template <typename... Arguments>
+call calling(int (*function)(Arguments...), std::type_identity_t<Arguments>... arguments) {
+  return [=](world &) { return function(arguments...); };
+}
 
 // The call when the file system answers the requests of a code with a record.
 template <typename Record>
@@ -86,132 +100,101 @@ call answered(unsigned code, const Record &record, const call &then) {
   };
 }
 
-// A request or a line. For a request, also the errno with which it is refused (by default EIO), the
-// result of the call then, and what follows.
-struct step {
-  std::string what;
-  std::optional<int> refused = {};
-  texts then = {};
-  int error = EIO;
-};
+// The result of the call, and its requests and lines. The n-th request is refused.
+std::pair<int, texts> outcome_of(const call &operation, size_t refused) {
+  world w;
+  w.file_system.failures[refused] = EIO;
+  const int result = operation(w);
+  EXPECT_EQ(count_in("/proc/self/fd"), w.descriptors);
+  return {result, w.trace()};
+}
 
-// The result of the call and all its steps.
-void expect(const call &operation, int result, const std::vector<step> &steps) {
-  for (size_t chosen = 0; chosen <= steps.size(); chosen++) {
-    const bool is_refusal = chosen < steps.size();
-    if (is_refusal && !steps[chosen].refused) {
-      continue;
+// Each request and line of the call, and its result. After a request: if it is refused, the result
+// and what follows it then.
+void expect(const call &operation, const std::string &expected) {
+  const auto [result, steps] = outcome_of(operation, 0);
+  std::string outcomes;
+  size_t requests = 0;
+  for (size_t i = 0; i < steps.size(); i++) {
+    outcomes += (steps.size() > 1 ? "\n" : "") + steps[i];
+    if (!std::regex_search(steps[i], std::regex("^(INFO|ERRO|SERVICE) "))) {
+      const auto [refused, others] = outcome_of(operation, ++requests);
+      outcomes += " -> " + std::to_string(refused);
+      for (size_t other = i + 1; other < others.size(); other++) {
+        outcomes += (others.size() > i + 2 ? "\n    " : "; ") + others[other];
+      }
     }
-    world w;
-    texts trace;
-    size_t requests = 0;
-    for (size_t i = 0; i < steps.size() && i <= chosen; i++) {
-      trace.push_back(steps[i].what);
-      requests += std::regex_search(steps[i].what, std::regex("^(INFO|ERRO|SERVICE) ")) ? 0U : 1U;
-    }
-    if (is_refusal) {
-      w.file_system.failures[requests] = steps[chosen].error;
-      trace.insert(trace.end(), steps[chosen].then.begin(), steps[chosen].then.end());
-    }
-    EXPECT_EQ(operation(w), is_refusal ? *steps[chosen].refused : result);
-    EXPECT_EQ(w.trace(), trace);
-    EXPECT_EQ(count_in("/proc/self/fd"), w.descriptors);
   }
-}
-
-const std::string FAILED = " returned Input/output error";
-const std::string GONE = " No such file or directory";
-const std::string LAYER_LINE = "INFO created layered inode[ino:new,size:0] for a[ino:a,size:4]";
-const std::string QUERY_A = "GET_FILE_INFO a ro 0 0";
-const std::string QUERY_RW = "GET_FILE_INFO a rw 0 0";
-
-// The steps that make a layered inode from `a`, with failure lines of the given kind.
-step clone_step(int refused, const std::string &kind) {
-  return {
-      "CLONE_FILE [600] rw a 96", refused, {kind + " fail to clone to temperory file" + FAILED}};
-}
-step connect_step(int refused, const std::string &kind) {
-  return {"CONNECT a rw [600] 0", refused, {kind + " fail to create layered inode" + FAILED}};
+  EXPECT_EQ(outcomes + " = " + std::to_string(result), expected);
 }
 
 TEST(GroupDedup, SharesALayerMadeFromTheFirstMemberAndContinuesAfterARefusal) {
   static char a[] = "a", b[] = "b", c[] = "d/c", gone[] = "gone";
   static char *group[] = {a, b, c};
   static char *broken[] = {a, gone, b};
-  const step under = {"INFO creating temporary file under ROOT"};
-  const step clone = clone_step(EIO, "ERRO");
-  const step connect = connect_step(EIO, "ERRO");
-  const texts shared_c = {"DEDUP_FILE d/c rw a 0", "INFO done deduplication for d/c[ino:c,size:4]"};
-  const texts after_b = {"ERRO fail to deduplicate b returned Invalid cross-device link",
-                         shared_c[0], shared_c[1]};
-  expect([](world &) { return sis_them_all(group, 3); }, 0,
-         {under,
-          clone,
-          connect,
-          {LAYER_LINE},
-          {"DEDUP_FILE b rw a 0", EXDEV, after_b, EXDEV},
-          {"INFO done deduplication for b[ino:b,size:4]"},
-          {shared_c[0], EIO, {"ERRO fail to deduplicate d/c" + FAILED}},
-          {shared_c[1]}});
-  expect([](world &) { return sis_them_all(group, 1); }, 0, {under, clone, connect, {LAYER_LINE}});
-  expect([](world &) { return sis_them_all(broken, 3); }, ENOENT,
-         {{"ERRO fail to open gone returned" + GONE}});
-  expect([](world &) { return sis_them_all(group, 0); }, EINVAL,
-         {{"ERRO fail to deduplicate a group of 0 files returned Invalid argument"}});
+  const std::string layer = R"(
+INFO creating temporary file under ROOT
+CLONE_FILE [600] rw a 96 -> 5; ERRO fail to clone to temperory file returned EIO
+CONNECT a rw [600] 0 -> 5; ERRO fail to create layered inode returned EIO
+INFO created layered inode[ino:new,size:0] for a[ino:a,size:4])";
+  expect(calling(sis_them_all, group, 3), layer + R"(
+DEDUP_FILE b rw a 0 -> 5
+    ERRO fail to deduplicate b returned EIO
+    DEDUP_FILE d/c rw a 0
+    INFO done deduplication for d/c[ino:c,size:4]
+INFO done deduplication for b[ino:b,size:4]
+DEDUP_FILE d/c rw a 0 -> 5; ERRO fail to deduplicate d/c returned EIO
+INFO done deduplication for d/c[ino:c,size:4] = 0)");
+  expect(calling(sis_them_all, group, 1), layer + " = 0");
+  expect(calling(sis_them_all, broken, 3), "ERRO fail to open gone returned ENOENT = 2");
+  expect(calling(sis_them_all, group, 0),
+         "ERRO fail to deduplicate a group of 0 files returned Invalid argument = 22");
   world w;  // the result is the error of the last refused member
   w.file_system.failures = {{3, EXDEV}, {4, EPERM}};
   EXPECT_EQ(sis_them_all(group, 3), EPERM);
 }
 
 TEST(SingleFile, IsAttachedToANewLayerDedupedCopiedOrDetached) {
-  const auto create = [](const char *path) {
-    return [path](world &) {
-      const int fd = create_layer(path);
-      EXPECT_TRUE(fd < 0 || fs::equivalent("/proc/self/fd/" + std::to_string(fd), path));
-      return fd < 0 ? fd : close(fd);
-    };
+  const auto create = [](world &) {
+    const int fd = create_layer("a");
+    EXPECT_TRUE(fd < 0 || fs::equivalent("/proc/self/fd/" + std::to_string(fd), "a"));
+    return fd < 0 ? fd : close(fd);
   };
-  expect(create("a"), 0,
-         {{"INFO creating temporary file for a"},
-          clone_step(-1, "INFO"),
-          connect_step(-1, "INFO"),
-          {LAYER_LINE}});
-  expect(create("gone"), -1, {{"INFO fail to open gone returned" + GONE}});
-  expect([](world &w) { return dedup_file("b", w.fd_of_a); }, 0,
-         {{"DEDUP_FILE b rw a 0", EIO, {"INFO fail to deduplicate b" + FAILED}},
-          {"INFO done deduplication for b[ino:b,size:4]"}});
-  expect([](world &w) { return dedup_file("gone", w.fd_of_a); }, ENOENT,
-         {{"INFO fail to open gone returned" + GONE}});
-  const auto copy = [](const char *from, const char *to) {
-    return [=](world &w) {
-      const int result = reflink_copy(from, to);
-      EXPECT_TRUE(result != 0 || (w.status(to).st_mode & 0777) == 0644);
-      return result;
-    };
+  const auto copy = [](world &w) {
+    const int result = reflink_copy("a", "copy");
+    EXPECT_EQ(w.status("copy").st_mode & 0777, 0644U);
+    return result;
   };
-  expect(copy("a", "copy"), 0,
-         {{"DEDUP_FILE copy ro a 1",
-           EIO,
-           {"ERRO fail to do rapid copy from a to copy return Input/output error"}},
-          {"INFO reflink copy[ino:new,size:0] to a[ino:a,size:4]"}});
-  expect(copy("gone", "copy"), ENOENT, {{"ERRO fail to open gone return" + GONE}});
-  expect(copy("a", "b"), EEXIST, {{"ERRO fail to open b return File exists"}});
+  expect(create, R"(
+INFO creating temporary file for a
+CLONE_FILE [600] rw a 96 -> -1; INFO fail to clone to temperory file returned EIO
+CONNECT a rw [600] 0 -> -1; INFO fail to create layered inode returned EIO
+INFO created layered inode[ino:new,size:0] for a[ino:a,size:4] = 0)");
+  expect(calling(create_layer, "gone"), "INFO fail to open gone returned ENOENT = -1");
+  expect(calling(dedup_file, "b", FD_OF_A), R"(
+DEDUP_FILE b rw a 0 -> 5; INFO fail to deduplicate b returned EIO
+INFO done deduplication for b[ino:b,size:4] = 0)");
+  expect(calling(dedup_file, "gone", FD_OF_A), "INFO fail to open gone returned ENOENT = 2");
+  expect(copy, R"(
+DEDUP_FILE copy ro a 1 -> 5; ERRO fail to do rapid copy from a to copy return EIO
+INFO reflink copy[ino:new,size:0] to a[ino:a,size:4] = 0)");
+  expect(calling(reflink_copy, "gone", "copy"), "ERRO fail to open gone return ENOENT = 2");
+  expect(calling(reflink_copy, "a", "b"), "ERRO fail to open b return File exists = 17");
 }
 
 TEST(SingleFile, GetsItsOwnDataBackUnlessItIsPlain) {
-  const call revoke = [](world &) { return revoke_file("a"); };
-  const auto steps = [](const std::string &detached) {
-    return std::vector<step>{
-        {QUERY_A, EIO, {"INFO fail to query a return Input/output error"}},
-        {"REVOKE a ro null", EIO, {"ERRO fail to revoke a return Input/output error"}},
-        {"INFO revoke a[ino:a,size:4] from its " + detached}};
-  };
-  expect(answered(QUERY, LAYERED, revoke), 0, steps("layered inode[ino:-2]"));
-  expect(answered(QUERY, DEDUPED, revoke), 0, steps("deduped inode[ino:77]"));
-  expect(answered(QUERY, DEDUPED_ONLY, revoke), 0, steps("deduped inode[ino:77]"));
-  expect(revoke, 1, {{QUERY_A}, {"INFO a[ino:a,size:4] is not deduped inode nor layered inode"}});
-  expect([](world &) { return revoke_file("gone"); }, ENOENT,
-         {{"INFO fail to open gone return" + GONE}});
+  const call revoke = calling(revoke_file, "a");
+  const std::string revoked = R"(
+GET_FILE_INFO a ro 0 0 -> 5; INFO fail to query a return EIO
+REVOKE a ro null -> 5; ERRO fail to revoke a return EIO
+INFO revoke a[ino:a,size:4] from its )";
+  expect(answered(QUERY, LAYERED, revoke), revoked + "layered inode[ino:-2] = 0");
+  expect(answered(QUERY, DEDUPED, revoke), revoked + "deduped inode[ino:77] = 0");
+  expect(answered(QUERY, DEDUPED_ONLY, revoke), revoked + "deduped inode[ino:77] = 0");
+  expect(revoke, R"(
+GET_FILE_INFO a ro 0 0 -> 5; INFO fail to query a return EIO
+INFO a[ino:a,size:4] is not deduped inode nor layered inode = 1)");
+  expect(calling(revoke_file, "gone"), "INFO fail to open gone return ENOENT = 2");
 }
 
 int filter(off_t size, mode_t type = S_IFREG) {
@@ -244,78 +227,68 @@ TEST(StatusProbe, FilterCountsSavedSpaceAndReportsUnsuitableFileSystems) {
 }
 
 TEST(StatusProbe, ChecksCompressionFirst) {
-  const call check = [](world &w) { return check_file_status(w.fd_of_a, nullptr, "a"); };
-  const auto flags = [](const char *told) {
-    return step{"GETFLAGS a ro 0 0", -EIO, {std::string(told) + "compressed, errno = 5"}};
-  };
-  const char *unknown = "INFO cannot determine whether a is ";
-  const std::vector<step> both = {flags(unknown),
-                                  {QUERY_A, -EIO, {std::string(unknown) + "dedupped, errno = 5"}}};
-  expect(answered(GETFLAGS, COMPRESSED, check), SIS_STATUS_COMPRESSED, {flags(unknown)});
-  expect(answered(QUERY, DEDUPED_ONLY, check), SIS_STATUS_PLAIN, both);
-  expect(answered(QUERY, LAYERED, check), SIS_STATUS_LAYERED, both);
-  expect(answered(QUERY, DEDUPED, answered(GETFLAGS, ~COMPRESSED, check)), SIS_STATUS_DEDUPED,
-         both);
-}
-
-// The line that a service entry point logs for a refused request.
-std::string refusal(const std::string &request) {
-  return "SERVICE ioctl " + request + " failed! ret = -1, errno = 5\n";
+  const call check = calling(check_file_status, FD_OF_A, nullptr, "a");
+  const std::string unknown = " -> -5; INFO cannot determine whether a is ";
+  const std::string flags = "GETFLAGS a ro 0 0" + unknown + "compressed, errno = 5";
+  const std::string both =
+      "\n" + flags + "\nGET_FILE_INFO a ro 0 0" + unknown + "dedupped, errno = 5";
+  expect(answered(GETFLAGS, COMPRESSED, check), flags + " = 3");
+  expect(answered(QUERY, DEDUPED_ONLY, check), both + " = 0");
+  expect(answered(QUERY, LAYERED, check), both + " = 1");
+  expect(answered(QUERY, DEDUPED, answered(GETFLAGS, ~COMPRESSED, check)), both + " = 2");
 }
 
 TEST(FileDedupRequest, SharesData) {
-  const step query = {QUERY_RW, EIO, {refusal("get file info")}};
-  const step share = {"DEDUP_FILE b rw a 1", EIO, {refusal("dedup file"), QUERY_RW}};
-  const call of_two = [](world &) { return sisFileTaskImpl("./a", "b"); };
-  const std::vector<step> with_layer = {query,
-                                        {"CLONE_FILE [777] rw a 96", EIO, {refusal("clone file")}},
-                                        {"CONNECT a rw [777] 0", EIO, {refusal("connect")}},
-                                        share};
-  expect(of_two, 0, with_layer);
-  expect(answered(QUERY, DEDUPED_ONLY, of_two), 0, with_layer);
-  expect(answered(QUERY, LAYERED, of_two), 0, {query, share});
-  const auto fail = [](const char *file1, const char *file2, const std::string &line) {
-    expect([=](world &) { return sisFileTaskImpl(file1, file2); }, -1, {{"SERVICE " + line}});
-  };
-  fail("a", "b", "file1 a invalid \n");
-  fail("d/gone", "b", "open file1:d/gone failed !\n");
-  fail("./a", "gone", "open file2:gone failed !\n");
+  const call of_two = calling(sisFileTaskImpl, "./a", "b");
+  const std::string query = R"(
+GET_FILE_INFO a rw 0 0 -> 5; SERVICE ioctl get file info failed! ret = -1, errno = 5\n)";
+  const std::string layer = R"(
+CLONE_FILE [777] rw a 96 -> 5; SERVICE ioctl clone file failed! ret = -1, errno = 5\n
+CONNECT a rw [777] 0 -> 5; SERVICE ioctl connect failed! ret = -1, errno = 5\n)";
+  const std::string share = R"(
+DEDUP_FILE b rw a 1 -> 5
+    SERVICE ioctl dedup file failed! ret = -1, errno = 5\n
+    GET_FILE_INFO a rw 0 0 = 0)";
+  expect(of_two, query + layer + share);
+  expect(answered(QUERY, DEDUPED_ONLY, of_two), query + layer + share);
+  expect(answered(QUERY, LAYERED, of_two), query + share);
+  expect(calling(sisFileTaskImpl, "a", "b"), "SERVICE file1 a invalid \\n = -1");
+  expect(calling(sisFileTaskImpl, "d/gone", "b"), "SERVICE open file1:d/gone failed !\\n = -1");
+  expect(calling(sisFileTaskImpl, "./a", "gone"), "SERVICE open file2:gone failed !\\n = -1");
 }
 
 TEST(FileDedupRequest, GivesDataBackAndReportsTheStateOfAFile) {
-  const auto recover = [](const char *path) {
-    return [path](world &) { return recoverFileImpl(path); };
-  };
-  const step revoke = {"REVOKE a rw a 0", -EIO};
-  const step query = {QUERY_RW, -1, {refusal("get file info")}};
-  expect(answered(QUERY, sis_file_info{1, 5, {}, 0}, recover("d/../a")), 5, {revoke, query});
-  expect(answered(QUERY, LAYERED, recover("a")), -2,
-         {revoke, query, {"SERVICE get file info, this file NOT recover!!! \n"}});
-  expect(recover("d"), -1, {{"SERVICE recover file ROOT/d, open FAIL \n"}});
-  expect(recover("d/gone"), -ENOENT, {{"SERVICE Failed to realpath d/gone returned -2\n"}});
-  const auto ask = [](const char *path) {
-    return [path](world &) { return getSISFileInfoImpl(path); };
-  };
-  expect(answered(QUERY, DEDUPED, ask("a")), 1, {query});
-  expect(ask("d"), -1, {{"SERVICE open file:ROOT/d failed !\n"}});
-  expect(ask("gone"), -1, {{"SERVICE Failed to realpath gone returned -1\n"}});
+  expect(answered(QUERY, sis_file_info{1, 5, {}, 0}, calling(recoverFileImpl, "d/../a")), R"(
+REVOKE a rw a 0 -> -5
+GET_FILE_INFO a rw 0 0 -> -1; SERVICE ioctl get file info failed! ret = -1, errno = 5\n = 5)");
+  expect(answered(QUERY, LAYERED, calling(recoverFileImpl, "a")), R"(
+REVOKE a rw a 0 -> -5
+GET_FILE_INFO a rw 0 0 -> -1; SERVICE ioctl get file info failed! ret = -1, errno = 5\n
+SERVICE get file info, this file NOT recover!!! \n = -2)");
+  expect(calling(recoverFileImpl, "d"), "SERVICE recover file ROOT/d, open FAIL \\n = -1");
+  expect(calling(recoverFileImpl, "d/gone"),
+         "SERVICE Failed to realpath d/gone returned -2\\n = -2");
+  expect(answered(QUERY, DEDUPED, calling(getSISFileInfoImpl, "a")),
+         "GET_FILE_INFO a rw 0 0 -> -1; SERVICE ioctl get file info failed! ret = -1, errno = 5\\n "
+         "= 1");
+  expect(calling(getSISFileInfoImpl, "d"), "SERVICE open file:ROOT/d failed !\\n = -1");
+  expect(calling(getSISFileInfoImpl, "gone"),
+         "SERVICE Failed to realpath gone returned -1\\n = -1");
 }
 
 TEST(CoincideFlag, IsSetAndReadAsRequested) {
-  const call freeze = [](world &w) { return freeze_file(w.fd_of_a, "a"); };
-  const call check = [](world &w) { return check_frozen(w.fd_of_a, "a"); };
-  const auto read = [](const char *path) {
-    return [path](world &) { return getCoincideFlagImpl(path); };
-  };
-  const step get = {"COINCIDE_FLAG a ro 0 8", -EIO};
-  expect(freeze, 0, {{"COINCIDE_FLAG a ro 2 4", EIO}});
-  expect(answered(FLAG, sis_coincide_arg{3, 0}, check), 0, {get});
-  expect(answered(FLAG, sis_coincide_arg{~SIS_FLAG_COINCIDE, 0}, check), -1,
-         {get, {"INFO a is not frozen any longer"}});
-  expect(answered(FLAG, sis_coincide_arg{0x12, 0}, read("a")), 0x12,
-         {{"COINCIDE_FLAG a rw 2 8", -EIO, {refusal("get ROOT/a coincide flag")}}});
-  expect(read(nullptr), -1, {{"SERVICE input file is NULL \n"}});
-  expect(read("gone"), -ENOENT, {{"SERVICE Failed to realpath gone returned -2\n"}});
+  expect(calling(freeze_file, FD_OF_A, "a"), "COINCIDE_FLAG a ro 2 4 -> 5 = 0");
+  const call check = calling(check_frozen, FD_OF_A, "a");
+  expect(answered(FLAG, sis_coincide_arg{3, 0}, check), "COINCIDE_FLAG a ro 0 8 -> -5 = 0");
+  expect(answered(FLAG, sis_coincide_arg{~SIS_FLAG_COINCIDE, 0}, check), R"(
+COINCIDE_FLAG a ro 0 8 -> -5
+INFO a is not frozen any longer = -1)");
+  expect(answered(FLAG, sis_coincide_arg{0x12, 0}, calling(getCoincideFlagImpl, "a")),
+         "COINCIDE_FLAG a rw 2 8 -> -5; SERVICE ioctl get ROOT/a coincide flag failed! ret = -1, "
+         "errno = 5\\n = 18");
+  expect(calling(getCoincideFlagImpl, nullptr), "SERVICE input file is NULL \\n = -1");
+  expect(calling(getCoincideFlagImpl, "gone"),
+         "SERVICE Failed to realpath gone returned -2\\n = -2");
 }
 
 // `moved` runs while the flag is being set.
@@ -330,25 +303,24 @@ call set_flag_while(void (*moved)(const world &), long seconds = 1000, long nano
 TEST(CoincideFlag, StaysOnlyOnAPlainFileThatDoesNotChange) {
   const auto nothing = [](const world &) {};
   const auto touch = [](const world &w) { w.set_mtime("a", 1000, 6); };
-  const step query = {QUERY_RW, -1, {refusal("get ROOT/a(a) file info")}};
-  const step set = {"COINCIDE_FLAG a rw 2 4", -EIO, {refusal("set ROOT/a(a) coincide flag")}};
-  const step clear = {"COINCIDE_FLAG a rw 2 16", -EIO, {refusal("clear ROOT/a(a) coincide flag")}};
-  expect(set_flag_while(nothing), 0, {query, set});
-  expect(set_flag_while(touch), -1, {query, set, clear});
-  expect(set_flag_while([](const world &) { unlink("a"); }), -1,
-         {query, {set.what}, {"SERVICE 2nd lstat Error ROOT/a \n"}});
-  expect(answered(QUERY, LAYERED, set_flag_while(nothing)), 1, {query});
-  expect(set_flag_while(nothing, 1000, 6), -1, {});
-  expect(set_flag_while(nothing, 1001, 5), -1, {});
-  expect([](world &) { return setCheckFlagImpl(nullptr, 0, 0); }, -1,
-         {{"SERVICE input file is NULL \n"}});
-  expect([](world &) { return setCheckFlagImpl("gone", 0, 0); }, -1,
-         {{"SERVICE Failed to realpath gone returned -1\n"}});
-  world w;
-  w.file_system.failures[3] = EIO;
-  EXPECT_EQ(set_flag_while(touch)(w), -EIO);
-  EXPECT_EQ(w.log.formats(),
-            texts{"SERVICE ioctl clear %s(%lu) coincide flag failed! ret = %d, errno = %d\n"});
+  const auto refusable = [](const std::string &request, const std::string &told) {
+    return request + "; SERVICE ioctl " + told + " failed! ret = -1, errno = 5\\n";
+  };
+  const std::string query = refusable("GET_FILE_INFO a rw 0 0 -> -1", "get ROOT/a(a) file info");
+  const std::string set = "\n" + query + "\n" +
+                          refusable("COINCIDE_FLAG a rw 2 4 -> -5", "set ROOT/a(a) coincide flag");
+  expect(set_flag_while(nothing), set + " = 0");
+  expect(set_flag_while(touch),
+         set + "\n" + refusable("COINCIDE_FLAG a rw 2 16 -> -5", "clear ROOT/a(a) coincide flag") +
+             " = -1");
+  expect(set_flag_while([](const world &) { unlink("a"); }),
+         set + "\nSERVICE 2nd lstat Error ROOT/a \\n = -1");
+  expect(answered(QUERY, LAYERED, set_flag_while(nothing)), query + " = 1");
+  expect(set_flag_while(nothing, 1000, 6), " = -1");
+  expect(set_flag_while(nothing, 1001, 5), " = -1");
+  expect(calling(setCheckFlagImpl, nullptr, 0, 0), "SERVICE input file is NULL \\n = -1");
+  expect(calling(setCheckFlagImpl, "gone", 0, 0),
+         "SERVICE Failed to realpath gone returned -1\\n = -1");
 }
 
 }  // namespace
