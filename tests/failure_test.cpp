@@ -16,8 +16,6 @@
 #include <future>
 #include <map>
 
-#include "fbddp/dentry.h"
-#include "fbddp/file_index.h"
 #include "support/alarm_owner.h"
 #include "support/captured_log.h"
 #include "support/failure_injector.h"
@@ -108,6 +106,10 @@ struct state {
   std::ptrdiff_t descriptors = count_in("/proc/self/fd");
   std::ptrdiff_t threads = count_in("/proc/self/task");
 };
+
+// After these failures the loaded digest file stays open and locked, and the save of the same run
+// would wait for it forever.
+const std::set<std::pair<library_call, uint64_t>> LEFT_OUT = {{strcpy_s, 4}, {flock, 2}};
 
 // The log lines of the operations on files for failed calls other than requests.
 const std::set<std::string> FILE_OPERATION_FORMATS = {
@@ -351,71 +353,15 @@ TEST_F(Failure, OfACallInAFileOperationHasTheStatedResult) {
   }
 }
 
-// Uses only the parts of a run's context that the digest store needs, with one file that has a
-// digest.
-TEST_F(Failure, OfACallLosesAtMostTheDigestsBeingLoadedOrSaved) {
-  char pname[69] = "";
-  memset(pname, '5', 64);
-  const std::string stored = std::string("s/") + pname + ".hsh";
-  usable_hash digest = {};
-  struct {
-    dentry file;
-    char name[2];
-  } listed = {};
-  listed.file.parent_word = DENTRY_FILE_TAG;
-  listed.file.hash = &digest;
-  sis_context ctx = {};
-  ctx.pname = pname;
-  list_init(&ctx.dentries);
-  list_init(&ctx.hash_entries);
-  list_append(&ctx.dentries, &listed.file.link);
-
-  const auto save = [&] {
-    pname[64] = '\0';
-    fs::remove(stored);
-    const auto count = static_cast<int>(save_usable_hash(&ctx, "s"));
-    EXPECT_EQ(fs::exists(stored), count == 1) << "an incomplete file is removed";
-    return count;
-  };
-  const auto load = [&] {
-    const auto count = static_cast<int>(load_usable_hash(&ctx, "s"));
-    while (!list_is_empty(&ctx.hash_entries)) {
-      hash_entry *entry = owner_of<&hash_entry::link>(ctx.hash_entries.next);
-      list_unlink(&entry->link);
-      free_library_block(entry->record);
-      free_library_block(entry);
-    }
-    free_library_block(std::exchange(ctx.hash_table, nullptr));
-    return count;
-  };
-  // A failed step of closing does not change the result.
-  fail_every_call({"save_usable_hash",
-                   [] {},
-                   save,
-                   1,
-                   {{{open, write}, {0}},
-                    {{flock}, {0, 1}},
-                    {{strcpy_s}, {0, 0, 0, 1}},
-                    {{memset_s}, {0, 0, 1}, SILENT},
-                    {{memcpy_s}, {0}, SILENT}}});
-  fail_every_call({"load_usable_hash",
-                   [&] { EXPECT_EQ(save(), 1); },
-                   load,
-                   1,
-                   {{{open, read}, {-1}},
-                    {{flock}, {-1, 1}},
-                    {{strcpy_s}, {-1, -1, -1, 1}},
-                    {{memset_s}, {-1, -1, -1, 1}, SILENT},
-                    {{memcpy_s, malloc, calloc}, {-1}, SILENT}}});
-}
-
 // A scan of two files by one worker, in which one call fails.
-TEST_F(Failure, OfACallIsCountedAndLoggedAsStated) {
+TEST_F(Failure, OfACallIsCountedAndLoggedAsStatedAndLosesAtMostTheDigestsInHand) {
   lines usual;
+  uint64_t calls = 0;
+  std::string digests;  // how many are loaded and saved, and how many digest files there are then
   // The counters, whether the files were found, and the lines that a scan without failures lacks.
-  const auto outcome_of = [&usual](library_call call, uint64_t nth, int error = EIO) {
+  const auto outcome_of = [&](library_call call, uint64_t nth, int error = EIO) {
     fs::remove_all("s");
-    fs::create_directory("s");
+    fs::copy("kept", "s");
     workers_allowed = 1;
     failing_errno = error;
     const captured_log log;
@@ -423,8 +369,16 @@ TEST_F(Failure, OfACallIsCountedAndLoggedAsStated) {
     {
       const failure_injector injector(call, nth);
       s.run();
+      calls = injector.calls();
     }
     failing_errno = EIO;
+    digests.clear();
+    for (const std::string &line : log.messages()) {
+      const size_t count = line.find("usable_hash(") + 12;
+      digests += count < 12 ? "" : line.substr(count, line.find(' ', count) - count) + ",";
+    }
+    digests += std::to_string(count_in("s"));
+    close_digest_files();
     std::string outcome;
     for (const uint64_t counter : s.counters) {
       outcome += std::to_string(counter) + " ";
@@ -449,14 +403,42 @@ TEST_F(Failure, OfACallIsCountedAndLoggedAsStated) {
   EXPECT_EQ(outcome_of(fstat, 4), "1 1 4 2 1 1 ERRO failed to get stat of []u/" + failed);
   EXPECT_EQ(outcome_of(fstat, 5), "1 1 4 2 2 0 ERRO failed to get stat of u/" + failed);
   EXPECT_EQ(outcome_of(read, 1), "1 1 4 2 2 1 ERRO failed to read []u/" + failed);
+
+  outcome_of(readdir, 100);
+  fs::remove("kept");
+  fs::copy("s", "kept");
+  usual.clear();
+  outcome_of(readdir, 100);
+  // For each call that fails, from the first one during the run on; '!' where a line tells it.
+  const std::tuple<library_call, uint64_t, const char *> rows[] = {
+      {open, 1, "-1,2,1! 2,0,1 2,0,1 2,0,1 2,0,0! "},
+      {flock, 1, "-1,2,1! 2,0,0! 2,2,1! "},
+      {read, 1, "-1,2,1! -1,2,1! -1,2,1! -1,2,1! -1,2,1! "},
+      {write, 1, "2,0,0! 2,0,0! 2,1,0! 2,1,0! "},
+      {fsync, 1, "2,2,1 "},
+      {strcpy_s, 1, "-1,2,1! -1,2,1! -1,2,1! 2,2,1! 2,2,1! 2,0,0! 2,0,0! 2,0,0! 2,2,1! "},
+      {memset_s, 2,
+       "-1,2,1 -1,2,1 -1,2,1 2,2,1! 2,2,1! 2,0,1 2,0,1 2,0,1 2,0,1 2,0,1 2,0,1 2,0,0 2,0,0 2,2,1! "
+       "2,2,1 2,2,1 "},
+      {memcpy_s, 2,
+       "-1,2,1 -1,2,1 2,0,1 2,0,1 2,0,1 2,0,1 2,0,1 2,0,1 2,0,1 2,0,1 2,0,0 2,1,0 2,2,1 2,2,1 "
+       "2,2,1 2,2,1 "}};
+  for (const auto &[call, first, expected] : rows) {
+    std::string outcomes;
+    for (uint64_t nth = first; nth == first || calls >= nth - 1; nth++) {
+      if (!LEFT_OUT.contains({call, nth})) {
+        const bool is_told = outcome_of(call, nth).find("O ") != std::string::npos;
+        outcomes += calls < nth ? "" : digests + (is_told ? "! " : " ");
+      }
+    }
+    EXPECT_EQ(outcomes, expected);
+  }
 }
 
 TEST_F(Failure, OfACallCostsAScanWithADigestFileOnlyWhatItTouched) {
   keep_stale_digests();
   operation second = scan_operation("second scan", 1);
-  // After these failures the loaded digest file stays open and locked, and the save of the same run
-  // would wait for it forever.
-  second.left_out = {{strcpy_s, 4}, {flock, 2}};
+  second.left_out = LEFT_OUT;
   fail_every_call(second);
 }
 
