@@ -164,6 +164,23 @@ class Btrfs(SpaceCase):
                              "small": (3000 * (4096 - 345), 0, "merged"),  # less the records
                              "compressed": (compressed, 0, "merged")})
 
+    def test_a_range_that_two_groups_let_go_of_at_once_is_counted_once(self):
+        for number in range(30):
+            whole = self.write(f"{number}/range", content(f"range {number}", MIB))
+            for name in "ab":  # the first file of each group becomes the source
+                target, source = self.root / f"{number}/{name}2", self.root / f"{number}/{name}1"
+                run("cp", "--reflink=always", whole, target)
+                with open(target, "r+b") as file:
+                    file.write(content(name, 4096))
+                run("cp", "--reflink=never", target, source)
+                run("cp", "--reflink=always", source, self.root / f"{number}/{name} longer")
+                os.truncate(self.root / f"{number}/{name} longer", MIB + 1)
+            whole.unlink()
+        before = self.used()
+        freed = sum(group["freed_bytes"] for group in self.scan("--apply")["groups"])
+        self.assertTrue(self.close_to(before - self.used(), freed), freed)
+        self.assertTrue(self.close_to(freed, 30 * MIB), freed)
+
     def test_messages_say_what_the_extents_say(self):
         whole = self.write("whole", b"")
         run("chattr", "+C", whole)

@@ -45,7 +45,7 @@ double Estimate::cost(Work work) {
   return static_cast<double>(work.bytes) + BYTES_PER_FILE * static_cast<double>(work.files);
 }
 
-void Estimate::note(milliseconds now, Work done, uint64_t current_file_bytes) {
+void Estimate::note(milliseconds now, Work done, uint64_t bytes_in_hand) {
   if (const double reached = cost(done); reached > done_) {
     done_ = reached;
     stepped_ = now;
@@ -56,12 +56,12 @@ void Estimate::note(milliseconds now, Work done, uint64_t current_file_bytes) {
   noted_ = now;
   if (now >= SHOWN_AFTER && rate_.per_second() > 0 &&
       (steps_ >= ENOUGH_STEPS || done_ >= all_ * ENOUGH_FRACTION)) {
-    approach(expected(now, cost({current_file_bytes, 1})), passed);
+    approach(expected(now, cost({bytes_in_hand, 1})), passed);
   }
 }
 
-// Assumes that the current file proceeds at the rate of those before it. Once it is overdue at that
-// rate, the wait for it lowers the rate.
+// Assumes that the files in hand proceed at the rate of those before. Once they are overdue at that
+// rate, the wait for them lowers the rate.
 double Estimate::expected(milliseconds now, double current_cost) const {
   const double waited = seconds_of(now - stepped_);
   const double rate = rate_.per_second();

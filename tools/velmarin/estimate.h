@@ -35,8 +35,8 @@ class Estimate {
 
   explicit Estimate(Work all) : all_(cost(all)) {}
 
-  // Call several times a second with what is done and the bytes of the current file.
-  void note(std::chrono::milliseconds now, Work done, uint64_t current_file_bytes);
+  // Call several times a second with what is done and the bytes of the files in hand.
+  void note(std::chrono::milliseconds now, Work done, uint64_t bytes_in_hand);
 
   // Empty until there is enough to estimate from.
   std::optional<std::chrono::milliseconds> left() const;

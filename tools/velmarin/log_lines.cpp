@@ -24,6 +24,9 @@ constexpr PhaseStart PHASE_STARTS[] = {{"load_usable_hash(", ScanPhase::walking}
                                        {SAVING_BEGINS, ScanPhase::saving},
                                        {"save_usable_hash(", ScanPhase::reporting}};
 
+// A call of the library logs on the thread that makes it.
+thread_local std::string own_last_message;
+
 // The part of a line after its bracketed prefix.
 std::string_view message_of(std::string_view line) {
   const size_t end = line.find("] ");
@@ -61,8 +64,8 @@ void LogLines::keep(std::string_view line) {
     }
   }
   OmissionWatch::note_log_message(message);
+  own_last_message = message;
   const std::lock_guard guard(lock_);
-  last_message_ = message;
   // While digests are saved, any line but these two reports a failure.
   if (phase_ == ScanPhase::saving && !message.starts_with(DIGEST_FILE_CREATED) &&
       !message.starts_with(SAVING_BEGINS) && save_failure_.empty()) {
@@ -89,13 +92,11 @@ std::string LogLines::save_failure() const {
 }
 
 std::string LogLines::last_message() const {
-  const std::lock_guard guard(lock_);
-  return last_message_;
+  return own_last_message;
 }
 
 void LogLines::forget() {
-  const std::lock_guard guard(lock_);
-  last_message_.clear();
+  own_last_message.clear();
 }
 
 }  // namespace tool

@@ -14,8 +14,8 @@ enum class ScanPhase { loading, walking, grouping, saving, reporting };
 
 // The process-wide log sink for as long as the object lives. With `show`, every line goes to
 // standard error. In any case the sink keeps what the tool reports: the phase of the scan, the
-// number of error lines and the first of them, why the digests were not saved, and the last
-// message.
+// number of error lines and the first of them, why the digests were not saved, and each thread's
+// last message.
 class LogLines {
  public:
   explicit LogLines(bool show);
@@ -33,7 +33,8 @@ class LogLines {
   // Why the digests could not be saved; empty if they were. The scan succeeds all the same.
   std::string save_failure() const;
 
-  // The last message since `forget`, without its prefix and newline; empty if there is none.
+  // The calling thread's last message since its `forget`, without prefix and newline; empty if
+  // there is none.
   std::string last_message() const;
   void forget();
 
@@ -47,7 +48,6 @@ class LogLines {
   uint64_t error_count_ = 0;
   std::string first_error_;
   std::string save_failure_;
-  std::string last_message_;
 };
 
 }  // namespace tool

@@ -6,6 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
+#include <system_error>
+#include <thread>
 
 #include "read_ahead.h"
 #include "refusal.h"
@@ -68,19 +71,35 @@ int open_as_source(FoundFile &file, LogLines &log) {
   return fd;
 }
 
+// What the merging threads share.
+struct Common {
+  Findings &findings;
+  const Volumes &volumes;
+  LogLines &log;
+  MergeProgress &progress;
+  ReadAhead ahead;
+  std::atomic<size_t> next_group = 0;
+  // Held while a file that shares data already is merged and what that frees is counted. Two groups
+  // may share a range: with both at once, neither would see the other refer to it, and both would
+  // count it.
+  std::mutex sharing = {};
+};
+
+bool shares_data(const ExtentMap &map) {
+  return std::any_of(map.held.begin(), map.held.end(),
+                     [](const HeldRange &range) { return range.is_shared; });
+}
+
 // Merges the files of one share. `source_` is the source's index in the group.
 class ShareMerge {
  public:
-  ShareMerge(FoundGroup &group, Share &share, const Volumes &volumes, LogLines &log,
-             MergeProgress &progress, ReadAhead &ahead)
+  ShareMerge(FoundGroup &group, Share &share, Common &common, size_t thread)
       : group_(group),
         share_(share),
-        volumes_(volumes),
-        log_(log),
-        progress_(progress),
-        ahead_(ahead),
+        common_(common),
+        thread_(thread),
         maps_(maps_before()),
-        account_(account_of(*volumes.find(share.volume), maps_)) {}
+        account_(account_of(*common.volumes.find(share.volume), maps_)) {}
 
   void run() {
     const int fd = open_source();
@@ -108,7 +127,7 @@ class ShareMerge {
       if (stop_requested()) {
         return -1;
       }
-      const int fd = open_as_source(group_.files[index], log_);
+      const int fd = open_as_source(group_.files[index], common_.log);
       if (fd >= 0) {
         source_ = index;
         return fd;
@@ -120,21 +139,27 @@ class ShareMerge {
   std::vector<ExtentMap> maps_before() const {
     std::vector<ExtentMap> maps(group_.files.size());
     for (const size_t index : share_.files) {
-      maps[index] = extents_of(group_.files[index], volumes_);
+      maps[index] = extents_of(group_.files[index], common_.volumes);
     }
     return maps;
   }
 
   void merge(size_t index, int source_fd) {
+    std::unique_lock sharing(common_.sharing, std::defer_lock);
+    if (shares_data(maps_[index])) {
+      sharing.lock();
+    }
     const FoundFile &file = group_.files[index];
     if (stop_requested()) {
       return;
     }
-    progress_.current_file_bytes = file.state.allocated_bytes;
-    ahead_.reach(file);
+    MergeProgress &progress = common_.progress;
+    progress.bytes_in_hand += file.state.allocated_bytes;
+    common_.ahead.reach(thread_, file);
     try_merge(index, source_fd);
-    progress_.bytes_done += file.state.allocated_bytes;
-    ++progress_.files_done;
+    progress.bytes_in_hand -= file.state.allocated_bytes;
+    progress.bytes_done += file.state.allocated_bytes;
+    ++progress.files_done;
   }
 
   void try_merge(size_t index, int source_fd) {
@@ -160,12 +185,12 @@ class ShareMerge {
     const auto is_plain = [this](size_t file) { return group_.files[file].state.layer == 0; };
     records_ += is_plain(index) ? 1U : 0U;
     const uint64_t of_source = is_plain(source_) ? 1 : 0;
-    return (records_ + of_source) * volumes_.find(share_.volume)->record_bytes;
+    return (records_ + of_source) * common_.volumes.find(share_.volume)->record_bytes;
   }
 
   void count_freed(size_t index) {
     const FoundFile &file = group_.files[index];
-    const ExtentMap map = extents_of(file, volumes_);
+    const ExtentMap map = extents_of(file, common_.volumes);
     if (!map.is_known || !maps_[index].is_known) {
       unknown_bytes_ += file.state.allocated_bytes;
     } else {
@@ -175,15 +200,13 @@ class ShareMerge {
     const uint64_t before = share_.freed.certain;
     share_.freed = account_.freed().less(record_bytes(index));
     share_.freed.uncertain += unknown_bytes_;
-    progress_.freed_bytes += share_.freed.certain - before;
+    common_.progress.freed_bytes += share_.freed.certain - before;
   }
 
   FoundGroup &group_;
   Share &share_;
-  const Volumes &volumes_;
-  LogLines &log_;
-  MergeProgress &progress_;
-  ReadAhead &ahead_;
+  Common &common_;
+  const size_t thread_;
   const std::vector<ExtentMap> maps_;  // of the share's files, indexed as in the group
   SpaceAccount account_;
   uint64_t unknown_bytes_ = 0;  // allocated to merged files with unknown extents
@@ -205,8 +228,7 @@ void mark_nothing_to_merge(FoundGroup &group, const Share &share) {
   }
 }
 
-void merge_share(FoundGroup &group, Share &share, const Volumes &volumes, LogLines &log,
-                 MergeProgress &progress, ReadAhead &ahead) {
+void merge_share(FoundGroup &group, Share &share, Common &common, size_t thread) {
   if (!has_work(group, share)) {
     mark_nothing_to_merge(group, share);
     return;
@@ -215,7 +237,7 @@ void merge_share(FoundGroup &group, Share &share, const Volumes &volumes, LogLin
     set_outcome(group.files[index], Outcome::not_tried);
   }
   if (!stop_requested()) {
-    ShareMerge(group, share, volumes, log, progress, ahead).run();
+    ShareMerge(group, share, common, thread).run();
   }
 }
 
@@ -245,6 +267,30 @@ std::vector<const FoundFile *> files_to_compare(const Findings &findings) {
   return files;
 }
 
+// Merges one group after another until none is left.
+void merge_groups(Common &common, size_t thread) {
+  std::vector<FoundGroup> &groups = common.findings.groups;
+  for (size_t i = common.next_group++; i < groups.size(); i = common.next_group++) {
+    mark_unusable(groups[i]);
+    for (Share &share : groups[i].shares) {
+      merge_share(groups[i], share, common, thread);
+    }
+  }
+}
+
+std::vector<std::thread> start_further_threads(Common &common) {
+  const StopSignalsBlocked blocked;  // they are for the calling thread
+  std::vector<std::thread> threads;
+  try {
+    for (size_t number = 1; number < MERGING_THREADS; ++number) {
+      threads.emplace_back(merge_groups, std::ref(common), number);
+    }
+  } catch (const std::system_error &) {
+    // With fewer of them merging is only slower.
+  }
+  return threads;
+}
+
 }  // namespace
 
 // For files in no share: decides by what the survey saw of them.
@@ -272,12 +318,11 @@ void plan_merge(const Findings &findings, MergeProgress &progress) {
 }
 
 void merge_all(Findings &findings, const Volumes &volumes, LogLines &log, MergeProgress &progress) {
-  ReadAhead ahead(files_to_compare(findings));
-  for (FoundGroup &group : findings.groups) {
-    mark_unusable(group);
-    for (Share &share : group.shares) {
-      merge_share(group, share, volumes, log, progress, ahead);
-    }
+  Common common = {findings, volumes, log, progress, ReadAhead(files_to_compare(findings))};
+  std::vector<std::thread> threads = start_further_threads(common);
+  merge_groups(common, 0);
+  for (std::thread &thread : threads) {
+    thread.join();
   }
 }
 

@@ -9,14 +9,14 @@
 
 namespace tool {
 
-// The progress of merging, written by the merging thread and read by the display thread.
+// The progress of merging, written by the merging threads and read by the display thread.
 struct MergeProgress {
   uint64_t files_to_do = 0;  // set before merging starts, as is the next
   uint64_t bytes_to_do = 0;
-  std::atomic<uint64_t> files_done = 0;          // merged, refused or changed
-  std::atomic<uint64_t> bytes_done = 0;          // allocated bytes of those files
-  std::atomic<uint64_t> current_file_bytes = 0;  // of the file started last
-  std::atomic<uint64_t> freed_bytes = 0;         // certain
+  std::atomic<uint64_t> files_done = 0;     // merged, refused or changed
+  std::atomic<uint64_t> bytes_done = 0;     // allocated bytes of those files
+  std::atomic<uint64_t> bytes_in_hand = 0;  // of the files being merged
+  std::atomic<uint64_t> freed_bytes = 0;    // certain
 };
 
 // Sets the outcome of the files in a group that the survey found unfit for merging.
@@ -27,7 +27,8 @@ void plan_merge(const Findings &findings, MergeProgress &progress);
 
 // Merges the files of every group onto one source per file system. Sets the outcome of each file
 // and what each share freed: what its files referred to before and no longer do. A refused file
-// keeps its data and does not stop the rest. A requested stop takes effect after the current file.
+// keeps its data and does not stop the rest. A requested stop takes effect after the files in hand.
+// Two threads take the groups in order.
 // `log` tells why the library could not create a layered inode.
 void merge_all(Findings &findings, const Volumes &volumes, LogLines &log, MergeProgress &progress);
 

@@ -64,7 +64,7 @@ std::string MergeText::describe() {
   const auto elapsed = limit_.elapsed();
   const Estimate::Work done = {merging_.bytes_done, merging_.files_done};
   rate_.note(elapsed - start_, static_cast<double>(done.bytes));
-  estimate_.note(elapsed - start_, done, merging_.current_file_bytes);
+  estimate_.note(elapsed - start_, done, merging_.bytes_in_hand);
   std::string text = format_duration(elapsed) + "  merging  " + std::to_string(done.files) +
                      " of " + format_count(merging_.files_to_do, "file") + ", " +
                      format_size(done.bytes) + " of " + format_size(merging_.bytes_to_do) +

@@ -33,7 +33,8 @@ void fetch(const std::string &path) {
 
 }  // namespace
 
-ReadAhead::ReadAhead(std::vector<const FoundFile *> files) : files_(std::move(files)) {
+ReadAhead::ReadAhead(std::vector<const FoundFile *> files)
+    : files_(std::move(files)), is_taken_(files_.size()) {
   if (files_.empty()) {
     return;
   }
@@ -56,25 +57,43 @@ ReadAhead::~ReadAhead() {
   }
 }
 
-void ReadAhead::reach(const FoundFile &file) {
+void ReadAhead::reach(size_t merging_thread, const FoundFile &file) {
   {
     const std::lock_guard guard(lock_);
+    Lane &lane = lanes_[merging_thread];
     const auto found =
-        std::find(files_.begin() + static_cast<ptrdiff_t>(reached_), files_.end(), &file);
+        std::find(files_.begin() + static_cast<ptrdiff_t>(lane.reached), files_.end(), &file);
     if (found == files_.end()) {
       return;
     }
-    reached_ = static_cast<size_t>(found - files_.begin());
-    fetched_ = std::max(fetched_, reached_ + 1);  // the sharing request reads this one itself
+    lane.reached = static_cast<size_t>(found - files_.begin());
+    lane.next = std::max(lane.next, lane.reached + 1);
+    is_taken_[lane.reached] = true;  // the sharing request reads this one itself
   }
   wake_.notify_one();
 }
 
-// Waits until the next file is close to its turn. Returns null when none is left.
+// Returns null when no file is close to its turn. Call with `lock_` held.
+const FoundFile *ReadAhead::take_next() {
+  for (Lane &lane : lanes_) {
+    const size_t end = std::min(lane.reached + FILES_AHEAD + 1, files_.size());
+    while (lane.next < end) {
+      const size_t index = lane.next++;
+      if (!is_taken_[index]) {
+        is_taken_[index] = true;
+        return files_[index];
+      }
+    }
+  }
+  return nullptr;
+}
+
+// Waits until a file is close to its turn. Returns null at the end.
 const FoundFile *ReadAhead::next_file() {
   std::unique_lock guard(lock_);
-  wake_.wait(guard, [this] { return finished_ || fetched_ <= reached_ + FILES_AHEAD; });
-  return finished_ || fetched_ >= files_.size() ? nullptr : files_[fetched_++];
+  const FoundFile *file = nullptr;
+  wake_.wait(guard, [this, &file] { return finished_ || (file = take_next()) != nullptr; });
+  return finished_ ? nullptr : file;
 }
 
 void ReadAhead::run() {

@@ -1,6 +1,6 @@
 // Turns Ctrl-C, SIGTERM, SIGHUP and the end of the time budget into a request to stop: the scan
-// ends early but cleanly, and merging ends after the current file. A second signal of the same kind
-// ends the process.
+// ends early but cleanly, and merging ends after the files in hand. A second signal of the same
+// kind ends the process.
 #pragma once
 
 #include <signal.h>
