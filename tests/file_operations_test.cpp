@@ -177,7 +177,7 @@ INFO done deduplication for b[ino:b,size:4] = 0)");
   expect(calling(dedup_file, "gone", FD_OF_A), "INFO fail to open gone returned ENOENT = 2");
   expect(copy, R"(
 DEDUP_FILE copy ro a 1 -> 5; ERRO fail to do rapid copy from a to copy return EIO
-INFO reflink copy[ino:new,size:0] to a[ino:a,size:4] = 0)");
+INFO reflink copy[ino:new,size:4] to a[ino:a,size:4] = 0)");
   expect(calling(reflink_copy, "gone", "copy"), "ERRO fail to open gone return ENOENT = 2");
   expect(calling(reflink_copy, "a", "b"), "ERRO fail to open b return File exists = 17");
 }
