@@ -76,24 +76,20 @@ class Installation(Installed):
             run(COMPILER, "-std=c++20", "-Wall", "-Werror", "-fsyntax-only", "-x", "c++",
                 "-I", root / "include", "-include", header, os.devnull)
 
-
     @unittest.skipUnless(shutil.which("systemd-analyze"), "needs systemd-analyze")
     def test_the_units_are_sound_and_can_do_little(self):
         root = self.directory / "units"
         run("cmake", "--install", BUILD, "--prefix", root)
-        service, timer = (self.directory / f"velmarin@night.{kind}" for kind in ("service", "timer"))
-        for unit in (service, timer):
+        units = [self.directory / f"velmarin@night.{kind}" for kind in ("timer", "service")]
+        for unit in units:
             text = (root / "lib/systemd/system" / unit.name.replace("night", "")).read_text("utf-8")
             unit.write_text(text.replace("ExecStart=", f"ExecStart={root}/bin/"), encoding="utf-8")
-        run("systemd-analyze", "verify", "--man=no", "--recursive-errors=no", service, timer)
-        run("systemd-analyze", "security", "--offline=yes", "--threshold=22", service)
-        line, = re.findall(r"^ExecStart=velmarin (.*)$",
-                           (root / "lib/systemd/system/velmarin@.service").read_text("utf-8"), re.M)
+        run("systemd-analyze", "verify", "--man=no", "--recursive-errors=no", *units)
+        run("systemd-analyze", "security", "--offline=yes", "--threshold=22", units[1])
+        line, = re.findall(r"^ExecStart=velmarin (.*)$", text, re.M)
         config = root / "share/doc/velmarin/examples/example.conf"
         command = line.replace("/etc/velmarin/%i.conf", str(config)).replace("%S", str(root))
-        self.write("a", b"")
-        text = config.read_text("utf-8").replace("/srv/library", str(self.root))
-        config.write_text(text.replace("/home", str(self.root)), encoding="utf-8")
+        config.write_text(re.sub("/srv/library|/home", str(self.root), config.read_text("utf-8")))
         run(root / "bin/velmarin", *command.split())
 
 

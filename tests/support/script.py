@@ -1,12 +1,15 @@
 """Shared by the test scripts: trees of files, and runs of the tool in them."""
 
+import contextlib
 import json
 import os
 import random
+import re
 import shutil
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 from pathlib import Path
 
@@ -28,6 +31,23 @@ def content(variant, size=70000):
     return random.Random(variant).randbytes(size)
 
 
+@contextlib.contextmanager
+def meanwhile(act):
+    """Repeats the action in another thread until the context ends."""
+    def repeat():
+        while not is_over.is_set():
+            act()
+
+    is_over = threading.Event()
+    thread = threading.Thread(target=repeat)
+    thread.start()
+    try:
+        yield
+    finally:
+        is_over.set()
+        thread.join()
+
+
 class TreeCase(unittest.TestCase):
     def setUp(self):
         self.directory = Path(tempfile.mkdtemp(prefix="velmarin-test-"))
@@ -44,10 +64,29 @@ class TreeCase(unittest.TestCase):
         path.write_bytes(data)
         return path
 
+    def write_each(self, names, data=content("same")):
+        """Makes identical files, named in a list or by words. Returns their paths."""
+        return [self.write(name, data)
+                for name in (names.split() if isinstance(names, str) else names)]
+
     def identities(self):
-        """What merging must preserve of everything below the root, besides content."""
-        return {(path, path.lstat().st_mode, path.lstat().st_ino, path.lstat().st_mtime_ns)
-                for path in self.root.rglob("*")}
+        """What merging must preserve of everything below the root."""
+        return {(path, path.lstat().st_mode, path.lstat().st_ino, path.lstat().st_mtime_ns,
+                 path.is_file() and hash(path.read_bytes())) for path in self.root.rglob("*")}
+
+    def traces(self, top=None):
+        """All that shows a change to the directory, which is the root if not given."""
+        top = top or self.root
+        seen = {}
+        for path in (top, *top.rglob("*")):
+            status = path.lstat()
+            seen[str(path)] = (*status[:7], status.st_mtime_ns, status.st_ctime_ns,
+                               os.listxattr(path, follow_symlinks=False),
+                               path.is_file() and path.read_bytes())
+        return seen
+
+    def extents(self, paths):
+        return re.findall(r"^ +\d+:.*", run("filefrag", "-vs", *sorted(paths)), re.M)
 
     def mount(self, kind, place, options, source="none"):
         """Mounts until the test ends, or skips the test if that is not possible."""
@@ -56,15 +95,8 @@ class TreeCase(unittest.TestCase):
             self.skipTest(f"{kind} cannot be mounted here")
         self.addCleanup(subprocess.run, ["umount", place], check=True)
 
-    def mount_btrfs(self, size, *make_options):
-        """Mounts a new file system, made in a file, on the root."""
-        self.mount_image("btrfs", size, *make_options)
-
-    def mount_xfs(self, size, *make_options):
-        """As above; XFS wants at least 300 MiB."""
-        self.mount_image("xfs", size, *make_options)
-
     def mount_image(self, kind, size, *make_options):
+        """Mounts a new file system, made in a file, on the root. XFS wants at least 300 MiB."""
         if shutil.which(f"mkfs.{kind}") is None:
             self.skipTest(f"needs mkfs.{kind}")
         image = self.directory / "image"
@@ -74,6 +106,10 @@ class TreeCase(unittest.TestCase):
 
 
 class ToolCase(TreeCase):
+    def setUp(self):
+        super().setUp()
+        self.state = self.directory / "state"
+
     def start(self, *arguments, before=(), **options):
         """Starts the tool in the root, with pipes that fill up after a few lines."""
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "pipesize": 4096}
@@ -89,6 +125,25 @@ class ToolCase(TreeCase):
         self.assertEqual(process.returncode, status, output + errors)
         return output, errors
 
+    def check_runs(self, *rows):
+        """Runs each row's command. Its exit status and what it says, as a whole or in part, follow
+        in the row."""
+        for command, status, *texts in rows:
+            said = "".join(self.run_tool(*command.split(), status=status))
+            for text in texts:
+                self.assertRegex(said, text, command)
+
+    def disturb(self, act, *arguments, text=b"done deduplication"):
+        """Acts on a run whose log has come to the text; it blocks soon unless more of it is read.
+        Returns its exit status and the JSON object."""
+        with (tempfile.TemporaryFile() as output,
+              self.start(*arguments, "--json", "--verbose", stdout=output) as process):
+            self.assertTrue(any(text in line for line in process.stderr), text)
+            act(process)
+            process.communicate(timeout=DEADLINE)
+            output.seek(0)
+            return process.returncode, json.load(output)
+
     def become_nobody(self):
         """Returns the command prefix that runs the tool as a user who owns none of the files."""
         self.directory.chmod(0o777)
@@ -97,18 +152,19 @@ class ToolCase(TreeCase):
             self.skipTest("needs root to become another user")
         return nobody
 
-    def scan(self, *arguments, min_size="1K", **options):
+    def scan(self, *arguments, min_size="1K", roots=None, **options):
         """Returns the JSON object."""
-        output, _ = self.run_tool("scan", "--json", "--state", self.directory / "state",
-                                  "--min-size", min_size, *arguments, self.root, **options)
+        output, _ = self.run_tool("scan", "--json", "--state", self.state, "--min-size", min_size,
+                                  *arguments, *([self.root] if roots is None else roots), **options)
         return json.loads(output)
 
     def groups(self, report):
         return [[os.path.relpath(file["path"], self.root) for file in group["files"]]
                 for group in report["groups"]]
 
-    def outcomes(self, report):
-        return {os.path.relpath(file["path"], self.root): file["outcome"]
+    def outcomes(self, report, field="outcome"):
+        """That field of each file."""
+        return {os.path.relpath(file["path"], self.root): file.get(field)
                 for group in report["groups"] for file in group["files"]}
 
 
