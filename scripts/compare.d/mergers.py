@@ -5,13 +5,14 @@ import shutil
 
 
 class Merger:
-    """`rounds` limits how often a slow program runs."""
+    """`rounds` limits how often a slow program runs; `preload` is loaded into the commands."""
 
-    def __init__(self, name, commands, rounds=None, state=None):
+    def __init__(self, name, commands, rounds=None, state=None, preload=None):
         self.name = name
         self.commands = commands
         self.rounds = rounds
         self.state = state
+        self.environment = os.environ | ({"LD_PRELOAD": preload} if preload else {})
 
     def forget(self):
         if self.state is None:
@@ -21,9 +22,9 @@ class Merger:
             os.remove(self.state)
 
 
-def velmarin(program, root, state, name, *options):
+def velmarin(program, root, state, name, *options, preload=None):
     return Merger(name, [[program, "scan", "--json", "--quiet", "--state", state, *options, root]],
-                  state=state)
+                  state=state, preload=preload)
 
 
 def rmlint(root, script):
@@ -34,11 +35,12 @@ def rmlint(root, script):
                    ["sh", script, "-d", "-x"]], rounds=1, state=script)
 
 
-def own_runs(program, root, workspace):
-    """The scan alone, and the scan that merges what it finds."""
+def own_runs(program, root, workspace, short_polls):
+    """The scan alone, and the scan that merges what it finds; then both with short polls."""
     state = f"{workspace}/state"
-    return [velmarin(program, root, state, "scan"),
-            velmarin(program, root, state, "scan --apply", "--apply")]
+    return [velmarin(program, root, state, name + suffix, *options, preload=preload)
+            for suffix, preload in (("", None), (", short polls", short_polls))
+            for name, options in (("scan", []), ("scan --apply", ["--apply"]))]
 
 
 def peers(root, workspace):
