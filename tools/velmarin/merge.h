@@ -28,7 +28,8 @@ void plan_merge(const Findings &findings, MergeProgress &progress);
 // Merges the files of every group onto one source per file system. Sets the outcome of each file
 // and what each share freed: what its files referred to before and no longer do. A refused file
 // keeps its data and does not stop the rest. A requested stop takes effect after the files in hand.
-// Two threads take the groups in order.
+// Two threads take the groups in order, so a stop may leave one group that comes before others
+// already merged.
 // `log` tells why the library could not create a layered inode.
 void merge_all(Findings &findings, const Volumes &volumes, LogLines &log, MergeProgress &progress);
 
