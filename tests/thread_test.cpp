@@ -1,11 +1,9 @@
-// Scans that are stopped, overlap, run short of descriptors, or end while a signal arrives. The
-// sanitizers and the state left behind show most of the faults that these tests look for.
+// Scans that are stopped, overlap, or end while a signal arrives. The sanitizers and the state left
+// behind show most of the faults that these tests look for.
 //
 // VELMARIN_ROUNDS_FACTOR=n makes every test n times as long.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <barrier>
@@ -132,25 +130,6 @@ TEST_F(Threads, ARunWithABudgetSetsTheSignalActionOnceAndRestoresItOnce) {
   const failure_injector counter(library_call::sigaction, UINT64_MAX);
   scan{.time_budget = 300}.run();
   EXPECT_EQ(counter.calls(), 2U);
-}
-
-TEST_F(Threads, AWorkerNeedsTwoDescriptors) {
-  rlimit previous = {};
-  getrlimit(RLIMIT_NOFILE, &previous);
-  const int next = dup(STDOUT_FILENO);
-  close(next);
-  for (const int workers : {1, 3}) {
-    fs::remove_all("s");
-    fs::create_directory("s");
-    workers_allowed = workers;
-    const rlimit lowered = {static_cast<rlim_t>(next + 2 * workers), previous.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &lowered);
-    const scan s = scan().run();
-    setrlimit(RLIMIT_NOFILE, &previous);
-    workers_allowed = 1 << 30;
-    EXPECT_EQ(s.found, all);
-    EXPECT_EQ(s.counters, (counts{5, 5, 81, 41, 40, 0}));
-  }
 }
 
 }  // namespace
