@@ -211,9 +211,8 @@ class Failure : public testing::Test {
   }
 
   void note_formats(const captured_log &log) const {
-    for (const std::string &format : log.formats()) {
-      formats_seen_.insert(format.substr(format.find(' ') + 1));
-    }
+    const lines formats = log.formats();
+    formats_seen_.insert(formats.begin(), formats.end());
   }
 
   static void expect_answer(const operation &tried, library_call call, uint64_t nth, int result,

@@ -29,15 +29,6 @@ std::string message_of(int buffer_id, int priority, const char *tag, const char 
   return kind + " " + match.suffix().str();
 }
 
-// The part of the format after the prefix; empty when the prefix is wrong for the kind.
-std::string message_format(const std::string &kind) {
-  const std::string prefix = kind == "SERVICE"
-                                 ? "[velmarin][%d] "
-                                 : "[" + kind + " from thread %d at %s:%04d @%ld.%09ld] ";
-  const std::string format = current_format;
-  return format.starts_with(prefix) ? format.substr(prefix.size()) : "";
-}
-
 }  // namespace
 
 captured_log::captured_log() : outer_(innermost) {
@@ -54,11 +45,9 @@ void captured_log::receive(void *log, int buffer_id, int priority, const char *t
                            const char *text) {
   auto *self = static_cast<captured_log *>(log);
   const std::lock_guard<std::mutex> guard(self->mutex_);
-  const std::string message = message_of(buffer_id, priority, tag, text);
-  const std::string kind = message.substr(0, message.find(' '));
-  const std::string format = message_format(kind);
-  self->messages_.push_back(format.empty() ? std::string("MALFORMED ") + text : message);
-  self->formats_.push_back(kind + " " + format);
+  self->messages_.push_back(message_of(buffer_id, priority, tag, text));
+  const std::string_view format = current_format;
+  self->formats_.emplace_back(format.substr(format.find("] ") + 2));
 }
 
 }  // namespace velmarin_test

@@ -17,14 +17,14 @@ class captured_log {
 
   // One "KIND message" for each line, in order: ERRO, INFO or SERVICE and the text after the
   // prefix, with its newline if it has one. The kind is MALFORMED, followed by the whole line, when
-  // the prefix of the line or of its format is none of the three or names a module that writes no
-  // such lines, or when the buffer, priority or tag is wrong for the kind.
+  // its prefix is none of the three or names a module that writes no such lines, or when the
+  // buffer, priority or tag is wrong for the kind.
   std::vector<std::string> messages() const {
     const std::lock_guard<std::mutex> guard(mutex_);
     return messages_;
   }
 
-  // The same with each line's format in place of its text.
+  // The format of each line, without the prefix.
   std::vector<std::string> formats() const {
     const std::lock_guard<std::mutex> guard(mutex_);
     return formats_;
