@@ -19,7 +19,6 @@
 #include "glob.h"
 #include "mounts.h"
 #include "omissions.h"
-#include "output_file.h"
 #include "scan_paths.h"
 #include "size_text.h"
 #include "stop_signal.h"
@@ -176,34 +175,30 @@ TEST(SizeText, ReadsAndWritesSizesDurationsAndCounts) {
             "5 s, 5 s, 10 s, 55 s, 1 min, 2 min, 59 min, 1 h 00 min, 1 h 10 min, 2 h 00 min, ");
 }
 
-struct FileRun {
-  size_t files;
-  uint64_t mebibytes;  // of each file
-  double seconds;      // for each file
-};
+using FileRun = std::tuple<size_t, uint64_t, double>;  // how many; MiB and seconds for each
 
 // "SECOND:LEFT" when an estimate is first shown, and once in each later fifth of the time.
 std::string estimates_of(const std::vector<FileRun> &runs) {
-  std::vector<std::pair<double, Estimate::Work>> done = {{0, {}}};  // by the end of each file
-  for (const FileRun &run : runs) {
-    for (size_t i = 0; i < run.files; i++) {
-      const auto [time, work] = done.back();
-      done.push_back({time + run.seconds, {work.bytes + (run.mebibytes << 20), work.files + 1}});
-    }
+  Estimate::Work all = {}, done = {};
+  double end = 0;
+  for (const auto &[files, mebibytes, seconds] : runs) {
+    all = {all.bytes + (files * mebibytes << 20), all.files + files};
+    end += static_cast<double>(files) * seconds;
   }
-  const auto [end, all] = done.back();
   Estimate estimate(all);
   std::string shown;
-  double asked = 0;
-  for (double now = 0; now < end; now += 0.2) {
-    const auto next = std::ranges::find_if(done, [&](auto &file) { return file.first > now; });
-    const Estimate::Work work = std::prev(next)->second;
-    estimate.note(std::chrono::milliseconds(std::lround(now * 1000)), work,
-                  next->second.bytes - work.bytes);
-    if (estimate.left() && now >= asked) {
-      const auto left = std::chrono::round<std::chrono::seconds>(*estimate.left()).count();
-      shown += std::to_string(std::lround(now)) + ":" + std::to_string(left) + " ";
-      asked = (std::floor(now * 5 / end) + 1) * end / 5;
+  double now = 0, file_end = 0, asked = 0;
+  for (const auto &[files, mebibytes, seconds] : runs) {
+    for (size_t i = 0; i < files; i++) {
+      for (file_end += seconds; now < std::min(file_end, end - 0.1); now += 0.2) {
+        estimate.note(std::chrono::milliseconds(std::lround(now * 1000)), done, mebibytes << 20);
+        if (estimate.left() && now >= asked) {
+          const auto left = std::chrono::round<std::chrono::seconds>(*estimate.left()).count();
+          shown += std::to_string(std::lround(now)) + ":" + std::to_string(left) + " ";
+          asked = (std::floor(now * 5 / end) + 1) * end / 5;
+        }
+      }
+      done = {done.bytes + (mebibytes << 20), done.files + 1};
     }
   }
   return shown;
@@ -225,24 +220,6 @@ TEST(Estimate, StartsOnceThereIsEnoughToGoOnAndNeverJumps) {
   for (const auto &[name, runs, expected] : works) {
     EXPECT_EQ(estimates_of(runs), expected) << name;
   }
-}
-
-TEST(OutputFile, KeepsItsContentUntilAllOfItIsReplaced) {
-  const temporary_tree tree("page=a_longer_old_page");
-  OutputFile page;
-  ASSERT_TRUE(page.open(tree.path("page")));
-  EXPECT_EQ(tree.read("page"), "a_longer_old_page");
-  EXPECT_TRUE(page.write("new"));
-  EXPECT_EQ(tree.read("page"), "new");
-  OutputFile full, missing, pipe;
-  EXPECT_TRUE(full.open("/dev/full") && !full.write("x"));
-  EXPECT_FALSE(missing.open(tree.path("missing/page")));
-  ASSERT_EQ(mkfifo(tree.path("pipe").c_str(), 0600), 0);
-  const int reader = open(tree.path("pipe").c_str(), O_RDONLY | O_NONBLOCK);
-  char text[8] = "";
-  EXPECT_TRUE(pipe.open(tree.path("pipe")) && pipe.write("new"));
-  EXPECT_EQ(read(reader, text, sizeof(text)), 3);
-  close(reader);
 }
 
 TEST(ScanPaths, AreResolvedOnceAndTheStateDirectoryHasAPathOfAtMost4026Characters) {
@@ -279,7 +256,7 @@ TEST(Mounts, AreReadFromTheLinesOfTheKernel) {
   }
 }
 
-const char STOPPING[] = "^velmarin: stopping .*\n$";
+const char STOPPING[] = "^velmarin: stopping [^\n]*\n$";
 
 // In a separate process: raises a signal when the scan has come this far, and again.
 [[noreturn]] void ask_twice(int number, bool before_scan) {
@@ -310,7 +287,7 @@ const char STOPPING[] = "^velmarin: stopping .*\n$";
     stop_requested() ? _exit(1) : void();
   }
   raise(SIGINT);
-  raise(stop_requested() ? SIGTERM : SIGKILL);
+  raise(stop_requested() ? SIGHUP : SIGKILL);
   _exit(2);
 }
 
@@ -320,7 +297,7 @@ TEST(StopSignal, RequestsAStopOnceAndEndsTheProcessTheSecondTime) {
       EXPECT_EXIT(ask_twice(number, before_scan), testing::KilledBySignal(number), STOPPING);
     }
   }
-  EXPECT_EXIT(ask_in_background(), testing::KilledBySignal(SIGTERM), STOPPING);
+  EXPECT_EXIT(ask_in_background(), testing::KilledBySignal(SIGHUP), STOPPING);
 }
 
 }  // namespace

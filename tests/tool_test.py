@@ -48,7 +48,11 @@ class CommandLine(ToolCase):
         self.assertEqual(output.count(": a plain file"), 8)
         self.check_runs(("scan -nq .", 0, r"\n  time .*\n\Z"),
                         ("scan -n .", 0, "velmarin: --dry-run is the default: "),
-                        ("scan --skip no .", 0, "nothing to skip at no: No such file"))
+                        ("scan --skip no .", 0, "nothing to skip at no: No such file"),
+                        ("scan --html /dev/full .", 1, "cannot write /dev/full: No space"),
+                        ("scan --html /dev/stdout .", 0, r"\A<!DOCTYPE html>(.|\n)*</html>\nS"),
+                        (f"scan --html {self.write('page', bytes(10**6))} .", 0, r"\A\n?Summary"))
+        self.assertRegex((self.root / "page").read_text(), r"</html>\n\Z")
 
     def test_completions_and_man_page_name_every_command_and_option(self):
         help_text = self.run_tool("--help")[0].split("Subcommands:")[1]
