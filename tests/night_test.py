@@ -90,7 +90,8 @@ class Neighbours(NightCase):
         return process
 
     def test_an_idle_run_has_idle_threads_and_its_state_directory_for_itself(self):
-        process = self.stand_still("--idle")
+        old = self.write("../old", b"old")
+        process = self.stand_still("--idle", "--html", old)
         threads = os.listdir(f"/proc/{process.pid}/task")
         self.assertGreater(len(threads), 1)
         self.assertEqual({(run("ionice", "-p", thread).strip(),
@@ -107,7 +108,7 @@ class Neighbours(NightCase):
         self.assertFalse(page.exists())
         process.kill()
         process.communicate(timeout=DEADLINE)
-        self.assertEqual(self.history(), [])
+        self.assertEqual((self.history(), old.read_bytes()), ([], b"old"))
         self.run_tool("apply", "--state", self.state, report, status=4)  # on a read-only mount
         self.assertEqual([(run["merged"], run["refused"]) for run in self.history()], [(0, 200)])
 

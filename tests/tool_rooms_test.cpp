@@ -1,15 +1,12 @@
-// The small modules of the command-line tool: names and sizes as text, paths, output files, the
-// report as it comes in, signals.
+// The small modules of the command-line tool: names and sizes as text, globs, what was
+// left out, the time left, paths, signals.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
+#include <csignal>
 #include <filesystem>
 #include <iterator>
 #include <sstream>
@@ -92,36 +89,32 @@ TEST(Glob, MatchesNamesPathsAndDirectories) {
 }
 
 TEST(Omissions, TellsThePathCauseAndErrorFromALineKeepsSomeAndCountsAll) {
-  const std::string denied = std::strerror(EACCES);
   Omissions omissions;
-  for (const std::string &line : std::vector<std::string>{
-           "cannot open /a returned b returned " + denied,
-           "cannot open /a returned b returned " + denied,
-           "failed to open //dir as directory returned " + std::string(std::strerror(ENOMEM)),
-           "failed to read [7]/r returned " + std::string(std::strerror(EIO)),
-           "failed to get stat of [12]/s returned no such error",
-           "failed to get stat of /s2 returned ",
-           "failed to allocate hash for /h returned " + std::string(std::strerror(ENOMEM)),
-           "call prep for /p returned " + denied, "fail to open /pattern returned " + denied,
-           "Cannot open /digests returned " + denied,
-           "cannot open /stopped returned Operation canceled", "cannot open /cut"}) {
+  for (const char *line :
+       {"cannot open /a returned b returned Permission denied",
+        "cannot open /a returned b returned Permission denied",
+        "failed to open //dir as directory returned Cannot allocate memory",
+        "failed to read [7]/r returned Input/output error",
+        "failed to get stat of [12]/s returned no such error",
+        "failed to allocate hash for /h returned Cannot allocate memory",
+        "call prep for /p returned Permission denied",
+        "cannot open /stopped returned Operation canceled", "cannot open /cut"}) {
     omissions.read_log_message(line);
   }
-  std::vector<std::string> listed;
+  std::string listed;
   for (const Omission &omission : omissions.list()) {
-    listed.push_back(describe(omission) + "; " + errno_name(omission.error));
+    listed += describe(omission) + "; " + errno_name(omission.error) + "\n";
   }
   EXPECT_EQ(listed,
-            (std::vector<std::string>{"/a returned b: not opened, Permission denied; EACCES",
-                                      "/dir: directory not read, Cannot allocate memory; ENOMEM",
-                                      "/h: not read, Cannot allocate memory; ENOMEM",
-                                      "/r: not read, Input/output error; EIO", "/s: not read; ",
-                                      "/s2: not read; "}));
+            "/a returned b: not opened, Permission denied; EACCES\n"
+            "/dir: directory not read, Cannot allocate memory; ENOMEM\n"
+            "/h: not read, Cannot allocate memory; ENOMEM\n"
+            "/r: not read, Input/output error; EIO\n/s: not read; \n");
   for (size_t i = 0; i < Omissions::MAX_LISTED; ++i) {
     omissions.add("/" + std::to_string(i), Cause::changed, 0);
   }
   EXPECT_EQ(omissions.list().size(), Omissions::MAX_LISTED);
-  EXPECT_EQ(omissions.counts(), (std::array<uint64_t, CAUSES>{1, 1, 0, 4, 0, 10000}));
+  EXPECT_EQ(omissions.counts(), (std::array<uint64_t, CAUSES>{1, 1, 0, 3, 0, 10000}));
 }
 
 // Each word is "TEXT=VALUE", with '-' for a text that is refused.
