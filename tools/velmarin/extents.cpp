@@ -137,6 +137,14 @@ std::vector<HeldRange> whole_extents(const std::vector<btrfs::FileExtent> &file,
 
 }  // namespace
 
+bool has_inline_data(int fd) {
+  std::vector<fiemap_extent> extents;
+  return query_extents(fd, extents) &&
+         std::any_of(extents.begin(), extents.end(), [](const fiemap_extent &extent) {
+           return has(extent, FIEMAP_EXTENT_DATA_INLINE);
+         });
+}
+
 ExtentMap read_extents(int fd, uint64_t inode, uint64_t size, const Volume &volume) {
   ExtentMap map;
   std::vector<fiemap_extent> extents;

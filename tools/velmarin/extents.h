@@ -44,4 +44,7 @@ struct ExtentMap {
 // the file's contents do not change.
 ExtentMap read_extents(int fd, uint64_t inode, uint64_t size, const Volume &volume);
 
+// Whether an open file has data in the metadata. First flushes data that is not on disk yet.
+bool has_inline_data(int fd);
+
 }  // namespace tool

@@ -99,7 +99,7 @@ Space Findings::reclaimable() const {
 }
 
 Space Findings::freed() const {
-  return sum(groups, [](const FoundGroup &group) { return group.freed(); });
+  return sum(groups, [](const FoundGroup &group) { return group.freed(); }).less(mark_bytes);
 }
 
 uint64_t Findings::inline_files() const {

@@ -105,13 +105,14 @@ struct Findings {
   std::vector<FoundFile> compressed;
   Counters counters;
   Statistics statistics;
+  uint64_t mark_bytes = 0;  // of metadata, taken by the marks that the scan set
 
   uint64_t grouped_files() const;
   uint64_t unmerged_bytes() const;
   uint64_t unsharable_bytes() const;
   uint64_t saved_bytes() const;
   Space reclaimable() const;
-  Space freed() const;
+  Space freed() const;  // what merging freed, less the marks
   uint64_t inline_files() const;
 };
 

@@ -13,6 +13,7 @@
 #include "idle_priority.h"
 #include "kept_pages.h"
 #include "log_lines.h"
+#include "marking.h"
 #include "merge_run.h"
 #include "message.h"
 #include "name_list.h"
@@ -128,6 +129,7 @@ class ScanCommand {
     report_.unsupported = probe_counts.unsupported;
     report_.unknown = probe_counts.unknown;
     report_.findings = std::move(runs_.findings);
+    report_.findings.mark_bytes = new_mark_bytes();
     Statistics &statistics = report_.findings.statistics;
     get_sis_file_statistics(&statistics.compressed_files, &statistics.deduped_files,
                             &statistics.compressed_saved_bytes, &statistics.deduped_saved_bytes);

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "marking.h"
 #include "omission_watch.h"
 #include "overlay.h"
 #include "stop_signal.h"
@@ -57,24 +58,8 @@ int filter_for_merging(int fd, const struct stat *status, const char *path) {
   return filter_entry(fd, status, path, true);
 }
 
-int noted_freeze(int fd, const char *path) {
-  const int error = freeze_file(fd, path);
-  if (error != 0) {
-    OmissionWatch::note(path, error == EAGAIN ? Cause::changed : Cause::not_marked, error);
-  }
-  return error;
-}
-
-int noted_check(int fd, const char *path) {
-  const int result = check_frozen(fd, path);
-  if (result != 0) {
-    OmissionWatch::note(path, Cause::changed, 0);
-  }
-  return result;
-}
-
-// A scan that may not mark files compares what it sees of them instead. Both calls for a file come
-// from one thread, with no other file in between.
+// Where a scan sets no mark, it compares what it sees of the file instead. Both calls for a file
+// come from one thread, with no other file in between.
 thread_local struct stat before_reading;
 
 int note_status(int fd, const char *path) {
@@ -95,6 +80,32 @@ int compare_status(int fd, const char *path) {
     OmissionWatch::note(path, Cause::changed, 0);
   }
   return is_same ? 0 : EAGAIN;
+}
+
+// Whether the file that this thread reads was left without a mark.
+thread_local bool is_unmarked = false;
+
+int noted_freeze(int fd, const char *path) {
+  is_unmarked = is_stored_inline(fd);
+  if (is_unmarked) {
+    return note_status(fd, path);
+  }
+  const int error = mark_file(fd, path);
+  if (error != 0) {
+    OmissionWatch::note(path, error == EAGAIN ? Cause::changed : Cause::not_marked, error);
+  }
+  return error;
+}
+
+int noted_check(int fd, const char *path) {
+  if (is_unmarked) {
+    return compare_status(fd, path);
+  }
+  const int result = check_frozen(fd, path);
+  if (result != 0) {
+    OmissionWatch::note(path, Cause::changed, 0);
+  }
+  return result;
 }
 
 }  // namespace

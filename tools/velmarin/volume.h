@@ -27,6 +27,11 @@ bool can_share_data(int fd);
 // As above, for a path; false if it cannot be opened.
 bool can_share_data(const std::string &path);
 
+bool is_btrfs(int fd);
+
+// The metadata that a file takes on the file system of an open file once it is first marked.
+uint64_t mark_bytes(int fd);
+
 // What the commands add if the file system cannot share data.
 inline constexpr const char *CANNOT_SHARE = "; its file system cannot share data";
 
