@@ -81,7 +81,8 @@ struct Common {
   std::atomic<size_t> next_group = 0;
   // Held while a file that shares data already is merged and what that frees is counted. Two groups
   // may share a range: with both at once, neither would see the other refer to it, and both would
-  // count it.
+  // count it. Also held while a thread finds out which files share data, since one whose partner
+  // was merged but not counted yet would seem to be alone.
   std::mutex sharing = {};
 };
 
@@ -137,6 +138,7 @@ class ShareMerge {
   }
 
   std::vector<ExtentMap> maps_before() const {
+    const std::lock_guard sharing(common_.sharing);
     std::vector<ExtentMap> maps(group_.files.size());
     for (const size_t index : share_.files) {
       maps[index] = extents_of(group_.files[index], common_.volumes);
