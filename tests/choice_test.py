@@ -3,7 +3,7 @@
 import os
 import sys
 
-from support.script import ToolCase, content, main, meanwhile, run
+from support.script import ToolCase, content, main, meanwhile
 
 TREE = ("a.txt b.TXT .hidden .git/config .git/objects/x build/out.o build/deep/out.o src/build "
         "src/x/y/main.c src/main.c [odd] -dash ünt back\\slash src/build.d/note").split()
@@ -102,36 +102,6 @@ class LeftOut(ToolCase):
                 errors = self.scan(*options, status=4)["errors"]
                 self.assertEqual([(error["path"], error["cause"]) for error in errors],
                                  [(str(self.root / "b"), "changed")])
-
-
-class Refusals(ToolCase):
-    def test_each_refusal_says_in_words_what_is_wrong(self):
-        self.write_each("a b")
-        self.write("c", content("other"))
-        os.link(self.root / "a", self.root / "link")
-        os.mkfifo(self.root / "pipe")
-        before = self.identities()
-        for command, said in (
-                ("revoke .", ".: is a directory"), ("info pipe", "pipe: is not a regular file"),
-                ("copy . new", ".: is a directory"), ("dedup a .", ".: is a directory"),
-                ("group a b pipe", "pipe: is not a regular file"),
-                ("group a", "a: a group needs at least two files"),
-                ("group b a link", "link: same file as a"), ("dedup a a", "a: same file as a"),
-                ("dedup a c", "c: cannot share the data of a: contents differ")):
-            self.assertEqual(self.run_tool(*command.split(), status=1), ("", f"velmarin: {said}\n"))
-            self.assertEqual(self.identities(), before)
-        self.check_runs(("group a b c", 1, "velmarin: a: not all files of the group were merged: "
-                                           r"contents differ\n\Z"))
-
-    def test_files_of_which_one_is_not_copied_on_write_are_refused_in_words(self):
-        self.mount_image("btrfs", "128M")
-        (self.root / "a").touch()
-        run("chattr", "+C", self.root / "a")
-        self.write_each("a b c")
-        reason = "copy-on-write is off for one of the two"
-        self.check_runs(("dedup a b", 1, reason), ("group b c a", 1, reason))
-        self.assertEqual(self.outcomes(self.scan("--apply", status=4), "reason"),
-                         {"a": reason, "b": None, "c": None})
 
 
 main(sys.argv[1:-1])

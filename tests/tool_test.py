@@ -7,10 +7,9 @@ import shlex
 import shutil
 import subprocess
 import sys
-import unittest
 from pathlib import Path
 
-from support.script import DEADLINE, TOOL, ToolCase, content, main, run
+from support.script import TOOL, ToolCase, content, main, run
 
 SOURCE = Path(__file__).resolve().parents[1]
 
@@ -73,14 +72,6 @@ class CommandLine(ToolCase):
                 *(([command, "--"], options[command]) for command in options)]:
             output = run("bash", "-uc", script, bash, *words, cwd=self.root)
             self.assertEqual(set(output.splitlines()), offered, words)
-
-    @unittest.skipUnless(shutil.which("zsh"), "needs zsh")
-    def test_zsh_completes_commands_and_options(self):
-        run("zsh", "-fc", '''zmodload zsh/zpty; zpty shell zsh -fi
-            zpty -w shell "fpath=($0 \\$fpath); autoload -U compinit; compinit -uD"
-            zpty -w -n shell $'velmarin app\\t--st\\t'; zpty -r -m shell _ '*ate*=*' ''',
-            SOURCE / "tools/velmarin/completion", env={**os.environ, "TERM": "xterm"},
-            stdin=subprocess.DEVNULL, timeout=DEADLINE)
 
     def test_progress_and_colours_are_for_terminals_whose_user_wants_them(self):
         for name in "ab":
@@ -165,7 +156,8 @@ class Apply(ToolCase):
 class Files(ToolCase):
     def test_the_life_of_a_file(self):
         self.write_each("a b c")
-        self.write("other", content("other"))
+        os.link(self.write("other", content("other")), self.root / "link")
+        os.mkfifo(self.root / "pipe")
         self.check_runs(
             ("info a missing b", 1, "a: a plain file", "missing: No such", "b: a plain file"),
             ("dedup a b", 0, " the data of a"),
@@ -179,7 +171,11 @@ class Files(ToolCase):
             ("group a b c", 0, "c: deduplicated onto layered inode"),
             ("copy a new", 0, "new: a new file "),
             ("copy a other", 1, "other: cannot copy a: File exists"),
-            ("copy missing d", 1, "d: cannot copy missing: No such file"))
+            ("copy missing d", 1, "d: cannot copy missing: No such file"),
+            ("info . pipe", 1, r"\.: is a directory", "pipe: is not a regular file"),
+            ("copy . d", 1, r"\.: is a directory"), ("dedup a .", 1, r"\.: is a directory"),
+            ("group a", 1, "a: a group needs at least two files"),
+            ("group other link", 1, "link: same file as other"))
         for name, variant in (("a", "same"), ("new", "same"), ("other", "other")):
             self.assertEqual((self.root / name).read_bytes(), content(variant))
 
