@@ -3,7 +3,6 @@
 import json
 import os
 import sys
-import time
 
 from support.script import DEADLINE, ToolCase, content, main, run
 
@@ -114,8 +113,6 @@ class Neighbours(NightCase):
 
 
 class Budget(NightCase):
-    BUDGET = 5 * DEADLINE // 60  # seconds
-
     def test_a_scan_out_of_time_reads_no_further_file_and_keeps_what_it_read(self):
         for number in range(640):
             os.truncate(self.write(str(number), b""), 2**25)  # reading a hole takes time too
@@ -126,65 +123,6 @@ class Budget(NightCase):
         self.assertLess(report["elapsed_ms"], 1000 + SLACK)
         digests, = self.state.glob("*.hsh")
         self.assertEqual(digests.stat().st_size, 64 * counters["nr_hashed"])
-
-    def read_slowly(self, process):
-        """Holds up merging until the budget is over."""
-        end = time.monotonic() + self.BUDGET
-        for line in process.stderr:
-            if b"done deduplication" in line and time.monotonic() < end:
-                time.sleep(self.BUDGET / 20)
-
-    def write_files(self, data, *names):
-        self.files |= dict.fromkeys(names, data)
-        self.write_each(names, data)
-
-    def pass_the_day(self, night):
-        """Files come, change and go."""
-        for number in range(3):
-            name = f"new-{night}-{number}"
-            self.write_files(content(name, 300000 + 5000 * night), name + "a", name + "b")
-            self.files.pop(f"{10 * night + number}b")
-            (self.root / f"{10 * night + number}b").unlink()
-            self.write_files(content(night, 5000), f"{10 * night + 5 + number}a")
-
-    def test_five_nights_free_everything_in_the_order_of_size(self):
-        self.mount_image("btrfs", "512M")
-        self.files = {}
-        for number in range(100):
-            self.write_files(content(number, 200000 - 1000 * number), f"{number}a", f"{number}b")
-        records = []
-        read = len(self.files)
-        shared = {}
-        for night in range(5):
-            is_last = night == 4
-            budget = DEADLINE if is_last else self.BUDGET
-            status, report = self.disturb(
-                (lambda _: None) if is_last else self.read_slowly, "scan", "--apply", "--idle",
-                "--min-size", "1K", "--time-budget", str(budget), "--state", self.state, self.root)
-            self.assertEqual(status, 0)
-            self.assertEqual({path.name: path.read_bytes() for path in self.root.iterdir()},
-                             self.files)
-            self.assertLess(report["elapsed_ms"], 1000 * budget + SLACK)
-            self.assertEqual(report["counters"]["nr_hashed"], read)
-            outcomes = self.outcomes(report)
-            merged, left = ({name: self.files[name] for name in outcomes
-                             if outcomes[name] == outcome} for outcome in ("merged", "not tried"))
-            self.assertTrue(merged.items().isdisjoint(shared.items()))
-            sizes = sorted(set(map(self.blocks, left.values())))[:-1]  # one thread may be ahead
-            self.assertLessEqual(max(sizes, default=0),
-                                 min(map(self.blocks, merged.values()), default=2**30))
-            self.assertEqual((report["out_of_time"], left != {}), (not is_last,) * 2)
-            shared |= merged
-            records.append((report["merged"]["freed_bytes"], len(merged), len(left),
-                            report["out_of_time"]))
-            self.pass_the_day(night)
-            read = 6 + 3
-        self.assertEqual([(run["freed_bytes"], run["merged"], run["not_tried"], run["out_of_time"])
-                          for run in self.history()], records)
-        self.assertEqual(self.history()[-1]["left_bytes"], 0)
-
-    def blocks(self, data):
-        return -(-len(data) // 4096)  # as they are freed
 
 
 main(sys.argv[1:-1])
