@@ -50,11 +50,9 @@ class Choice(ToolCase):
                              {"two\nlines/file", "src/main.c", "src/x/y/main.c"})  # a root is in
         for status, command, said in (
                 (1, "--roots-from /dev/null", "nothing to scan: no directories are listed in /"),
-                (1, "--roots-from missing .", "cannot read missing: No such file"),
                 (1, "--exclude-from . .", "cannot read .: Is a directory"),
                 (2, "--exclude-from - --roots-from -", "standard input can be read only once"),
                 (2, "--max-size 9K .", "--max-size is below --min-size"),
-                (2, "-0 .", "--null requires --roots-from"),
                 (2, "--include src/ .",
                  "--include: matches only files; for everything below a directory, use 'src/**'"),
                 (2, "--exclude= .", "--exclude: an empty glob matches nothing")):

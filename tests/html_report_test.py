@@ -168,8 +168,6 @@ class HtmlReport(ToolCase):
             summaries = self.of_each("#groups summary")
             self.assertEqual((self.of_each("#tools .pages span"), len(summaries), summaries[-1]),
                              ([f"{rows} of 100,000"], 100, last))
-        self.assertEqual(self.search("more/77777 C"), "1 of 100,000 groups")
-        self.assertEqual(self.of_each("#groups summary"), ["/srv/2777/some/more/77777 c"])
 
 
 main(sys.argv[1:-1])

@@ -207,8 +207,7 @@ class Btrfs(SpaceCase):
 
 
 class Unsharable(SpaceCase):
-    def test_xfs_without_reflinks_says_so(self):
-        self.mount_image("xfs", "320M", "-m", "reflink=0")
+    def check_words(self):
         self.write_each("a b c", content("same", SIZE))
         for command in ("scan .", "scan --apply .", "info a", "dedup a b", "copy a d"):
             before = self.used()
@@ -217,6 +216,14 @@ class Unsharable(SpaceCase):
             self.assertNotRegex(output, r"shares|shared|sharing|can be freed +[1-9]", command)
             self.assertLess(abs(before - self.used()), MIB + SIZE * (command == "copy a d"))
         self.check({"a": (0, 0, "shared")})
+
+    def test_xfs_without_reflinks_says_so(self):
+        self.mount_image("xfs", "320M", "-m", "reflink=0")
+        self.check_words()
+
+    def test_tmpfs_says_so(self):
+        self.mount("tmpfs", self.root, "size=64M")
+        self.check_words()
 
     def test_files_without_state_are_counted_by_what_they_lack(self):
         self.mount("ramfs", self.root, "rw")
