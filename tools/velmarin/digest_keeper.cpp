@@ -38,19 +38,31 @@ const SavedDigest *find_by_key(const SavedDigests &digests, uint64_t key) {
   return found != digests.end() && found->key == key ? &*found : nullptr;
 }
 
+// Removes a file that belongs to another user. Returns whether there was one.
+bool remove_foreign(const std::string &path) {
+  struct stat status = {};
+  const bool is_foreign = lstat(path.c_str(), &status) == 0 && status.st_uid != geteuid();
+  if (is_foreign) {
+    unlink(path.c_str());
+  }
+  return is_foreign;
+}
+
 std::string name_in(const std::string &directory, const std::vector<std::string> &roots) {
   return directory + "/" + digest_file_name(roots);
 }
 
 }  // namespace
 
-void DigestKeeper::open(const std::string &state, const std::vector<std::string> &roots,
+bool DigestKeeper::open(const std::string &state, const std::vector<std::string> &roots,
                         bool library_uses_it) {
   path_ = name_in(state, roots);
   kept_ = path_ + ".kept";
   runs_ = path_ + ".runs";
   std::error_code ignored;
   std::filesystem::remove_all(runs_, ignored);  // left by a killed scan
+  const bool is_file_foreign = remove_foreign(path_);
+  const bool is_kept_foreign = remove_foreign(kept_);
   recover();
   remember(read_digests(path_).value_or(SavedDigests()));
   if (!saved_.empty()) {
@@ -60,6 +72,7 @@ void DigestKeeper::open(const std::string &state, const std::vector<std::string>
   if (!library_uses_it) {
     unlink(path_.c_str());
   }
+  return !is_file_foreign && !is_kept_foreign;
 }
 
 // Restores what a killed scan left under the second name.

@@ -24,8 +24,9 @@ class DigestKeeper {
 
   // Reads the digests saved for the roots. Silently drops what it cannot read, which only costs
   // time in a later scan. `library_uses_it`: a run of the library has the same roots and removes
-  // the digest file; otherwise the keeper does.
-  void open(const std::string &state, const std::vector<std::string> &roots, bool library_uses_it);
+  // the digest file; otherwise the keeper does. Returns false if a digest file belonged to another
+  // user: it is removed, since its content may be made up.
+  bool open(const std::string &state, const std::vector<std::string> &roots, bool library_uses_it);
 
   // Notes that the scan saw the file. Thread-safe.
   void note_seen(const struct stat &status);

@@ -10,6 +10,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "message.h"
 #include "omission_watch.h"
@@ -25,9 +26,10 @@ struct HeldRoot {
   int fd;  // if negative, every open below the root fails
 };
 
-// The first two are written while the process has one thread.
+// The first three are written while the process has one thread.
 std::vector<HeldRoot> held_roots;
 bool makes_private_files = false;
+std::string digest_directory;
 bool stops_opens = false;
 std::atomic<uint64_t> refused_for_digests = 0;
 
@@ -110,8 +112,15 @@ int open_below_roots(const char *path, int flags, mode_t mode) {
   return plain_open(path, flags, mode);
 }
 
+// Also true of a digest file's second name, and of one for a further run.
+bool is_digest_file(std::string_view path) {
+  return !digest_directory.empty() && path.starts_with(digest_directory) &&
+         path.find(".hsh", digest_directory.size()) != std::string_view::npos;
+}
+
 int guarded_open(const char *path, int flags, mode_t mode) {
-  if (!makes_private_files || (flags & O_CREAT) == 0) {
+  const bool may_create = (flags & O_CREAT) != 0;
+  if (!makes_private_files || !(may_create || is_digest_file(path))) {
     return open_below_roots(path, flags, mode);
   }
   return close_if_foreign(open_below_roots(path, flags, mode & (S_IRUSR | S_IWUSR)));
@@ -156,12 +165,14 @@ uint64_t StoppableOpens::refused_digests() const {
   return refused_for_digests;
 }
 
-PrivateFiles::PrivateFiles() {
+PrivateFiles::PrivateFiles(std::string state) {
+  digest_directory = state.empty() ? "" : std::move(state) + "/";
   makes_private_files = true;
 }
 
 PrivateFiles::~PrivateFiles() {
   makes_private_files = false;
+  digest_directory.clear();
 }
 
 }  // namespace tool

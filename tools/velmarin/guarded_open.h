@@ -42,11 +42,11 @@ class StoppableOpens {
 };
 
 // While an object lives, new files are private to their owner, whatever default access control list
-// their directory has, and an open that could create a file fails if the file belongs to someone
-// else. At most one object may live.
+// their directory has, and an open fails if the file belongs to someone else and the open could
+// create it or it is a digest file in `state`. At most one object may live.
 class PrivateFiles {
  public:
-  PrivateFiles();
+  explicit PrivateFiles(std::string state = {});
   ~PrivateFiles();
   PrivateFiles(const PrivateFiles &) = delete;
   PrivateFiles &operator=(const PrivateFiles &) = delete;

@@ -65,7 +65,7 @@ class ScanCommand {
     if (!roots.are_held()) {
       return FAILED;
     }
-    const PrivateFiles digest_files;
+    const PrivateFiles digest_files(state_);
     const int error = scan();
     if (error != 0) {
       print_error("the scan failed" +
@@ -180,6 +180,9 @@ class ScanCommand {
     if (probe_counts.on_overlay > 0) {
       print_error("left out " + format_count(probe_counts.on_overlay, "file") +
                   " on an overlay: merging would copy each of them up");
+    }
+    if (runs_.ignored_digests) {
+      print_error("did not use the saved digests: their file belonged to another user");
     }
     if (!runs_.kept_digests) {
       print_error("cannot save the digests of files that the scan did not reach");

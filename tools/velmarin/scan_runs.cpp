@@ -56,7 +56,7 @@ void add_counters(Counters &sum, const Counters &more) {
 
 int ScanRuns::run() {
   plan_roots();
-  keeper_.open(state_, roots_, planned_.size() == 1);
+  ignored_digests = !keeper_.open(state_, roots_, planned_.size() == 1);
   const ActiveEntryFilter active_filter(filter_);
   OmissionWatch omission_watch(omissions, filter_, skips_, smallest_size());
   VolumeWatch watch(keeper_);

@@ -38,6 +38,7 @@ class ScanRuns {
 
   Findings findings;
   Omissions omissions;
+  bool ignored_digests = false;  // another user's
   bool kept_digests = true;  // false: digests that the library did not save could not be written
 
  private:
