@@ -39,6 +39,12 @@ class SavedDigests(ToolCase):
         (self.root / "1a").unlink()
         self.scan(min_size="1G")
 
+    def scan_without_sub(self):
+        (self.root / "sub").chmod(0)
+        self.scan(status=4, before=[] if os.getuid() else [
+            "setpriv", "--bounding-set=-dac_override,-dac_read_search"])
+        (self.root / "sub").chmod(0o755)
+
     def lose_a_twin(self):
         (self.root / "3a").unlink()
         self.scan()
@@ -51,6 +57,9 @@ class SavedDigests(ToolCase):
             ("depth", lambda: self.scan("--max-depth", "1"), 0, 40),
             ("skip", lambda: self.scan("--skip", "sub"), 0, 40),
             ("exclude", lambda: self.scan("--exclude", "sub"), 0, 40),
+            ("unreadable", self.scan_without_sub, 0, 40),
+            ("another user's", lambda: os.getuid() or os.chown(self.file, 65534, 65534),
+             0 if os.getuid() else 40, 40),
             ("stopped", self.stop, 0, 40),
             ("killed", self.die, 0, 40),
             ("killed while it saved", lambda: self.die(every[-10 * ENTRY:]), 0, 40),

@@ -216,8 +216,11 @@ bool ScanRuns::is_left_out(uint64_t file_system) {
 
 // Files below the smallest size are seen too, just not compared.
 bool ScanRuns::looked_everywhere() const {
+  const auto counts = omissions.counts();
+  const bool opened_all = counts[static_cast<size_t>(Cause::directory_not_read)] == 0 &&
+                          counts[static_cast<size_t>(Cause::not_opened)] == 0;
   return options_.max_depth == 0 && skips_.empty() && !filter_.is_limiting() && !has_left_out_ &&
-         !stop_requested();
+         opened_all && !stop_requested();
 }
 
 }  // namespace tool
