@@ -99,7 +99,7 @@ TEST(Dentry, HasAPathOfAtMost4095CharactersAndWritesNothingBeforeItsBuffer) {
   }
 }
 
-// Which entries keep a record when a tree is walked to a given depth, and the counters.
+// Which entries keep a record when a tree is walked to a given depth.
 TEST(Walk, KeepsRecordsOnlyOfCandidatesAndDirectoriesThatWereRead) {
   const temporary_tree tree("a=same b=other_content d/e=depth d/f/g=deeper");
   std::filesystem::create_hard_link(tree.path("a"), tree.path("c"));
@@ -119,14 +119,13 @@ TEST(Walk, KeepsRecordsOnlyOfCandidatesAndDirectoriesThatWereRead) {
     }
     std::ranges::replace(kept, 'c', 'a');  // either name of the one file may come first
     std::ranges::sort(kept);
-    return kept + " " + std::to_string(c.ctx.nr_dir_opened) + std::to_string(c.ctx.nr_dir_read) +
-           std::to_string(c.ctx.nr_file_opened) + std::to_string(c.ctx.nr_scan_file);
+    return kept;
   };
-  EXPECT_EQ(walk(0, 0, true), "/abdefg 3355");
-  EXPECT_EQ(walk(1, 0, true), "/ab 1133");
-  EXPECT_EQ(walk(2, 4, true), "/abde 2244");
-  EXPECT_EQ(walk(0, 5, true), "/bdefg 3353");
-  EXPECT_EQ(walk(0, 0, false), "/aabd 1100") << "no job is scheduled";
+  EXPECT_EQ(walk(0, 0, true), "/abdefg");
+  EXPECT_EQ(walk(1, 0, true), "/ab");
+  EXPECT_EQ(walk(2, 4, true), "/abde");
+  EXPECT_EQ(walk(0, 5, true), "/bdefg");
+  EXPECT_EQ(walk(0, 0, false), "/aabd") << "no job is scheduled";
 }
 
 TEST(Forest, RequestsADigestOnlyOfInodesThatShareTheirKey) {
@@ -181,6 +180,7 @@ int record_call(uint64_t, sis_report *record) {
   if (record->stage == REPORT_GROUP || record->stage == REPORT_FILE) {
     report += name_of(record->dentry);
     EXPECT_TRUE(std::string_view(record->path).ends_with(name_of(record->dentry)));
+    EXPECT_EQ(record->status, attributes_of(record->dentry).status);
   }
   return report == answer.first ? answer.second : 0;
 }
@@ -235,9 +235,6 @@ TEST(TimeBudget, ASignalStopsOnlyTheLiveRunItNamesAndNeverReachesThePreviousActi
   first.in_time = second.in_time = 1;
   arm_time_budget(&first, 300);
   arm_time_budget(&second, 300);
-  itimerspec left = {};
-  timer_gettime(first.timer, &left);
-  EXPECT_GE(left.it_value.tv_sec, 298);
   alarm_owner::send_alarm(&first);
   EXPECT_TRUE(first.in_time == 0 && second.in_time == 1);
 
