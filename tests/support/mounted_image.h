@@ -14,14 +14,13 @@
 namespace velmarin_test {
 
 struct mounted_image {
-  // `type` is "tmpfs", "ramfs", or a file system that mkfs can make, with options. Create it before
+  // `type` is "ramfs", or a file system that mkfs can make, with options. Create it before
   // the test starts a thread or opens a file on another one: they would not see this mount.
   explicit mounted_image(const std::string &type) {
-    const bool is_in_memory = type == "tmpfs" || type == "ramfs";
     const std::string commands =  // the image is sparse; XFS wants 300 MiB
-        is_in_memory ? "mount -t " + type + " none ."
-                     : "truncate -s 384M image && mkfs." + type + " -q image && " +
-                           "mount -o loop image . ; result=$?; rm -f image; exit $result";
+        type == "ramfs" ? "mount -t ramfs none ."
+                        : "truncate -s 384M image && mkfs." + type + " -q image && " +
+                              "mount -o loop image . ; result=$?; rm -f image; exit $result";
     is_mounted = mkdtemp(directory.data()) != nullptr && unshare(CLONE_NEWNS) == 0 &&
                  mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) == 0 && run(commands);
   }
