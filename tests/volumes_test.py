@@ -141,4 +141,27 @@ class Volumes(ToolCase):
         self.assertEqual(self.scan("--apply", status=0)["merged"]["refused"], 0)
 
 
+class WideInodes(ToolCase):
+    def test_files_whose_inode_numbers_agree_in_their_low_half_are_told_apart(self):
+        self.mount_image("xfs", "8T", "-l", "size=64m")
+        files = [self.write_each((f"{place}/{kind}" for place in range(16)), content(kind))
+                 for kind in range(5)]
+        for place, path in enumerate(files[0]):
+            os.link(path, self.root / f"{15 - place}" / "link")
+        for path in self.root.glob("*/*"):
+            os.utime(path, (0, 0))
+        inodes = [sorted(path.stat().st_ino for path in paths) for paths in files]
+        self.assertLess(len({inode % 2**32 for inode in sum(inodes, [])}), 60)
+        for arguments, opened, read, merged in (((), 176, 80, None), ((), 96, 0, None),
+                                                (("--apply",), 96, 0, 75)):
+            report = self.scan(*arguments)
+            self.assertEqual(
+                (sorted(sorted(file["inode"] for file in group["files"])
+                        for group in report["groups"]),
+                 [report["counters"][f"nr_{name}"] for name in
+                  ("dir_read", "file_opened", "scan_file", "hashed", "error")],
+                 report.get("merged", {}).get("files")),
+                (sorted(inodes), [17, opened, 96, read, 0], merged))
+
+
 main(sys.argv[1:-1])

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "velmarin/primitives.h"
 
@@ -107,13 +108,38 @@ bool is_still_at(const std::string &path, int fd) {
 
 }  // namespace
 
-uint64_t digest_key(const struct stat &status) {
-  return static_cast<uint64_t>(static_cast<uint32_t>(status.st_dev)) << 32 |
-         static_cast<uint32_t>(status.st_ino);
+void set_inode(SavedDigest &saved, uint64_t inode) {
+  const auto low = [](uint64_t number) { return number & UINT32_MAX; };
+  const uint64_t upper = inode & ~uint64_t{UINT32_MAX};
+  saved.key = (saved.key & ~uint64_t{UINT32_MAX}) | low(inode);
+  saved.mtime_nsec = static_cast<int64_t>(upper | low(static_cast<uint64_t>(saved.mtime_nsec)));
+}
+
+uint64_t inode_of(const SavedDigest &saved) {
+  return (static_cast<uint64_t>(saved.mtime_nsec) & ~uint64_t{UINT32_MAX}) |
+         (saved.key & UINT32_MAX);
+}
+
+SavedDigest record_of(const struct stat &status, const std::array<uint8_t, 32> &digest) {
+  SavedDigest record = {.key = static_cast<uint64_t>(status.st_dev) << 32,
+                        .mtime_sec = status.st_mtim.tv_sec,
+                        .mtime_nsec = status.st_mtim.tv_nsec,
+                        .digest = digest};
+  set_inode(record, status.st_ino);
+  return record;
+}
+
+bool is_file_before(const SavedDigest &left, const SavedDigest &right) {
+  return std::pair(left.key >> 32, inode_of(left)) < std::pair(right.key >> 32, inode_of(right));
+}
+
+bool is_same_file(const SavedDigest &left, const SavedDigest &right) {
+  return left.key == right.key && inode_of(left) == inode_of(right);
 }
 
 bool has_time_of(const SavedDigest &saved, const struct stat &status) {
-  return saved.mtime_sec == status.st_mtim.tv_sec && saved.mtime_nsec == status.st_mtim.tv_nsec;
+  const SavedDigest now = record_of(status, {});
+  return saved.mtime_sec == now.mtime_sec && saved.mtime_nsec == now.mtime_nsec;
 }
 
 std::string digest_file_name(const std::vector<std::string> &roots) {

@@ -13,16 +13,26 @@ namespace tool {
 
 // A record of a digest file.
 struct SavedDigest {
-  uint64_t key = 0;  // device number and inode number, 32 bits each
+  uint64_t key = 0;  // device number and low half of the inode number, 32 bits each
   int64_t mtime_sec = 0;
-  int64_t mtime_nsec = 0;
+  int64_t mtime_nsec = 0;  // see `set_inode`
   std::array<uint8_t, 32> digest = {};
 };
 static_assert(sizeof(SavedDigest) == 56);
 
 using SavedDigests = std::vector<SavedDigest>;
 
-uint64_t digest_key(const struct stat &status);
+// The library's records have no room for the upper half of an inode number. The tool keeps it above
+// the 32 bits that the nanoseconds need.
+void set_inode(SavedDigest &saved, uint64_t inode);
+uint64_t inode_of(const SavedDigest &saved);
+
+SavedDigest record_of(const struct stat &status, const std::array<uint8_t, 32> &digest);
+
+// Ordered by device, then by inode number.
+bool is_file_before(const SavedDigest &left, const SavedDigest &right);
+bool is_same_file(const SavedDigest &left, const SavedDigest &right);
+
 bool has_time_of(const SavedDigest &saved, const struct stat &status);
 
 // The name of the digest file of these roots.

@@ -17,25 +17,20 @@ namespace {
 // those of deleted files would pile up for users who never scan everything.
 constexpr size_t MAX_UNSEEN = 1U << 20;
 
-bool is_before(const SavedDigest &left, const SavedDigest &right) {
-  return left.key < right.key;
-}
-
-bool is_same_file(const SavedDigest &left, const SavedDigest &right) {
-  return left.key == right.key;
-}
-
-// Sorts by key and keeps the first of each key.
+// Sorts by file and keeps the first of each.
 void sort_unique(SavedDigests &digests) {
-  std::stable_sort(digests.begin(), digests.end(), is_before);
+  std::stable_sort(digests.begin(), digests.end(), is_file_before);
   digests.erase(std::unique(digests.begin(), digests.end(), is_same_file), digests.end());
 }
 
 // Returns null if there is none. The digests are sorted.
-const SavedDigest *find_by_key(const SavedDigests &digests, uint64_t key) {
-  const auto found =
-      std::lower_bound(digests.begin(), digests.end(), SavedDigest{.key = key}, is_before);
-  return found != digests.end() && found->key == key ? &*found : nullptr;
+const SavedDigest *find_file(const SavedDigests &digests, const SavedDigest &file) {
+  const auto found = std::lower_bound(digests.begin(), digests.end(), file, is_file_before);
+  return found != digests.end() && is_same_file(*found, file) ? &*found : nullptr;
+}
+
+bool is_wide(const SavedDigest &saved) {
+  return inode_of(saved) > UINT32_MAX;
 }
 
 // Removes a file that belongs to another user. Returns whether there was one.
@@ -58,17 +53,21 @@ bool DigestKeeper::open(const std::string &state, const std::vector<std::string>
                         bool library_uses_it) {
   path_ = name_in(state, roots);
   kept_ = path_ + ".kept";
+  wide_ = path_ + ".wide";
   runs_ = path_ + ".runs";
   std::error_code ignored;
   std::filesystem::remove_all(runs_, ignored);  // left by a killed scan
   const bool is_file_foreign = remove_foreign(path_);
   const bool is_kept_foreign = remove_foreign(kept_);
   recover();
-  remember(read_digests(path_).value_or(SavedDigests()));
-  if (!saved_.empty()) {
+  SavedDigests digests = read_digests(path_).value_or(SavedDigests());
+  if (!digests.empty()) {
     // Without hard links, only a killed scan loses what was saved.
     [[maybe_unused]] const int result = link(path_.c_str(), kept_.c_str());
   }
+  const SavedDigests wide = read_digests(wide_).value_or(SavedDigests());
+  digests.insert(digests.end(), wide.begin(), wide.end());
+  remember(std::move(digests));
   if (!library_uses_it) {
     unlink(path_.c_str());
   }
@@ -101,19 +100,30 @@ void DigestKeeper::remember(SavedDigests digests) {
 }
 
 void DigestKeeper::note_seen(const struct stat &status) {
-  if (const SavedDigest *const saved = find_by_key(saved_, digest_key(status))) {
+  if (const SavedDigest *const saved = find_file(saved_, record_of(status, {}))) {
     Mark &mark = marks_[static_cast<size_t>(saved - saved_.data())];
     std::atomic_ref(mark).store(has_time_of(*saved, status) ? Mark::unchanged : Mark::changed,
                                 std::memory_order_relaxed);
   }
 }
 
-std::string DigestKeeper::export_digests(const std::vector<std::string> &roots, dev_t device) {
+// Of wide inode numbers, only those of files that are there may keep others out of a run.
+bool DigestKeeper::may_export(size_t index, dev_t device) const {
+  const SavedDigest &saved = saved_[index];
+  return saved.key >> 32 == static_cast<uint32_t>(device) &&
+         (!is_wide(saved) || marks_[index] == Mark::unchanged);
+}
+
+std::string DigestKeeper::export_digests(const std::vector<std::string> &roots, dev_t device,
+                                         WideInodes &inodes) {
   mkdir(runs_.c_str(), 0700);
   SavedDigests digests;
-  std::copy_if(
-      saved_.begin(), saved_.end(), std::back_inserter(digests),
-      [&](const SavedDigest &saved) { return saved.key >> 32 == static_cast<uint32_t>(device); });
+  for (size_t i = 0; i < saved_.size(); ++i) {
+    if (may_export(i, device) && inodes.reserve(inode_of(saved_[i]))) {
+      digests.push_back(saved_[i]);
+      set_inode(digests.back(), static_cast<uint32_t>(inode_of(saved_[i])));
+    }
+  }
   const int fd = digests.empty() ? -1 : lock_digest_file(name_in(runs_, roots), true);
   if (fd >= 0) {
     append_digests(fd, digests);
@@ -122,69 +132,93 @@ std::string DigestKeeper::export_digests(const std::vector<std::string> &roots, 
   return runs_;
 }
 
-void DigestKeeper::import_digests(const std::vector<std::string> &roots) {
+void DigestKeeper::import_digests(const std::vector<std::string> &roots, const WideInodes &inodes) {
   const std::string path = name_in(runs_, roots);
-  add_fresh(read_digests(path));
+  add_fresh(read_digests(path), inodes);
   unlink(path.c_str());
   rmdir(runs_.c_str());
 }
 
 void DigestKeeper::import_main_run() {
-  add_fresh(read_digests(path_));
+  add_fresh(read_digests(path_), {});
 }
 
-void DigestKeeper::add_fresh(const std::optional<SavedDigests> &digests) {
-  for (const SavedDigest &digest : digests.value_or(SavedDigests())) {
-    fresh_.insert_or_assign(digest.key, digest);
+void DigestKeeper::add_fresh(const std::optional<SavedDigests> &digests, const WideInodes &inodes) {
+  for (SavedDigest digest : digests.value_or(SavedDigests())) {
+    set_inode(digest, inodes.whole_number(static_cast<uint32_t>(digest.key)));
+    replace_fresh(digest);
   }
 }
 
+void DigestKeeper::replace_fresh(const SavedDigest &digest) {
+  fresh_.erase(digest);
+  fresh_.insert(digest);
+}
+
 std::optional<DigestKeeper::Digest> DigestKeeper::find(const struct stat &status) const {
-  const auto fresh = fresh_.find(digest_key(status));
-  const SavedDigest *const known =
-      fresh != fresh_.end() ? &fresh->second : find_by_key(saved_, digest_key(status));
+  const SavedDigest file = record_of(status, {});
+  const auto fresh = fresh_.find(file);
+  const SavedDigest *const known = fresh != fresh_.end() ? &*fresh : find_file(saved_, file);
   return known != nullptr && has_time_of(*known, status) ? std::optional(known->digest)
                                                          : std::nullopt;
 }
 
 void DigestKeeper::add(const struct stat &status, const Digest &digest) {
-  const uint64_t key = digest_key(status);
-  fresh_.insert_or_assign(key, SavedDigest{.key = key,
-                                           .mtime_sec = status.st_mtim.tv_sec,
-                                           .mtime_nsec = status.st_mtim.tv_nsec,
-                                           .digest = digest});
+  replace_fresh(record_of(status, digest));
 }
 
 bool DigestKeeper::close(bool looked_everywhere) {
   if (saved_.empty() && fresh_.empty()) {
     return true;
   }
+  const bool has_wide = store_wide(looked_everywhere);
   const int fd = lock_digest_file(path_, !fresh_.empty());
   if (fd < 0) {
-    return restore();  // the library could not save, and has reported it
+    return restore() && has_wide;  // the library could not save, and has reported it
   }
   const bool is_complete = complete(fd, looked_everywhere);
   if (is_complete) {
     unlink(kept_.c_str());
   }
   ::close(fd);
-  return is_complete;
+  return is_complete && has_wide;
+}
+
+// Replaces the file, which stays as it was if this fails.
+bool DigestKeeper::store_wide(bool looked_everywhere) const {
+  const SavedDigests digests = missing_digests({}, looked_everywhere, true);
+  if (digests.empty()) {
+    return unlink(wide_.c_str()) == 0 || errno == ENOENT;
+  }
+  const std::string replacement = wide_ + ".new";
+  unlink(replacement.c_str());  // left by a killed scan
+  const int fd = lock_digest_file(replacement, true);
+  if (fd < 0) {
+    return false;
+  }
+  const int error = append_digests(fd, digests);
+  ::close(fd);
+  if (error == 0 && rename(replacement.c_str(), wide_.c_str()) == 0) {
+    return true;
+  }
+  unlink(replacement.c_str());
+  return false;
 }
 
 // The digests to append to a file that holds those in `on_disk`.
-SavedDigests DigestKeeper::missing_digests(SavedDigests on_disk, bool looked_everywhere) const {
+SavedDigests DigestKeeper::missing_digests(SavedDigests on_disk, bool looked_everywhere,
+                                           bool are_wide) const {
   sort_unique(on_disk);
   SavedDigests digests;
-  for (const auto &[key, fresh] : fresh_) {
-    if (find_by_key(on_disk, key) == nullptr) {
-      digests.push_back(fresh);
-    }
-  }
+  std::copy_if(fresh_.begin(), fresh_.end(), std::back_inserter(digests),
+               [&](const SavedDigest &fresh) {
+                 return is_wide(fresh) == are_wide && find_file(on_disk, fresh) == nullptr;
+               });
   size_t room = looked_everywhere ? 0 : MAX_UNSEEN;
   for (size_t i = 0; i < saved_.size(); ++i) {
-    const bool is_replaced =
-        fresh_.contains(saved_[i].key) || find_by_key(on_disk, saved_[i].key) != nullptr;
-    if (is_replaced || marks_[i] == Mark::changed || (marks_[i] == Mark::unseen && room == 0)) {
+    const bool is_replaced = fresh_.contains(saved_[i]) || find_file(on_disk, saved_[i]) != nullptr;
+    if (is_wide(saved_[i]) != are_wide || is_replaced || marks_[i] == Mark::changed ||
+        (marks_[i] == Mark::unseen && room == 0)) {
       continue;
     }
     room -= marks_[i] == Mark::unseen ? 1U : 0U;
@@ -198,7 +232,7 @@ bool DigestKeeper::complete(int fd, bool looked_everywhere) const {
   if (!on_disk) {
     return restore();
   }
-  const SavedDigests digests = missing_digests(std::move(*on_disk), looked_everywhere);
+  const SavedDigests digests = missing_digests(std::move(*on_disk), looked_everywhere, false);
   return digests.empty() || append_digests(fd, digests) == 0;
 }
 

@@ -5,16 +5,20 @@
 // - unless the scan looked everywhere, those of files that it did not see;
 // - those that further runs of the scan saved for other devices, and those that the tool computed.
 //
+// Digests of files whose inode numbers do not fit into 32 bits are in a file of their own, with the
+// suffix `.wide`, which the library does not know.
+//
 // While the scan runs, the old digest file has a second name with the suffix `.kept`. If the scan
 // is killed, the next one finds the file there.
 #pragma once
 
 #include <optional>
 #include <string>
-#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "digest_file.h"
+#include "wide_inodes.h"
 
 namespace tool {
 
@@ -31,12 +35,14 @@ class DigestKeeper {
   // Notes that the scan saw the file. Thread-safe.
   void note_seen(const struct stat &status);
 
-  // Exports the device's digests to a separate run with these roots. Returns that run's state
-  // directory, which is separate because the same roots may also be scanned on their own.
-  std::string export_digests(const std::vector<std::string> &roots, dev_t device);
+  // Exports digests of files on the device to a separate run with these roots, and reserves the
+  // low halves of their inode numbers for them. Returns that run's state directory, which is
+  // separate because the same roots may also be scanned on their own.
+  std::string export_digests(const std::vector<std::string> &roots, dev_t device,
+                             WideInodes &inodes);
 
   // Reads what that run saved, and removes its digest file.
-  void import_digests(const std::vector<std::string> &roots);
+  void import_digests(const std::vector<std::string> &roots, const WideInodes &inodes);
 
   // Reads what the run with all the roots saved.
   void import_main_run();
@@ -53,20 +59,32 @@ class DigestKeeper {
 
  private:
   enum class Mark : uint8_t { unseen, unchanged, changed };
+  struct FileHash {
+    size_t operator()(const SavedDigest &saved) const { return saved.key ^ inode_of(saved); }
+  };
+  struct SameFile {
+    bool operator()(const SavedDigest &left, const SavedDigest &right) const {
+      return is_same_file(left, right);
+    }
+  };
 
   void recover();
   void remember(SavedDigests digests);
-  void add_fresh(const std::optional<SavedDigests> &digests);
-  SavedDigests missing_digests(SavedDigests on_disk, bool looked_everywhere) const;
+  void add_fresh(const std::optional<SavedDigests> &digests, const WideInodes &inodes);
+  void replace_fresh(const SavedDigest &digest);
+  bool may_export(size_t index, dev_t device) const;
+  SavedDigests missing_digests(SavedDigests on_disk, bool looked_everywhere, bool are_wide) const;
+  bool store_wide(bool looked_everywhere) const;
   bool complete(int fd, bool looked_everywhere) const;
   bool restore() const;
 
   std::string path_;         // of the digest file
   std::string kept_;         // its second name
+  std::string wide_;         // the file of those with wide inode numbers
   std::string runs_;         // the state directory of further runs
-  SavedDigests saved_;       // from before the scan; sorted by key, keys unique
+  SavedDigests saved_;       // from before the scan; sorted by file, one for each
   std::vector<Mark> marks_;  // one for each of `saved_`; written atomically by the scan's threads
-  std::unordered_map<uint64_t, SavedDigest> fresh_;  // by key; from further runs, or computed
+  std::unordered_set<SavedDigest, FileHash, SameFile> fresh_;  // from further runs, or computed
 };
 
 }  // namespace tool

@@ -44,7 +44,7 @@ struct FileState {
 struct FoundFile {
   std::string path;
   dev_t device = 0;    // where the scan saw it
-  uint64_t inode = 0;  // low 32 bits; in an earlier scan's report the full number, if known
+  uint64_t inode = 0;  // in an earlier scan's report sometimes only its low 32 bits
   int64_t status = 0;  // SIS_STATUS_* or minus an errno
   uint64_t size = 0;
   uint64_t blocks = 0;

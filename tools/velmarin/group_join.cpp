@@ -16,7 +16,7 @@ FoundFile found_file(const CollectedFile &collected) {
   FoundFile file;
   file.path = collected.path;
   file.device = status.st_dev;
-  file.inode = static_cast<uint32_t>(status.st_ino);
+  file.inode = status.st_ino;
   file.status = collected.state;
   file.size = static_cast<uint64_t>(status.st_size);
   file.blocks = static_cast<uint64_t>(status.st_blocks);
@@ -82,8 +82,7 @@ void GroupJoin::load_groups() {
 
 // Ignores a file seen before, which another mount shows again.
 void GroupJoin::add(FoundFile file, const Digest &digest) {
-  const FileId id = {file.device, static_cast<uint32_t>(file.inode)};
-  if (known_.emplace(id, digest).second) {
+  if (known_.emplace(FileId(file.device, file.inode), digest).second) {
     file.digest = digest;
     groups_[{digest, file.size}].files.push_back(std::move(file));
   }
@@ -122,7 +121,7 @@ void GroupJoin::join_candidates(std::span<CollectedFile> files) {
 }
 
 bool GroupJoin::is_known(const CollectedFile &file) const {
-  return known_.contains({file.status.st_dev, static_cast<uint32_t>(file.status.st_ino)});
+  return known_.contains({file.status.st_dev, file.status.st_ino});
 }
 
 bool GroupJoin::find_digest(const CollectedFile &file, Digest &digest) {

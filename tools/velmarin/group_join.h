@@ -25,7 +25,7 @@ class GroupJoin {
 
  private:
   using Digest = std::array<uint8_t, 32>;
-  using FileId = std::pair<dev_t, uint32_t>;  // the low half of the inode number, as runs use it
+  using FileId = std::pair<dev_t, uint64_t>;  // device and inode number
   using Content = std::pair<Digest, uint64_t>;
 
   void load_groups();

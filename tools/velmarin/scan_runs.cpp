@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "file_system.h"
 #include "group_join.h"
@@ -12,6 +13,7 @@
 #include "omission_watch.h"
 #include "scan_paths.h"
 #include "scan_probes.h"
+#include "wide_inodes.h"
 
 namespace tool {
 namespace {
@@ -61,7 +63,11 @@ int ScanRuns::run() {
   OmissionWatch omission_watch(omissions, filter_, skips_, smallest_size());
   VolumeWatch watch(keeper_);
   watch.min_size = smallest_size();
-  const int error = execute_planned_runs(watch);
+  int error = execute_runs(watch, planned_);
+  if (error == 0 && !further_.empty()) {
+    omission_watch.ignore_opens();
+    error = execute_runs(watch, further_);
+  }
   if (error == 0 && (completed_.size() > 1 || !watch.collected.empty())) {
     omission_watch.ignore_opens();
     join_runs(watch);
@@ -86,7 +92,7 @@ void ScanRuns::plan(dev_t device, int max_depth, const std::string &root) {
   if (run != planned_.end()) {
     run->roots.push_back(root);
   } else {
-    planned_.push_back({device, max_depth, {root}});
+    planned_.push_back({device, max_depth, {root}, 0, {}});
   }
 }
 
@@ -116,30 +122,44 @@ void ScanRuns::plan_directories(const VolumeRun &run, std::vector<ForeignDirecto
   }
 }
 
-// Each run may find further devices.
-int ScanRuns::execute_planned_runs(VolumeWatch &watch) {
+// Each run may plan others.
+int ScanRuns::execute_runs(VolumeWatch &watch, std::vector<VolumeRun> &runs) {
   int error = 0;
-  while (error == 0 && !planned_.empty() && (completed_.empty() || !stop_requested())) {
-    const VolumeRun run = planned_.front();
-    planned_.erase(planned_.begin());
-    error = execute_run(watch, run);
+  while (error == 0 && !runs.empty() && (completed_.empty() || !stop_requested())) {
+    VolumeRun run = std::move(runs.front());
+    runs.erase(runs.begin());
+    error = execute_run(watch, std::move(run));
   }
   return error;
 }
 
-int ScanRuns::execute_run(VolumeWatch &watch, const VolumeRun &run) {
-  const bool is_whole = run.roots == roots_;  // its digest file is that of the whole scan
-  watch.begin_run(run.device);
+int ScanRuns::execute_run(VolumeWatch &watch, VolumeRun run) {
+  const bool is_first = run.number == 0;
+  const bool is_whole = is_first && run.roots == roots_;  // has the digest file of the whole scan
+  if (is_first) {
+    watch.begin_run(run.device);
+  } else {
+    watch.begin_further_run(run.device, std::exchange(run.expected, {}), run.number == 1);
+  }
   Collector collector;
   const int error = call_library(
-      run, is_whole ? state_ : keeper_.export_digests(run.roots, run.device), collector);
+      run, is_whole ? state_ : keeper_.export_digests(run.roots, run.device, watch.inodes),
+      collector);
   if (!is_whole) {
-    keeper_.import_digests(run.roots);
+    keeper_.import_digests(run.roots, watch.inodes);
   }
-  add_findings(run.device, std::move(collector.findings));
+  add_findings(watch, run, std::move(collector.findings));
   plan_directories(run, watch.take_directories());
-  completed_.push_back(run);
+  plan_further_run(watch, run);
+  completed_.push_back(std::move(run));
   return error;
+}
+
+void ScanRuns::plan_further_run(VolumeWatch &watch, const VolumeRun &run) {
+  KeptBack kept = watch.inodes.take_kept();
+  if (!kept.is_empty()) {
+    further_.push_back({run.device, run.max_depth, run.roots, run.number + 1, std::move(kept)});
+  }
 }
 
 int ScanRuns::call_library(const VolumeRun &run, const std::string &state, Collector &collector) {
@@ -156,11 +176,20 @@ int ScanRuns::call_library(const VolumeRun &run, const std::string &state, Colle
   return error;
 }
 
-void ScanRuns::add_findings(dev_t device, Findings found) {
+// The first run has counted the directories, and the files that a further run saw again.
+void ScanRuns::add_findings(const VolumeWatch &watch, const VolumeRun &run, Findings found) {
   for (FoundGroup &group : found.groups) {
     for (FoundFile &file : group.files) {
-      file.device = device;
+      file.device = run.device;
+      file.inode = watch.inodes.whole_number(static_cast<uint32_t>(file.inode));
     }
+  }
+  for (FoundFile &file : found.compressed) {
+    file.inode = watch.inodes.whole_number(static_cast<uint32_t>(file.inode));
+  }
+  if (run.number > 0) {
+    found.counters.nr_dir_opened = found.counters.nr_dir_read = 0;
+    found.counters.nr_file_opened -= std::min(found.counters.nr_file_opened, watch.seen_again());
   }
   append(findings.groups, found.groups);
   append(findings.compressed, found.compressed);
@@ -184,19 +213,24 @@ void ScanRuns::collect_candidates(VolumeWatch &watch) {
   const size_t singles = watch.collected.size();
   watch.begin_collection();
   Collector unused;
-  call_library({0, options_.max_depth, roots_}, keeper_.export_digests({}, 0), unused);
-  keeper_.import_digests(roots_);
+  WideInodes none;
+  call_library({0, options_.max_depth, roots_, 0, {}}, keeper_.export_digests({}, 0, none), unused);
+  keeper_.import_digests(roots_, none);
   for (size_t i = singles; i < watch.collected.size(); ++i) {
     CollectedFile &file = watch.collected[i];
     file.run = run_of(file).value_or(FIRST_SINGLE + i);
   }
 }
 
-// The run on the file's device that has the innermost root above the file.
+// The run on the file's device that has the innermost root above the file. Unknown if one of
+// several further runs may have seen it.
 std::optional<size_t> ScanRuns::run_of(const CollectedFile &file) const {
   std::optional<size_t> found;
   size_t length = 0;
-  for (size_t i = 0; i < completed_.size(); ++i) {
+  for (size_t i = 0; i < completed_.size() && file.status.st_ino <= UINT32_MAX; ++i) {
+    if (completed_[i].number > 0) {
+      continue;
+    }
     for (const std::string &root : completed_[i].roots) {
       if (completed_[i].device == file.status.st_dev && is_below(file.path, root) &&
           root.size() > length) {

@@ -1,5 +1,6 @@
 // The runs of the library that make up one `velmarin scan`: one for each device that the trees
-// span. Most scans are a single run.
+// span, and further ones on a device whose inode numbers do not fit into 32 bits. Most scans are a
+// single run.
 #pragma once
 
 #include <optional>
@@ -46,16 +47,19 @@ class ScanRuns {
     dev_t device = 0;
     int max_depth = 0;
     std::vector<std::string> roots;
+    int number = 0;     // of further runs after the first over these roots, it is 1, 2, ...
+    KeptBack expected;  // what the previous one kept back
   };
 
   uint64_t smallest_size() const;
   void plan(dev_t device, int max_depth, const std::string &root);
   void plan_roots();
   void plan_directories(const VolumeRun &run, std::vector<ForeignDirectory> directories);
-  int execute_planned_runs(VolumeWatch &watch);
-  int execute_run(VolumeWatch &watch, const VolumeRun &run);
+  int execute_runs(VolumeWatch &watch, std::vector<VolumeRun> &runs);
+  int execute_run(VolumeWatch &watch, VolumeRun run);
+  void plan_further_run(VolumeWatch &watch, const VolumeRun &run);
   int call_library(const VolumeRun &run, const std::string &state, Collector &collector);
-  void add_findings(dev_t device, Findings found);
+  void add_findings(const VolumeWatch &watch, const VolumeRun &run, Findings found);
   void join_runs(VolumeWatch &watch);
   void collect_candidates(VolumeWatch &watch);
   std::optional<size_t> run_of(const CollectedFile &file) const;
@@ -71,6 +75,7 @@ class ScanRuns {
   StopSignals &signals_;
   DigestKeeper keeper_;
   std::vector<VolumeRun> planned_;
+  std::vector<VolumeRun> further_;
   std::vector<VolumeRun> completed_;
   std::set<std::string> planned_paths_;
   std::set<uint64_t> root_file_systems_;

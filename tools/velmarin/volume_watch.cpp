@@ -36,10 +36,20 @@ void VolumeWatch::begin_run(dev_t device) {
   earlier_.absorb(sizes_, common_);
   device_ = device;
   devices_.insert(device);
+  is_further_ = false;
+  inodes.begin();
+}
+
+void VolumeWatch::begin_further_run(dev_t device, KeptBack expected, bool is_second) {
+  begin_run(device);
+  is_further_ = true;
+  seen_again_ = 0;
+  inodes.begin_further(std::move(expected), is_second);
 }
 
 void VolumeWatch::begin_collection() {
   is_collecting_ = true;
+  is_further_ = false;
 }
 
 std::vector<ForeignDirectory> VolumeWatch::take_directories() {
@@ -60,8 +70,32 @@ void VolumeWatch::note_left_out(const struct stat &status) {
 }
 
 int VolumeWatch::watch(int fd, const struct stat *status, const char *path) {
+  if (active->is_further_) {
+    return active->watch_again(*status, path);
+  }
   return S_ISDIR(status->st_mode) ? active->watch_directory(fd, *status, path)
                                   : active->watch_file(fd, *status, path);
+}
+
+// An earlier run has examined and counted the entry.
+int VolumeWatch::watch_again(const struct stat &status, const char *path) {
+  --probe_counts.entries;
+  if (S_ISDIR(status.st_mode)) {
+    return status.st_dev == device_ && inodes.leads_to_files(path) ? 0 : -EXDEV;
+  }
+  ++seen_again_;
+  if (status.st_dev != device_ || !may_be_compared(status) || !inodes.take(status.st_ino, path)) {
+    return -EXDEV;
+  }
+  sizes_.add(static_cast<uint64_t>(status.st_size));
+  return 0;
+}
+
+// A file that occupies less space than its length may be compressed, and is listed whatever its
+// size.
+bool VolumeWatch::may_be_compared(const struct stat &status) const {
+  return static_cast<uint64_t>(status.st_size) >= min_size ||
+         status.st_blocks * 512 < status.st_size;
 }
 
 int VolumeWatch::watch_directory(int fd, const struct stat &status, const char *path) {
@@ -88,6 +122,9 @@ int VolumeWatch::watch_file(int fd, const struct stat &status, const char *path)
   keeper_.note_seen(status);
   if (status.st_dev != device_) {
     collect(fd, status, path);
+    return -EXDEV;
+  }
+  if (status.st_ino > UINT32_MAX && may_be_compared(status) && !inodes.take(status.st_ino, path)) {
     return -EXDEV;
   }
   sizes_.add(size);

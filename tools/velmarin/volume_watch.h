@@ -1,9 +1,11 @@
 // Watches the walk of a library run. A run identifies files by the low half of their inode numbers,
-// so it may see only one device. What is on other devices is left out and noted for a separate run.
+// so it may see only one device, and one file of each low half. What is on other devices is left
+// out and noted for a separate run; `WideInodes` keeps back files for further runs on the device.
 #pragma once
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <set>
@@ -12,6 +14,7 @@
 
 #include "digest_keeper.h"
 #include "size_set.h"
+#include "wide_inodes.h"
 
 namespace tool {
 
@@ -46,6 +49,10 @@ class VolumeWatch {
   // Prepares a run that sees this device. Notes the sizes of its files.
   void begin_run(dev_t device);
 
+  // Prepares a run that sees what an earlier one kept back. It may enter only the directories that
+  // lead to those files. See `WideInodes::begin_further`.
+  void begin_further_run(dev_t device, KeptBack expected, bool is_second);
+
   // Prepares a run that compares nothing, but sees all devices of the earlier runs and collects the
   // files whose size occurs in several of them. Does not set their `run`.
   void begin_collection();
@@ -56,6 +63,10 @@ class VolumeWatch {
   // Whether any size occurred in several runs. Ends the last run.
   bool has_common_sizes();
 
+  // How many files a further run has seen again.
+  uint64_t seen_again() const { return seen_again_; }
+
+  WideInodes inodes;                     // of the run
   std::vector<CollectedFile> collected;  // also single files on another device than their directory
   uint64_t min_size = 0;
 
@@ -64,12 +75,16 @@ class VolumeWatch {
   static int watch(int fd, const struct stat *status, const char *path);
   int watch_directory(int fd, const struct stat &status, const char *path);
   int watch_file(int fd, const struct stat &status, const char *path);
+  int watch_again(const struct stat &status, const char *path);
+  bool may_be_compared(const struct stat &status) const;
   void collect(int fd, const struct stat &status, const char *path);
 
   DigestKeeper &keeper_;
   dev_t device_ = 0;
   std::set<dev_t> devices_;  // of all runs
   bool is_collecting_ = false;
+  bool is_further_ = false;
+  std::atomic<uint64_t> seen_again_ = 0;
   SizeSet sizes_;    // seen in this run
   SizeSet earlier_;  // seen in earlier runs
   SizeSet common_;   // seen in several runs
