@@ -38,7 +38,7 @@ class OnlyLooking(ToolCase):
             place.mkdir()
         self.mount("overlay", self.root, f"lowerdir={lower},upperdir={upper},workdir={work}")
         (self.directory / "report").write_text(self.run_tool("scan", "--json", ".")[0])
-        refusal = r"\Avelmarin: a: not opened: the overlay would copy it up\n"
+        refusal = r"\Avelmarin: a: not opened: it is on an overlay, where a change may copy it up\n"
         self.check_runs(
             ("scan --state ../state .", 0, "identical files  3 in 1 group"),
             ("apply ../report", 4, "(  refused .*\n){3}"),

@@ -67,11 +67,11 @@ bool reject_non_regular(const Files &files) {
   return false;
 }
 
-// The commands open files for writing, which copies up a file on an overlay.
+// A change to a file of an overlay's lower layer copies it up, even opening it for writing.
 bool reject_on_overlay(const Files &files) {
   for (const std::string &file : files) {
     if (is_on_overlay(file)) {
-      return !fail(file, "not opened: the overlay would copy it up");
+      return !fail(file, "not opened: it is on an overlay, where a change may copy it up");
     }
   }
   return false;

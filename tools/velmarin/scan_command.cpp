@@ -179,7 +179,7 @@ class ScanCommand {
     }
     if (probe_counts.on_overlay > 0) {
       print_error("left out " + format_count(probe_counts.on_overlay, "file") +
-                  " on an overlay: merging would copy each of them up");
+                  " on an overlay: merging may copy them up");
     }
     if (runs_.ignored_digests) {
       print_error("did not use the saved digests: their file belonged to another user");
