@@ -103,6 +103,19 @@ class OwnData(ToolCase):
             self.check_runs(("revoke ../elsewhere/file", 1, said),
                             ("recover ../elsewhere/file", 1, said))
             self.assertEqual(self.extents(shared), before, kind)
+        self.write_each("gone/x gone/y")
+        self.run_tool("dedup", "gone/x", "gone/y")
+        with open(self.root / "gone/y", "rb") as file:
+            (self.root / "gone/y").unlink()
+            for gone, commands, said in (
+                    (False, ["recover"], "has no name in its directory {} any more"),
+                    (True, ["recover", "revoke"], "its directory {} is gone")):
+                if gone:
+                    shutil.rmtree(self.root / "gone")
+                for command in commands:
+                    _, errors = self.run_tool(command, f"/proc/self/fd/{file.fileno()}", status=1,
+                                              pass_fds=[file.fileno()])
+                    self.assertIn(said.format(self.root / "gone"), errors)
 
 
 class Secrets(ToolCase):

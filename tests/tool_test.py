@@ -165,6 +165,8 @@ class Files(ToolCase):
             ("flags missing c other", 1, r"c: frozen \(flags 0x2\)", "other: not frozen"),
             ("recover missing a a", 1, "a: has its own data", "a: was already a plain file"),
             ("revoke missing b c", 1, "b: has its own data", "c: was already a plain file"),
+            ("dedup c other", 1, "other: cannot share the data of c: "),
+            ("group c other", 1, "c: a plain file"),  # so the refused dedup left it plain too
             ("group a b other", 1, "other: a plain file", "not all files of the group"),
             ("group a b c", 0, "c: deduplicated onto layered inode"),
             ("copy a new", 0, "new: a new file "),

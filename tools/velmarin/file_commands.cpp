@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -11,6 +12,8 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "copy_permissions.h"
@@ -108,13 +111,33 @@ bool for_each(const Files &files, LogLines &log, Act act) {
   return all_done;
 }
 
+bool has_name(const std::string &file) {
+  char resolved[PATH_MAX];
+  return realpath(file.c_str(), resolved) != nullptr;
+}
+
+// The reason if the path is a link to a descriptor of a file that was removed; else empty.
+std::string removed_file_reason(const std::string &file) {
+  constexpr std::string_view MARK = " (deleted)";
+  std::error_code error;
+  const std::string target = std::filesystem::read_symlink(file, error);
+  if (!target.ends_with(MARK)) {
+    return "";
+  }
+  const std::string directory = std::filesystem::path(target).parent_path();
+  return access(directory.c_str(), F_OK) == 0
+             ? "has no name in its directory " + escaped_name(directory) + " any more"
+             : "its directory " + escaped_name(directory) + " is gone";
+}
+
 // Why a file cannot get its own data back. That needs a temporary file in its directory if the file
 // shares data.
 std::string recovery_failure_reason(const std::string &file, int error) {
   char resolved[PATH_MAX];
   struct stat status = {};
   if (realpath(file.c_str(), resolved) == nullptr || stat(resolved, &status) != 0) {
-    return std::strerror(error);
+    const std::string removed = removed_file_reason(file);
+    return removed.empty() ? std::strerror(error) : removed;
   }
   const std::string directory = std::filesystem::path(resolved).parent_path();
   const int fd = open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
@@ -130,6 +153,18 @@ std::string recovery_failure_reason(const std::string &file, int error) {
   }
   return "cannot create a temporary file in " + escaped_name(directory) + ": " +
          std::strerror(is_elsewhere ? EXDEV : open_error);
+}
+
+// After a refusal: makes the first file plain again if it was plain before and no other file was
+// merged onto it.
+void undo_layer(const Files &files, int64_t layer_before) {
+  const int64_t layer = query_layer(files[0]);
+  const bool is_used = std::any_of(files.begin() + 1, files.end(), [layer](const auto &file) {
+    return query_layer(file) == layer;
+  });
+  if (layer_before == 0 && layer > 0 && !is_used) {
+    drop_layer(files[0]);
+  }
 }
 
 // What `dedup` did: the record says that the files are identical, the extents whether they share.
@@ -153,11 +188,13 @@ bool dedup(const Files &files, LogLines &log) {
   // The library requires a path with a directory.
   const std::string first = files[0].find('/') == std::string::npos ? "./" + files[0] : files[0];
   const std::string &second = files[1];
+  const int64_t layer = query_layer(first);
   const int result = sisFileTaskImpl(first.c_str(), second.c_str());
   if (result == 0) {
     print_result(second, describe_dedup(files[0], second));
     return true;
   }
+  undo_layer(files, layer);
   if (result > 0) {
     return fail(second, "cannot share the data of " + escaped_name(files[0]) + ": " +
                             describe_sharing_error(first, second, result));
@@ -194,8 +231,8 @@ bool recover(const Files &files, LogLines &log) {
       print_result(file, "was already a plain file" + sharing_remark(file, false));
       return true;
     }
-    // -2 is also the errno of a missing file.
-    if (result == -2 && access(file.c_str(), F_OK) == 0) {
+    // -2 is also the errno of a missing file, or of one without a name.
+    if (result == -2 && has_name(file)) {
       return fail(file, "is still attached to a layered inode");
     }
     return fail(file,
@@ -222,7 +259,11 @@ bool group(const Files &files, LogLines &) {
   for (const std::string &file : files) {
     paths.push_back(const_cast<char *>(file.c_str()));
   }
+  const int64_t layer = query_layer(files[0]);
   const int error = sis_them_all(paths.data(), static_cast<int>(paths.size()));
+  if (error != 0) {
+    undo_layer(files, layer);
+  }
   for (const std::string &file : files) {
     print_result(file, describe_layer(file));
   }

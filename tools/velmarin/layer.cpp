@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -60,6 +61,10 @@ int64_t query_layer(int fd) {
 int64_t query_layer(const std::string &path) {
   velmarin::sis_file_info info = {};
   return layer_number(query(path, info), info);
+}
+
+void drop_layer(const std::string &path) {
+  removexattr(path.c_str(), "user.velmarin.layer");
 }
 
 std::string describe_layer(const std::string &path) {

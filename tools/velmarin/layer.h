@@ -10,6 +10,9 @@ namespace tool {
 int64_t query_layer(int fd);
 int64_t query_layer(const std::string &path);
 
+// Removes the record that attaches the file to a layered inode. Its data stays where it is.
+void drop_layer(const std::string &path);
+
 // "; " and what the file's extents say, or that its file system cannot share data. Empty if they
 // say what is expected of a file that shares nothing.
 std::string sharing_remark(const std::string &path, bool expects_sharing);
