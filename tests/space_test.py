@@ -172,12 +172,20 @@ class Btrfs(SpaceCase):
         self.copies("plain", content("plain", SIZE))
         self.clones("pair", content("two pairs", SIZE), 2)
         self.clones("pair/more", content("two pairs", SIZE), 2)
-        run("chmod", "-R", "a+rwX", self.root / "kept", *self.root.glob("[cp]*"))
+        self.copies("overwritten", content("overwritten", SIZE), 2)
+        run("sync", "-f", self.root)
+        for number in range(2):
+            with open(self.root / f"overwritten/{number}", "r+b") as file:
+                file.seek(MIB)
+                file.write(content("own", 2 * MIB))
+        run("chmod", "-R", "a+rwX", self.root / "kept", *self.root.glob("[cp]*"),
+            *self.root.glob("over*"))
         report = self.scan("--skip", self.root / "old", before=self.become_nobody())
         self.assertEqual({name: figures for name, (figures, _) in self.summary(
                               report, "reclaimable_bytes", "uncertain_bytes").items()},
                          {"compressed": [0, 4 * SIZE], "kept": [0, 2 * SIZE],
-                          "plain": [2 * SIZE - 3 * 344, 0], "pair": [0, SIZE]})
+                          "plain": [2 * SIZE - 3 * 344, 0], "pair": [0, SIZE],
+                          "overwritten": [SIZE - 2 * 344, 2 * MIB]})
 
     def test_the_summary_says_what_there_is_what_was_done_and_what_was_looked_at(self):
         self.clones("a", content("a", SIZE), 2)

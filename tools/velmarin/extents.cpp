@@ -11,6 +11,7 @@ namespace tool {
 namespace {
 
 constexpr size_t EXTENTS_PER_CALL = 128;
+constexpr uint64_t MAX_BTRFS_EXTENT = 128 << 20;
 
 // Queries all extents of the file, including those beyond its end. Returns false on failure.
 bool query_extents(int fd, std::vector<fiemap_extent> &extents) {
@@ -116,6 +117,23 @@ bool is_shared_at(const std::vector<fiemap_extent> &extents, uint64_t offset) {
   return next != extents.begin() && has(*(next - 1), FIEMAP_EXTENT_SHARED);
 }
 
+// On Btrfs, what was overwritten in the middle of an extent stays on disk with the rest. Two parts
+// of a file that are as far apart on disk as in the file are perhaps such a rest.
+void add_overwritten(const std::vector<MappedData> &data, std::vector<HeldRange> &held) {
+  std::map<uint64_t, const MappedData *> last;  // by the distance between address and offset
+  for (const MappedData &piece : data) {
+    const MappedData *&before = last[piece.address - piece.offset];
+    const uint64_t begin = before != nullptr ? before->address + before->length : piece.address;
+    if (begin < piece.address && piece.address - begin < MAX_BTRFS_EXTENT) {
+      held.push_back({.begin = begin,
+                      .end = piece.address,
+                      .bytes = piece.address - begin,
+                      .is_perhaps = true});
+    }
+    before = &piece;
+  }
+}
+
 // Whole Btrfs extents: each stays on disk until nothing refers to any part of it.
 std::vector<HeldRange> whole_extents(const std::vector<btrfs::FileExtent> &file,
                                      const std::vector<fiemap_extent> &extents, uint64_t end) {
@@ -163,6 +181,8 @@ ExtentMap read_extents(int fd, uint64_t inode, uint64_t size, const Volume &volu
   if (!map.held.empty()) {
     if (const auto file = btrfs::file_extents(fd, *map.inode)) {
       map.held = whole_extents(*file, extents, end);
+    } else {
+      add_overwritten(map.data, map.held);
     }
   }
   return map;

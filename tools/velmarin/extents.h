@@ -26,6 +26,7 @@ struct HeldRange {
   uint64_t bytes = 0;  // occupied; at most this if `is_size_known` is false
   bool is_size_known = true;
   bool is_shared = false;      // something else refers to it too
+  bool is_perhaps = false;     // perhaps not occupied, or by something else alone
   bool is_beyond_end = false;  // the file still refers to it after merging
 };
 

@@ -62,7 +62,7 @@ uint64_t common_bytes(const std::vector<MappedData> &left, const std::vector<Map
 Space taken_by(const ExtentMap &map, uint64_t shared_bytes) {
   Space taken;
   for (const HeldRange &range : map.held) {
-    (range.is_size_known ? taken.certain : taken.uncertain) += range.bytes;
+    (range.is_size_known && !range.is_perhaps ? taken.certain : taken.uncertain) += range.bytes;
   }
   taken.uncertain += map.is_inline ? map.mapped_bytes : 0;
   taken.certain -= std::min(taken.certain, shared_bytes);

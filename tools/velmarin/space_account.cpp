@@ -29,7 +29,8 @@ Space SpaceAccount::space_of(uint64_t address, Segment &segment) {
   if (segment.is_shared && segment.held == Segment::Held::not_asked) {
     segment.held = is_held_elsewhere_(address) ? Segment::Held::perhaps : Segment::Held::no;
   }
-  const bool is_certain = segment.is_size_known && segment.held != Segment::Held::perhaps;
+  const bool is_certain =
+      segment.is_size_known && !segment.is_perhaps && segment.held != Segment::Held::perhaps;
   return is_certain ? Space{segment.bytes, 0} : Space{0, segment.bytes};
 }
 
@@ -41,6 +42,7 @@ SpaceAccount::Segments::iterator SpaceAccount::add_segment(Segments::iterator po
   segment.end = end;
   segment.bytes = range.is_size_known ? end - begin : range.bytes;
   segment.is_size_known = range.is_size_known;
+  segment.is_perhaps = range.is_perhaps;
   return segments_.emplace_hint(position, begin, segment);
 }
 
@@ -60,6 +62,7 @@ void SpaceAccount::add_reference(const HeldRange &range) {
     Segment &segment = position->second;
     ++segment.references;
     segment.is_shared |= range.is_shared;
+    segment.is_perhaps &= range.is_perhaps;
     if (!segment.is_size_known) {
       segment.bytes = std::max(segment.bytes, range.bytes);
     }
@@ -121,7 +124,7 @@ void SpaceAccount::add_common_unwritten(const ExtentMap &map, const ExtentMap &s
 uint64_t SpaceAccount::shared_bytes() const {
   uint64_t bytes = 0;
   for (const auto &[address, segment] : segments_) {
-    if (segment.references > 1 && segment.is_size_known) {
+    if (segment.references > 1 && segment.is_size_known && !segment.is_perhaps) {
       bytes += (segment.references - 1) * segment.bytes;
     }
   }

@@ -42,6 +42,7 @@ class SpaceAccount {
     uint32_t references = 0;
     bool is_size_known = true;
     bool is_shared = false;
+    bool is_perhaps = false;
     enum class Held { not_asked, no, perhaps } held = Held::not_asked;
   };
   using Segments = std::map<uint64_t, Segment>;
