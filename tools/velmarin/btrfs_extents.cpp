@@ -2,6 +2,7 @@
 
 #include <linux/btrfs.h>
 #include <linux/btrfs_tree.h>
+#include <linux/fs.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -12,7 +13,9 @@
 namespace tool::btrfs {
 namespace {
 
+constexpr uint64_t INODE_WITHOUT_CHECKSUMS = 1;  // a flag of an inode in the tree
 constexpr size_t MAX_SPACES = 16;  // data, metadata and system, each in up to a few profiles
+constexpr size_t INODE_BYTES = sizeof(btrfs_ioctl_search_header) + sizeof(btrfs_inode_item);
 constexpr size_t SEARCH_BYTES = 8 << 10;
 // The largest search item. If less space than this is left, there may be more items.
 constexpr size_t ITEM_BYTES = sizeof(btrfs_ioctl_search_header) + sizeof(btrfs_file_extent_item);
@@ -125,6 +128,25 @@ std::optional<std::vector<FileExtent>> file_extents(int fd, const Inode &inode) 
       return extents;
     }
   }
+}
+
+Writing writing_of(int fd, const Inode &inode) {
+  unsigned flags = 0;
+  if (ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_NOCOW_FL) != 0) {
+    return Writing::in_place;
+  }
+  std::vector<uint64_t> memory = record_memory(sizeof(btrfs_ioctl_search_args_v2) + INODE_BYTES);
+  auto *const search = reinterpret_cast<btrfs_ioctl_search_args_v2 *>(memory.data());
+  search->key = extent_key(inode, 0);
+  search->key.min_type = search->key.max_type = BTRFS_INODE_ITEM_KEY;
+  search->buf_size = INODE_BYTES;
+  btrfs_inode_item item = {};
+  if (ioctl(fd, BTRFS_IOC_TREE_SEARCH_V2, search) != 0 || search->key.nr_items == 0) {
+    return Writing::checked;
+  }
+  const char *const answer = reinterpret_cast<const char *>(search->buf);
+  std::memcpy(&item, answer + sizeof(btrfs_ioctl_search_header), sizeof item);
+  return (item.flags & INODE_WITHOUT_CHECKSUMS) != 0 ? Writing::unchecked : Writing::checked;
 }
 
 std::optional<std::vector<Inode>> references_of(int fd, uint64_t disk_begin) {

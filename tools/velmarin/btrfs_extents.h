@@ -1,6 +1,6 @@
 // Btrfs queries, most of which need administrator rights: how much of the disk a file's extents
-// occupy, and what else refers to them. Without these rights all but `subvolume_of` and
-// `copies_kept` fail.
+// occupy, and what else refers to them. Without these rights all but `subvolume_of`,
+// `copies_kept` and `writing_of` fail.
 #pragma once
 
 #include <compare>
@@ -41,6 +41,13 @@ Copies copies_kept(int fd);
 // All extents of a file in file order, including those beyond its end. Excludes data that has not
 // reached the disk yet.
 std::optional<std::vector<FileExtent>> file_extents(int fd, const Inode &inode);
+
+// How a file's data is written: to new blocks with checksums, without them, or in place without
+// them. Data with checksums and data without cannot be shared.
+enum class Writing { checked, unchecked, in_place };
+
+// How the open file is written. Without administrator rights `unchecked` is taken for `checked`.
+Writing writing_of(int fd, const Inode &inode);
 
 // Every inode that refers to the extent at that address, including inodes in snapshots. Empty if
 // none does any more.

@@ -72,10 +72,16 @@ uint64_t FoundGroup::inline_files() const {
 }
 
 bool Findings::is_unsharable() const {
-  const auto is_sharable = [](const FoundFile &file) { return file.state.can_share; };
-  return !groups.empty() && std::none_of(groups.begin(), groups.end(), [&](const auto &group) {
-    return std::any_of(group.files.begin(), group.files.end(), is_sharable);
-  });
+  bool has_shares = false;
+  for (const FoundGroup &group : groups) {
+    for (const FoundFile &file : group.files) {
+      if (file.state.can_share) {
+        return false;
+      }
+    }
+    has_shares |= !group.shares.empty();
+  }
+  return has_shares;
 }
 
 uint64_t Findings::grouped_files() const {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "btrfs_extents.h"
 #include "space.h"
 #include "velmarin/scan.h"
 
@@ -38,6 +39,12 @@ struct FileState {
   uint32_t copy = 0;       // number of its copy of the data within the share
   bool can_share = false;  // its file system can share data
   bool is_inline = false;  // its data is stored in the metadata and cannot be shared
+  bool has_twin = false;   // another file of the share has the same copy
+  btrfs::Writing writing = btrfs::Writing::checked;
+  // Why merging cannot change it: an errno, 0 if it can, EINVAL if all others on its file system
+  // are written differently.
+  int obstacle = 0;
+  int source_obstacle = 0;  // why it cannot be the source; a layered file can be it unchanged
 };
 
 // A file as the scan reported it. Only `state`, `outcome` and `reason` change later.
@@ -56,8 +63,8 @@ struct FoundFile {
   std::string reason;
 };
 
-// Identical files on one file system, which can therefore share data. Excludes files with inline
-// data.
+// Identical files on one file system, written in the same way, which can therefore share data. Also
+// has those that merging cannot change, but none with inline data.
 struct Share {
   dev_t volume = 0;             // see `Volume::id`
   bool can_share = false;       // the file system can share data

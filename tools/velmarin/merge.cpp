@@ -37,9 +37,27 @@ bool is_one_copy(const FoundGroup &group, const Share &share) {
                      [&](size_t index) { return has_copy_of(group.files[index], source); });
 }
 
-// Whether there are several copies of the data, and merging them is worthwhile.
+bool is_to_be_merged(const FoundFile &file, const FoundFile &source) {
+  return file.state.obstacle == 0 && !has_copy_of(file, source);
+}
+
+// Whether there are several copies of the data, and merging them is possible and worthwhile.
 bool has_work(const FoundGroup &group, const Share &share) {
-  return !is_one_copy(group, share) && (!share.can_share || !share.reclaimable.is_none());
+  const FoundFile &source = group.files[share.files.front()];
+  return source.state.source_obstacle == 0 && (!share.can_share || !share.reclaimable.is_none()) &&
+         std::any_of(share.files.begin(), share.files.end(),
+                     [&](size_t index) { return is_to_be_merged(group.files[index], source); });
+}
+
+// Whether an obstacle keeps the file from what merging does for it. It does not matter to a file
+// that is the source, shares its data already or has no copy to share with. `works` tells whether
+// the share has work.
+bool is_held_up(const FoundGroup &group, const Share &share, bool works, const FoundFile &file) {
+  const FoundFile &source = group.files[share.files.front()];
+  if (file.state.obstacle == 0 || (share.files.size() == 1 && file.state.obstacle != EINVAL)) {
+    return false;
+  }
+  return works ? !has_copy_of(file, source) : !file.state.has_twin;
 }
 
 // The library puts the error of a failed call at the end of its line.
@@ -57,7 +75,8 @@ int open_as_source(FoundFile &file, LogLines &log) {
     return -1;
   }
   if (file.state.layer != 0) {
-    const int fd = open(file.path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+    const int access = file.state.obstacle == 0 ? O_RDWR : O_RDONLY;
+    const int fd = open(file.path.c_str(), access | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
       set_outcome(file, Outcome::refused, std::strerror(errno));
     }
@@ -113,7 +132,7 @@ class ShareMerge {
         set_outcome(file, Outcome::source);
       } else if (has_copy_of(file, group_.files[source_])) {
         set_outcome(file, Outcome::already_shared);
-      } else if (file.outcome != Outcome::changed) {
+      } else if (file.outcome != Outcome::changed && file.state.obstacle == 0) {
         merge(index, fd);  // even if refused as the source: it may work as a target
       }
     }
@@ -125,8 +144,8 @@ class ShareMerge {
   // cannot.
   int open_source() {
     for (const size_t index : share_.files) {
-      if (stop_requested()) {
-        return -1;
+      if (stop_requested() || group_.files[index].state.source_obstacle != 0) {
+        return -1;  // the rest cannot be it either
       }
       const int fd = open_as_source(group_.files[index], common_.log);
       if (fd >= 0) {
@@ -141,7 +160,9 @@ class ShareMerge {
     const std::lock_guard sharing(common_.sharing);
     std::vector<ExtentMap> maps(group_.files.size());
     for (const size_t index : share_.files) {
-      maps[index] = extents_of(group_.files[index], common_.volumes);
+      if (group_.files[index].state.obstacle == 0) {
+        maps[index] = extents_of(group_.files[index], common_.volumes);
+      }
     }
     return maps;
   }
@@ -218,11 +239,17 @@ class ShareMerge {
 
 void mark_nothing_to_merge(FoundGroup &group, const Share &share) {
   const bool shares_all = is_one_copy(group, share);
+  const auto changeable = std::count_if(share.files.begin(), share.files.end(), [&](size_t index) {
+    return group.files[index].state.obstacle == 0;
+  });
   for (const size_t index : share.files) {
     FoundFile &file = group.files[index];
-    if (share.files.size() == 1) {
+    if (is_held_up(group, share, false, file)) {
+      continue;
+    }
+    if (!file.state.has_twin && changeable < 2) {
       set_outcome(file, Outcome::alone);
-    } else if (shares_all) {
+    } else if (shares_all || file.state.obstacle != 0 || changeable < 2) {
       set_outcome(file, Outcome::already_shared);
     } else {
       set_outcome(file, Outcome::no_gain, "merging would free nothing");
@@ -236,7 +263,9 @@ void merge_share(FoundGroup &group, Share &share, Common &common, size_t thread)
     return;
   }
   for (const size_t index : share.files) {
-    set_outcome(group.files[index], Outcome::not_tried);
+    if (!is_held_up(group, share, true, group.files[index])) {
+      set_outcome(group.files[index], Outcome::not_tried);
+    }
   }
   if (!stop_requested()) {
     ShareMerge(group, share, common, thread).run();
@@ -255,7 +284,7 @@ void visit_work(const Findings &findings, Visit visit) {
       const FoundFile &source = group.files[share.files.front()];
       for (const size_t index : share.files) {
         const FoundFile &file = group.files[index];
-        if (&file == &source || !has_copy_of(file, source)) {
+        if (&file == &source || is_to_be_merged(file, source)) {
           visit(file, &file == &source);
         }
       }
@@ -295,9 +324,34 @@ std::vector<std::thread> start_further_threads(Common &common) {
 
 }  // namespace
 
+void mark_obstacles(FoundGroup &group) {
+  const bool has_one_in_place = std::any_of(
+      group.files.begin(), group.files.end(),
+      [](const FoundFile &file) { return file.state.writing == btrfs::Writing::in_place; });
+  for (const Share &share : group.shares) {
+    const bool works = has_work(group, share);
+    for (const size_t index : share.files) {
+      FoundFile &file = group.files[index];
+      if (is_held_up(group, share, works, file)) {
+        set_outcome(file, Outcome::refused,
+                    describe_obstacle(file.state.obstacle, has_one_in_place));
+      }
+    }
+  }
+  for (FoundFile &file : group.files) {
+    if (file.state.error == EOPNOTSUPP) {
+      set_outcome(file, Outcome::refused, "the overlay would copy it up");
+    }
+  }
+}
+
 // For files in no share: decides by what the survey saw of them.
 void mark_unusable(FoundGroup &group) {
+  mark_obstacles(group);
   for (FoundFile &file : group.files) {
+    if (file.outcome == Outcome::refused) {
+      continue;
+    }
     if (file.state.error == ECANCELED) {
       set_outcome(file, Outcome::not_tried);
     } else if (file.state.error != 0) {

@@ -19,7 +19,10 @@ struct MergeProgress {
   std::atomic<uint64_t> freed_bytes = 0;    // certain
 };
 
-// Sets the outcome of the files in a group that the survey found unfit for merging.
+// Sets the outcome of the files in a group that merging could not change, with the reason.
+void mark_obstacles(FoundGroup &group);
+
+// As above, and of those that the survey found unfit for another reason.
 void mark_unusable(FoundGroup &group);
 
 // Counts the work to do.

@@ -19,8 +19,9 @@ void MergeRun::run(Report &report) {
   }
   if (report.applied) {
     merge(report);
-  } else if (!report.is_scan) {
-    std::for_each(report.findings.groups.begin(), report.findings.groups.end(), mark_unusable);
+  } else {
+    std::for_each(report.findings.groups.begin(), report.findings.groups.end(),
+                  report.is_scan ? mark_obstacles : mark_unusable);
   }
 }
 

@@ -11,6 +11,8 @@
 namespace tool {
 namespace {
 
+constexpr const char *NO_COPY_ON_WRITE = "copy-on-write is off for one of the two";
+
 // Whether writes to the file go to new blocks, as far as its file system reports.
 bool is_copied_on_write(const std::string &path) {
   unsigned flags = 0;
@@ -35,9 +37,16 @@ std::string describe_error(int error) {
   }
 }
 
+std::string describe_obstacle(int obstacle, bool is_one_written_in_place) {
+  if (obstacle != EINVAL) {
+    return std::strerror(obstacle);
+  }
+  return is_one_written_in_place ? NO_COPY_ON_WRITE : "checksums are off for one of the two";
+}
+
 std::string describe_sharing_error(const std::string &first, const std::string &second, int error) {
   if (error == EINVAL && is_copied_on_write(first) != is_copied_on_write(second)) {
-    return "copy-on-write is off for one of the two";
+    return NO_COPY_ON_WRITE;
   }
   return describe_error(error);
 }

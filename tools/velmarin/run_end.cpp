@@ -58,7 +58,8 @@ bool explain_left_alone(const Report &report) {
 int explain_end(const Report &report, const LogLines &log, bool is_quiet,
                 bool omissions_are_listed) {
   const bool has_omissions = explain_omissions(report, log, omissions_are_listed);
-  const bool has_left_alone = explain_left_alone(report);
+  const bool merges = report.applied || !report.is_scan;
+  const bool has_left_alone = merges && explain_left_alone(report);
   if (report.stopped && !is_quiet) {
     print_error(report.is_scan ? "stopped early: the findings are incomplete"
                                : "stopped early: not all groups were merged");

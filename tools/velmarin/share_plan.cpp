@@ -36,6 +36,10 @@ std::vector<Copy> copies_of(FoundGroup &group, const Share &share,
     copies[number].is_layered |= state.layer != 0;
     state.copy = static_cast<uint32_t>(number);
   }
+  for (const size_t index : share.files) {
+    FileState &state = group.files[index].state;
+    state.has_twin = copies[state.copy].files.size() > 1;
+  }
   return copies;
 }
 
@@ -55,12 +59,16 @@ void compute_freed_bytes(std::vector<Copy> &copies, const std::vector<ExtentMap>
   }
 }
 
-// Puts the best source first. It comes from the copy that would free the least space or, if equal,
-// has the most files, and is attached to a layered inode if possible.
+// Puts the best source first, and before it none that cannot be the source. It comes from the copy
+// that would free the least space or, if equal, has the most files, and is attached to a layered
+// inode if possible.
 void sort_files(FoundGroup &group, Share &share, const std::vector<Copy> &copies) {
   const auto is_better = [&](size_t left, size_t right) {
     const FileState &a = group.files[left].state;
     const FileState &b = group.files[right].state;
+    if ((a.source_obstacle == 0) != (b.source_obstacle == 0)) {
+      return a.source_obstacle == 0;
+    }
     const Copy &x = copies[a.copy];
     const Copy &y = copies[b.copy];
     if (x.freed_bytes != y.freed_bytes) {
@@ -86,7 +94,7 @@ Space reclaimable(const FoundGroup &group, const Share &share, const std::vector
   uint64_t records = group.files[source_index].state.layer == 0 ? 1 : 0;
   for (const size_t index : share.files) {
     const FileState &state = group.files[index].state;
-    if (state.copy == source) {
+    if (state.copy == source || state.obstacle != 0) {
       continue;
     }
     records += state.layer == 0 ? 1 : 0;
@@ -108,11 +116,26 @@ uint64_t unmerged_bytes(const FoundGroup &group, const Share &share) {
   std::set<uint32_t> counted = {group.files[share.files.front()].state.copy};
   for (const size_t index : share.files) {
     const FileState &state = group.files[index].state;
-    if (counted.insert(state.copy).second) {
+    if (state.obstacle == 0 && counted.insert(state.copy).second) {
       bytes += state.allocated_bytes;
     }
   }
   return bytes;
+}
+
+// Drops what files hold that merging cannot change: they count like files elsewhere. Returns
+// whether there are such files.
+bool release_unchangeable(const FoundGroup &group, const Share &share,
+                          std::vector<ExtentMap> &maps) {
+  bool has_some = false;
+  for (const size_t index : share.files) {
+    if (group.files[index].state.obstacle != 0) {
+      maps[index].held.clear();
+      maps[index].inode.reset();
+      has_some = true;
+    }
+  }
+  return has_some;
 }
 
 }  // namespace
@@ -136,12 +159,15 @@ SpaceAccount account_of(const Volume &volume, const std::vector<ExtentMap> &maps
   return account;
 }
 
-void plan_share(FoundGroup &group, Share &share, const std::vector<ExtentMap> &maps,
+void plan_share(FoundGroup &group, Share &share, std::vector<ExtentMap> maps,
                 const Volume &volume) {
   std::vector<Copy> copies = copies_of(group, share, maps);
   if (share.can_share) {
     SpaceAccount account = account_of(volume, maps);
     share.saved_bytes = account.shared_bytes();
+    if (release_unchangeable(group, share, maps)) {
+      account = account_of(volume, maps);
+    }
     if (copies.size() > 1) {
       compute_freed_bytes(copies, maps, account);
     }

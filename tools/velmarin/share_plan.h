@@ -14,7 +14,6 @@ SpaceAccount account_of(const Volume &volume, const std::vector<ExtentMap> &maps
 
 // Sorts the files of `share`, numbers the copies of their data and works out the share's figures.
 // `maps` has the extents of each file of the group, unknown if they were not queried.
-void plan_share(FoundGroup &group, Share &share, const std::vector<ExtentMap> &maps,
-                const Volume &volume);
+void plan_share(FoundGroup &group, Share &share, std::vector<ExtentMap> maps, const Volume &volume);
 
 }  // namespace tool

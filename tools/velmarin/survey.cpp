@@ -9,6 +9,7 @@
 #include <map>
 
 #include "layer.h"
+#include "obstacle.h"
 #include "overlay.h"
 #include "share_plan.h"
 #include "stop_signal.h"
@@ -78,6 +79,7 @@ class Survey {
       file.state.can_share = volume != nullptr && volume->can_share;
     }
     group.shares = shares_of(group);
+    find_hopeless(group);
     for (Share &share : group.shares) {
       plan_share(group, share, maps_of(share, maps), *volumes_.find(share.volume));
     }
@@ -112,38 +114,76 @@ class Survey {
   }
 
   FileState examine_open(const FoundFile &file, int fd, bool asks_layer, ExtentMap *map) {
-    if (before_merging_ && is_on_overlay(fd)) {
+    if (is_on_overlay(fd)) {
       return failed_state(EOPNOTSUPP);
     }
-    const FileState state = state_of_open_file(file, fd, asks_layer);
+    FileState state = state_of_open_file(file, fd, asks_layer);
     if (state.error == 0 && state.unchanged) {
       const Volume &volume = volumes_.get_or_add(state.device, fd);
       if (map != nullptr) {
         *map = read_extents(fd, state.inode, file.size, volume);
+        find_obstacles(file, fd, volume, state);
       }
     }
     return state;
   }
 
+  // Only for files that merging might change.
+  void find_obstacles(const FoundFile &file, int fd, const Volume &volume, FileState &state) {
+    struct stat status = {};
+    if ((!volume.can_share && !before_merging_) || fstat(fd, &status) != 0) {
+      return;
+    }
+    if (volume.subvolume) {
+      state.writing = btrfs::writing_of(fd, {*volume.subvolume, state.inode});
+    }
+    state.obstacle = obstacle_to_writing(fd, status, programs_);
+    if (state.layer == 0) {
+      state.source_obstacle = state.obstacle != 0 ? state.obstacle : obstacle_beside(file.path);
+    }
+  }
+
   std::vector<Share> shares_of(const FoundGroup &group) const {
-    std::map<dev_t, Share> by_volume;
+    std::map<std::pair<dev_t, bool>, Share> by_kind;
     for (size_t index = 0; index < group.files.size(); ++index) {
       const FileState &state = group.files[index].state;
       if (state.error != 0 || !state.unchanged || state.is_inline) {
         continue;
       }
       const Volume &volume = *volumes_.find(state.device);
-      Share &share = by_volume[volume.id];
+      Share &share = by_kind[{volume.id, state.writing == btrfs::Writing::checked}];
       share.volume = volume.id;
       share.can_share = volume.can_share;
       share.files.push_back(index);
     }
     std::vector<Share> shares;
-    shares.reserve(by_volume.size());
-    for (auto &[id, share] : by_volume) {
+    shares.reserve(by_kind.size());
+    for (auto &[kind, share] : by_kind) {
       shares.push_back(std::move(share));
     }
     return shares;
+  }
+
+  // Marks files that cannot be merged for want of a source, or of a file written in the same way.
+  static void find_hopeless(FoundGroup &group) {
+    std::map<dev_t, size_t> shares_on;
+    for (const Share &share : group.shares) {
+      ++shares_on[share.volume];
+    }
+    for (const Share &share : group.shares) {
+      if (share.files.size() == 1 && shares_on[share.volume] > 1) {
+        group.files[share.files.front()].state.obstacle = EINVAL;
+      }
+      const bool has_source =
+          std::any_of(share.files.begin(), share.files.end(),
+                      [&](size_t index) { return group.files[index].state.source_obstacle == 0; });
+      for (const size_t index : share.files) {
+        FileState &state = group.files[index].state;
+        if (!has_source && state.obstacle == 0) {
+          state.obstacle = state.source_obstacle;
+        }
+      }
+    }
   }
 
   // The extents of the files of one share, at the same indexes.
@@ -157,6 +197,7 @@ class Survey {
 
   Volumes &volumes_;
   const bool before_merging_;
+  RunningPrograms programs_;
 };
 
 void mark_not_examined(FoundGroup &group) {

@@ -8,10 +8,11 @@
 
 namespace tool {
 
-// Sets the state of every file and the shares of every group. Sorts groups by what merging frees,
-// and files by path. Queries the layered inode of a plain file only before merging, when another
-// program may have merged it since. After a requested stop this takes only a moment: the remaining
-// files get the error ECANCELED.
+// Sets the state of every file, with what keeps merging from changing it, and the shares of every
+// group. Opens nothing for writing. Sorts groups by what merging frees, and files by path. Queries
+// the layered inode of a plain file only before merging, when another program may have merged it
+// since. After a requested stop this takes only a moment: the remaining files get the error
+// ECANCELED.
 void survey(Findings &findings, Volumes &volumes, bool before_merging);
 
 // Whether the file is still a regular file with the inode, size and modification time that the scan
