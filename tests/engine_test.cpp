@@ -103,6 +103,7 @@ TEST(Dentry, HasAPathOfAtMost4095CharactersAndWritesNothingBeforeItsBuffer) {
 TEST(Walk, KeepsRecordsOnlyOfCandidatesAndDirectoriesThatWereRead) {
   const temporary_tree tree("a=same b=other_content d/e=depth d/f/g=deeper");
   std::filesystem::create_hard_link(tree.path("a"), tree.path("c"));
+  std::filesystem::create_symlink("d", tree.path("l"));
   const auto walk = [&tree](uint64_t max_depth, uint64_t min_size, bool in_time) {
     run_context c;
     c.ctx.max_depth = max_depth;
@@ -125,7 +126,7 @@ TEST(Walk, KeepsRecordsOnlyOfCandidatesAndDirectoriesThatWereRead) {
   EXPECT_EQ(walk(1, 0, true), "/ab");
   EXPECT_EQ(walk(2, 4, true), "/abde");
   EXPECT_EQ(walk(0, 5, true), "/bdefg");
-  EXPECT_EQ(walk(0, 0, false), "/aabd") << "no job is scheduled";
+  EXPECT_EQ(walk(0, 0, false), "/aabdl") << "no job is scheduled";
 }
 
 TEST(Forest, RequestsADigestOnlyOfInodesThatShareTheirKey) {
