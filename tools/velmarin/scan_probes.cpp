@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <set>
+#include <utility>
 
 #include "marking.h"
 #include "omission_watch.h"
@@ -19,10 +21,22 @@ void (*left_out_watch)(const struct stat &status) = nullptr;
 namespace {
 
 const EntryFilter *active_filter = nullptr;
+std::set<std::pair<dev_t, ino_t>> skipped;  // filled while the process has one thread
+
+void count_entry(const struct stat &status) {
+  if (!probe_counts.are_counted) {
+    ++probe_counts.entries;
+  } else if (S_ISREG(status.st_mode)) {
+    ++probe_counts.seen_again;
+  }
+}
 
 int filter_entry(int fd, const struct stat *status, const char *path, bool merges) {
   publish_stop_handle();
-  ++probe_counts.entries;
+  count_entry(*status);
+  if (!skipped.empty() && skipped.contains({status->st_dev, status->st_ino})) {
+    return -ECANCELED;
+  }
   if (active_filter != nullptr && active_filter->leaves_out(*status, path)) {
     return -ECANCELED;
   }
@@ -110,12 +124,20 @@ int noted_check(int fd, const char *path) {
 
 }  // namespace
 
-ActiveEntryFilter::ActiveEntryFilter(const EntryFilter &filter) {
+ActiveEntryFilter::ActiveEntryFilter(const EntryFilter &filter,
+                                     const std::vector<std::string> &skips) {
   active_filter = &filter;
+  for (const std::string &path : skips) {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) == 0) {
+      skipped.emplace(status.st_dev, status.st_ino);
+    }
+  }
 }
 
 ActiveEntryFilter::~ActiveEntryFilter() {
   active_filter = nullptr;
+  skipped.clear();
 }
 
 velmarin::sis_ops counted_probes(velmarin::sis_report_callback report, bool merges) {

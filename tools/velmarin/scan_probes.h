@@ -3,6 +3,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "entry_filter.h"
 #include "velmarin/scan.h"
@@ -16,14 +18,16 @@ struct ProbeCounts {
   std::atomic<uint64_t> unsupported = 0;  // files left out: their file system cannot deduplicate
   std::atomic<uint64_t> on_overlay = 0;   // of these, files that merging would copy up
   std::atomic<uint64_t> unknown = 0;      // files left out: their state could not be queried
+  bool are_counted = false;  // an earlier run has counted the entries of this one; set before it
+  std::atomic<uint64_t> seen_again = 0;  // files of such runs
 };
 extern ProbeCounts probe_counts;
 
-// While an object lives, scans apply this filter to each entry before any other probe sees it. At
-// most one object may live.
+// While an object lives, scans leave out the files and directories at `skips`, under any name, and
+// what the filter leaves out, before any other probe sees them. At most one object may live.
 class ActiveEntryFilter {
  public:
-  explicit ActiveEntryFilter(const EntryFilter &filter);
+  ActiveEntryFilter(const EntryFilter &filter, const std::vector<std::string> &skips);
   ~ActiveEntryFilter();
   ActiveEntryFilter(const ActiveEntryFilter &) = delete;
   ActiveEntryFilter &operator=(const ActiveEntryFilter &) = delete;

@@ -27,6 +27,17 @@ std::vector<const char *> pointers(const std::vector<std::string> &texts) {
   return list;
 }
 
+// The library knows a skipped path by the low half of its inode number, which others may share. So
+// the probes skip what there is, and the library only says in its log which paths are of no use.
+std::vector<std::string> missing(const std::vector<std::string> &paths) {
+  std::vector<std::string> list;
+  std::copy_if(paths.begin(), paths.end(), std::back_inserter(list), [](const std::string &path) {
+    struct stat status = {};
+    return lstat(path.c_str(), &status) != 0;
+  });
+  return list;
+}
+
 template <typename Element>
 void append(std::vector<Element> &list, std::vector<Element> &more) {
   list.insert(list.end(), std::make_move_iterator(more.begin()),
@@ -59,7 +70,7 @@ void add_counters(Counters &sum, const Counters &more) {
 int ScanRuns::run() {
   plan_roots();
   ignored_digests = !keeper_.open(state_, roots_, planned_.size() == 1);
-  const ActiveEntryFilter active_filter(filter_);
+  const ActiveEntryFilter active_filter(filter_, skips_);
   OmissionWatch omission_watch(omissions, filter_, skips_, smallest_size());
   VolumeWatch watch(keeper_);
   watch.min_size = smallest_size();
@@ -142,6 +153,7 @@ int ScanRuns::execute_run(VolumeWatch &watch, VolumeRun run) {
     watch.begin_further_run(run.device, std::exchange(run.expected, {}), run.number == 1);
   }
   Collector collector;
+  probe_counts.seen_again = 0;
   const int error = call_library(
       run, is_whole ? state_ : keeper_.export_digests(run.roots, run.device, watch.inodes),
       collector);
@@ -165,7 +177,8 @@ void ScanRuns::plan_further_run(VolumeWatch &watch, const VolumeRun &run) {
 int ScanRuns::call_library(const VolumeRun &run, const std::string &state, Collector &collector) {
   const velmarin::sis_ops ops = counted_probes(Collector::receive, options_.apply);
   std::vector<const char *> roots = pointers(run.roots);
-  std::vector<const char *> skips = pointers(skips_);
+  const std::vector<std::string> useless = missing(skips_);
+  std::vector<const char *> skips = pointers(useless);
   const StoppableOpens opens;
   const int error = single_instance_storage(
       roots.data(), static_cast<int>(roots.size()), skips.data(), static_cast<int>(skips.size()),
@@ -189,7 +202,8 @@ void ScanRuns::add_findings(const VolumeWatch &watch, const VolumeRun &run, Find
   }
   if (run.number > 0) {
     found.counters.nr_dir_opened = found.counters.nr_dir_read = 0;
-    found.counters.nr_file_opened -= std::min(found.counters.nr_file_opened, watch.seen_again());
+    found.counters.nr_file_opened -=
+        std::min(found.counters.nr_file_opened, probe_counts.seen_again.load());
   }
   append(findings.groups, found.groups);
   append(findings.compressed, found.compressed);

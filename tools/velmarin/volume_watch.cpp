@@ -36,19 +36,18 @@ void VolumeWatch::begin_run(dev_t device) {
   earlier_.absorb(sizes_, common_);
   device_ = device;
   devices_.insert(device);
-  is_further_ = false;
+  is_further_ = probe_counts.are_counted = false;
   inodes.begin();
 }
 
 void VolumeWatch::begin_further_run(dev_t device, KeptBack expected, bool is_second) {
   begin_run(device);
-  is_further_ = true;
-  seen_again_ = 0;
+  is_further_ = probe_counts.are_counted = true;
   inodes.begin_further(std::move(expected), is_second);
 }
 
 void VolumeWatch::begin_collection() {
-  is_collecting_ = true;
+  is_collecting_ = probe_counts.are_counted = true;
   is_further_ = false;
 }
 
@@ -77,13 +76,11 @@ int VolumeWatch::watch(int fd, const struct stat *status, const char *path) {
                                   : active->watch_file(fd, *status, path);
 }
 
-// An earlier run has examined and counted the entry.
+// An earlier run has examined the entry.
 int VolumeWatch::watch_again(const struct stat &status, const char *path) {
-  --probe_counts.entries;
   if (S_ISDIR(status.st_mode)) {
     return status.st_dev == device_ && inodes.leads_to_files(path) ? 0 : -EXDEV;
   }
-  ++seen_again_;
   if (status.st_dev != device_ || !may_be_compared(status) || !inodes.take(status.st_ino, path)) {
     return -EXDEV;
   }

@@ -5,7 +5,6 @@
 
 #include <sys/stat.h>
 
-#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <set>
@@ -63,9 +62,6 @@ class VolumeWatch {
   // Whether any size occurred in several runs. Ends the last run.
   bool has_common_sizes();
 
-  // How many files a further run has seen again.
-  uint64_t seen_again() const { return seen_again_; }
-
   WideInodes inodes;                     // of the run
   std::vector<CollectedFile> collected;  // also single files on another device than their directory
   uint64_t min_size = 0;
@@ -84,7 +80,6 @@ class VolumeWatch {
   std::set<dev_t> devices_;  // of all runs
   bool is_collecting_ = false;
   bool is_further_ = false;
-  std::atomic<uint64_t> seen_again_ = 0;
   SizeSet sizes_;    // seen in this run
   SizeSet earlier_;  // seen in earlier runs
   SizeSet common_;   // seen in several runs
