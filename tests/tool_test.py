@@ -126,7 +126,7 @@ class Apply(ToolCase):
         state = self.directory / ".local/state/velmarin"
         self.write_each("a ../.local/state/velmarin/" + "0" * 64 + ".hsh")
         self.run_tool("scan", ".")
-        self.assertEqual([path.stat().st_mode & 0o777 for path in state.iterdir()], [0o600] * 3)
+        self.assertEqual([path.stat().st_mode & 0o777 for path in state.iterdir()], [0o600] * 4)
 
     def test_what_a_scan_read_stays_in_memory_only_for_merging(self):
         self.mount_image("btrfs", "256M")

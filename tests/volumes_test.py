@@ -108,6 +108,13 @@ class Volumes(ToolCase):
             self.assertAlmostEqual(report.get("merged", {"freed_bytes": 0})["freed_bytes"], freed,
                                    delta=4096)
         self.assertEqual(set(self.outcomes(self.scan("--apply")).values()), {"shared"})
+        run("umount", self.root)
+        (self.directory / "other").mkdir()
+        self.mount("tmpfs", self.directory / "other", "rw")  # takes a device number
+        run("mount", "-o", "loop", self.directory / "image", self.root)
+        for name in ("two", "one"):  # which so exchange theirs
+            (self.root / name / "a").stat()
+        self.assertEqual(self.scan()["counters"]["nr_hashed"], 0)
 
     def test_a_tree_of_several_file_systems_is_compared_as_a_whole_within_its_limits(self):
         for name in ("one", "two"):
@@ -137,7 +144,7 @@ class Volumes(ToolCase):
                     sorted(sorted(map(own_name, group)) for group in self.groups(report)),
                     sorted(groups), arguments)
             self.assertEqual(report["counters"]["nr_hashed"], 0, arguments)
-        self.assertEqual({name.suffix for name in self.state.iterdir()}, {".hsh", ""})
+        self.assertEqual({name.suffix for name in self.state.iterdir()}, {".hsh", ".devices", ""})
         self.assertEqual(self.scan("--apply", status=0)["merged"]["refused"], 0)
 
 

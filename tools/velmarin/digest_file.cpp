@@ -201,6 +201,12 @@ std::optional<SavedDigests> read_locked_digests(int fd) {
   }
 }
 
+int replace_digests(int fd, const SavedDigests &digests) {
+  const int error = write_digests(fd, digests, 0);
+  const auto size = static_cast<off_t>(digests.size() * ENTRY_SIZE);
+  return error == 0 && ftruncate(fd, size) != 0 ? errno : error;
+}
+
 int append_digests(int fd, const SavedDigests &digests) {
   const off_t end = lseek(fd, 0, SEEK_END);
   if (end < 0) {

@@ -1,4 +1,4 @@
-// Reads the library's digest files and appends to them. Never removes what the library saved.
+// Reads the library's digest files, appends to them and replaces them.
 #pragma once
 
 #include <sys/stat.h>
@@ -48,6 +48,9 @@ int lock_digest_file(const std::string &path, bool create);
 
 // The records of a file that `lock_digest_file` opened.
 std::optional<SavedDigests> read_locked_digests(int fd);
+
+// Replaces the content of a file that `lock_digest_file` opened. Returns 0 or an errno.
+int replace_digests(int fd, const SavedDigests &digests);
 
 // Appends the records and syncs them to storage. Returns 0, or an errno on failure, with the file
 // left as it was.

@@ -60,12 +60,14 @@ bool DigestKeeper::open(const std::string &state, const std::vector<std::string>
   const bool is_file_foreign = remove_foreign(path_);
   const bool is_kept_foreign = remove_foreign(kept_);
   recover();
-  SavedDigests digests = read_digests(path_).value_or(SavedDigests());
+  devices_.load(state + "/" + digest_file_name(roots).substr(0, 64) + ".devices");
+  SavedDigests digests = load(path_);
   if (!digests.empty()) {
     // Without hard links, only a killed scan loses what was saved.
     [[maybe_unused]] const int result = link(path_.c_str(), kept_.c_str());
   }
-  const SavedDigests wide = read_digests(wide_).value_or(SavedDigests());
+  const SavedDigests wide = load(wide_);
+  devices_.save();
   digests.insert(digests.end(), wide.begin(), wide.end());
   remember(std::move(digests));
   if (!library_uses_it) {
@@ -91,6 +93,19 @@ void DigestKeeper::recover() {
     unlink(kept_.c_str());
   }
   ::close(fd);
+}
+
+// Adjusts the file to the device numbers of today, before the library reads it.
+SavedDigests DigestKeeper::load(const std::string &path) const {
+  SavedDigests digests = read_digests(path).value_or(SavedDigests());
+  if (devices_.renumber(digests)) {
+    const int fd = lock_digest_file(path, false);
+    if (fd >= 0) {
+      replace_digests(fd, digests);
+      ::close(fd);
+    }
+  }
+  return digests;
 }
 
 void DigestKeeper::remember(SavedDigests digests) {
@@ -168,6 +183,7 @@ void DigestKeeper::add(const struct stat &status, const Digest &digest) {
 }
 
 bool DigestKeeper::close(bool looked_everywhere) {
+  devices_.save();
   if (saved_.empty() && fresh_.empty()) {
     return true;
   }

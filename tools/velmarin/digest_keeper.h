@@ -17,6 +17,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "device_numbers.h"
 #include "digest_file.h"
 #include "wide_inodes.h"
 
@@ -31,6 +32,9 @@ class DigestKeeper {
   // the digest file; otherwise the keeper does. Returns false if a digest file belonged to another
   // user: it is removed, since its content may be made up.
   bool open(const std::string &state, const std::vector<std::string> &roots, bool library_uses_it);
+
+  // Notes that the scan entered a directory on that device.
+  void note_device(dev_t device, const std::string &directory) { devices_.add(device, directory); }
 
   // Notes that the scan saw the file. Thread-safe.
   void note_seen(const struct stat &status);
@@ -69,6 +73,7 @@ class DigestKeeper {
   };
 
   void recover();
+  SavedDigests load(const std::string &path) const;
   void remember(SavedDigests digests);
   void add_fresh(const std::optional<SavedDigests> &digests, const WideInodes &inodes);
   void replace_fresh(const SavedDigest &digest);
@@ -78,10 +83,11 @@ class DigestKeeper {
   bool complete(int fd, bool looked_everywhere) const;
   bool restore() const;
 
-  std::string path_;         // of the digest file
-  std::string kept_;         // its second name
-  std::string wide_;         // the file of those with wide inode numbers
-  std::string runs_;         // the state directory of further runs
+  std::string path_;  // of the digest file
+  std::string kept_;  // its second name
+  std::string wide_;  // the file of those with wide inode numbers
+  std::string runs_;  // the state directory of further runs
+  DeviceNumbers devices_;
   SavedDigests saved_;       // from before the scan; sorted by file, one for each
   std::vector<Mark> marks_;  // one for each of `saved_`; written atomically by the scan's threads
   std::unordered_set<SavedDigest, FileHash, SameFile> fresh_;  // from further runs, or computed

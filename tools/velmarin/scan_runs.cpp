@@ -163,6 +163,7 @@ int ScanRuns::execute_run(VolumeWatch &watch, VolumeRun run) {
   add_findings(watch, run, std::move(collector.findings));
   plan_directories(run, watch.take_directories());
   plan_further_run(watch, run);
+  keeper_.note_device(run.device, run.roots.front());
   completed_.push_back(std::move(run));
   return error;
 }
