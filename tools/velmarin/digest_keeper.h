@@ -64,7 +64,9 @@ class DigestKeeper {
  private:
   enum class Mark : uint8_t { unseen, unchanged, changed };
   struct FileHash {
-    size_t operator()(const SavedDigest &saved) const { return saved.key ^ inode_of(saved); }
+    size_t operator()(const SavedDigest &saved) const {
+      return saved.key + (inode_of(saved) >> 32);
+    }
   };
   struct SameFile {
     bool operator()(const SavedDigest &left, const SavedDigest &right) const {
