@@ -6,7 +6,6 @@
 
 #include <cstring>
 #include <optional>
-#include <set>
 #include <sstream>
 
 namespace tool {
@@ -26,7 +25,7 @@ std::optional<Identity> identify(const std::string &directory) {
   Identity identity = {.device = static_cast<uint32_t>(status.st_dev)};
   static_assert(sizeof volume.f_fsid == sizeof identity.file_system);
   std::memcpy(&identity.file_system, &volume.f_fsid, sizeof identity.file_system);
-  return identity;
+  return identity.file_system == 0 ? std::nullopt : std::optional(identity);  // 0: it has none
 }
 
 // Empty if the file is missing or belongs to another user.
@@ -71,12 +70,14 @@ void DeviceNumbers::load(const std::string &path) {
         changed_.emplace(device, now->device);
       }
       entries_.insert_or_assign(now->device, std::move(entry));
+    } else if (now && now->device == device) {
+      replaced_.insert(device);
     }
   }
 }
 
 bool DeviceNumbers::renumber(SavedDigests &digests) const {
-  std::set<uint32_t> taken;
+  std::set<uint32_t> taken = replaced_;
   for (const auto &[before, now] : changed_) {
     taken.insert(now);
   }

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,7 @@ class DeviceNumbers {
 
   std::string path_;
   std::map<uint32_t, uint32_t> changed_;  // new number by old number
+  std::set<uint32_t> replaced_;           // numbers of file systems where others were before
   std::map<uint32_t, Entry> entries_;     // by current number
 };
 

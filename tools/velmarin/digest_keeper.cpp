@@ -95,13 +95,16 @@ void DigestKeeper::recover() {
   ::close(fd);
 }
 
-// Adjusts the file to the device numbers of today, before the library reads it.
+// Adjusts the file to the device numbers of today, before the library reads it. If that fails, the
+// file goes: its numbers may be those of other file systems now.
 SavedDigests DigestKeeper::load(const std::string &path) const {
   SavedDigests digests = read_digests(path).value_or(SavedDigests());
   if (devices_.renumber(digests)) {
     const int fd = lock_digest_file(path, false);
+    if (fd < 0 || replace_digests(fd, digests) != 0) {
+      unlink(path.c_str());
+    }
     if (fd >= 0) {
-      replace_digests(fd, digests);
       ::close(fd);
     }
   }

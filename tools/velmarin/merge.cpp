@@ -124,6 +124,7 @@ class ShareMerge {
   void run() {
     const int fd = open_source();
     if (fd < 0) {
+      refuse_rest();
       return;
     }
     for (const size_t index : share_.files) {
@@ -132,7 +133,9 @@ class ShareMerge {
         set_outcome(file, Outcome::source);
       } else if (has_copy_of(file, group_.files[source_])) {
         set_outcome(file, Outcome::already_shared);
-      } else if (file.outcome != Outcome::changed && file.state.obstacle == 0) {
+      } else if (file.state.obstacle != 0) {
+        refuse(file, file.state.obstacle);
+      } else if (file.outcome != Outcome::changed) {
         merge(index, fd);  // even if refused as the source: it may work as a target
       }
     }
@@ -140,6 +143,22 @@ class ShareMerge {
   }
 
  private:
+  static void refuse(FoundFile &file, int error) {
+    if (file.outcome == Outcome::not_tried) {
+      set_outcome(file, Outcome::refused, std::strerror(error));
+    }
+  }
+
+  // There is no source: says why the files that were not tried cannot be it.
+  void refuse_rest() {
+    for (const size_t index : share_.files) {
+      FoundFile &file = group_.files[index];
+      if (file.state.source_obstacle != 0 && !stop_requested()) {
+        refuse(file, file.state.source_obstacle);
+      }
+    }
+  }
+
   // Picks the first file that can be the source. The outcomes of those before it say why they
   // cannot.
   int open_source() {
@@ -340,7 +359,7 @@ void mark_obstacles(FoundGroup &group) {
   }
   for (FoundFile &file : group.files) {
     if (file.state.error == EOPNOTSUPP) {
-      set_outcome(file, Outcome::refused, "the overlay would copy it up");
+      set_outcome(file, Outcome::refused, "it is on an overlay, where a change may copy it up");
     }
   }
 }

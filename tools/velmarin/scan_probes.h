@@ -16,7 +16,7 @@ struct ProbeCounts {
   std::atomic<uint64_t> entries = 0;      // directories and files seen
   std::atomic<uint64_t> read = 0;         // files opened to be read in full
   std::atomic<uint64_t> unsupported = 0;  // files left out: their file system cannot deduplicate
-  std::atomic<uint64_t> on_overlay = 0;   // of these, files that merging would copy up
+  std::atomic<uint64_t> on_overlay = 0;   // of these, files that merging may copy up
   std::atomic<uint64_t> unknown = 0;      // files left out: their state could not be queried
   bool are_counted = false;  // an earlier run has counted the entries of this one; set before it
   std::atomic<uint64_t> seen_again = 0;  // files of such runs
