@@ -14,13 +14,12 @@ FILES = int(os.environ.get("VELMARIN_FILES", 5000))
 
 def fill_up(place):
     """Fills the file system until not even a small file fits."""
-    os.sync()
     for size in (1 << 20, 4096, 1):
         try:
             for number in range(1 << 20):
                 (place / f"fill{size}-{number}").write_bytes(os.urandom(size))
         except OSError:
-            os.sync()
+            pass
 
 
 class NoRoom(ToolCase):

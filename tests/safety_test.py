@@ -7,7 +7,7 @@ import shutil
 import struct
 import sys
 
-from support.script import DEADLINE, ToolCase, content, main, meanwhile
+from support.script import DEADLINE, ToolCase, content, main, meanwhile, run
 
 EXCHANGE = 2  # RENAME_EXCHANGE
 HERE = -100  # AT_FDCWD
@@ -64,7 +64,7 @@ class OutsideTheRoots(ToolCase):
         tree, outside = self.root / "tree", self.root / "outside"
         (tree / "link").symlink_to(outside)
         os.mkfifo(tree / "fifo")
-        os.sync()
+        run("sync", "-f", self.root)
         victims = list((outside / "e").iterdir())
         before = self.traces(outside), self.extents(victims)
         swaps = merged = 0

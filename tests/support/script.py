@@ -113,7 +113,8 @@ class ToolCase(TreeCase):
     def start(self, *arguments, before=(), **options):
         """Starts the tool in the root, with pipes that fill up after a few lines."""
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "pipesize": 4096}
-        variables = {"PATH": os.environ["PATH"], "HOME": str(self.directory), "TERM": "xterm"}
+        variables = {"PATH": os.environ["PATH"], "HOME": str(self.directory), "TERM": "xterm",
+                     "LD_PRELOAD": os.environ.get("VELMARIN_PRELOAD", "")}
         return subprocess.Popen([*before, TOOL, *arguments], cwd=self.root, bufsize=0,
                                 env=variables, **pipes | options)
 
