@@ -37,7 +37,7 @@ class ReportCase(ToolCase):
         """Groups of three files each, the larger the earlier they are named. Returns the report."""
         for number, name in enumerate(names):
             self.write_each(f"{name}/a {name}/b {name}/c", content(name, size - 4096 * number))
-        os.sync()
+        run("sync", "-f", self.root)
         return self.run_tool("scan", "--json", "--min-size", "1", ".")[0]
 
     def apply(self, text, *options, status=0):
@@ -187,11 +187,13 @@ class Merged(ReportCase):
             "other": (lambda c: c.write_bytes(b"other"), "changed", "changed since", True),
             "swapped": (lambda c: keep_times(c, lambda c: replace(c, write_equal_size)), "changed",
                         "changed since", True)}
-        text = self.make_groups(*rows, "way", size=60000)
+        text = self.make_groups(*rows, "way", "lone", size=60000)
         outside = self.root / "outside"
         run("cp", "-rp", self.root / "way", outside)
         for name, (change, *_) in rows.items():
             change(self.root / name / "c")
+        for twin in "bc":
+            keep_times(self.root / "lone" / twin, write_equal_size)
         (self.root / "way").rename(self.root / "aside")
         (self.root / "way").symlink_to("outside")
         before, identities = self.traces(), self.identities()
@@ -207,6 +209,7 @@ class Merged(ReportCase):
             self.assertEqual([looked[f"{name}/{twin}"] for twin in "abc"],
                              [None, None, outcome if is_noticed else None], name)
         self.assertEqual({outcomes[f"way/{twin}"] for twin in "abc"}, {"refused"})
+        self.assertEqual(self.run_tool("info", "lone/a")[0], "lone/a: a plain file\n")
         self.assertEqual((self.extents(outside.iterdir()), self.identities()), (places, identities))
 
 

@@ -15,6 +15,8 @@
 namespace tool {
 namespace {
 
+constexpr const char *RECORD = "user.velmarin.layer";
+
 // Returns 0 or an errno.
 int query(int fd, velmarin::sis_file_info &info) {
   return ioctl(fd, velmarin::SIS_IOC_GET_FILE_INFO, &info) < 0 ? errno : 0;
@@ -63,8 +65,12 @@ int64_t query_layer(const std::string &path) {
   return layer_number(query(path, info), info);
 }
 
+void drop_layer(int fd) {
+  fremovexattr(fd, RECORD);
+}
+
 void drop_layer(const std::string &path) {
-  removexattr(path.c_str(), "user.velmarin.layer");
+  removexattr(path.c_str(), RECORD);
 }
 
 std::string describe_layer(const std::string &path) {

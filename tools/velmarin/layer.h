@@ -11,6 +11,7 @@ int64_t query_layer(int fd);
 int64_t query_layer(const std::string &path);
 
 // Removes the record that attaches the file to a layered inode. Its data stays where it is.
+void drop_layer(int fd);
 void drop_layer(const std::string &path);
 
 // "; " and what the file's extents say, or that its file system cannot share data. Empty if they

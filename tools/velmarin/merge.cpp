@@ -10,6 +10,7 @@
 #include <system_error>
 #include <thread>
 
+#include "layer.h"
 #include "read_ahead.h"
 #include "refusal.h"
 #include "share_plan.h"
@@ -139,10 +140,21 @@ class ShareMerge {
         merge(index, fd);  // even if refused as the source: it may work as a target
       }
     }
+    drop_unused_layer(fd);
     close(fd);
   }
 
  private:
+  // Makes the source plain again if it was plain before and no other file was merged onto it.
+  void drop_unused_layer(int fd) const {
+    const bool is_used = std::any_of(share_.files.begin(), share_.files.end(), [&](size_t index) {
+      return group_.files[index].outcome == Outcome::merged;
+    });
+    if (group_.files[source_].state.layer == 0 && !is_used) {
+      drop_layer(fd);
+    }
+  }
+
   static void refuse(FoundFile &file, int error) {
     if (file.outcome == Outcome::not_tried) {
       set_outcome(file, Outcome::refused, std::strerror(error));
