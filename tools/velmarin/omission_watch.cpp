@@ -37,7 +37,7 @@ void OmissionWatch::note(std::string_view path, Cause cause, int error) {
 }
 
 void OmissionWatch::note_failed_open(const char *path, int flags, int error) {
-  if (active != nullptr && !active->ignores_opens_ && flags == WALK_FLAGS &&
+  if (active != nullptr && flags == WALK_FLAGS &&
       std::find(std::begin(EXPECTED), std::end(EXPECTED), error) == std::end(EXPECTED)) {
     active->take_failed_open(path, error);
   }
@@ -59,6 +59,9 @@ bool OmissionWatch::is_wanted(const struct stat &status, std::string_view path) 
 
 void OmissionWatch::take_failed_open(const char *path, int error) {
   struct stat status = {};
+  if (sees_again_ && omissions_.is_full()) {
+    return;
+  }
   if (lstat(path, &status) != 0) {
     omissions_.add(path, Cause::not_opened, error);  // its type is unknown
   } else if (is_wanted(status, path)) {

@@ -24,8 +24,9 @@ class OmissionWatch {
   OmissionWatch(const OmissionWatch &) = delete;
   OmissionWatch &operator=(const OmissionWatch &) = delete;
 
-  // For a further run, which sees the same entries again.
-  void ignore_opens() { ignores_opens_ = true; }
+  // Prepares a further run, which sees the same entries again. What is listed is not counted twice;
+  // once the list is full, it cannot be told and is not counted.
+  void see_again() { sees_again_ = true; }
 
   static void note(std::string_view path, Cause cause, int error);
 
@@ -44,7 +45,7 @@ class OmissionWatch {
   const EntryFilter &filter_;
   const std::vector<std::string> &skips_;
   const uint64_t min_size_;
-  bool ignores_opens_ = false;
+  bool sees_again_ = false;
 };
 
 }  // namespace tool

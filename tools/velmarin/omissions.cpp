@@ -108,6 +108,11 @@ std::array<uint64_t, CAUSES> Omissions::counts() const {
   return counts_;
 }
 
+bool Omissions::is_full() const {
+  const std::lock_guard guard(lock_);
+  return listed_.size() >= MAX_LISTED;
+}
+
 std::vector<Omission> Omissions::list() const {
   const std::lock_guard guard(lock_);
   std::vector<Omission> list;

@@ -47,6 +47,9 @@ class Omissions {
   // By cause.
   std::array<uint64_t, CAUSES> counts() const;
 
+  // Whether further paths are only counted.
+  bool is_full() const;
+
   // Sorted by path; at most `MAX_LISTED`.
   std::vector<Omission> list() const;
 

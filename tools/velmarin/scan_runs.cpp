@@ -29,11 +29,12 @@ std::vector<const char *> pointers(const std::vector<std::string> &texts) {
 
 // The library knows a skipped path by the low half of its inode number, which others may share. So
 // the probes skip what there is, and the library only says in its log which paths are of no use.
-std::vector<std::string> missing(const std::vector<std::string> &paths) {
+std::vector<std::string> useless_skips(const std::vector<std::string> &paths) {
   std::vector<std::string> list;
   std::copy_if(paths.begin(), paths.end(), std::back_inserter(list), [](const std::string &path) {
     struct stat status = {};
-    return lstat(path.c_str(), &status) != 0;
+    return lstat(path.c_str(), &status) != 0 ||
+           (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode));
   });
   return list;
 }
@@ -76,11 +77,11 @@ int ScanRuns::run() {
   watch.min_size = smallest_size();
   int error = execute_runs(watch, planned_);
   if (error == 0 && !further_.empty()) {
-    omission_watch.ignore_opens();
+    omission_watch.see_again();
     error = execute_runs(watch, further_);
   }
   if (error == 0 && (completed_.size() > 1 || !watch.collected.empty())) {
-    omission_watch.ignore_opens();
+    omission_watch.see_again();
     join_runs(watch);
   }
   kept_digests = keeper_.close(error == 0 && looked_everywhere());
@@ -178,7 +179,7 @@ void ScanRuns::plan_further_run(VolumeWatch &watch, const VolumeRun &run) {
 int ScanRuns::call_library(const VolumeRun &run, const std::string &state, Collector &collector) {
   const velmarin::sis_ops ops = counted_probes(Collector::receive, options_.apply);
   std::vector<const char *> roots = pointers(run.roots);
-  const std::vector<std::string> useless = missing(skips_);
+  const std::vector<std::string> useless = useless_skips(skips_);
   std::vector<const char *> skips = pointers(useless);
   const StoppableOpens opens;
   const int error = single_instance_storage(
