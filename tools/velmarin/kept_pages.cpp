@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysinfo.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,11 +19,9 @@ constexpr uint64_t PART_OF_MEMORY = 4;
 std::atomic<uint64_t> room = 0;
 
 uint64_t memory_bytes() {
-  const long pages = sysconf(_SC_PHYS_PAGES);
-  const long page_size = sysconf(_SC_PAGESIZE);
-  return pages > 0 && page_size > 0
-             ? static_cast<uint64_t>(pages) * static_cast<uint64_t>(page_size)
-             : 0;
+  struct sysinfo memory = {};
+  sysinfo(&memory);
+  return uint64_t{memory.totalram} * memory.mem_unit;
 }
 
 // Whether the file's pages may stay. If so, subtracts the file's size from the room.

@@ -1,8 +1,10 @@
 #include "share_plan.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
 #include <set>
+#include <tuple>
 
 namespace tool {
 namespace {
@@ -63,26 +65,14 @@ void compute_freed_bytes(std::vector<Copy> &copies, const std::vector<ExtentMap>
 // that would free the least space or, if equal, has the most files, and is attached to a layered
 // inode if possible.
 void sort_files(FoundGroup &group, Share &share, const std::vector<Copy> &copies) {
-  const auto is_better = [&](size_t left, size_t right) {
-    const FileState &a = group.files[left].state;
-    const FileState &b = group.files[right].state;
-    if ((a.source_obstacle == 0) != (b.source_obstacle == 0)) {
-      return a.source_obstacle == 0;
-    }
-    const Copy &x = copies[a.copy];
-    const Copy &y = copies[b.copy];
-    if (x.freed_bytes != y.freed_bytes) {
-      return x.freed_bytes < y.freed_bytes;
-    }
-    if (x.files.size() != y.files.size()) {
-      return x.files.size() > y.files.size();
-    }
-    if (x.is_layered != y.is_layered) {
-      return x.is_layered;
-    }
-    return a.copy != b.copy ? a.copy < b.copy : (a.layer != 0) > (b.layer != 0);
+  const auto rank = [&](size_t index) {
+    const FileState &state = group.files[index].state;
+    const Copy &copy = copies[state.copy];
+    return std::tuple(state.source_obstacle != 0, copy.freed_bytes, SIZE_MAX - copy.files.size(),
+                      !copy.is_layered, state.copy, state.layer == 0);
   };
-  std::stable_sort(share.files.begin(), share.files.end(), is_better);
+  std::stable_sort(share.files.begin(), share.files.end(),
+                   [&](size_t left, size_t right) { return rank(left) < rank(right); });
 }
 
 // Simulates merging all other copies.
