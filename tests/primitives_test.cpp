@@ -1,4 +1,4 @@
-// The basic helpers: the red-black tree and time text.
+// The basic helpers: the red-black tree, the list and time text.
 
 #include <gtest/gtest.h>
 
@@ -6,6 +6,7 @@
 #include <random>
 #include <set>
 
+#include "common/list.h"
 #include "common/log.h"
 #include "common/rbtree.h"
 
@@ -43,6 +44,24 @@ TEST(RedBlackTree, StaysSortedAndBalancedUnderRisingAndRandomInsertionsAndRemova
     }
     ASSERT_EQ(node, nullptr);
   }
+}
+
+TEST(List, IsLinkedBothWaysAfterAnotherIsAppended) {
+  list_head links[4], to, from;
+  list_init(&to);
+  list_init(&from);
+  list_append(&to, &links[0]);
+  list_append_all(&to, &from);
+  for (const int i : {1, 2, 3}) {
+    list_append(&from, &links[i]);
+  }
+  list_append_all(&to, &from);
+  EXPECT_TRUE(list_is_empty(&from));
+  for (int i = 0; i < 4; i++) {
+    EXPECT_EQ(to.next, &links[i]);
+    list_unlink(to.next);
+  }
+  EXPECT_TRUE(list_is_empty(&to) && to.prev == &to);
 }
 
 TEST(TimeText, ReportsWhatDidNotFitAndWritesNothingBeyondTheBuffer) {
