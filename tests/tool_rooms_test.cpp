@@ -14,8 +14,10 @@
 #include "display_name.h"
 #include "estimate.h"
 #include "glob.h"
+#include "merge.h"
 #include "mounts.h"
 #include "omissions.h"
+#include "progress_text.h"
 #include "scan_paths.h"
 #include "size_text.h"
 #include "stop_signal.h"
@@ -213,6 +215,34 @@ TEST(Estimate, StartsOnceThereIsEnoughToGoOnAndNeverJumps) {
   for (const auto &[name, runs, expected] : works) {
     EXPECT_EQ(estimates_of(runs), expected) << name;
   }
+}
+
+// Groups of five files of 1 MiB each: a source, two that can be merged onto it, one that cannot
+// change and one that shares the source's data.
+TEST(MergeText, TellsWhatIsDoneOfWhatIsToBeMergedAndHowFast) {
+  FoundGroup group = {std::vector<FoundFile>(5), std::vector<Share>(1)};
+  group.shares[0].files = {0, 1, 2, 3, 4};
+  for (size_t i = 0; i < group.files.size(); i++) {
+    group.files[i].state = {.allocated_bytes = 1 << 20, .copy = static_cast<uint32_t>(i % 4)};
+  }
+  group.files[3].state.obstacle = EROFS;
+  FoundGroup without_source = group;
+  without_source.files[0].state.source_obstacle = EROFS;
+  FoundGroup without_gain = group;
+  without_gain.shares[0].can_share = true;
+  MergeProgress progress;
+  Findings findings;
+  findings.groups = {without_source, group, without_gain};
+  plan_merge(findings, progress);
+  MergeText text(std::chrono::seconds(10), progress);
+  EXPECT_EQ(text.describe(std::chrono::milliseconds(10'900)),
+            "10.9 s  merging  0 of 2 files, 0 B of 2 MiB, 0 B freed");
+  progress.files_done = 1;
+  progress.bytes_done = 1 << 20;
+  progress.freed_bytes = 1000;
+  EXPECT_EQ(text.describe(std::chrono::seconds(14)),
+            "14.0 s  merging  1 of 2 files, 1 MiB of 2 MiB, 264.5 KiB/s, 1000 B freed, about 5 s "
+            "left");
 }
 
 TEST(ScanPaths, AreResolvedOnceAndTheStateDirectoryHasAPathOfAtMost4026Characters) {

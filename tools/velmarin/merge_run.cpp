@@ -28,8 +28,9 @@ void MergeRun::run(Report &report) {
 void MergeRun::merge(Report &report) {
   MergeProgress merging;
   plan_merge(report.findings, merging);
-  MergeText text(limit_, merging);
-  const auto progress = show_progress(shows_progress_, [&text] { return text.describe(); });
+  MergeText text(limit_.elapsed(), merging);
+  const auto progress =
+      show_progress(shows_progress_, [&] { return text.describe(limit_.elapsed()); });
   merge_all(report.findings, volumes_, log_, merging);
   report.stopped = stop_signalled();
   report.out_of_time =

@@ -41,11 +41,9 @@ std::string rate_text(const Rate &rate) {
 
 }  // namespace
 
-ScanText::ScanText(const TimeLimit &limit, const LogLines &log)
-    : limit_(limit), log_(log), read_before_(bytes_read()) {}
+ScanText::ScanText(const LogLines &log) : log_(log), read_before_(bytes_read()) {}
 
-std::string ScanText::describe() {
-  const auto elapsed = limit_.elapsed();
+std::string ScanText::describe(std::chrono::milliseconds elapsed) {
   const uint64_t bytes = bytes_read() - read_before_;
   rate_.note(elapsed, static_cast<double>(bytes));
   return format_duration(elapsed) + "  " + phase_word(log_.phase()) + "  " +
@@ -54,14 +52,10 @@ std::string ScanText::describe() {
          rate_text(rate_);
 }
 
-MergeText::MergeText(const TimeLimit &limit, const MergeProgress &merging)
-    : limit_(limit),
-      merging_(merging),
-      start_(limit.elapsed()),
-      estimate_({merging.bytes_to_do, merging.files_to_do}) {}
+MergeText::MergeText(std::chrono::milliseconds start, const MergeProgress &merging)
+    : merging_(merging), start_(start), estimate_({merging.bytes_to_do, merging.files_to_do}) {}
 
-std::string MergeText::describe() {
-  const auto elapsed = limit_.elapsed();
+std::string MergeText::describe(std::chrono::milliseconds elapsed) {
   const Estimate::Work done = {merging_.bytes_done, merging_.files_done};
   rate_.note(elapsed - start_, static_cast<double>(done.bytes));
   estimate_.note(elapsed - start_, done, merging_.bytes_in_hand);

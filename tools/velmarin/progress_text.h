@@ -1,10 +1,9 @@
-// The text of the progress line.
+// The text of the progress line. All times count from the start of the command.
 #pragma once
 
 #include "estimate.h"
 #include "log_lines.h"
 #include "merge.h"
-#include "time_limit.h"
 
 namespace tool {
 
@@ -12,24 +11,22 @@ namespace tool {
 // the total is unknown until the end.
 class ScanText {
  public:
-  ScanText(const TimeLimit &limit, const LogLines &log);
-  std::string describe();
+  explicit ScanText(const LogLines &log);
+  std::string describe(std::chrono::milliseconds elapsed);
 
  private:
-  const TimeLimit &limit_;
   const LogLines &log_;
   uint64_t read_before_;
   Rate rate_;
 };
 
-// For merging, starting when the object is created.
+// For merging.
 class MergeText {
  public:
-  MergeText(const TimeLimit &limit, const MergeProgress &merging);
-  std::string describe();
+  MergeText(std::chrono::milliseconds start, const MergeProgress &merging);
+  std::string describe(std::chrono::milliseconds elapsed);
 
  private:
-  const TimeLimit &limit_;
   const MergeProgress &merging_;
   const std::chrono::milliseconds start_;
   Rate rate_;

@@ -117,8 +117,9 @@ class ScanCommand {
   }
 
   int scan() {
-    ScanText text(limit_, log_);
-    const auto progress = show_progress(shows_progress_, [&text] { return text.describe(); });
+    ScanText text(log_);
+    const auto progress =
+        show_progress(shows_progress_, [&] { return text.describe(limit_.elapsed()); });
     const auto pages = options_.apply ? std::make_unique<KeptPages>() : nullptr;
     return runs_.run();
   }

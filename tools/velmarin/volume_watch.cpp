@@ -37,7 +37,6 @@ void VolumeWatch::begin_run(dev_t device) {
   device_ = device;
   devices_.insert(device);
   is_further_ = probe_counts.are_counted = false;
-  inodes.begin();
 }
 
 void VolumeWatch::begin_further_run(dev_t device, KeptBack expected, bool is_second) {

@@ -20,11 +20,6 @@ uint32_t upper_half(uint64_t inode) {
 
 }  // namespace
 
-void WideInodes::begin() {
-  begin_further({}, false);
-  is_further_ = false;
-}
-
 void WideInodes::begin_further(KeptBack expected, bool is_second) {
   is_further_ = true;
   is_second_ = is_second;

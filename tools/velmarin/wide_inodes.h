@@ -21,10 +21,8 @@ struct KeptBack {
 
 class WideInodes {
  public:
-  // Prepares the first run over a tree.
-  void begin();
-
-  // Prepares a further run. `is_second`: it takes any number that is too wide for the first.
+  // Prepares a further run. Call it after all first ones, which need no preparation. `is_second`:
+  // it takes any number that is too wide for the first.
   void begin_further(KeptBack expected, bool is_second);
 
   // Whether a further run has to enter the directory.
