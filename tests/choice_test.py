@@ -35,11 +35,12 @@ class Choice(ToolCase):
                              (directories, set(left_out.split())), options)
 
     def test_lists_come_from_files_and_standard_input(self):
-        (self.directory / "globs").write_text("# not this: *\n\nsrc\n.*\n\\#\nb*\n[ob]*")
+        (self.directory / "globs").write_text(
+            "\ufeffsrc\n# not this: *\r\n\r\n.*\r\n\\#\nb*\n[ob]*", encoding="utf-8")
         self.assertEqual(self.seen("--exclude-from", "../globs", "--exclude", "-dash"),
                          {"a.txt", "[odd]", "ünt"})
         names = self.directory / "roots"
-        names.write_bytes(b"src/x\n\nsrc/build.d\n")
+        names.write_bytes(b"\xef\xbb\xbfsrc/x\r\n\r\nsrc/build.d\n")
         self.assertEqual(self.seen("--roots-from", names, roots=[]),
                          {"src/x/y/main.c", "src/build.d/note"})
         self.write("two\nlines/file", content("same", 2000))

@@ -35,7 +35,7 @@ bool add_line(std::string_view line, std::vector<std::string> &arguments) {
 
 std::string add_file(const std::string &file, std::vector<std::string> &arguments) {
   std::vector<std::string> lines;
-  if (!read_list(file, '\n', lines)) {
+  if (!read_names(file, false, lines)) {
     return "cannot read the options in " + escaped_name(file);
   }
   for (const std::string &line : lines) {

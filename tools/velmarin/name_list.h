@@ -6,11 +6,17 @@
 
 namespace tool {
 
-// Appends the non-empty entries of a file, which end with `separator`; "-" means standard input.
-// Returns false on failure, after an error message.
-bool read_list(const std::string &file, char separator, std::vector<std::string> &entries);
+// Each of these reads a file, or standard input for "-", and appends what it holds. Returns false
+// on failure, after an error message.
 
-// The same for globs, one per line, without lines that begin with '#'.
+// All lines, also empty ones. They may end as Unix or Windows ends them, and a byte order mark
+// before the first is no part of it.
+bool read_lines(const std::string &file, std::vector<std::string> &lines);
+
+// Names that are not empty: lines, or entries that end with a NUL byte.
+bool read_names(const std::string &file, bool end_by_nul, std::vector<std::string> &names);
+
+// Globs: lines that are not empty and do not begin with '#'.
 bool read_globs(const std::string &file, std::vector<std::string> &globs);
 
 }  // namespace tool

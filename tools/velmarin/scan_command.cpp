@@ -96,8 +96,8 @@ class ScanCommand {
   bool determine_scope() {
     std::vector<std::string> roots = options_.roots;
     EntryFilterRules rules = options_.filter;
-    const char end = options_.ends_names_by_nul ? '\0' : '\n';
-    if (!options_.roots_from.empty() && !read_list(options_.roots_from, end, roots)) {
+    if (!options_.roots_from.empty() &&
+        !read_names(options_.roots_from, options_.ends_names_by_nul, roots)) {
       return false;
     }
     for (const std::string &file : options_.exclude_lists) {
