@@ -56,7 +56,7 @@ class Choice(ToolCase):
                 (2, "--max-size 9K .", "--max-size is below --min-size"),
                 (2, "--include src/ .",
                  "--include: matches only files; for everything below a directory, use 'src/**'"),
-                (2, "--exclude= .", "--exclude: an empty glob matches nothing")):
+                (2, "--exclude= .", "--exclude needs a value that is not empty")):
             output, errors = self.run_tool("scan", *command.split(), status=status)
             self.assertEqual((output, errors[:len(said) + 10]), ("", f"velmarin: {said}"))
 

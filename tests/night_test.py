@@ -62,17 +62,21 @@ class Configured(NightCase):
                  "", "two words/-x[1] two words/a two words/b"),
                 (f"root = {top}/other\r\nskip = {top}/other/left out\nexclude = -x*\nquiet",
                  "--max-depth 1", "other/a other/b"),
-                (f"root = {top}/other\nexclude = [ab]\nno-hidden = no",
+                (f"root = {top}/other\nexclude = [ab]\nmin-size = 1M",
                  "", "other/-x[1] other/left out/c")):
             config.write_text(lines, encoding="utf-8")
             group, = self.groups(self.scan(*words.split(), "--config", config, roots=[]))
             self.assertEqual(" ".join(group), seen, lines)
         for line, said in (
-                ("root = other", "'root = /DIRECTORY': root = other"),
-                ("min-size =", "invalid line in "), (f"config = {config}", "invalid line in "),
-                ("nonsense = 1", "unknown option '--nonsense=1'"), ("= 1", "invalid line in ")):
+                ("root = other", "2: expected .* 'root = /DIRECTORY', not 'root = other'"),
+                ("= 1", "2: expected "), ("min-size =", "2: 'min-size' needs a value"),
+                (f"html\nroot = {top}/other/a", "2: 'html' needs a value"),
+                ("no-hidden = no", "2: 'no-hidden' takes no value"),
+                ("\nskip = a\nidle\nskip = b\nstate = a\n#\nstate=b", "8: 'state' is given twice"),
+                *((f"{name} = 1", f"2: unknown option '{name}'")
+                  for name in ("config", "help", "x", "nonsense"))):
             config.write_text(f"root = {top}\n{line}")
-            self.check_runs((f"scan --config {config}", 2, said))
+            self.check_runs((f"scan --config {config}", 2, rf"\Avelmarin: {config}, line {said}"))
         config.unlink()
         self.check_runs((f"scan --config={config}", 2, "No such file"))
 

@@ -22,7 +22,11 @@ class CommandLine(ToolCase):
                 ("", "no command given"), ("foo .", "unknown command 'foo'"),
                 ("scan --nonsense .", "unknown option '--nonsense'"), ("scan", "ROOT is missing"),
                 ("copy a b c", "unexpected argument 'c'"),
-                ("scan . --state", "--state needs a value"),
+                *((words, "--state needs a value") for words in (
+                    "scan . --state", "scan --state -x .", "scan --state= .")),
+                ("scan --state a --state=a .", "--state is given twice"),
+                ("scan --json=true .", "--json takes no value"),
+                ("scan -q=5 .", "-q takes no value"), ("apply --foo", "unknown option '--foo'"),
                 ("scan --apply -n .", "--apply and --dry-run cannot be combined"),
                 ("scan --min-size 1.5 .", f"--min-size: '1.5' {size}"),
                 ("scan --max-depth 2048 .", f"--max-depth: '2048' {depth}"),

@@ -1,5 +1,6 @@
 #include "config_file.h"
 
+#include <set>
 #include <string_view>
 
 #include "display_name.h"
@@ -8,67 +9,102 @@
 namespace tool {
 namespace {
 
-constexpr std::string_view OPTION = "--config";
+constexpr const char *FORMAT = "expected 'OPTION', 'OPTION = VALUE' or 'root = /DIRECTORY', not ";
 
-std::string_view trimmed(std::string_view text) {
-  constexpr const char *BLANKS = " \t\r";
+std::string quoted(const std::string &text) {
+  return "'" + escaped_name(text) + "'";
+}
+
+std::string trimmed(std::string_view text) {
+  constexpr const char *BLANKS = " \t";
   const size_t begin = text.find_first_not_of(BLANKS);
   return begin == std::string_view::npos
-             ? std::string_view()
-             : text.substr(begin, text.find_last_not_of(BLANKS) - begin + 1);
+             ? std::string()
+             : std::string(text.substr(begin, text.find_last_not_of(BLANKS) - begin + 1));
 }
 
-// Appends the argument that the line stands for. Returns false if the line is invalid.
-bool add_line(std::string_view line, std::vector<std::string> &arguments) {
+// What the line stands for.
+Argument read_line(const std::string &line, const OptionKinds &kind_of) {
   const size_t sign = line.find('=');
-  const bool has_value = sign != std::string_view::npos;
-  const std::string name(trimmed(line.substr(0, sign)));
-  const std::string value(has_value ? trimmed(line.substr(sign + 1)) : "");
-  if (name == "root") {
-    arguments.push_back(value);
-    return value.starts_with('/');
+  const bool has_sign = sign != std::string::npos;
+  const std::string name = trimmed(line.substr(0, sign));
+  const std::string value = has_sign ? trimmed(line.substr(sign + 1)) : "";
+  if (name == "root" && value.starts_with('/')) {
+    return {{}, value};
   }
-  arguments.push_back("--" + name + (has_value ? "=" + value : ""));
-  return !name.empty() && !name.starts_with('-') && "--" + name != OPTION &&
-         has_value == !value.empty();
+  if (name.empty() || name.starts_with('-') || name == "root") {
+    throw UsageError(FORMAT + quoted(line));
+  }
+  const std::string option = "--" + name;
+  const OptionKind kind = kind_of(option);
+  if (kind == OptionKind::unknown || option == CONFIG || name == "help" || name == "version") {
+    throw UsageError("unknown option " + quoted(name));
+  }
+  if (kind == OptionKind::flag ? has_sign : value.empty()) {
+    throw UsageError(quoted(name) +
+                     (has_sign && !value.empty() ? " takes no value" : " needs a value"));
+  }
+  return {option, value};
 }
 
-std::string add_file(const std::string &file, std::vector<std::string> &arguments) {
-  std::vector<std::string> lines;
-  if (!read_names(file, false, lines)) {
-    return "cannot read the options in " + escaped_name(file);
-  }
-  for (const std::string &line : lines) {
-    const std::string_view text = trimmed(line);
-    if (!text.empty() && !text.starts_with('#') && !add_line(text, arguments)) {
-      return "invalid line in " + escaped_name(file) +
-             ", expected 'OPTION', 'OPTION = VALUE' or 'root = /DIRECTORY': " +
-             escaped_name(std::string(text));
+class ConfigFiles {
+ public:
+  ConfigFiles(const std::vector<Argument> &arguments, const OptionKinds &kind_of)
+      : kind_of_(kind_of) {
+    for (const Argument &argument : arguments) {
+      on_command_line_.insert(argument.option);
     }
   }
-  return {};
-}
+
+  void add(const std::string &file, std::vector<Argument> &arguments) {
+    std::vector<std::string> lines;
+    if (!read_lines(file, lines)) {
+      throw UsageError("cannot read the options in " + quoted(file));
+    }
+    for (size_t i = 0; i < lines.size(); ++i) {
+      try {
+        add_line(trimmed(lines[i]), arguments);
+      } catch (const UsageError &error) {
+        throw UsageError(escaped_name(file) + ", line " + std::to_string(i + 1) + ": " +
+                         error.what());
+      }
+    }
+  }
+
+ private:
+  void add_line(const std::string &line, std::vector<Argument> &arguments) {
+    if (line.empty() || line.starts_with('#')) {
+      return;
+    }
+    const Argument argument = read_line(line, kind_of_);
+    const bool is_single = kind_of_(argument.option) == OptionKind::value;
+    if (is_single && !in_files_.insert(argument.option).second) {
+      throw UsageError(quoted(argument.option.substr(2)) + " is given twice");
+    }
+    if (!is_single || !on_command_line_.contains(argument.option)) {
+      arguments.push_back(argument);
+    }
+  }
+
+  const OptionKinds &kind_of_;
+  std::set<std::string> on_command_line_;
+  std::set<std::string> in_files_;  // options with one value
+};
 
 }  // namespace
 
-std::string expand_config(std::vector<std::string> &arguments) {
-  std::vector<std::string> expanded;
-  std::string wrong;
-  size_t i = 0;
-  for (; i < arguments.size() && arguments[i] != "--" && wrong.empty(); ++i) {
-    const std::string &argument = arguments[i];
-    if (argument == OPTION && i + 1 < arguments.size()) {
-      wrong = add_file(arguments[++i], expanded);
-    } else if (argument.starts_with(std::string(OPTION) + "=")) {
-      wrong = add_file(argument.substr(OPTION.size() + 1), expanded);
+std::vector<Argument> expand_config(const std::vector<Argument> &arguments,
+                                    const OptionKinds &kind_of) {
+  ConfigFiles files(arguments, kind_of);
+  std::vector<Argument> expanded;
+  for (const Argument &argument : arguments) {
+    if (argument.option == CONFIG) {
+      files.add(argument.value, expanded);
     } else {
       expanded.push_back(argument);
     }
   }
-  expanded.insert(expanded.end(), arguments.begin() + static_cast<std::ptrdiff_t>(i),
-                  arguments.end());
-  arguments = std::move(expanded);
-  return wrong;
+  return expanded;
 }
 
 }  // namespace tool

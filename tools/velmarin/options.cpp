@@ -7,6 +7,7 @@
 #include <optional>
 #include <string_view>
 
+#include "arguments.h"
 #include "config_file.h"
 #include "display_name.h"
 #include "exit_status.h"
@@ -23,66 +24,19 @@ constexpr const char *DURATION_FORMAT =
     "a time such as 90, 5m or 1h30m (units: d, h, m, s; at most 365d)";
 constexpr const char *EXCLUDE = "--exclude";
 constexpr const char *INCLUDE = "--include";
-constexpr const char *GLOB_MARK = ":";
 constexpr const char *VERSION = "velmarin " VELMARIN_VERSION;
-
-// The value of a glob option may begin with any character, so it gets a mark, which `unmark_globs`
-// removes. Returns whether the argument has such a value.
-bool mark_glob(const std::vector<std::string> &before, std::string &argument) {
-  for (const std::string option : {EXCLUDE, INCLUDE}) {
-    if (!before.empty() && before.back() == option) {
-      argument.insert(0, GLOB_MARK);
-      return true;
-    }
-    if (argument.starts_with(option + "=")) {
-      argument.insert(option.size() + 1, GLOB_MARK);
-      return true;
-    }
-  }
-  return false;
-}
-
-// The parser splits names in brackets and gives some other characters a meaning. No option starts
-// with these, so an argument that does is a name, and so is everything after "--".
-std::vector<std::string> plain_arguments(const std::vector<std::string> &given) {
-  std::vector<std::string> arguments;
-  bool only_names = false;
-  for (std::string argument : given) {
-    const bool is_glob = !only_names && mark_glob(arguments, argument);
-    if (argument == "--" && !only_names) {
-      only_names = true;
-      continue;
-    }
-    const char first = argument.empty() ? '\0' : argument.front();
-    const bool is_special = first == '[' || first == '{' || first == '%';
-    const bool is_dashed_name = only_names && first == '-';
-    arguments.push_back(!is_glob && (is_special || is_dashed_name) ? "./" + argument : argument);
-  }
-  return arguments;
-}
-
-std::string glob_error(const std::string &marked) {
-  return marked.size() < 2 ? "an empty glob matches nothing" : "";
-}
 
 std::string include_error(const std::string &marked) {
   return marked.ends_with('/') ? "matches only files; for everything below a directory, use '" +
                                      escaped_name(marked.substr(1)) + "**'"
-                               : glob_error(marked);
-}
-
-void unmark_globs(std::vector<std::string> &globs) {
-  for (std::string &glob : globs) {
-    glob.erase(0, 1);
-  }
+                               : "";
 }
 
 void add_filter_options(CLI::App *command, ScanOptions &scan) {
   command
       ->add_option(EXCLUDE, scan.filter.excludes, "Leave out entries that match (may be repeated)")
       ->type_name("GLOB")
-      ->allow_extra_args(false)
-      ->check(CLI::Validator(glob_error, ""));
+      ->allow_extra_args(false);
   command->add_option(INCLUDE, scan.filter.includes, "Leave out files that match none of these")
       ->type_name("GLOB")
       ->allow_extra_args(false)
@@ -138,8 +92,8 @@ void add_scan_limits(CLI::App *command, ScanOptions &scan) {
             "Do not read directories N or more levels below a root");
   command->add_flag("-x,--one-file-system", scan.one_file_system,
                     "Stay on the file systems of the roots");
-  // Only for the help text: `apply_config` has already replaced it with the file's options.
-  command->add_option("--config", "Read options and roots from this file")->type_name("FILE");
+  // Only for the help text: `expand_config` has already replaced it with the file's options.
+  command->add_option(CONFIG, "Read options and roots from this file")->type_name("FILE");
   command->add_flag("--idle", scan.idle, "Run at idle disk and processor priority");
   add_time_budget(command, scan.time_budget);
 }
@@ -239,14 +193,35 @@ void check_scan(ScanOptions &scan) {
   }
 }
 
-// Returns false, after an error message, if a file has invalid options.
-bool apply_config(std::vector<std::string> &given) {
-  const bool is_scan = !given.empty() && given.front() == "scan";
-  const std::string wrong = is_scan ? expand_config(given) : "";
-  if (!wrong.empty()) {
-    print_error(wrong);
+OptionKind kind_of(const CLI::App &command, const std::string &name) {
+  const CLI::Option *const option =
+      name.starts_with('-') ? command.get_option_no_throw(name) : nullptr;
+  if (option == nullptr) {
+    return OptionKind::unknown;
   }
-  return wrong.empty();
+  if (name == EXCLUDE || name == INCLUDE) {
+    return OptionKind::globs;
+  }
+  const int most = option->get_items_expected_max();
+  return most == 0 ? OptionKind::flag : most == 1 ? OptionKind::value : OptionKind::values;
+}
+
+// Returns the arguments in the form and the order that the parser expects.
+std::vector<std::string> prepare(const CLI::App &app, std::vector<std::string> words) {
+  const auto commands = app.get_subcommands([&words](const CLI::App *command) {
+    return !words.empty() && command->get_name() == words.front();
+  });
+  if (!commands.empty()) {
+    const OptionKinds kinds = [&commands](const std::string &option) {
+      return kind_of(*commands.front(), option);
+    };
+    const std::string name = words.front();
+    words.erase(words.begin());
+    words = words_of(expand_config(read_arguments(words, kinds, CONFIG), kinds), kinds);
+    words.insert(words.begin(), name);
+  }
+  std::reverse(words.begin(), words.end());
+  return words;
 }
 
 // Describes a usage error when no command was recognised.
@@ -259,18 +234,25 @@ std::string describe_command(int argc, char **argv) {
 }
 
 std::string describe(const CLI::App &app, const CLI::ParseError &error) {
-  std::string text = error.what();
-  if (dynamic_cast<const CLI::ArgumentMismatch *>(&error) != nullptr) {
-    return text.substr(0, text.find(':')) + " needs a value";
+  const std::string text = error.what();
+  const auto extras = app.remaining(true);
+  const std::string extra = extras.empty() ? "" : escaped_name(extras.front());
+  if (extra.starts_with('-')) {
+    return "unknown option '" + extra + "'";
   }
   if (dynamic_cast<const CLI::RequiredError *>(&error) != nullptr) {
     return text.substr(0, text.find(' ')) + " is missing";
   }
-  if (dynamic_cast<const CLI::ExtrasError *>(&error) == nullptr) {
-    return text;
-  }
-  const std::string extra = escaped_name(app.remaining(true).front());
-  return (extra.starts_with('-') ? "unknown option '" : "unexpected argument '") + extra + "'";
+  const bool is_extra = dynamic_cast<const CLI::ExtrasError *>(&error) != nullptr;
+  return is_extra ? "unexpected argument '" + extra + "'" : text;
+}
+
+// Prints what is wrong with the use of a command, which is empty if there is none. Returns the exit
+// status.
+int report_usage(const std::string &command, const std::string &wrong) {
+  print_error(wrong);
+  std::fprintf(stderr, "Try 'velmarin%s%s --help'.\n", command.empty() ? "" : " ", command.c_str());
+  return BAD_USAGE;
 }
 
 // Prints help, the version or the error. Returns the exit status.
@@ -279,10 +261,8 @@ int report(const CLI::App &app, int argc, char **argv, const CLI::ParseError &er
     return app.exit(error);
   }
   const auto commands = app.get_subcommands();
-  const std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
-  print_error(command.empty() ? describe_command(argc, argv) : describe(app, error));
-  std::fprintf(stderr, "Try 'velmarin%s --help'.\n", command.c_str());
-  return BAD_USAGE;
+  return commands.empty() ? report_usage("", describe_command(argc, argv))
+                          : report_usage(commands.front()->get_name(), describe(app, error));
 }
 
 }  // namespace
@@ -291,15 +271,8 @@ CommandLine parse_command_line(int argc, char **argv) {
   CommandLine line;
   CLI::App app("Finds files with identical content and has the file system keep one copy.");
   define(app, line);
-  std::vector<std::string> given(argv + 1, argv + argc);
-  if (!apply_config(given)) {
-    line.exit_status = BAD_USAGE;
-    return line;
-  }
-  std::vector<std::string> arguments = plain_arguments(given);
-  std::reverse(arguments.begin(), arguments.end());  // the order that the parser expects
   try {
-    app.parse(std::move(arguments));
+    app.parse(prepare(app, {argv + 1, argv + argc}));
     line.command = app.get_subcommands().front()->get_name();
     if (line.command == "scan") {
       check_scan(line.scan);
@@ -307,6 +280,8 @@ CommandLine parse_command_line(int argc, char **argv) {
   } catch (const CLI::ParseError &error) {
     line.command.clear();
     line.exit_status = report(app, argc, argv, error);
+  } catch (const UsageError &error) {
+    line.exit_status = report_usage(argv[1], error.what());
   }
   return line;
 }
