@@ -1,7 +1,9 @@
 """Compares the space that the tool reports with what the file system reports after a sync."""
 
+import fcntl
 import os
 import shutil
+import struct
 import subprocess
 import sys
 from pathlib import Path
@@ -11,6 +13,7 @@ from support.script import ToolCase, content, main, run
 MIB = 1 << 20
 SIZE = 6 * MIB
 ALLOWED = 0.06  # relative error of a figure
+FICLONERANGE = 0x4020940D
 
 
 class SpaceCase(ToolCase):
@@ -51,12 +54,16 @@ class SpaceCase(ToolCase):
         self.pieces("holes", 0, 20 * MIB)
         self.copies("zeros", bytes(SIZE), 2)
         os.truncate(self.write("zeros/hole", b""), SIZE)
-        self.clones("partly", content("partly", SIZE), 2)
+        for name in "partly", "cut", "repeated":
+            self.clones(name, content(name, SIZE), 2)
         run("sync", "-f", self.root)
         for number in range(2):
             with open(self.root / f"partly/{number}", "r+b") as file:
                 file.seek(MIB)
                 file.write(content("own", 2 * MIB))
+            os.truncate(self.root / f"cut/{number}", MIB)
+            with open(self.root / f"repeated/{number}", "r+b") as file:
+                fcntl.ioctl(file, FICLONERANGE, struct.pack("qQQQ", file.fileno(), 0, SIZE, SIZE))
         self.pieces("reserved", 0, 2 * MIB, reserve=("-l", SIZE))
         self.pieces("reserved beyond", 0, reserve=("-n", "-l", SIZE))
 
@@ -84,6 +91,8 @@ class SpaceCase(ToolCase):
             self.assertEqual(outcomes - {"source"}, set(outcome.split(", ")), name)
         total = sum(freed for freed, _, _ in expected.values())
         self.assertAlmostEqual(gained, total, delta=max(MIB, ALLOWED * total))
+        for name, (figures, _) in self.summary(promised, "saved_bytes").items():
+            self.assertIn(SAVED.get(name, figures[0]), figures, name)
         left = self.scan("--skip", self.root / "old")
         self.assertEqual((left["reclaimable_bytes"], left["uncertain_bytes"]), (0, 0))
         return promised
@@ -91,7 +100,9 @@ class SpaceCase(ToolCase):
 
 COMMON = {"plain": (2 * SIZE, 0, "merged"), "clones": (0, 0, "shared"),
           "holes": (4 * MIB, 0, "merged"), "zeros": (2 * SIZE, 0, "merged"),
-          "partly": (2 * MIB, 0, "merged")}
+          "partly": (2 * MIB, 0, "merged"), "cut": (0, 0, "shared"),
+          "repeated": (0, 0, "shared")}
+SAVED = {"clones": 2 * SIZE, "partly": SIZE - 2 * MIB, "cut": MIB, "repeated": 3 * SIZE}
 
 
 class Xfs(SpaceCase):

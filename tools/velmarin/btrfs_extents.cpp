@@ -48,7 +48,13 @@ void add_extent(const char *item, uint32_t length, uint64_t offset,
   }
   std::memcpy(&extent, item, sizeof extent);
   if (extent.type != BTRFS_FILE_EXTENT_INLINE && extent.disk_bytenr != 0) {
-    extents.push_back({offset, extent.num_bytes, extent.disk_bytenr, extent.disk_num_bytes});
+    extents.push_back({.offset = offset,
+                       .length = extent.num_bytes,
+                       .disk_begin = extent.disk_bytenr,
+                       .disk_bytes = extent.disk_num_bytes,
+                       .full_bytes = extent.compression != 0 ? uint64_t{extent.ram_bytes}
+                                                             : uint64_t{extent.disk_num_bytes},
+                       .skipped = extent.offset});
   }
 }
 

@@ -17,6 +17,8 @@ struct FileExtent {
   uint64_t length = 0;
   uint64_t disk_begin = 0;
   uint64_t disk_bytes = 0;  // after any compression
+  uint64_t full_bytes = 0;  // before it
+  uint64_t skipped = 0;     // of these, before the part
 };
 
 // An inode in a subvolume.

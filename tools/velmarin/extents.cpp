@@ -96,6 +96,7 @@ void add_extent(ExtentMap &map, fiemap_extent extent, uint64_t end, uint64_t blo
   const fiemap_extent rest = cut_at(extent, end);
   if (!is_compressed && extent.fe_length > 0) {
     map.held.push_back(plain_range(extent, false));
+    map.used.push_back({extent.fe_physical, extent.fe_physical + extent.fe_length});
   }
   if (!is_compressed && rest.fe_length > 0) {
     map.held.push_back(plain_range(rest, true));
@@ -153,6 +154,25 @@ std::vector<HeldRange> whole_extents(const std::vector<btrfs::FileExtent> &file,
   return held;
 }
 
+// The blocks of what the file uses of an extent; of a compressed one, a proportionate part.
+DiskRange used_part(const btrfs::FileExtent &extent, uint64_t end) {
+  const uint64_t length = std::min(extent.length, end - std::min(end, extent.offset));
+  const auto address = [&](uint64_t position) {
+    return extent.disk_begin +
+           position * extent.disk_bytes / std::max<uint64_t>(extent.full_bytes, 1);
+  };
+  return {address(extent.skipped), address(extent.skipped + length)};
+}
+
+std::vector<DiskRange> used_parts(const std::vector<btrfs::FileExtent> &file, uint64_t end) {
+  std::vector<DiskRange> parts;
+  parts.reserve(file.size());
+  for (const btrfs::FileExtent &extent : file) {
+    parts.push_back(used_part(extent, end));
+  }
+  return parts;
+}
+
 }  // namespace
 
 bool has_inline_data(int fd) {
@@ -181,6 +201,7 @@ ExtentMap read_extents(int fd, uint64_t inode, uint64_t size, const Volume &volu
   if (!map.held.empty()) {
     if (const auto file = btrfs::file_extents(fd, *map.inode)) {
       map.held = whole_extents(*file, extents, end);
+      map.used = used_parts(*file, end);
     } else {
       add_overwritten(map.data, map.held);
     }

@@ -30,6 +30,13 @@ struct HeldRange {
   bool is_beyond_end = false;  // the file still refers to it after merging
 };
 
+// A range on disk.
+struct DiskRange {
+  uint64_t begin = 0;
+  uint64_t end = 0;
+  auto operator<=>(const DiskRange &) const = default;  // NOLINT(modernize-use-nullptr)
+};
+
 struct ExtentMap {
   bool is_known = false;      // if false, the file system did not answer and the rest is invalid
   bool is_inline = false;     // the data is stored in the metadata
@@ -38,6 +45,7 @@ struct ExtentMap {
   std::vector<MappedData> data;
   std::vector<MappedData> reserved;  // allocated but unwritten, up to the end of the file
   std::vector<HeldRange> held;
+  std::vector<DiskRange> used;  // what a copy of the file would need, without data of unknown size
   std::optional<btrfs::Inode> inode;  // on Btrfs
 };
 

@@ -113,6 +113,22 @@ uint64_t unmerged_bytes(const FoundGroup &group, const Share &share) {
   return bytes;
 }
 
+// The additional space that separate copies would occupy: every use of a block but the first.
+uint64_t saved_bytes(const std::vector<ExtentMap> &maps) {
+  std::vector<DiskRange> uses;
+  for (const ExtentMap &map : maps) {
+    uses.insert(uses.end(), map.used.begin(), map.used.end());
+  }
+  std::sort(uses.begin(), uses.end());
+  uint64_t bytes = 0;
+  uint64_t end = 0;  // of the uses so far
+  for (const DiskRange &use : uses) {
+    bytes += std::min(end, use.end) - std::min(end, use.begin);
+    end = std::max(end, use.end);
+  }
+  return bytes;
+}
+
 // Drops what files hold that merging cannot change: they count like files elsewhere. Returns
 // whether there are such files.
 bool release_unchangeable(const FoundGroup &group, const Share &share,
@@ -154,7 +170,7 @@ void plan_share(FoundGroup &group, Share &share, std::vector<ExtentMap> maps,
   std::vector<Copy> copies = copies_of(group, share, maps);
   if (share.can_share) {
     SpaceAccount account = account_of(volume, maps);
-    share.saved_bytes = account.shared_bytes();
+    share.saved_bytes = saved_bytes(maps);
     if (release_unchangeable(group, share, maps)) {
       account = account_of(volume, maps);
     }

@@ -121,14 +121,4 @@ void SpaceAccount::add_common_unwritten(const ExtentMap &map, const ExtentMap &s
   }
 }
 
-uint64_t SpaceAccount::shared_bytes() const {
-  uint64_t bytes = 0;
-  for (const auto &[address, segment] : segments_) {
-    if (segment.references > 1 && segment.is_size_known && !segment.is_perhaps) {
-      bytes += (segment.references - 1) * segment.bytes;
-    }
-  }
-  return bytes;
-}
-
 }  // namespace tool

@@ -31,9 +31,6 @@ class SpaceAccount {
   // The space to which the files no longer refer.
   const Space &freed() const { return freed_; }
 
-  // The additional space that separate copies would occupy.
-  uint64_t shared_bytes() const;
-
  private:
   // Keyed by the first address; segments do not overlap.
   struct Segment {
