@@ -43,7 +43,7 @@ unsigned take_unit(std::string_view &text) {
     return 0;
   }
   text.remove_prefix(1);
-  if (text == "iB" || text == "ib") {
+  if (text.size() == 2 && (text[0] & ~0x20) == 'I' && (text[1] & ~0x20) == 'B') {
     text.remove_prefix(2);
   }
   return 10 * (static_cast<unsigned>(index) + 1);
