@@ -1,6 +1,7 @@
 """Which entries a scan examines, by the tool's options."""
 
 import os
+import subprocess
 import sys
 
 from support.script import ToolCase, content, main, meanwhile
@@ -51,13 +52,15 @@ class Choice(ToolCase):
                              {"two\nlines/file", "src/main.c", "src/x/y/main.c"})  # a root is in
         for status, command, said in (
                 (1, "--roots-from /dev/null", "nothing to scan: no directories are listed in /"),
+                (1, "--roots-from -", "nothing to scan: no directories are listed on standard input"),
                 (1, "--exclude-from . .", "cannot read .: Is a directory"),
                 (2, "--exclude-from - --roots-from -", "standard input can be read only once"),
                 (2, "--max-size 9K .", "--max-size is below --min-size"),
                 (2, "--include src/ .",
                  "--include: matches only files; for everything below a directory, use 'src/**'"),
                 (2, "--exclude= .", "--exclude needs a value that is not empty")):
-            output, errors = self.run_tool("scan", *command.split(), status=status)
+            output, errors = self.run_tool("scan", *command.split(), status=status,
+                                           stdin=subprocess.DEVNULL)
             self.assertEqual((output, errors[:len(said) + 10]), ("", f"velmarin: {said}"))
 
 

@@ -39,7 +39,10 @@ class CommandLine(ToolCase):
     def test_unusable_arguments_end_with_1_before_anything_is_done(self):
         self.write("file", b"data")
         self.check_runs(*((command, 1, r"\Avelmarin: ") for command in (
-            "scan --apply missing", "scan . file", "scan --html missing/page .", "info missing")))
+            "scan --apply missing", "scan . file", "scan --html missing/page .", "info missing",
+            "history --state missing", "history --state file")))
+        for command, name in (("info", "velmarin: ''"), ("scan", "root ''"), ("apply", "report ''")):
+            self.assertIn(f"{name}: No such file", self.run_tool(command, "", status=1)[1])
         for command in ("scan .", "scan --json .", "info ."):
             with open("/dev/full", "wb") as full:
                 self.run_tool(*command.split(), stdout=full, status=1)
@@ -160,6 +163,8 @@ class Files(ToolCase):
         self.write_each("a b c")
         os.link(self.write("other", content("other")), self.root / "link")
         os.mkfifo(self.root / "pipe")
+        comm, unmarkable = "/proc/self/comm", "this file system cannot mark files"
+        elsewhere = ": they are on different file systems"
         self.check_runs(
             ("info a missing b", 1, "a: a plain file", "missing: No such", "b: a plain file"),
             ("dedup a b", 0, " the data of a"),
@@ -179,7 +184,11 @@ class Files(ToolCase):
             ("info . pipe", 1, r"\.: is a directory", "pipe: is not a regular file"),
             ("copy . d", 1, r"\.: is a directory"), ("dedup a .", 1, r"\.: is a directory"),
             ("group a", 1, "a: a group needs at least two files"),
-            ("group other link", 1, "link: same file as other"))
+            ("group other link", 1, "link: same file as other"),
+            *((f"{command} {comm}", 1, rf"{comm}: (cannot be revoked: )?{unmarkable}\n\Z")
+              for command in ("info", "freeze", "flags", "revoke", "recover")),
+            (f"group a {comm}", 1, f"comm: cannot be examined: {unmarkable}\n", elsewhere),
+            (f"dedup a {comm}", 1, elsewhere), (f"copy {comm} d", 1, elsewhere))
         for name, variant in (("a", "same"), ("new", "same"), ("other", "other")):
             self.assertEqual((self.root / name).read_bytes(), content(variant))
 

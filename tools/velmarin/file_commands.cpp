@@ -42,8 +42,15 @@ void print_result(const std::string &file, const std::string &text) {
 // Prints an error message and returns false, the result of a failed command.
 bool fail(const std::string &file, const std::string &reason) {
   std::fflush(stdout);
-  std::fprintf(stderr, "velmarin: %s: %s\n", escaped_name(file).c_str(), reason.c_str());
+  print_error(named(file) + ": " + reason);
   return false;
+}
+
+// The errno in a line of the log, 0 if there is none.
+int logged_error(const std::string &message) {
+  constexpr std::string_view MARK = "errno = ";
+  const size_t found = message.rfind(MARK);
+  return found == std::string::npos ? 0 : std::atoi(message.c_str() + found + MARK.size());
 }
 
 // Why a call that returned only -1 failed. The call opens the file for reading and writing, so this
@@ -55,6 +62,9 @@ std::string failure_reason(const std::string &file, const LogLines &log) {
   }
   close(fd);
   const std::string message = log.last_message();
+  if (const int error = logged_error(message); error > 0) {
+    return describe_error(error);
+  }
   return message.empty() ? "the call failed" : escaped_name(message);
 }
 
@@ -139,6 +149,9 @@ std::string recovery_failure_reason(const std::string &file, int error) {
     const std::string removed = removed_file_reason(file);
     return removed.empty() ? std::strerror(error) : removed;
   }
+  if (query_layer(file) == -EOPNOTSUPP) {
+    return describe_error(EOPNOTSUPP);
+  }
   const std::string directory = std::filesystem::path(resolved).parent_path();
   const int fd = open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
   const int open_error = fd < 0 ? errno : 0;
@@ -152,7 +165,7 @@ std::string recovery_failure_reason(const std::string &file, int error) {
     return std::strerror(error);
   }
   return "cannot create a temporary file in " + escaped_name(directory) + ": " +
-         std::strerror(is_elsewhere ? EXDEV : open_error);
+         (is_elsewhere ? "it is on another file system" : std::strerror(open_error));
 }
 
 // After a refusal: makes the first file plain again if it was plain before and no other file was
@@ -310,7 +323,7 @@ bool copy(const Files &files, LogLines &) {
     return true;
   }
   const bool is_left = !existed && lstat(target.c_str(), &status) == 0;
-  return fail(target, "cannot copy " + escaped_name(source) + ": " + std::strerror(error) +
+  return fail(target, "cannot copy " + escaped_name(source) + ": " + describe_error(error) +
                           (is_left ? "; the new file remains, empty" : ""));
 }
 
@@ -356,7 +369,7 @@ bool flags(const Files &files, LogLines &log) {
   return for_each(files, log, [&](const std::string &file) {
     const int word = getCoincideFlagImpl(file.c_str());
     if (word < 0) {
-      return fail(file, word == -1 ? failure_reason(file, log) : std::strerror(-word));
+      return fail(file, word == -1 ? failure_reason(file, log) : describe_error(-word));
     }
     const bool is_frozen = (static_cast<unsigned>(word) & velmarin::SIS_FLAG_COINCIDE) != 0;
     char text[48];

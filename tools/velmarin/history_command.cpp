@@ -1,10 +1,15 @@
 #include "history_command.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "display_name.h"
 #include "history.h"
+#include "message.h"
 #include "scan_paths.h"
 #include "size_text.h"
 
@@ -58,10 +63,24 @@ void print_objects(const std::vector<HistoryEntry> &entries) {
   std::printf("%s]\n}\n", entries.empty() ? "" : "\n  ");
 }
 
+// Prints an error message if not. The default directory may be missing: there was no run yet.
+bool is_directory(const std::string &state) {
+  struct stat status = {};
+  const int error = stat(state.c_str(), &status) != 0 ? errno : 0;
+  if (error == 0 && S_ISDIR(status.st_mode)) {
+    return true;
+  }
+  print_error("cannot use the state directory", state, std::strerror(error == 0 ? ENOTDIR : error));
+  return false;
+}
+
 }  // namespace
 
 bool run_history(const HistoryOptions &options) {
   const std::string state = state_directory(options.state);
+  if (!options.state.empty() && !is_directory(state)) {
+    return false;
+  }
   const auto entries = read_history(state);
   if (!entries) {
     return false;

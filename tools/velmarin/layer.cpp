@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 
+#include "refusal.h"
 #include "sharing.h"
 #include "velmarin/control_codes.h"
 #include "volume.h"
@@ -76,7 +76,7 @@ void drop_layer(const std::string &path) {
 std::string describe_layer(const std::string &path) {
   velmarin::sis_file_info info = {};
   if (const int error = query(path, info); error != 0) {
-    return std::string("cannot be examined: ") + std::strerror(error);
+    return "cannot be examined: " + describe_error(error);
   }
   if (!is_attached(info)) {
     return "a plain file" + sharing_remark(path, false);

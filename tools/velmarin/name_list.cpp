@@ -45,7 +45,7 @@ bool read_all(const std::string &file, char separator, std::vector<std::string> 
       file == "-" ? stdin : std::fopen(file.c_str(), "re"));
   const int error = stream == nullptr ? errno : read_entries(stream.get(), separator, entries);
   if (error != 0) {
-    print_error("cannot read", file, std::strerror(error));
+    print_error("cannot read", file == "-" ? "standard input" : file, std::strerror(error));
   }
   return error == 0;
 }

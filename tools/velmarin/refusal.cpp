@@ -31,7 +31,10 @@ std::string describe_error(int error) {
     case EBADE:
       return "contents differ";
     case EOPNOTSUPP:
+    case ENOTTY:
       return "this file system cannot mark files";
+    case EXDEV:
+      return "they are on different file systems";
     default:
       return std::strerror(error);
   }

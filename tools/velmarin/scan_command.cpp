@@ -106,7 +106,9 @@ class ScanCommand {
       }
     }
     if (roots.empty()) {
-      print_error("nothing to scan: no directories are listed in", options_.roots_from);
+      const bool is_input = options_.roots_from == "-";
+      print_error("nothing to scan: no directories are listed " +
+                  (is_input ? "on standard input" : "in " + named(options_.roots_from)));
       return false;
     }
     if (!resolve_roots(roots, report_.roots)) {
