@@ -179,11 +179,11 @@ class Merged(ReportCase):
         rows = {  # what is done to c, what apply says of it, and whether a look notices
             "behind": (lambda c: keep_times(c, write_equal_size), "refused", ".+", False),
             "fifo": (lambda c: replace(c, os.mkfifo), "changed", "changed since", True),
-            "gone": (os.remove, "refused", "No such file", True),
+            "gone": (os.remove, "changed", "removed since", True),
             "grown": (lambda c: os.truncate(c, 70000), "changed", "changed since", True),
             "later": (os.utime, "changed", "changed since", True),
-            "link": (lambda c: replace(c, lambda path: path.symlink_to("a")), "refused",
-                     "symbolic link", True),
+            "link": (lambda c: replace(c, lambda path: path.symlink_to("a")), "changed",
+                     "^replaced by a symbolic link", True),
             "other": (lambda c: c.write_bytes(b"other"), "changed", "changed since", True),
             "swapped": (lambda c: keep_times(c, lambda c: replace(c, write_equal_size)), "changed",
                         "changed since", True)}
@@ -208,7 +208,8 @@ class Merged(ReportCase):
             self.assertRegex(reasons[f"{name}/c"], reason, name)
             self.assertEqual([looked[f"{name}/{twin}"] for twin in "abc"],
                              [None, None, outcome if is_noticed else None], name)
-        self.assertEqual({outcomes[f"way/{twin}"] for twin in "abc"}, {"refused"})
+        self.assertEqual({(outcomes[f"way/{twin}"], reasons[f"way/{twin}"]) for twin in "abc"},
+                         {("changed", "a directory of its path was replaced by a symbolic link")})
         self.assertEqual(self.run_tool("info", "lone/a")[0], "lone/a: a plain file\n")
         self.assertEqual((self.extents(outside.iterdir()), self.identities()), (places, identities))
 

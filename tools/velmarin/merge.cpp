@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -26,6 +27,25 @@ constexpr const char *CHANGED = "changed since the scan";
 void set_outcome(FoundFile &file, Outcome outcome, std::string reason = {}) {
   file.outcome = outcome;
   file.reason = std::move(reason);
+}
+
+// The scan saw a path without symbolic links.
+std::string describe_link(const std::string &path) {
+  std::error_code error;
+  return std::filesystem::is_symlink(path, error)
+             ? "replaced by a symbolic link"
+             : "a directory of its path was replaced by a symbolic link";
+}
+
+// For a file that merging could not open or use.
+void set_refused(FoundFile &file, int error, std::string reason) {
+  if (error == ENOENT || error == ENOTDIR) {
+    set_outcome(file, Outcome::changed, "removed since the scan");
+  } else if (error == ELOOP) {
+    set_outcome(file, Outcome::changed, describe_link(file.path));
+  } else {
+    set_outcome(file, Outcome::refused, std::move(reason));
+  }
 }
 
 bool has_copy_of(const FoundFile &file, const FoundFile &source) {
@@ -79,7 +99,7 @@ int open_as_source(FoundFile &file, LogLines &log) {
     const int access = file.state.obstacle == 0 ? O_RDWR : O_RDONLY;
     const int fd = open(file.path.c_str(), access | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
-      set_outcome(file, Outcome::refused, std::strerror(errno));
+      set_refused(file, errno, std::strerror(errno));
     }
     return fd;
   }
@@ -224,7 +244,7 @@ class ShareMerge {
     }
     const int error = dedup_file(file.path.c_str(), source_fd);
     if (error != 0) {
-      set_outcome(file, Outcome::refused,
+      set_refused(file, error,
                   describe_sharing_error(group_.files[source_].path, file.path, error));
       return;
     }
@@ -386,7 +406,7 @@ void mark_unusable(FoundGroup &group) {
     if (file.state.error == ECANCELED) {
       set_outcome(file, Outcome::not_tried);
     } else if (file.state.error != 0) {
-      set_outcome(file, Outcome::refused, std::strerror(file.state.error));
+      set_refused(file, file.state.error, std::strerror(file.state.error));
     } else if (!file.state.unchanged) {
       set_outcome(file, Outcome::changed, CHANGED);
     } else if (file.state.is_inline) {
