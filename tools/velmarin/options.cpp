@@ -113,7 +113,8 @@ void add_scan(CLI::App &app, ScanOptions &scan) {
   command->add_flag("--json", scan.json, "Print one JSON object");
   command->add_option("--html", scan.html, "Also write the findings to an HTML page")
       ->type_name("FILE");
-  command->add_flag("-v,--verbose", scan.verbose, "Show the library's log on standard error");
+  command->add_flag("-v,--verbose", scan.verbose,
+                    "Show the library's log, then what was left out, on standard error");
   command->add_flag("-q,--quiet", scan.quiet, "Show no progress and no remarks");
   command->add_flag("--no-color", scan.no_color, "No colours");
   command->add_option("ROOT", scan.roots, "Directory to scan")->type_name("");
