@@ -254,5 +254,24 @@ class Disturbed(ReportCase):
                               "41/b": "source", "42/b": "changed"}.items(), outcomes.items())
         self.assertEqual((self.root / "41/a").read_bytes(), b"something else")
 
+    def test_groups_that_a_run_had_no_time_to_examine_are_said_to_be_so(self):
+        (self.directory / "report").write_text(self.make_groups("a", "b", "c"))
+        flags = (r'"stopped": {},\n  "out_of_time": {},(.|\n)*"unexamined_groups": 2,(.|\n)*' +
+                 2 * r'"uncertain_bytes":0,"saved_bytes":0,"examined":false,(.|\n)*' +
+                 r'"not_tried":6,')
+        for command, stop, status, *expected in (
+                ("--time-budget 1", 0, 0, r"\A3 .* can be freed\n(.*\n){4}"
+                 r"(3 files .*, not examined\n(.*\n){4}){2}Summary\n(.*\n){3}  left alone .*, 6 not "
+                 r"examined\n +2 of 3 groups not .*\n.*\n  time .*, the time budget was used up\n"),
+                ("--time-budget 1 --json", 0, 0, flags.format("false", "true")),
+                ("--json", signal.SIGTERM, 4, flags.format("true", "false"), "stopped early: ")):
+            hold = self.catch(self.root / "a/a")
+            with self.start("apply", "-n", *command.split(), "../report") as process:
+                hold(1, lambda: process.send_signal(stop))
+                said = "".join(map(os.fsdecode, process.communicate(timeout=DEADLINE)))
+            self.assertEqual(process.returncode, status, said)
+            for text in expected:
+                self.assertRegex(said, text)
+
 
 main(sys.argv[1:-1])

@@ -1,15 +1,18 @@
 """Shared by the test scripts: trees of files, and runs of the tool in them."""
 
 import contextlib
+import ctypes
 import json
 import os
 import random
 import re
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
 import threading
+import time
 import unittest
 from pathlib import Path
 
@@ -144,6 +147,22 @@ class ToolCase(TreeCase):
             process.communicate(timeout=DEADLINE)
             output.seek(0)
             return process.returncode, json.load(output)
+
+    def catch(self, path):
+        """Makes programs that open the file wait. Returns a function that waits for one of them,
+        acts, and lets them go on after some seconds."""
+        libc = ctypes.CDLL(None)
+        watch = libc.fanotify_init(4, 0)  # asks for a decision
+        event = ctypes.c_uint64(0x10000)  # before opening
+        self.assertEqual(libc.fanotify_mark(watch, 1, event, -100, bytes(path)), 0)
+
+        def hold(seconds, act=lambda: None):
+            os.close(struct.unpack_from("IIQi", os.read(watch, 4096))[3])
+            act()
+            time.sleep(seconds)
+            os.close(watch)
+
+        return hold
 
     def become_nobody(self):
         """Returns the command prefix that runs the tool as a user who owns none of the files."""

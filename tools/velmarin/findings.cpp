@@ -1,6 +1,7 @@
 #include "findings.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "stop_signal.h"
 
@@ -47,6 +48,10 @@ auto sum(const Range &range, Measure measure) {
 
 }  // namespace
 
+bool FoundGroup::is_examined() const {
+  return files.front().state.error != ECANCELED;
+}
+
 uint64_t FoundGroup::unmerged_bytes() const {
   return sum(shares, [](const Share &share) { return share.unmerged_bytes; });
 }
@@ -86,6 +91,10 @@ bool Findings::is_unsharable() const {
 
 uint64_t Findings::grouped_files() const {
   return sum(groups, [](const FoundGroup &group) { return group.files.size(); });
+}
+
+uint64_t Findings::unexamined_groups() const {
+  return sum(groups, [](const FoundGroup &group) { return uint64_t{!group.is_examined()}; });
 }
 
 uint64_t Findings::unmerged_bytes() const {

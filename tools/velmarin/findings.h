@@ -80,6 +80,7 @@ struct FoundGroup {
   std::vector<Share> shares;     // one for each file system
 
   uint64_t size() const { return files.front().size; }
+  bool is_examined() const;  // false: the figures below are 0 and say nothing
   uint64_t unmerged_bytes() const;
   uint64_t unsharable_bytes() const;  // the part of `unmerged_bytes` where no data can be shared
   uint64_t saved_bytes() const;
@@ -115,6 +116,7 @@ struct Findings {
   uint64_t mark_bytes = 0;  // of metadata, taken by the marks that the scan set
 
   uint64_t grouped_files() const;
+  uint64_t unexamined_groups() const;
   uint64_t unmerged_bytes() const;
   uint64_t unsharable_bytes() const;
   uint64_t saved_bytes() const;

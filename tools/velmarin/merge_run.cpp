@@ -18,23 +18,29 @@ void MergeRun::run(Report &report) {
     survey(report.findings, volumes_, report.applied || !report.is_scan);
   }
   if (report.applied) {
-    merge(report);
+    merge(report.findings);
   } else {
     std::for_each(report.findings.groups.begin(), report.findings.groups.end(),
                   report.is_scan ? mark_obstacles : mark_unusable);
   }
+  note_end(report);
 }
 
-void MergeRun::merge(Report &report) {
+void MergeRun::merge(Findings &findings) {
   MergeProgress merging;
-  plan_merge(report.findings, merging);
+  plan_merge(findings, merging);
   MergeText text(limit_.elapsed(), merging);
   const auto progress =
       show_progress(shows_progress_, [&] { return text.describe(limit_.elapsed()); });
-  merge_all(report.findings, volumes_, log_, merging);
-  report.stopped = stop_signalled();
-  report.out_of_time =
-      report.out_of_time || (limit_.is_over() && count_outcomes(report.findings).not_tried > 0);
+  merge_all(findings, volumes_, log_, merging);
+}
+
+// A signal or the end of the time that left nothing undone does not count.
+void MergeRun::note_end(Report &report) const {
+  const bool is_undone = report.findings.unexamined_groups() > 0 ||
+                         (report.applied && count_outcomes(report.findings).not_tried > 0);
+  report.stopped |= is_undone && stop_signalled();
+  report.out_of_time |= is_undone && limit_.is_over();
 }
 
 }  // namespace tool

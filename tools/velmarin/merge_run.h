@@ -15,11 +15,12 @@ class MergeRun {
       : limit_(limit), log_(log), shows_progress_(shows_progress) {}
 
   // Surveys the report's findings and merges them if it is `applied`. Otherwise marks those of an
-  // earlier scan that can no longer be merged. Notes whether merging ended early, and why.
+  // earlier scan that can no longer be merged. Notes whether this ended early, and why.
   void run(Report &report);
 
  private:
-  void merge(Report &report);
+  void merge(Findings &findings);
+  void note_end(Report &report) const;
 
   const TimeLimit &limit_;
   LogLines &log_;

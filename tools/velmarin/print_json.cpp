@@ -52,6 +52,9 @@ Json json_group(const FoundGroup &group, bool applied) {
   object["reclaimable_bytes"] = group.reclaimable().certain;
   object["uncertain_bytes"] = group.reclaimable().uncertain;
   object["saved_bytes"] = group.saved_bytes();
+  if (!group.is_examined()) {
+    object["examined"] = false;
+  }
   if (applied) {
     object["freed_bytes"] = group.freed().certain;
     object["freed_uncertain_bytes"] = group.freed().uncertain;
@@ -175,6 +178,7 @@ void print_json(const Report &report, std::FILE *out) {
   object.print("reclaimable_bytes", findings.reclaimable().certain);
   object.print("uncertain_bytes", findings.reclaimable().uncertain);
   object.print("saved_bytes", findings.saved_bytes());
+  object.print("unexamined_groups", findings.unexamined_groups());
   object.print_array("groups", findings.groups,
                      [&](const FoundGroup &group) { return json_group(group, report.applied); });
   object.print_array("compressed", findings.compressed, json_compressed);

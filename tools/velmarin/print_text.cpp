@@ -46,6 +46,9 @@ class TextPrinter {
 
   // ", 8 MiB freed", ", 8 MiB can be freed, up to 4 MiB more", ...
   std::string gain(const FoundGroup &group) const {
+    if (!group.is_examined()) {
+      return ", not examined";
+    }
     const Space space = report_.applied ? group.freed() : group.reclaimable();
     const char *const verb = report_.applied ? " freed" : " can be freed";
     const std::string more = "up to " + format_size(space.uncertain);
@@ -142,9 +145,11 @@ class TextPrinter {
   // What can no longer be merged of an earlier scan's findings.
   void print_left_alone() const {
     const MergeCounts counts = count_outcomes(report_.findings);
-    if (counts.changed + counts.refused > 0) {
+    if (counts.changed + counts.refused + counts.not_tried > 0) {
+      const std::string unexamined = std::to_string(counts.not_tried) + " not examined";
       print_row("left alone", std::to_string(counts.changed) + " changed since the scan, " +
-                                  std::to_string(counts.refused) + " refused");
+                                  std::to_string(counts.refused) + " refused" +
+                                  (counts.not_tried > 0 ? ", " + unexamined : ""));
     }
   }
 

@@ -91,6 +91,12 @@ const char *file_word(const FoundFile &file) {
 std::vector<std::string> space_remarks(const Report &report) {
   std::vector<std::string> remarks;
   const Findings &findings = report.findings;
+  const uint64_t unexamined = findings.unexamined_groups();
+  if (unexamined > 0) {
+    remarks.push_back(std::to_string(unexamined) + " of " +
+                      format_count(findings.groups.size(), "group") +
+                      " not examined: more may be freed");
+  }
   if (report.applied && findings.freed().uncertain > 0) {
     remarks.push_back("up to " + format_size(findings.freed().uncertain) +
                       " more, now or once no snapshot or other file holds it");
@@ -99,7 +105,7 @@ std::vector<std::string> space_remarks(const Report &report) {
     remarks.push_back("up to " + format_size(findings.reclaimable().uncertain) +
                       " more, depending on snapshots, other files and compression");
   }
-  if (findings.is_unsharable()) {
+  if (findings.is_unsharable() && unexamined == 0) {
     remarks.push_back("the file system of these files cannot share data: nothing can be freed");
   } else if (findings.unsharable_bytes() > 0) {
     remarks.push_back(format_size(findings.unsharable_bytes()) +

@@ -219,9 +219,9 @@ class GracePeriod {
 };
 
 // The sort key of a group.
-std::array<uint64_t, 3> sort_key(const FoundGroup &group) {
+std::array<uint64_t, 4> sort_key(const FoundGroup &group) {
   const Space space = group.reclaimable();
-  return {space.certain, space.uncertain, group.unmerged_bytes()};
+  return {space.certain, space.uncertain, group.unmerged_bytes(), group.is_examined()};
 }
 
 }  // namespace

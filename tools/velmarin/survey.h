@@ -12,7 +12,7 @@ namespace tool {
 // group. Opens nothing for writing. Sorts groups by what merging frees, and files by path. Queries
 // the layered inode of a plain file only before merging, when another program may have merged it
 // since. After a requested stop this takes only a moment: the remaining files get the error
-// ECANCELED.
+// ECANCELED, and their groups come last.
 void survey(Findings &findings, Volumes &volumes, bool before_merging);
 
 // Whether the file is still a regular file with the inode, size and modification time that the scan
