@@ -96,7 +96,7 @@ class OwnData(ToolCase):
         self.assertIn("shared", "".join(before))
         elsewhere = self.directory / "elsewhere"
         elsewhere.mkdir()
-        said = f"cannot create a temporary file in {elsewhere}: (Inv|Op)"
+        said = f"cannot create a temporary file in {elsewhere}: (it is on another file system|Op)"
         for kind in ("tmpfs", "mqueue"):  # the second cannot create temporary files
             self.mount(kind, elsewhere, "rw")
             (elsewhere / "file").touch()
