@@ -59,7 +59,7 @@ class ConfigFiles {
   void add(const std::string &file, std::vector<Argument> &arguments) {
     std::vector<std::string> lines;
     if (!read_lines(file, lines)) {
-      throw UsageError("cannot read the options in " + quoted(file));
+      throw UsageError("cannot read the options in " + escaped_name(file));
     }
     for (size_t i = 0; i < lines.size(); ++i) {
       try {
