@@ -1,6 +1,8 @@
 // The small modules of the command-line tool: names and sizes as text, globs, what was
 // left out, the time left, paths, signals.
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -16,6 +18,7 @@
 #include "glob.h"
 #include "merge.h"
 #include "mounts.h"
+#include "omission_watch.h"
 #include "omissions.h"
 #include "progress_text.h"
 #include "scan_paths.h"
@@ -117,6 +120,25 @@ TEST(Omissions, TellsThePathCauseAndErrorFromALineKeepsSomeAndCountsAll) {
   }
   EXPECT_EQ(omissions.list().size(), Omissions::MAX_LISTED);
   EXPECT_EQ(omissions.counts(), (std::array<uint64_t, CAUSES>{1, 1, 0, 3, 0, 10000}));
+}
+
+TEST(Omissions, IncludeADirectoryThatCannotBeReadToItsEnd) {
+  const temporary_tree tree("file=x");
+  Omissions omissions;
+  const EntryFilter none;
+  const OmissionWatch watch(omissions, none, {}, 1);
+  DIR *const stream = opendir(tree.path("").c_str());
+  const int fd = open(tree.path("file").c_str(), O_RDONLY);
+  for (errno = EAGAIN; readdir(stream) != nullptr;) {}
+  EXPECT_EQ(errno, EAGAIN);
+  dup2(fd, dirfd(stream));
+  EXPECT_EQ(readdir(stream), nullptr);
+  EXPECT_EQ(errno, ENOTDIR);
+  closedir(stream);
+  close(fd);
+  ASSERT_EQ(omissions.list().size(), 1U);
+  EXPECT_EQ(describe(omissions.list()[0]),
+            tree.path("file") + ": directory not read, Not a directory");
 }
 
 // Each word is "TEXT=VALUE", with '-' for a text that is refused.
