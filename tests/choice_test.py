@@ -83,10 +83,8 @@ class LeftOut(ToolCase):
         self.assertEqual(report["error_counts"], {"directory not read": 1, "not opened": 3,
                                                   "not marked": 0, "not read": 0,
                                                   "state unknown": 0, "changed": 0})
-        denied = [f"{self.root}/{name}: {cause}, Permission denied" for name, cause
-                  in [("a", "not marked"), ("b", "not marked"), *left_out]]
-        counts = ["1 directory could not be read", "3 files could not be opened",
-                  "2 files could not be marked"]
+        denied = [f"{self.root}/{name}: {cause}, Permission denied" for name, cause in left_out]
+        counts = ["1 directory could not be read", "3 files could not be opened"]
         for option, lines in (("-v", [f"left out: {line}" for line in denied]),
                               ("-x", [f"{', '.join(counts)}; the first: {denied[0]}"])):
             output, errors = self.run_tool(
@@ -94,7 +92,9 @@ class LeftOut(ToolCase):
                 "closed/..", before=nobody, status=4)
             self.assertIn("".join(f"\n                   {count}" for count in counts), output)
             self.assertEqual([line for line in errors.splitlines() if line.startswith("velmarin:")],
-                             [f"velmarin: {line}" for line in lines])
+                             [f"velmarin: {line}" for line in
+                              [*lines, "2 files not merged: 2 refused"]])
+            self.assertEqual(output.count(" (Permission denied)\n"), 2)
 
     def test_a_file_that_changes_while_it_is_read_is_named(self):
         self.write_each("a b", content("same", 30_000_000))

@@ -144,6 +144,17 @@ class Apply(ToolCase):
             resident = run("fincore", "--bytes", "--noheadings", "--output", "RES", *paths)
             self.assertEqual(sum(map(int, resident.split())), kept)
 
+    def test_files_that_cannot_change_are_a_source_if_merged_before_and_hold_up_nothing(self):
+        self.mount_image("btrfs", "256M")
+        merged = self.write_each("a b")
+        self.run_tool("dedup", "a", "b")
+        run("chattr", "+i", *merged)
+        for new, status, outcomes in (("c", 0, ["source", "shared", "merged"]),
+                                      ("d", 4, ["shared", "shared", "shared", "refused"])):
+            run("chattr", "+i" if new == "d" else "-i", *self.write_each(new))
+            report = self.scan("--apply", status=status)
+            self.assertEqual([*self.outcomes(report).values()], outcomes)
+
     def test_a_refused_file_does_not_hold_up_its_group(self):
         paths = self.write_each("a b c", Path(shutil.which("sleep")).read_bytes())
         paths[0].chmod(0o755)

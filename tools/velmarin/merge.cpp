@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <mutex>
+#include <set>
 #include <system_error>
 #include <thread>
 
@@ -52,10 +53,16 @@ bool has_copy_of(const FoundFile &file, const FoundFile &source) {
   return file.state.copy == source.state.copy;
 }
 
+// Whether the files that merging can change all have one copy.
 bool is_one_copy(const FoundGroup &group, const Share &share) {
-  const FoundFile &source = group.files[share.files.front()];
-  return std::all_of(share.files.begin(), share.files.end(),
-                     [&](size_t index) { return has_copy_of(group.files[index], source); });
+  std::set<uint32_t> copies;
+  for (const size_t index : share.files) {
+    const FileState &state = group.files[index].state;
+    if (state.obstacle == 0) {
+      copies.insert(state.copy);
+    }
+  }
+  return copies.size() <= 1;
 }
 
 bool is_to_be_merged(const FoundFile &file, const FoundFile &source) {

@@ -99,12 +99,18 @@ int compare_status(int fd, const char *path) {
 // Whether the file that this thread reads was left without a mark.
 thread_local bool is_unmarked = false;
 
+// Merging cannot change the file, but if it was merged before, it can be the source for others.
+bool is_unchangeable(int error) {
+  return error == EPERM || error == EACCES || error == EROFS;
+}
+
 int noted_freeze(int fd, const char *path) {
   is_unmarked = is_stored_inline(fd);
+  const int error = is_unmarked ? 0 : mark_file(fd, path);
+  is_unmarked = is_unmarked || is_unchangeable(error);
   if (is_unmarked) {
     return note_status(fd, path);
   }
-  const int error = mark_file(fd, path);
   if (error != 0) {
     OmissionWatch::note(path, error == EAGAIN ? Cause::changed : Cause::not_marked, error);
   }
