@@ -121,8 +121,9 @@ Json figures(const Report &report) {
     list.push_back(size_of_kind(STUCK, findings.unsharable_bytes()));
   }
   if (report.applied) {
-    list.push_back(count(findings.is_unsharable() ? "files recorded" : "files merged",
-                         count_outcomes(findings).merged));
+    const MergeCounts counts = count_outcomes(findings);
+    list.push_back(findings.is_unsharable() ? count("files recorded", counts.recorded)
+                                            : count("files merged", counts.merged));
   }
   list.push_back(count("groups", findings.groups.size()));
   list.push_back(count("identical files", findings.grouped_files()));
@@ -204,6 +205,10 @@ Json space_rows(const Report &report) {
     const MergeCounts counts = count_outcomes(report.findings);
     rows.push_back(count("merged", counts.merged));
     rows.push_back(count("shared before", counts.already_shared));
+    if (counts.recorded + counts.already_recorded > 0) {
+      rows.push_back(count("recorded as identical", counts.recorded));
+      rows.push_back(count("recorded before", counts.already_recorded));
+    }
     rows.push_back(count("no gain", counts.no_gain));
     rows.push_back(count("changed since the scan", counts.changed));
     rows.push_back(count("refused", counts.refused));

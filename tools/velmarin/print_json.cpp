@@ -92,6 +92,8 @@ Json json_merged(const Findings &findings) {
   const MergeCounts counts = count_outcomes(findings);
   return {{"files", counts.merged},
           {"already_shared", counts.already_shared},
+          {"recorded", counts.recorded},
+          {"already_recorded", counts.already_recorded},
           {"no_gain", counts.no_gain},
           {"changed", counts.changed},
           {"refused", counts.refused},

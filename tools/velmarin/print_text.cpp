@@ -156,9 +156,12 @@ class TextPrinter {
   void print_merged() const {
     const MergeCounts counts = count_outcomes(report_.findings);
     const bool is_unsharable = report_.findings.is_unsharable();
-    std::string text = format_count(counts.merged, "file") + ", " +
-                       std::to_string(counts.already_shared) +
-                       (is_unsharable ? " already recorded" : " already shared");
+    const std::string recorded = format_count(counts.recorded, "file") + ", " +
+                                 std::to_string(counts.already_recorded) + " already recorded";
+    std::string text = is_unsharable
+                           ? recorded
+                           : format_count(counts.merged, "file") + ", " +
+                                 std::to_string(counts.already_shared) + " already shared";
     const auto append = [&text](uint64_t count, const char *what) {
       text += count > 0 ? ", " + std::to_string(count) + what : "";
     };
@@ -167,6 +170,9 @@ class TextPrinter {
     append(counts.refused, " refused");
     append(counts.not_tried, " not tried");
     print_row(is_unsharable ? "recorded" : "merged", text);
+    if (!is_unsharable && counts.recorded + counts.already_recorded > 0) {
+      print_row("recorded", recorded);
+    }
     print_row("freed", format_size(report_.findings.freed().certain));
   }
 

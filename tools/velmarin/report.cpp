@@ -25,8 +25,10 @@ MergeCounts count_outcomes(const Findings &findings) {
   MergeCounts counts;
   for (const FoundGroup &group : findings.groups) {
     for (const FoundFile &file : group.files) {
-      counts.merged += file.outcome == Outcome::merged;
-      counts.already_shared += file.outcome == Outcome::already_shared;
+      const bool can_share = file.state.can_share;
+      (can_share ? counts.merged : counts.recorded) += file.outcome == Outcome::merged;
+      (can_share ? counts.already_shared : counts.already_recorded) +=
+          file.outcome == Outcome::already_shared;
       counts.changed += file.outcome == Outcome::changed;
       counts.refused += file.outcome == Outcome::refused;
       counts.not_tried += file.outcome == Outcome::not_tried;

@@ -37,6 +37,8 @@ std::vector<std::string> omission_remarks(const Report &report);
 struct MergeCounts {
   uint64_t merged = 0;
   uint64_t already_shared = 0;
+  uint64_t recorded = 0;          // as identical, where data cannot be shared
+  uint64_t already_recorded = 0;  // likewise
   uint64_t changed = 0;
   uint64_t refused = 0;
   uint64_t not_tried = 0;
