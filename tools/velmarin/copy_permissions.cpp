@@ -7,6 +7,8 @@
 
 #include <cerrno>
 
+#include "common/unique_fd.h"
+
 namespace tool {
 namespace {
 
@@ -16,17 +18,10 @@ constexpr mode_t PERMISSIONS = 07777;
 struct OpenFile {
   OpenFile(const std::string &path, int flags)
       : fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | flags)),
-        error(fd >= 0 && fstat(fd, &status) == 0 ? 0 : errno) {}
-  OpenFile(const OpenFile &) = delete;
-  OpenFile &operator=(const OpenFile &) = delete;
-  ~OpenFile() {
-    if (fd >= 0) {
-      close(fd);
-    }
-  }
+        error(fd.is_open() && fstat(fd.get(), &status) == 0 ? 0 : errno) {}
 
   struct stat status = {};
-  const int fd;
+  const velmarin::unique_fd fd;
   const int error;  // of open or fstat
 };
 
@@ -72,16 +67,17 @@ int copy_permissions(const std::string &source, const std::string &copy) {
     return ESTALE;
   }
   const bool has_group = to.status.st_gid == from.status.st_gid ||
-                         fchown(to.fd, static_cast<uid_t>(-1), from.status.st_gid) == 0;
+                         fchown(to.fd.get(), static_cast<uid_t>(-1), from.status.st_gid) == 0;
   mode_t mode = from.status.st_mode & PERMISSIONS;
   if (to.status.st_uid != from.status.st_uid) {
     mode &= ~static_cast<mode_t>(S_ISUID | S_ISGID);
   }
-  const int error = has_group ? copy_access_list(from.fd, to.fd) : remove_access_list(to.fd);
+  const int error =
+      has_group ? copy_access_list(from.fd.get(), to.fd.get()) : remove_access_list(to.fd.get());
   if (!has_group || error != 0) {
     mode = without_group(mode);
   }
-  return fchmod(to.fd, mode) == 0 ? 0 : errno;
+  return fchmod(to.fd.get(), mode) == 0 ? 0 : errno;
 }
 
 }  // namespace tool

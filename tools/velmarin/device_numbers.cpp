@@ -8,6 +8,8 @@
 #include <optional>
 #include <sstream>
 
+#include "common/unique_fd.h"
+
 namespace tool {
 namespace {
 
@@ -32,19 +34,15 @@ std::optional<Identity> identify(const std::string &directory) {
 std::string read_own_file(const std::string &path) {
   std::string text;
   struct stat status = {};
-  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) {
-    return text;
-  }
-  if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid()) {
+  const velmarin::unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+  if (fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid()) {
     char block[4096];
-    ssize_t count = read(fd, block, sizeof block);
+    ssize_t count = read(fd.get(), block, sizeof block);
     while (count > 0) {
       text.append(block, static_cast<size_t>(count));
-      count = read(fd, block, sizeof block);
+      count = read(fd.get(), block, sizeof block);
     }
   }
-  close(fd);
   return text;
 }
 
@@ -109,11 +107,9 @@ void DeviceNumbers::save() const {
   }
   const std::string text = lines.str();
   unlink(path_.c_str());
-  const int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
-  if (fd >= 0) {
-    [[maybe_unused]] const ssize_t written = write(fd, text.data(), text.size());
-    close(fd);
-  }
+  const velmarin::unique_fd fd(
+      open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  [[maybe_unused]] const ssize_t written = write(fd.get(), text.data(), text.size());
 }
 
 }  // namespace tool

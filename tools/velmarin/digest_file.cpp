@@ -10,6 +10,7 @@
 #include <cstring>
 #include <utility>
 
+#include "common/unique_fd.h"
 #include "velmarin/primitives.h"
 
 namespace tool {
@@ -159,30 +160,19 @@ std::string digest_file_name(const std::vector<std::string> &roots) {
 }
 
 std::optional<SavedDigests> read_digests(const std::string &path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    return {};
-  }
-  auto digests = lock(fd, LOCK_SH) == 0 ? read_locked_digests(fd) : std::nullopt;
-  close(fd);
-  return digests;
+  const velmarin::unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  return lock(fd.get(), LOCK_SH) == 0 ? read_locked_digests(fd.get()) : std::nullopt;
 }
 
 int lock_digest_file(const std::string &path, bool create) {
   for (;;) {
     const int flags = O_RDWR | O_NONBLOCK | O_CLOEXEC | (create ? O_CREAT : 0);
-    const int fd = open(path.c_str(), flags, 0600);
-    if (fd < 0) {
+    velmarin::unique_fd fd(open(path.c_str(), flags, 0600));
+    if (!fd.is_open() || lock(fd.get(), LOCK_EX) != 0) {
       return -1;
     }
-    const int error = lock(fd, LOCK_EX) == 0 ? 0 : errno;
-    if (error == 0 && is_still_at(path, fd)) {
-      return fd;
-    }
-    close(fd);
-    if (error != 0) {
-      errno = error;
-      return -1;
+    if (is_still_at(path, fd.get())) {
+      return fd.release();
     }
   }
 }

@@ -10,6 +10,8 @@
 #include <iterator>
 #include <system_error>
 
+#include "common/unique_fd.h"
+
 namespace tool {
 namespace {
 
@@ -83,16 +85,15 @@ void DigestKeeper::recover() {
     unlink(kept_.c_str());
     return;
   }
-  const int fd = lock_digest_file(path_, false);
-  if (fd < 0) {
+  const velmarin::unique_fd fd(lock_digest_file(path_, false));
+  if (!fd.is_open()) {
     restore();
     return;
   }
   remember(*kept);
-  if (complete(fd, false)) {
+  if (complete(fd.get(), false)) {
     unlink(kept_.c_str());
   }
-  ::close(fd);
 }
 
 // Adjusts the file to the device numbers of today, before the library reads it. If that fails, the
@@ -100,12 +101,9 @@ void DigestKeeper::recover() {
 SavedDigests DigestKeeper::load(const std::string &path) const {
   SavedDigests digests = read_digests(path).value_or(SavedDigests());
   if (devices_.renumber(digests)) {
-    const int fd = lock_digest_file(path, false);
-    if (fd < 0 || replace_digests(fd, digests) != 0) {
+    const velmarin::unique_fd fd(lock_digest_file(path, false));
+    if (!fd.is_open() || replace_digests(fd.get(), digests) != 0) {
       unlink(path.c_str());
-    }
-    if (fd >= 0) {
-      ::close(fd);
     }
   }
   return digests;
@@ -142,10 +140,9 @@ std::string DigestKeeper::export_digests(const std::vector<std::string> &roots, 
       set_inode(digests.back(), static_cast<uint32_t>(inode_of(saved_[i])));
     }
   }
-  const int fd = digests.empty() ? -1 : lock_digest_file(name_in(runs_, roots), true);
-  if (fd >= 0) {
-    append_digests(fd, digests);
-    ::close(fd);
+  if (!digests.empty()) {
+    const velmarin::unique_fd fd(lock_digest_file(name_in(runs_, roots), true));
+    append_digests(fd.get(), digests);
   }
   return runs_;
 }
@@ -191,15 +188,14 @@ bool DigestKeeper::close(bool looked_everywhere) {
     return true;
   }
   const bool has_wide = store_wide(looked_everywhere);
-  const int fd = lock_digest_file(path_, !fresh_.empty());
-  if (fd < 0) {
+  const velmarin::unique_fd fd(lock_digest_file(path_, !fresh_.empty()));
+  if (!fd.is_open()) {
     return restore() && has_wide;  // the library could not save, and has reported it
   }
-  const bool is_complete = complete(fd, looked_everywhere);
+  const bool is_complete = complete(fd.get(), looked_everywhere);
   if (is_complete) {
     unlink(kept_.c_str());
   }
-  ::close(fd);
   return is_complete && has_wide;
 }
 
@@ -211,13 +207,8 @@ bool DigestKeeper::store_wide(bool looked_everywhere) const {
   }
   const std::string replacement = wide_ + ".new";
   unlink(replacement.c_str());  // left by a killed scan
-  const int fd = lock_digest_file(replacement, true);
-  if (fd < 0) {
-    return false;
-  }
-  const int error = append_digests(fd, digests);
-  ::close(fd);
-  if (error == 0 && rename(replacement.c_str(), wide_.c_str()) == 0) {
+  const velmarin::unique_fd fd(lock_digest_file(replacement, true));
+  if (append_digests(fd.get(), digests) == 0 && rename(replacement.c_str(), wide_.c_str()) == 0) {
     return true;
   }
   unlink(replacement.c_str());

@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "common/unique_fd.h"
 #include "scan_probes.h"
 #include "velmarin/primitives.h"
 
@@ -17,20 +18,6 @@ namespace {
 constexpr int OPEN_FLAGS = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr size_t BLOCK_SIZE = 128 * 1024;
 constexpr size_t PATTERN_BLOCK = 4096;
-
-class OpenFile {
- public:
-  explicit OpenFile(const std::string &path) : fd(open(path.c_str(), OPEN_FLAGS)) {}
-  ~OpenFile() {
-    if (fd >= 0) {
-      close(fd);
-    }
-  }
-  OpenFile(const OpenFile &) = delete;
-  OpenFile &operator=(const OpenFile &) = delete;
-
-  const int fd;
-};
 
 // Returns 0, ESTALE or the errno of a failure.
 int check_unchanged(int fd, const struct stat &before) {
@@ -66,8 +53,8 @@ int hash_contents(int fd, EVP_MD_CTX *context) {
 
 int read_digest(const std::string &path, const struct stat &status,
                 std::array<uint8_t, 32> &digest) {
-  const OpenFile file(path);
-  if (file.fd < 0) {
+  const velmarin::unique_fd fd(open(path.c_str(), OPEN_FLAGS));
+  if (!fd.is_open()) {
     return errno;
   }
   ++probe_counts.read;
@@ -76,12 +63,12 @@ int read_digest(const std::string &path, const struct stat &status,
   if (context == nullptr || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
     return ENOMEM;
   }
-  int error = check_unchanged(file.fd, status);
+  int error = check_unchanged(fd.get(), status);
   if (error == 0) {
-    error = hash_contents(file.fd, context.get());
+    error = hash_contents(fd.get(), context.get());
   }
   if (error == 0) {
-    error = check_unchanged(file.fd, status);
+    error = check_unchanged(fd.get(), status);
   }
   if (error == 0 && EVP_DigestFinal_ex(context.get(), digest.data(), nullptr) != 1) {
     error = EIO;
@@ -90,11 +77,11 @@ int read_digest(const std::string &path, const struct stat &status,
 }
 
 uint64_t read_pattern(const std::string &path) {
-  const OpenFile file(path);
+  const velmarin::unique_fd fd(open(path.c_str(), OPEN_FLAGS));
   std::array<unsigned char, 2 * PATTERN_BLOCK> blocks;
   constexpr auto WHOLE = static_cast<ssize_t>(PATTERN_BLOCK);
-  const bool is_read = file.fd >= 0 && pread(file.fd, blocks.data(), PATTERN_BLOCK, 0) == WHOLE &&
-                       pread(file.fd, blocks.data() + PATTERN_BLOCK, PATTERN_BLOCK,
+  const bool is_read = pread(fd.get(), blocks.data(), PATTERN_BLOCK, 0) == WHOLE &&
+                       pread(fd.get(), blocks.data() + PATTERN_BLOCK, PATTERN_BLOCK,
                              PATTERN_MIN_SIZE - PATTERN_BLOCK) == WHOLE;
   return is_read ? crc64_be(0, blocks.data(), blocks.size()) : 0;
 }

@@ -3,10 +3,10 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
 #include <cerrno>
 
+#include "common/unique_fd.h"
 #include "refusal.h"
 #include "sharing.h"
 #include "velmarin/control_codes.h"
@@ -23,13 +23,8 @@ int query(int fd, velmarin::sis_file_info &info) {
 }
 
 int query(const std::string &path, velmarin::sis_file_info &info) {
-  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    return errno;
-  }
-  const int error = query(fd, info);
-  close(fd);
-  return error;
+  const velmarin::unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  return fd.is_open() ? query(fd.get(), info) : errno;
 }
 
 bool is_attached(const velmarin::sis_file_info &info) {

@@ -4,13 +4,13 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
 
+#include "common/unique_fd.h"
 #include "volume.h"
 
 namespace tool {
@@ -85,17 +85,14 @@ std::vector<Mount> mounts_of(const std::vector<std::string> &paths) {
   std::set<uint64_t> seen;
   std::vector<Mount> mounts;
   for (const std::string &path : paths) {
-    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-      continue;
-    }
-    const auto found = all.find(mount_number(fd));
+    const velmarin::unique_fd fd(
+        open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const auto found = all.find(mount_number(fd.get()));
     if (found != all.end() && seen.insert(found->first).second) {
       mounts.push_back(found->second);
-      mounts.back().label = label_of(fd);
-      mounts.back().can_share = can_share_data(fd);
+      mounts.back().label = label_of(fd.get());
+      mounts.back().can_share = can_share_data(fd.get());
     }
-    close(fd);
   }
   return mounts;
 }

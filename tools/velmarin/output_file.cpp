@@ -32,25 +32,15 @@ bool empty_file(int fd) {
 
 }  // namespace
 
-OutputFile::~OutputFile() {
-  if (fd_ >= 0) {
-    close(fd_);
-  }
-}
-
 bool OutputFile::open(const std::string &path) {
   path_ = path;
-  fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
-  return fd_ >= 0 || fail();
+  fd_.reset(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+  return fd_.is_open() || fail();
 }
 
 bool OutputFile::write(const std::string &text) {
-  if (!empty_file(fd_) || !write_all(fd_, text)) {
-    return fail();
-  }
-  const int fd = fd_;
-  fd_ = -1;
-  return close(fd) == 0 || fail();
+  const bool is_written = empty_file(fd_.get()) && write_all(fd_.get(), text);
+  return (is_written && close(fd_.release()) == 0) || fail();
 }
 
 bool OutputFile::fail() {

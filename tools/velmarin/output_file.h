@@ -3,15 +3,12 @@
 
 #include <string>
 
+#include "common/unique_fd.h"
+
 namespace tool {
 
 class OutputFile {
  public:
-  OutputFile() = default;
-  ~OutputFile();
-  OutputFile(const OutputFile &) = delete;
-  OutputFile &operator=(const OutputFile &) = delete;
-
   // Opens the file without changing its contents. Returns false on failure, after an error message;
   // so does `write`.
   bool open(const std::string &path);
@@ -23,7 +20,7 @@ class OutputFile {
   bool fail();
 
   std::string path_;
-  int fd_ = -1;
+  velmarin::unique_fd fd_;
 };
 
 }  // namespace tool

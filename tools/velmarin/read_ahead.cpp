@@ -2,11 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <system_error>
 
+#include "common/unique_fd.h"
 #include "stop_signal.h"
 
 namespace tool {
@@ -17,18 +17,14 @@ constexpr off_t MAX_BYTES = 16 << 20;         // of each file; the sharing reque
 constexpr off_t READ_AHEAD_STEP = 128 << 10;  // the kernel cuts a longer one short
 
 void fetch(const std::string &path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    return;
-  }
+  const velmarin::unique_fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status = {};
-  if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+  if (fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode)) {
     const off_t end = std::min(status.st_size, MAX_BYTES);
     for (off_t offset = 0; offset < end; offset += READ_AHEAD_STEP) {
-      posix_fadvise(fd, offset, READ_AHEAD_STEP, POSIX_FADV_WILLNEED);
+      posix_fadvise(fd.get(), offset, READ_AHEAD_STEP, POSIX_FADV_WILLNEED);
     }
   }
-  close(fd);
 }
 
 }  // namespace

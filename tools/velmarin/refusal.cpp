@@ -3,10 +3,11 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+
+#include "common/unique_fd.h"
 
 namespace tool {
 namespace {
@@ -16,12 +17,8 @@ constexpr const char *NO_COPY_ON_WRITE = "copy-on-write is off for one of the tw
 // Whether writes to the file go to new blocks, as far as its file system reports.
 bool is_copied_on_write(const std::string &path) {
   unsigned flags = 0;
-  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-  const bool is_known = fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-  if (fd >= 0) {
-    close(fd);
-  }
-  return !is_known || (flags & FS_NOCOW_FL) == 0;
+  const velmarin::unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+  return ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0 || (flags & FS_NOCOW_FL) == 0;
 }
 
 }  // namespace

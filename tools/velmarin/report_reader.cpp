@@ -15,6 +15,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "common/unique_fd.h"
 #include "display_name.h"
 #include "scan_paths.h"
 
@@ -353,13 +354,12 @@ int read_all(int fd, std::string &text) {
 }  // namespace
 
 std::string read_report_text(const std::string &file) {
-  const int fd = open_input(file);
-  if (fd < 0) {
+  const velmarin::unique_fd fd(open_input(file));
+  if (!fd.is_open()) {
     throw ReportError(std::strerror(errno));
   }
   std::string text;
-  const int error = read_all(fd, text);
-  close(fd);
+  const int error = read_all(fd.get(), text);
   if (error == EFBIG) {
     throw ReportError("larger than 512 MiB");
   }

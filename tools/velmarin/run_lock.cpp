@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -13,20 +12,14 @@
 
 namespace tool {
 
-RunLock::~RunLock() {
-  if (fd_ >= 0) {
-    close(fd_);
-  }
-}
-
 int RunLock::take(const std::string &state) {
   const std::string path = state + "/lock";
-  fd_ =
-      open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR);
-  if (fd_ >= 0 && flock(fd_, LOCK_EX | LOCK_NB) == 0) {
+  fd_.reset(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                 S_IRUSR | S_IWUSR));
+  if (fd_.is_open() && flock(fd_.get(), LOCK_EX | LOCK_NB) == 0) {
     return DONE;
   }
-  if (fd_ >= 0 && errno == EWOULDBLOCK) {
+  if (errno == EWOULDBLOCK) {
     print_error("another run is using the state directory", state, "try again later");
     return BUSY;
   }

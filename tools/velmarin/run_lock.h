@@ -4,21 +4,18 @@
 
 #include <string>
 
+#include "common/unique_fd.h"
+
 namespace tool {
 
 class RunLock {
  public:
-  RunLock() = default;
-  ~RunLock();
-  RunLock(const RunLock &) = delete;
-  RunLock &operator=(const RunLock &) = delete;
-
   // Takes the lock without waiting and holds it while the object lives. Returns `DONE`, or `BUSY`
   // or `FAILED` after an error message. The file `lock` stays in the directory.
   int take(const std::string &state);
 
  private:
-  int fd_ = -1;
+  velmarin::unique_fd fd_;
 };
 
 }  // namespace tool

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "common/unique_fd.h"
 #include "message.h"
 
 namespace tool {
@@ -83,13 +84,11 @@ void make_digests_private(const std::string &directory) {
     if (entry.path().extension() != ".hsh") {
       continue;
     }
-    const int fd = open(entry.path().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    const velmarin::unique_fd fd(
+        open(entry.path().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status = {};
-    if (fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1) {
-      fchmod(fd, S_IRUSR | S_IWUSR);
-    }
-    if (fd >= 0) {
-      close(fd);
+    if (fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1) {
+      fchmod(fd.get(), S_IRUSR | S_IWUSR);
     }
   }
 }

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <utility>
 
+#include "common/unique_fd.h"
 #include "file_system.h"
 #include "group_join.h"
 #include "guarded_open.h"
@@ -111,12 +112,9 @@ void ScanRuns::plan(dev_t device, int max_depth, const std::string &root) {
 void ScanRuns::plan_roots() {
   for (const std::string &root : roots_) {
     struct stat status = {};
-    const int fd = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0 && fstat(fd, &status) == 0) {
-      root_file_systems_.insert(file_system_of(fd, status));
-    }
-    if (fd >= 0) {
-      close(fd);
+    const velmarin::unique_fd fd(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fstat(fd.get(), &status) == 0) {
+      root_file_systems_.insert(file_system_of(fd.get(), status));
     }
     plan(status.st_dev, options_.max_depth, root);
   }

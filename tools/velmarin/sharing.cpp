@@ -2,11 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <vector>
 
+#include "common/unique_fd.h"
 #include "extents.h"
 #include "size_text.h"
 #include "volume.h"
@@ -23,16 +23,13 @@ struct Layout {
 Layout layout_of(const std::string &path, Volumes &volumes) {
   Layout layout;
   struct stat status = {};
-  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    return layout;
-  }
-  if (fstat(fd, &status) == 0) {
-    const Volume &volume = volumes.get_or_add(status.st_dev, fd);
+  const velmarin::unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (fstat(fd.get(), &status) == 0) {
+    const Volume &volume = volumes.get_or_add(status.st_dev, fd.get());
     layout.volume = volume.id;
-    layout.map = read_extents(fd, status.st_ino, static_cast<uint64_t>(status.st_size), volume);
+    layout.map =
+        read_extents(fd.get(), status.st_ino, static_cast<uint64_t>(status.st_size), volume);
   }
-  close(fd);
   return layout;
 }
 
