@@ -1,6 +1,8 @@
-// The basic helpers: the red-black tree, the list and time text.
+// The basic helpers: the red-black tree, the list, descriptors and time text.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <random>
@@ -9,6 +11,7 @@
 #include "common/list.h"
 #include "common/log.h"
 #include "common/rbtree.h"
+#include "common/unique_fd.h"
 
 namespace {
 
@@ -62,6 +65,18 @@ TEST(List, IsLinkedBothWaysAfterAnotherIsAppended) {
     list_unlink(to.next);
   }
   EXPECT_TRUE(list_is_empty(&to) && to.prev == &to);
+}
+
+TEST(UniqueFd, ClosesDescriptor0Too) {
+  const int saved = dup(0);
+  close(0);
+  {
+    const unique_fd fd(dup(saved));
+    EXPECT_TRUE(fd.get() == 0 && fd.is_open());
+  }
+  EXPECT_EQ(fcntl(0, F_GETFD), -1);
+  EXPECT_EQ(dup(saved), 0);
+  close(saved);
 }
 
 TEST(TimeText, ReportsWhatDidNotFitAndWritesNothingBeyondTheBuffer) {

@@ -91,6 +91,7 @@ class Volumes(ToolCase):
         for place in places:
             self.write_each(f"{place}/a {place}/b {place}/c", content("same", 200000))
             self.write(f"{place}/alone", content(place, 90000))
+            self.write(f"{place}/small", b"below the smallest size")
 
     def test_identical_files_of_two_subvolumes_are_one_group_and_share_their_data(self):
         for name in ("one", "two"):
@@ -145,7 +146,9 @@ class Volumes(ToolCase):
                     sorted(groups), arguments)
             self.assertEqual(report["counters"]["nr_hashed"], 0, arguments)
         self.assertEqual({name.suffix for name in self.state.iterdir()}, {".hsh", ".devices", ""})
-        self.assertEqual(self.scan("--apply", status=0)["merged"]["refused"], 0)
+        report = self.scan("--apply")
+        self.assertEqual([report["merged"][name] for name in ("files", "recorded", "refused")] +
+                         [report["counters"]["nr_hashed"]], [2, 4, 0, 0])
 
 
 class WideInodes(ToolCase):
