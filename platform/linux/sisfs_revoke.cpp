@@ -31,10 +31,10 @@ int open_temporary_beside(int fd, const file_status &status, unique_fd *temporar
     return length < 0 ? errno : ENAMETOOLONG;
   }
   directory[length] = '\0';
-  char *name = strrchr(directory, '/');
-  if (directory[0] != '/' || name == nullptr) {
+  if (directory[0] != '/') {
     return ENOENT;
   }
+  char *const name = strrchr(directory, '/');
   name[name == directory ? 1 : 0] = '\0';
   temporary->reset(open(directory, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
   if (!temporary->is_open()) {

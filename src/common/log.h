@@ -7,8 +7,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstddef>
+#include <algorithm>
 #include <ctime>
+#include <string_view>
 
 namespace velmarin {
 
@@ -18,27 +19,13 @@ struct module_file {
 
 // The file shown in a line: the folder of the source file, which is its module's name, with the
 // source file's extension: ".../src/fbddp/walk.cpp" gives "fbddp.cpp".
-template <size_t Size>
-consteval module_file module_file_of(const char (&source_path)[Size]) {
-  size_t name_start = 0;    // of the file
-  size_t folder_start = 0;  // of the folder that holds it
-  size_t extension = Size - 1;
-  for (size_t i = 0; i < Size - 1; i++) {
-    if (source_path[i] == '/') {
-      folder_start = name_start;
-      name_start = i + 1;
-      extension = Size - 1;
-    } else if (source_path[i] == '.') {
-      extension = i;
-    }
-  }
+consteval module_file module_file_of(std::string_view source_path) {
+  const std::string_view folder = source_path.substr(0, source_path.rfind('/'));
+  const std::string_view module = folder.substr(folder.rfind('/') + 1);
   module_file file = {};
-  size_t length = 0;
-  for (size_t i = folder_start; i + 1 < name_start; i++) {
-    file.name[length++] = source_path[i];
-  }
-  for (size_t i = extension; i < Size - 1; i++) {
-    file.name[length++] = source_path[i];
+  char *end = file.name;
+  for (const std::string_view part : {module, source_path.substr(source_path.rfind('.'))}) {
+    end = std::copy(part.begin(), part.end(), end);
   }
   return file;
 }
