@@ -1,6 +1,7 @@
 """The command-line tool as its users see it: what it prints, what it does to files, how it ends."""
 
 import hashlib
+import json
 import os
 import re
 import shlex
@@ -143,6 +144,40 @@ class Apply(ToolCase):
             self.scan(*arguments)
             resident = run("fincore", "--bytes", "--noheadings", "--output", "RES", *paths)
             self.assertEqual(sum(map(int, resident.split())), kept)
+
+    def test_a_page_holds_the_figures_and_files_of_its_run(self):
+        self.mount_image("btrfs", "256M", "-L", "a label")
+        self.write("other/x", b"")
+        self.mount("tmpfs", self.root / "other", "rw")
+        files = self.write_each("a b c </script> other/x other/y")
+        run("chattr", "+i", files[1])
+        self.write("d", os.urandom(70000))
+        os.utime(files[0], (1, 1))
+        page = self.directory / "page"
+        freed = 2 * 73728 - 3 * 344  # less the records
+        for shares, figures, counts, words, notes in (
+                ([[0, freed, 0, 0], [0, 0, 0, 73728]],
+                 [[1, freed - 4 * 400], [0, 0], [2, 0], [3, 73728], 2, 1, 6],  # less the marks
+                 [221184, 2, 0, 1, 0, 0, 0, 1, 0], "source merged refused recorded", 1),
+                ([[0, 0, 2 * 73728, 0], [0, 0, 0, 0]], [[1, 0], [0, 0], [2, 2 * 73728], 0, 1, 6],
+                 [0, 0, 3, 0, 2, 0, 0, 1, 0], "shared refused recorded", 0)):
+            self.scan("--apply", "--html", page, status=4)
+            data = json.loads(re.search(r'id="data">(.*?)</script>', page.read_text(), re.S)[1])
+            (size, shown_shares, shown), = data["groups"]
+            self.assertEqual((size, shown_shares), (70000, shares))
+            self.assertEqual([[name, share, *reason] for _, name, _, share, *reason in shown], [
+                ["script>", 0], ["a", 0], ["b", 0, "Operation not permitted"], ["c", 0], ["x", 1],
+                ["y", 1]])
+            self.assertEqual([[row["kind"], row["size"]] if "kind" in row else row["count"]
+                              for row in data["figures"]], figures)
+            self.assertEqual([row.get("count", row.get("size")) for row in data["lists"][1]], counts)
+            self.assertEqual((data["words"], len(data["notes"])), (words.split(), notes))
+            self.assertEqual([name[len(str(self.root)):] for name in data["directories"]],
+                             ["/</", "/", "/other/"])
+        self.assertEqual([(system["type"], system["label"], system["sharing"])
+                          for system in data["systems"]],
+                         [("btrfs", "a label", True), ("tmpfs", "", False)])
+        self.assertEqual([run["merged"] for run in data["history"]], [2, 0])
 
     def test_files_that_cannot_change_are_a_source_if_merged_before_and_hold_up_nothing(self):
         self.mount_image("btrfs", "256M")
