@@ -24,9 +24,11 @@ class SpaceCase(ToolCase):
         status = os.statvfs(self.root)
         return (status.f_blocks - status.f_bfree) * status.f_frsize
 
-    def copies(self, folder, data, count=3):
-        """Makes files that share nothing."""
-        self.write_each((f"{folder}/{number}" for number in range(count)), data)
+    def copies(self, folder, data, count=3, attribute=None):
+        """Makes files that share nothing, with an attribute of that size if given."""
+        for path in self.write_each((f"{folder}/{number}" for number in range(count)), data):
+            if attribute:
+                os.setxattr(path, "user.a", bytes(attribute))
 
     def clones(self, folder, data, count=3):
         self.copies(folder, data, 1)
@@ -109,8 +111,23 @@ class Xfs(SpaceCase):
     def test_figures_match_the_file_system(self):
         self.mount_image("xfs", "320M")
         self.make_common()
+        self.copies("room for a record", content("room", 4096), 600, attribute=199)
+        self.copies("no room", content("no room", 8192), 600, attribute=200)
+        self.copies("no room in pairs", content("pairs", 4096), 2, attribute=200)
         self.check(COMMON | {"reserved": (4 * MIB, 0, "merged"),
-                             "reserved beyond": (2 * MIB, 0, "merged")})
+                             "reserved beyond": (2 * MIB, 0, "merged"),
+                             "room for a record": (599 * 4096, 0, "merged"),
+                             "no room": (599 * 8192 - 600 * 4096, 0, "merged"),
+                             "no room in pairs": (0, 0, "no gain")})
+
+    def test_a_block_for_the_attributes_of_each_file_is_not_counted_as_freed(self):
+        self.mount_image("xfs", "320M")
+        self.copies("mark and record", content("both", 8192), 600, attribute=150)
+        self.copies("mark", content("mark", 8192), 600, attribute=220)
+        before = self.used()
+        freed = self.scan("--apply")["merged"]["freed_bytes"]
+        self.assertAlmostEqual(before - self.used(), freed, delta=MIB)
+        self.assertAlmostEqual(freed, 2 * (599 * 8192 - 600 * 4096), delta=MIB // 4)
 
 
 class Btrfs(SpaceCase):

@@ -3,6 +3,7 @@
 #include <linux/fiemap.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <map>
@@ -154,6 +155,20 @@ std::vector<HeldRange> whole_extents(const std::vector<btrfs::FileExtent> &file,
   return held;
 }
 
+// What the blocks of the open file have beside the data. Btrfs does not count these.
+uint64_t bytes_beside(int fd, const std::vector<fiemap_extent> &extents) {
+  struct stat status = {};
+  if (fstat(fd, &status) != 0) {
+    return 0;
+  }
+  uint64_t data = 0;
+  for (const fiemap_extent &extent : extents) {
+    data += extent.fe_length;
+  }
+  const uint64_t all = static_cast<uint64_t>(status.st_blocks) * 512;
+  return all - std::min(all, data);
+}
+
 // The blocks of what the file uses of an extent; of a compressed one, a proportionate part.
 DiskRange used_part(const btrfs::FileExtent &extent, uint64_t end) {
   const uint64_t length = std::min(extent.length, end - std::min(end, extent.offset));
@@ -193,6 +208,9 @@ ExtentMap read_extents(int fd, uint64_t inode, uint64_t size, const Volume &volu
   const uint64_t end = (size + volume.block_size - 1) / volume.block_size * volume.block_size;
   for (const fiemap_extent &extent : extents) {
     add_extent(map, extent, end, volume.block_size);
+  }
+  if (!volume.is_btrfs) {
+    map.bytes_beside = bytes_beside(fd, extents);
   }
   if (!volume.subvolume || map.is_inline) {
     return map;

@@ -42,6 +42,7 @@ struct ExtentMap {
   bool is_inline = false;     // the data is stored in the metadata
   uint64_t mapped_bytes = 0;  // in extents or inline, up to the end of the file, in whole blocks
   uint64_t shared_bytes = 0;  // of these, in extents that something else refers to too
+  uint64_t bytes_beside = 0;  // in blocks of the file with attributes or the list of extents
   std::vector<MappedData> data;
   std::vector<MappedData> reserved;  // allocated but unwritten, up to the end of the file
   std::vector<HeldRange> held;

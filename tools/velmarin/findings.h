@@ -35,6 +35,7 @@ struct FileState {
   dev_t device = 0;
   uint64_t inode = 0;
   uint64_t allocated_bytes = 0;
+  uint64_t record_bytes = 0;  // estimated: of the record that it gets once it is merged
   uint32_t layer = 0;      // number of the layered inode that it is attached to, 0 for a plain file
   uint32_t copy = 0;       // number of its copy of the data within the share
   bool can_share = false;  // its file system can share data

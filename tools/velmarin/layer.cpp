@@ -15,8 +15,6 @@
 namespace tool {
 namespace {
 
-constexpr const char *RECORD = "user.velmarin.layer";
-
 // Returns 0 or an errno.
 int query(int fd, velmarin::sis_file_info &info) {
   return ioctl(fd, velmarin::SIS_IOC_GET_FILE_INFO, &info) < 0 ? errno : 0;

@@ -6,6 +6,9 @@
 
 namespace tool {
 
+// The attribute that attaches a file to a layered inode.
+inline constexpr const char *RECORD = "user.velmarin.layer";
+
 // The number of the file's layered inode, 0 for a plain file, or minus an errno.
 int64_t query_layer(int fd);
 int64_t query_layer(const std::string &path);

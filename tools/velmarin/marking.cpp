@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <map>
@@ -23,29 +24,40 @@ bool lacks_attribute(int fd) {
   return fgetxattr(fd, ATTRIBUTE, nullptr, 0) < 0 && errno == ENODATA;
 }
 
-// What a mark takes on the file system of the open file, queried once for each.
-uint64_t bytes_of_mark(int fd) {
+// What a mark takes on that Btrfs, queried once for each. 0 on another file system.
+uint64_t estimated_bytes(int fd, dev_t device) {
   static std::mutex lock;
   static std::map<dev_t, uint64_t> known;
-  struct stat status = {};
-  if (fstat(fd, &status) != 0) {
-    return 0;
-  }
   const std::lock_guard guard(lock);
-  const auto [entry, is_new] = known.try_emplace(status.st_dev);
+  const auto [entry, is_new] = known.try_emplace(device);
   if (is_new) {
-    entry->second = mark_bytes(fd);
+    entry->second = btrfs_mark_bytes(fd);
   }
   return entry->second;
+}
+
+// What a mark took that was set on the open file after `before`. It takes a block at most: if the
+// file has grown by more, another program writes to it.
+uint64_t bytes_of_mark(int fd, const struct stat &before) {
+  if (const uint64_t bytes = estimated_bytes(fd, before.st_dev); bytes != 0) {
+    return bytes;
+  }
+  struct stat now = {};
+  if (fstat(fd, &now) != 0 || now.st_blocks < before.st_blocks) {
+    return 0;
+  }
+  const auto grown = static_cast<uint64_t>(now.st_blocks - before.st_blocks) * 512;
+  return std::min(grown, static_cast<uint64_t>(now.st_blksize));
 }
 
 }  // namespace
 
 int mark_file(int fd, const char *path) {
-  const bool is_new = lacks_attribute(fd);
+  struct stat before = {};
+  const bool is_new = lacks_attribute(fd) && fstat(fd, &before) == 0;
   const int error = freeze_file(fd, path);
   if (error == 0 && is_new) {
-    taken += bytes_of_mark(fd);
+    taken += bytes_of_mark(fd, before);
   }
   return error;
 }

@@ -9,8 +9,8 @@ namespace tool {
 // Sets the file's mark. Returns 0 or an errno.
 int mark_file(int fd, const char *path);
 
-// The estimated metadata, in bytes, that all marks set so far take. A file that had one before,
-// valid or not, takes nothing more.
+// What all marks set so far take, measured or estimated. A file that had one before, valid or not,
+// takes nothing more.
 uint64_t new_mark_bytes();
 
 // Whether the data of the open file is stored in the metadata: merging would gain nothing, and a

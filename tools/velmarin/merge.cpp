@@ -147,7 +147,7 @@ class ShareMerge {
         common_(common),
         thread_(thread),
         maps_(maps_before()),
-        account_(account_of(*common.volumes.find(share.volume), maps_)) {}
+        account_(account_of(volume(), maps_)) {}
 
   void run() {
     const int fd = open_source();
@@ -208,6 +208,9 @@ class ShareMerge {
       const int fd = open_as_source(group_.files[index], common_.log);
       if (fd >= 0) {
         source_ = index;
+        records_bytes_ = record_bytes(
+            index,
+            volume().is_btrfs ? ExtentMap{} : extents_of(group_.files[index], common_.volumes));
         return fd;
       }
     }
@@ -261,12 +264,17 @@ class ShareMerge {
     }
   }
 
-  // What the records of the files merged so far take, including that one.
-  uint64_t record_bytes(size_t index) {
-    const auto is_plain = [this](size_t file) { return group_.files[file].state.layer == 0; };
-    records_ += is_plain(index) ? 1U : 0U;
-    const uint64_t of_source = is_plain(source_) ? 1 : 0;
-    return (records_ + of_source) * common_.volumes.find(share_.volume)->record_bytes;
+  const Volume &volume() const { return *common_.volumes.find(share_.volume); }
+
+  // What the record of a file takes that now has these extents: measured where the file system
+  // counts it among the blocks of the file, otherwise estimated.
+  uint64_t record_bytes(size_t index, const ExtentMap &now) const {
+    if (volume().is_btrfs) {
+      return group_.files[index].state.record_bytes;
+    }
+    const bool is_measured = maps_[index].is_known && now.is_known;
+    return is_measured ? now.bytes_beside - std::min(now.bytes_beside, maps_[index].bytes_beside)
+                       : 0;
   }
 
   void count_freed(size_t index) {
@@ -279,7 +287,8 @@ class ShareMerge {
       account_.add(map);
     }
     const uint64_t before = share_.freed.certain;
-    share_.freed = account_.freed().less(record_bytes(index));
+    records_bytes_ += record_bytes(index, map);
+    share_.freed = account_.freed().less(records_bytes_);
     share_.freed.uncertain += unknown_bytes_;
     common_.progress.freed_bytes += share_.freed.certain - before;
   }
@@ -291,7 +300,7 @@ class ShareMerge {
   const std::vector<ExtentMap> maps_;  // of the share's files, indexed as in the group
   SpaceAccount account_;
   uint64_t unknown_bytes_ = 0;  // allocated to merged files with unknown extents
-  uint64_t records_ = 0;        // made for merged files
+  uint64_t records_bytes_ = 0;  // of the source and merged files
   size_t source_ = 0;
 };
 

@@ -77,28 +77,28 @@ void sort_files(FoundGroup &group, Share &share, const std::vector<Copy> &copies
 
 // Simulates merging all other copies.
 Space reclaimable(const FoundGroup &group, const Share &share, const std::vector<ExtentMap> &maps,
-                  SpaceAccount &account, const Volume &volume) {
+                  SpaceAccount &account, bool is_btrfs) {
   const size_t source_index = share.files.front();
   const uint32_t source = group.files[source_index].state.copy;
   Space unknown;
-  uint64_t records = group.files[source_index].state.layer == 0 ? 1 : 0;
+  uint64_t records = group.files[source_index].state.record_bytes;
   for (const size_t index : share.files) {
     const FileState &state = group.files[index].state;
     if (state.copy == source || state.obstacle != 0) {
       continue;
     }
-    records += state.layer == 0 ? 1 : 0;
+    records += state.record_bytes;
     if (!maps[index].is_known) {
       unknown.uncertain += state.allocated_bytes;
     }
     account.remove(maps[index]);
     account.add_tail(maps[index]);
-    if (!volume.is_btrfs) {
+    if (!is_btrfs) {
       account.add_common_unwritten(maps[index], maps[source_index]);
     }
   }
   unknown += account.freed();
-  return unknown.less(records * volume.record_bytes);
+  return unknown.less(records);
 }
 
 uint64_t unmerged_bytes(const FoundGroup &group, const Share &share) {
@@ -178,7 +178,7 @@ void plan_share(FoundGroup &group, Share &share, std::vector<ExtentMap> maps,
       compute_freed_bytes(copies, maps, account);
     }
     sort_files(group, share, copies);
-    share.reclaimable = reclaimable(group, share, maps, account, volume);
+    share.reclaimable = reclaimable(group, share, maps, account, volume.is_btrfs);
   } else {
     sort_files(group, share, copies);
   }

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <map>
 
+#include "inode_room.h"
 #include "layer.h"
 #include "obstacle.h"
 #include "overlay.h"
@@ -123,6 +124,9 @@ class Survey {
       if (map != nullptr) {
         *map = read_extents(fd, state.inode, file.size, volume);
         find_obstacles(file, fd, volume, state);
+        if (state.layer == 0) {
+          state.record_bytes = volume.btrfs_record_bytes + record_bytes_outside(fd, *map, volume);
+        }
       }
     }
     return state;

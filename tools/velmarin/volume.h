@@ -17,8 +17,9 @@ struct Volume {
   bool is_btrfs = false;
   std::optional<uint64_t> subvolume;  // of a Btrfs
   uint64_t block_size = 4096;
-  uint64_t record_bytes = 0;  // of metadata that a file takes once it is merged for the first time
-  int fd = -1;                // open on a file of a Btrfs, for queries; owned by `Volumes`
+  uint64_t xfs_inode_bytes = 0;     // 0 if it is not XFS
+  uint64_t btrfs_record_bytes = 0;  // estimated: of a file once it is merged for the first time
+  int fd = -1;                      // open on a file of a Btrfs, for queries; owned by `Volumes`
 };
 
 // Whether files on the file system of an open file can share extents.
@@ -29,8 +30,9 @@ bool can_share_data(const std::string &path);
 
 bool is_btrfs(int fd);
 
-// The metadata that a file takes on the file system of an open file once it is first marked.
-uint64_t mark_bytes(int fd);
+// The estimated metadata that a file takes on the Btrfs of an open file once it is first marked.
+// Other file systems return 0: they count it among the blocks of the file.
+uint64_t btrfs_mark_bytes(int fd);
 
 // What the commands add if the file system cannot share data.
 inline constexpr const char *CANNOT_SHARE = "; its file system cannot share data";
