@@ -61,7 +61,7 @@ class Configured(NightCase):
                 (f"# comment\n\n root = {top}/two words \nexclude=left out/\nmax-size\t=\t1M\n",
                  "", "two words/-x[1] two words/a two words/b"),
                 (f"root = {top}/other\r\nskip = {top}/other/left out\nexclude = -x*\nquiet",
-                 "--max-depth 1", "other/a other/b"),
+                 "--max-depth 1 --config /dev/null", "other/a other/b"),
                 (f"root = {top}/other\nexclude = [ab]\nmin-size = 1M",
                  "", "other/-x[1] other/left out/c")):
             config.write_text(lines, encoding="utf-8")
