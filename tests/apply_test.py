@@ -264,7 +264,7 @@ class Disturbed(ReportCase):
                  r"(3 files .*, not examined\n(.*\n){4}){2}Summary\n(.*\n){3}  left alone .*, 6 not "
                  r"examined\n +2 of 3 groups not .*\n.*\n  time .*, the time budget was used up\n"),
                 ("--time-budget 1 --json", 0, 0, flags.format("false", "true")),
-                ("--json", signal.SIGTERM, 4, flags.format("true", "false"), "stopped early: ")):
+                ("--json", signal.SIGTERM, 4, flags.format("true", "false"), "not all groups were examined")):
             hold = self.catch(self.root / "a/a")
             with self.start("apply", "-n", *command.split(), "../report") as process:
                 hold(1, lambda: process.send_signal(stop))

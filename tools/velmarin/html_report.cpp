@@ -61,7 +61,7 @@ Json history(const PageContext &context) {
 Json notes(const Report &report) {
   Json list = Json::array();
   if (report.stopped || report.out_of_time) {
-    list.push_back("Stopped early: the findings are incomplete.");
+    list.push_back(std::string("Stopped early: ") + undone_remark(report) + ".");
   }
   for (const std::string &remark : space_remarks(report)) {
     list.push_back("Space: " + remark + ".");

@@ -123,8 +123,9 @@ class TextPrinter {
 
   void print_sharing() const {
     const Findings &findings = report_.findings;
-    print_row("identical files", std::to_string(findings.grouped_files()) + " in " +
-                                     format_count(findings.groups.size(), "group"));
+    print_row(report_.is_scan ? "identical files" : "in the report",
+              std::to_string(findings.grouped_files()) + " in " +
+                  format_count(findings.groups.size(), "group"));
     if (report_.applied) {
       print_merged();
     } else {

@@ -90,6 +90,13 @@ const char *file_word(const FoundFile &file) {
   }
 }
 
+const char *undone_remark(const Report &report) {
+  if (report.is_cut) {
+    return "the findings are incomplete";
+  }
+  return report.applied ? "not all groups were merged" : "not all groups were examined";
+}
+
 std::vector<std::string> space_remarks(const Report &report) {
   std::vector<std::string> remarks;
   const Findings &findings = report.findings;

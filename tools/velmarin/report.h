@@ -18,6 +18,7 @@ struct Report {
   std::vector<std::string> roots;
   bool is_scan = true;              // false: the findings are those of an earlier scan
   bool applied = false;             // merging was requested
+  bool is_cut = false;              // the scan ended early: there may be more to find
   bool stopped = false;             // by a signal
   bool out_of_time = false;         // the time budget was used up
   uint64_t unsupported = 0;         // files left out: their file system cannot deduplicate
@@ -54,6 +55,9 @@ const char *status_word(int64_t status);
 // The word before a file's name in text. Where nothing can be shared, merging only records which
 // files are identical.
 const char *file_word(const FoundFile &file);
+
+// What a run that was stopped or out of time left undone: "not all groups were merged".
+const char *undone_remark(const Report &report);
 
 // Remarks on the space figures, each one sentence without its full stop.
 std::vector<std::string> space_remarks(const Report &report);

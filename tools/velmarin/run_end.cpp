@@ -61,8 +61,7 @@ int explain_end(const Report &report, const LogLines &log, bool is_quiet,
   const bool merges = report.applied || !report.is_scan;
   const bool has_left_alone = merges && explain_left_alone(report);
   if (report.stopped && !is_quiet) {
-    print_error(report.is_scan ? "stopped early: the findings are incomplete"
-                               : "stopped early: not all groups were merged");
+    print_error(std::string("stopped early: ") + undone_remark(report));
   }
   return has_omissions || has_left_alone || report.stopped ? PARTIAL : DONE;
 }

@@ -129,6 +129,7 @@ class ScanCommand {
   void finish_scan() {
     report_.stopped = stop_signalled();
     report_.out_of_time = limit_.is_over();
+    report_.is_cut = report_.stopped || report_.out_of_time;
     report_.unsupported = probe_counts.unsupported;
     report_.unknown = probe_counts.unknown;
     report_.findings = std::move(runs_.findings);
