@@ -263,8 +263,8 @@ TEST(MergeText, TellsWhatIsDoneOfWhatIsToBeMergedAndHowFast) {
   progress.bytes_done = 1 << 20;
   progress.freed_bytes = 1000;
   EXPECT_EQ(text.describe(std::chrono::seconds(14)),
-            "14.0 s  merging  1 of 2 files, 1 MiB of 2 MiB, 264.5 KiB/s, 1000 B freed, about 5 s "
-            "left");
+            "14.0 s, about 5 s left  merging  1 of 2 files, 1 MiB of 2 MiB, 264.5 KiB/s, 1000 B "
+            "freed");
 }
 
 TEST(ScanPaths, AreResolvedOnceAndTheStateDirectoryHasAPathOfAtMost4026Characters) {

@@ -59,14 +59,12 @@ std::string MergeText::describe(std::chrono::milliseconds elapsed) {
   const Estimate::Work done = {merging_.bytes_done, merging_.files_done};
   rate_.note(elapsed - start_, static_cast<double>(done.bytes));
   estimate_.note(elapsed - start_, done, merging_.bytes_in_hand);
-  std::string text = format_duration(elapsed) + "  merging  " + std::to_string(done.files) +
-                     " of " + format_count(merging_.files_to_do, "file") + ", " +
-                     format_size(done.bytes) + " of " + format_size(merging_.bytes_to_do) +
-                     rate_text(rate_) + ", " + format_size(merging_.freed_bytes) + " freed";
-  if (const auto left = estimate_.left()) {
-    text += ", about " + rough_duration(*left) + " left";
-  }
-  return text;
+  const auto left = estimate_.left();  // first, since a narrow terminal cuts the line short
+  return format_duration(elapsed) + (left ? ", about " + rough_duration(*left) + " left" : "") +
+         "  merging  " + std::to_string(done.files) + " of " +
+         format_count(merging_.files_to_do, "file") + ", " + format_size(done.bytes) + " of " +
+         format_size(merging_.bytes_to_do) + rate_text(rate_) + ", " +
+         format_size(merging_.freed_bytes) + " freed";
 }
 
 }  // namespace tool
