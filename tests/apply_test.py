@@ -256,18 +256,22 @@ class Disturbed(ReportCase):
 
     def test_groups_that_a_run_had_no_time_to_examine_are_said_to_be_so(self):
         (self.directory / "report").write_text(self.make_groups("a", "b", "c"))
-        flags = (r'"stopped": {},\n  "out_of_time": {},(.|\n)*"unexamined_groups": 2,(.|\n)*' +
-                 2 * r'"uncertain_bytes":0,"saved_bytes":0,"examined":false,(.|\n)*' +
-                 r'"not_tried":6,')
-        for command, stop, status, *expected in (
-                ("--time-budget 1", 0, 0, r"\A3 .* can be freed\n(.*\n){4}"
-                 r"(3 files .*, not examined\n(.*\n){4}){2}Summary\n(.*\n){3}  left alone .*, 6 not "
-                 r"examined\n +2 of 3 groups not .*\n.*\n  time .*, the time budget was used up\n"),
-                ("--time-budget 1 --json", 0, 0, flags.format("false", "true")),
-                ("--json", signal.SIGTERM, 4, flags.format("true", "false"), "not all groups were examined")):
-            hold = self.catch(self.root / "a/a")
-            with self.start("apply", "-n", *command.split(), "../report") as process:
-                hold(1, lambda: process.send_signal(stop))
+        flags = r'"stopped": {},\n  "out_of_time": {},(.|\n)*"unexamined_groups": {},(.|\n)*'
+        look = '(.|\n)*"reclaimable_bytes":0,.*,"examined":false' * 2 + '(.|\n)*"not_tried":6,'
+        spent, stopped = flags.format("false", "true", 2), flags.format("true", "false", 2)
+        for command, held, act, status, *expected in (
+                ("-n --time-budget 1", {"a": 1}, 0, 0, r"\A3 .* can be freed\n(.*\n){4}"
+                 r"(3 files .*, not examined\n(.*\n){4}){2}Summary\n(.*\n){3}  left alone .*, 6 not"
+                 r" examined\n +2 of 3 groups not .*\n.*\n  time .*, the time budget was used up"),
+                ("-n --time-budget 1 --json", {"a": 1}, 0, 0, spent + look),
+                ("-n --json", {"a": 1}, signal.SIGTERM, 4, stopped + look,
+                 "not all groups were examined"),
+                ("--time-budget 4 --json", {"a": 2.4, "b": 2}, 0, 0,
+                 flags.format("false", "true", 1) + '"merged": {"files":2,.*"not_tried":6,')):
+            holds = [(self.catch(self.root / name / "a"), held[name]) for name in held]
+            with self.start("apply", *command.split(), "../report") as process:
+                for hold, seconds in holds:
+                    hold(seconds, lambda: process.send_signal(act))
                 said = "".join(map(os.fsdecode, process.communicate(timeout=DEADLINE)))
             self.assertEqual(process.returncode, status, said)
             for text in expected:

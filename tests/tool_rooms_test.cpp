@@ -255,7 +255,7 @@ TEST(MergeText, TellsWhatIsDoneOfWhatIsToBeMergedAndHowFast) {
   MergeProgress progress;
   Findings findings;
   findings.groups = {without_source, group, without_gain};
-  plan_merge(findings, progress);
+  plan_merge(findings.groups, progress);
   MergeText text(std::chrono::seconds(10), progress);
   EXPECT_EQ(text.describe(std::chrono::milliseconds(10'900)),
             "10.9 s  merging  0 of 2 files, 0 B of 2 MiB, 0 B freed");

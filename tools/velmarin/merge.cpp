@@ -120,7 +120,7 @@ int open_as_source(FoundFile &file, LogLines &log) {
 
 // What the merging threads share.
 struct Common {
-  Findings &findings;
+  std::span<FoundGroup> groups;
   const Volumes &volumes;
   LogLines &log;
   MergeProgress &progress;
@@ -342,8 +342,8 @@ void merge_share(FoundGroup &group, Share &share, Common &common, size_t thread)
 // Visits the files that merging compares, in merging order: in each share with work, the intended
 // source, which is the first file, and the files with another copy of the data.
 template <typename Visit>
-void visit_work(const Findings &findings, Visit visit) {
-  for (const FoundGroup &group : findings.groups) {
+void visit_work(std::span<const FoundGroup> groups, Visit visit) {
+  for (const FoundGroup &group : groups) {
     for (const Share &share : group.shares) {
       if (!has_work(group, share)) {
         continue;
@@ -359,15 +359,15 @@ void visit_work(const Findings &findings, Visit visit) {
   }
 }
 
-std::vector<const FoundFile *> files_to_compare(const Findings &findings) {
+std::vector<const FoundFile *> files_to_compare(std::span<const FoundGroup> groups) {
   std::vector<const FoundFile *> files;
-  visit_work(findings, [&](const FoundFile &file, bool) { files.push_back(&file); });
+  visit_work(groups, [&](const FoundFile &file, bool) { files.push_back(&file); });
   return files;
 }
 
 // Merges one group after another until none is left.
 void merge_groups(Common &common, size_t thread) {
-  std::vector<FoundGroup> &groups = common.findings.groups;
+  const std::span<FoundGroup> groups = common.groups;
   for (size_t i = common.next_group++; i < groups.size(); i = common.next_group++) {
     mark_unusable(groups[i]);
     for (Share &share : groups[i].shares) {
@@ -431,8 +431,8 @@ void mark_unusable(FoundGroup &group) {
   }
 }
 
-void plan_merge(const Findings &findings, MergeProgress &progress) {
-  visit_work(findings, [&](const FoundFile &file, bool is_source) {
+void plan_merge(std::span<const FoundGroup> groups, MergeProgress &progress) {
+  visit_work(groups, [&](const FoundFile &file, bool is_source) {
     if (!is_source) {
       ++progress.files_to_do;
       progress.bytes_to_do += file.state.allocated_bytes;
@@ -440,8 +440,9 @@ void plan_merge(const Findings &findings, MergeProgress &progress) {
   });
 }
 
-void merge_all(Findings &findings, const Volumes &volumes, LogLines &log, MergeProgress &progress) {
-  Common common = {findings, volumes, log, progress, ReadAhead(files_to_compare(findings))};
+void merge_all(std::span<FoundGroup> groups, const Volumes &volumes, LogLines &log,
+               MergeProgress &progress) {
+  Common common = {groups, volumes, log, progress, ReadAhead(files_to_compare(groups))};
   std::vector<std::thread> threads = start_further_threads(common);
   merge_groups(common, 0);
   for (std::thread &thread : threads) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <span>
 
 #include "findings.h"
 #include "log_lines.h"
@@ -26,7 +27,7 @@ void mark_obstacles(FoundGroup &group);
 void mark_unusable(FoundGroup &group);
 
 // Counts the work to do.
-void plan_merge(const Findings &findings, MergeProgress &progress);
+void plan_merge(std::span<const FoundGroup> groups, MergeProgress &progress);
 
 // Merges the files of every group onto one source per file system. Sets the outcome of each file
 // and what each share freed: what its files referred to before and no longer do. A refused file
@@ -34,6 +35,7 @@ void plan_merge(const Findings &findings, MergeProgress &progress);
 // Two threads take the groups in order, so a stop may leave one group that comes before others
 // already merged.
 // `log` tells why the library could not create a layered inode.
-void merge_all(Findings &findings, const Volumes &volumes, LogLines &log, MergeProgress &progress);
+void merge_all(std::span<FoundGroup> groups, const Volumes &volumes, LogLines &log,
+               MergeProgress &progress);
 
 }  // namespace tool

@@ -214,13 +214,32 @@ void mark_not_examined(FoundGroup &group) {
 // Lets a few files be examined even after a requested stop: their figures are worth the wait.
 class GracePeriod {
  public:
-  bool is_over() const { return stop_requested() && Clock::now() - start_ > LENGTH; }
+  using Clock = TimeLimit::Clock;
+
+  explicit GracePeriod(Clock::time_point end) : end_(end) {}
+
+  bool is_over() const {
+    const Clock::time_point now = Clock::now();
+    return (now >= end_ || stop_requested()) && now - start_ > LENGTH;
+  }
 
  private:
-  using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::milliseconds LENGTH{300};
   const Clock::time_point start_ = Clock::now();
+  const Clock::time_point end_;
 };
+
+// The blocks of plain files beyond the copy that merging keeps.
+uint64_t promised_blocks(const FoundGroup &group) {
+  uint64_t blocks = 0;
+  bool keeps_other = false;
+  for (const FoundFile &file : group.files) {
+    const bool is_plain = file.status == velmarin::SIS_STATUS_PLAIN;
+    blocks += is_plain ? file.blocks : 0;
+    keeps_other |= !is_plain;
+  }
+  return blocks - (keeps_other ? 0 : group.files.front().blocks);
+}
 
 // The sort key of a group.
 std::array<uint64_t, 4> sort_key(const FoundGroup &group) {
@@ -251,23 +270,37 @@ ExtentMap extents_of(const FoundFile &file, const Volumes &volumes) {
   return map;
 }
 
-void survey(Findings &findings, Volumes &volumes, bool before_merging) {
+void put_promising_first(std::vector<FoundGroup> &groups) {
+  std::stable_sort(groups.begin(), groups.end(), [](const FoundGroup &a, const FoundGroup &b) {
+    return promised_blocks(a) > promised_blocks(b);
+  });
+}
+
+void put_gainful_first(std::span<FoundGroup> groups) {
+  std::sort(groups.begin(), groups.end(), [](const FoundGroup &a, const FoundGroup &b) {
+    const auto left = sort_key(a);
+    const auto right = sort_key(b);
+    return left != right ? left > right : a.files.front().path < b.files.front().path;
+  });
+}
+
+size_t survey(std::span<FoundGroup> groups, Volumes &volumes, bool before_merging,
+              const SurveyPace &pace) {
   Survey survey(volumes, before_merging);
-  const GracePeriod grace;
-  survey.examine_compressed(findings.compressed);
-  for (FoundGroup &group : findings.groups) {
-    if (grace.is_over()) {
-      mark_not_examined(group);
-    } else {
-      survey.examine_group(group);
-    }
+  const GracePeriod grace(pace.end);
+  size_t examined = 0;
+  for (; examined < groups.size() && !grace.is_over(); ++examined) {
+    survey.examine_group(groups[examined]);
+    ++pace.examined;
   }
-  std::sort(findings.groups.begin(), findings.groups.end(),
-            [](const FoundGroup &a, const FoundGroup &b) {
-              const auto left = sort_key(a);
-              const auto right = sort_key(b);
-              return left != right ? left > right : a.files.front().path < b.files.front().path;
-            });
+  for (FoundGroup &group : groups.subspan(examined)) {
+    mark_not_examined(group);
+  }
+  return examined;
+}
+
+void survey_compressed(std::vector<FoundFile> &files, Volumes &volumes, bool before_merging) {
+  Survey(volumes, before_merging).examine_compressed(files);
 }
 
 }  // namespace tool

@@ -17,6 +17,13 @@ class TimeLimit {
 
   bool is_over() const { return seconds_ != 0 && elapsed() >= std::chrono::seconds(seconds_); }
 
+  // When half of the time left will have passed: never without a limit.
+  Clock::time_point halfway() const {
+    const Clock::time_point now = Clock::now();
+    return seconds_ == 0 ? Clock::time_point::max()
+                         : now + (start_ + std::chrono::seconds(seconds_) - now) / 2;
+  }
+
   // The time left in whole seconds, at least one; 0 means no limit.
   unsigned seconds_left() const {
     if (seconds_ == 0) {
