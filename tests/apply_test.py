@@ -276,6 +276,7 @@ class Disturbed(ReportCase):
             self.assertEqual(process.returncode, status, said)
             for text in expected:
                 self.assertRegex(said, text)
+        self.check_runs(("history --json", 0, '"out_of_time":true,"left_is_minimum":true'))
 
 
 main(sys.argv[1:-1])

@@ -26,7 +26,8 @@ class History(NightCase):
         merged = self.scan("--apply")["merged"]
         first, = self.history()
         self.assertLessEqual({"freed_bytes": merged["freed_bytes"], "merged": 1, "left_bytes": 0,
-                              "out_of_time": False, "stopped": False}.items(), first.items())
+                              "out_of_time": False, "stopped": False,
+                              "left_is_minimum": False}.items(), first.items())
         self.assertEqual((record.stat().st_mode & 0o777, first["freed_bytes"] >= 70000),
                          (0o600, True))
         line = record.read_bytes()
@@ -39,6 +40,9 @@ class History(NightCase):
         self.check_runs((f"history --state {self.state}", 0,
                          r"run .*\n(\d{4}-\d\d-\d\d \d\d:\d\d .* done\n){2}"
                          r"2 runs +(\d+(\.\d)? KiB) +1\n"))
+        older = line.replace(b',"left_is_minimum":false', b"")
+        record.write_bytes(older + older.replace(b'time":false', b'time":true'))
+        self.check_runs((f"history --state {self.state}", 0, r" 1 +0 B .* done\n.* 1 +- .* time\n"))
         many = 2**20 // len(line) + 1
         record.write_bytes(line * many)
         self.scan("--apply")

@@ -45,8 +45,16 @@ struct FlagField {
 };
 constexpr FlagField FLAGS[] = {{"stopped", &HistoryEntry::stopped},
                                {"out_of_time", &HistoryEntry::out_of_time}};
+constexpr const char *LEFT_IS_MINIMUM = "left_is_minimum";
 
-// Requires every field: a line that lacks one was cut short or written by something else.
+// Older lines do not tell. A run that ended early may have left more than it knew.
+bool left_is_minimum(const Json &object, const HistoryEntry &entry) {
+  const auto found = object.find(LEFT_IS_MINIMUM);
+  const bool is_told = found != object.end() && found->is_boolean();
+  return is_told ? found->get<bool>() : entry.stopped || entry.out_of_time;
+}
+
+// Requires every other field: a line that lacks one was cut short or written by something else.
 std::optional<HistoryEntry> parse_entry(std::string_view line) {
   const Json object = Json::parse(line, nullptr, false);
   HistoryEntry entry;
@@ -64,6 +72,7 @@ std::optional<HistoryEntry> parse_entry(std::string_view line) {
     }
     entry.*field.value = found->get<bool>();
   }
+  entry.left_is_minimum = left_is_minimum(object, entry);
   return entry;
 }
 
@@ -167,7 +176,8 @@ HistoryEntry entry_of(const Report &report) {
           .refused = counts.refused,
           .not_tried = counts.not_tried,
           .stopped = report.stopped,
-          .out_of_time = report.out_of_time};
+          .out_of_time = report.out_of_time,
+          .left_is_minimum = report.is_cut || report.findings.unexamined_groups() > 0};
 }
 
 std::string history_line(const HistoryEntry &entry) {
@@ -178,6 +188,7 @@ std::string history_line(const HistoryEntry &entry) {
   for (const FlagField &field : FLAGS) {
     object[field.name] = entry.*field.value;
   }
+  object[LEFT_IS_MINIMUM] = entry.left_is_minimum;
   return object.dump();
 }
 

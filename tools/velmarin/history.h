@@ -23,6 +23,8 @@ struct HistoryEntry {
   uint64_t not_tried = 0;
   bool stopped = false;      // by a signal
   bool out_of_time = false;  // the time budget was used up
+  // The run did not find and examine everything, so there may be more than `left_bytes`.
+  bool left_is_minimum = false;
 };
 
 // The record of a run that ends now.

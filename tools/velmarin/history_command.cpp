@@ -31,10 +31,15 @@ const char *end_word(const HistoryEntry &entry) {
   return entry.stopped ? "stopped" : entry.out_of_time ? "out of time" : "done";
 }
 
+// What is left, if the run knew all of it.
+std::string left_text(const HistoryEntry &entry) {
+  return entry.left_is_minimum ? "-" : format_size(entry.left_bytes);
+}
+
 void print_row(const HistoryEntry &entry) {
   std::printf("%-16s  %11s  %8llu  %11s  %11s  %s\n", local_minute(entry.start).c_str(),
               format_size(entry.freed_bytes).c_str(), static_cast<unsigned long long>(entry.merged),
-              format_size(entry.left_bytes).c_str(),
+              left_text(entry).c_str(),
               format_duration(std::chrono::milliseconds(entry.elapsed_ms)).c_str(),
               end_word(entry));
 }
