@@ -155,20 +155,43 @@ Writing writing_of(int fd, const Inode &inode) {
   return (item.flags & INODE_WITHOUT_CHECKSUMS) != 0 ? Writing::unchecked : Writing::checked;
 }
 
+namespace {
+
+// Ends the running transaction. Until then the file system does not find an extent that was written
+// in it, nor who else refers to it.
+void commit(int fd) {
+  uint64_t transaction = 0;
+  if (ioctl(fd, BTRFS_IOC_START_SYNC, &transaction) == 0) {
+    ioctl(fd, BTRFS_IOC_WAIT_SYNC, &transaction);
+  }
+}
+
+// Returns 0 or an errno.
+int query_references(int fd, uint64_t disk_begin, std::vector<uint64_t> &answer) {
+  btrfs_ioctl_logical_ino_args request = {};
+  request.logical = disk_begin;
+  request.size = answer.size() * sizeof answer.front();
+  request.flags = BTRFS_LOGICAL_INO_ARGS_IGNORE_OFFSET;
+  request.inodes = reinterpret_cast<uintptr_t>(answer.data());
+  return ioctl(fd, BTRFS_IOC_LOGICAL_INO_V2, &request) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
 std::optional<std::vector<Inode>> references_of(int fd, uint64_t disk_begin) {
   for (const size_t bytes : REFERENCE_BYTES) {
     std::vector<uint64_t> memory = record_memory(bytes);
-    auto *const answer = reinterpret_cast<btrfs_data_container *>(memory.data());
-    btrfs_ioctl_logical_ino_args request = {};
-    request.logical = disk_begin;
-    request.size = bytes;
-    request.flags = BTRFS_LOGICAL_INO_ARGS_IGNORE_OFFSET;
-    request.inodes = reinterpret_cast<uintptr_t>(answer);
-    if (ioctl(fd, BTRFS_IOC_LOGICAL_INO_V2, &request) != 0) {
-      return errno == ENOENT ? std::optional(std::vector<Inode>()) : std::nullopt;
+    int error = query_references(fd, disk_begin, memory);
+    if (error == ENOENT) {
+      commit(fd);
+      error = query_references(fd, disk_begin, memory);
     }
-    if (answer->elem_missed == 0) {
-      return inodes_in(*answer);
+    if (error != 0) {
+      return error == ENOENT ? std::optional(std::vector<Inode>()) : std::nullopt;
+    }
+    const auto &answer = *reinterpret_cast<const btrfs_data_container *>(memory.data());
+    if (answer.elem_missed == 0) {
+      return inodes_in(answer);
     }
   }
   return std::nullopt;

@@ -52,7 +52,7 @@ enum class Writing { checked, unchecked, in_place };
 Writing writing_of(int fd, const Inode &inode);
 
 // Every inode that refers to the extent at that address, including inodes in snapshots. Empty if
-// none does any more.
+// none does any more. Commits the running transaction if the extent cannot be found before that.
 std::optional<std::vector<Inode>> references_of(int fd, uint64_t disk_begin);
 
 }  // namespace tool::btrfs
