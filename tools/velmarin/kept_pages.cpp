@@ -27,7 +27,7 @@ uint64_t memory_bytes() {
 // Whether the file's pages may stay. If so, subtracts the file's size from the room.
 bool reserve_room(int fd) {
   struct stat status = {};
-  if (room == 0 || fstat(fd, &status) != 0) {
+  if (fstat(fd, &status) != 0) {
     return false;
   }
   const auto size = static_cast<uint64_t>(status.st_size);

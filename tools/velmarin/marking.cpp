@@ -43,11 +43,11 @@ uint64_t bytes_of_mark(int fd, const struct stat &before) {
     return bytes;
   }
   struct stat now = {};
-  if (fstat(fd, &now) != 0 || now.st_blocks < before.st_blocks) {
+  if (fstat(fd, &now) != 0) {
     return 0;
   }
-  const auto grown = static_cast<uint64_t>(now.st_blocks - before.st_blocks) * 512;
-  return std::min(grown, static_cast<uint64_t>(now.st_blksize));
+  const blkcnt_t grown = std::max<blkcnt_t>(now.st_blocks - before.st_blocks, 0);
+  return static_cast<uint64_t>(std::min<blkcnt_t>(grown * 512, now.st_blksize));
 }
 
 }  // namespace

@@ -28,18 +28,6 @@ std::vector<const char *> pointers(const std::vector<std::string> &texts) {
   return list;
 }
 
-// The library knows a skipped path by the low half of its inode number, which others may share. So
-// the probes skip what there is, and the library only says in its log which paths are of no use.
-std::vector<std::string> useless_skips(const std::vector<std::string> &paths) {
-  std::vector<std::string> list;
-  std::copy_if(paths.begin(), paths.end(), std::back_inserter(list), [](const std::string &path) {
-    struct stat status = {};
-    return lstat(path.c_str(), &status) != 0 ||
-           (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode));
-  });
-  return list;
-}
-
 template <typename Element>
 void append(std::vector<Element> &list, std::vector<Element> &more) {
   list.insert(list.end(), std::make_move_iterator(more.begin()),
@@ -174,16 +162,16 @@ void ScanRuns::plan_further_run(VolumeWatch &watch, const VolumeRun &run) {
   }
 }
 
+// The library knows a skipped path by the low half of its inode number, which others may share, so
+// it gets none: the probes skip.
 int ScanRuns::call_library(const VolumeRun &run, const std::string &state, Collector &collector) {
   const velmarin::sis_ops ops = counted_probes(Collector::receive, options_.apply);
   std::vector<const char *> roots = pointers(run.roots);
-  const std::vector<std::string> useless = useless_skips(skips_);
-  std::vector<const char *> skips = pointers(useless);
   const StoppableOpens opens;
   const int error = single_instance_storage(
-      roots.data(), static_cast<int>(roots.size()), skips.data(), static_cast<int>(skips.size()),
-      state.c_str(), smallest_size(), run.max_depth, 0, limit_.seconds_left(), &ops,
-      reinterpret_cast<uintptr_t>(&collector), signals_.handle_slot());
+      roots.data(), static_cast<int>(roots.size()), nullptr, 0, state.c_str(), smallest_size(),
+      run.max_depth, 0, limit_.seconds_left(), &ops, reinterpret_cast<uintptr_t>(&collector),
+      signals_.handle_slot());
   uint64_t &errors = collector.findings.counters.nr_error;
   errors -= std::min(errors, opens.refused_digests());
   return error;
