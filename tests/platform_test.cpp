@@ -177,7 +177,7 @@ TEST_P(ControlCodes, InvalidRequestsAreRefusedWithEveryByteKept) {
     const test_file own = make_file("in_place/own", content);
     const test_file other = open_file("other", NEW_COPY);
     EXPECT_EQ(open_file("", NAMELESS).clone(own), 0) << "as a copy";
-    EXPECT_TRUE(other.copy(own) == 0 && other.content() == content && other.state() == "plain");
+    EXPECT_TRUE(attach(own) && other.copy(own) == 0 && other.content() == content && other.state() == "plain");
   }
 }
 

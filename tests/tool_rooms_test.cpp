@@ -141,6 +141,17 @@ TEST(Omissions, IncludeADirectoryThatCannotBeReadToItsEnd) {
             tree.path("file") + ": directory not read, Not a directory");
 }
 
+TEST(Collector, NamesFilesBelowTheRootDirectoryWithOneSlash) {
+  const timespec time = {};
+  velmarin::sis_report record = {};
+  record.path = "//a";
+  record.mtime = &time;
+  record.stage = velmarin::REPORT_GROUP;
+  Collector collector;
+  Collector::receive(reinterpret_cast<uintptr_t>(&collector), &record);
+  EXPECT_EQ(collector.findings.groups[0].files[0].path, "/a");
+}
+
 // Each word is "TEXT=VALUE", with '-' for a text that is refused.
 template <typename Parse>
 void expect_values(const std::string &words, Parse parse) {
