@@ -177,7 +177,8 @@ TEST_P(ControlCodes, InvalidRequestsAreRefusedWithEveryByteKept) {
     const test_file own = make_file("in_place/own", content);
     const test_file other = open_file("other", NEW_COPY);
     EXPECT_EQ(open_file("", NAMELESS).clone(own), 0) << "as a copy";
-    EXPECT_TRUE(attach(own) && other.copy(own) == 0 && other.content() == content && other.state() == "plain");
+    EXPECT_TRUE(attach(own) && other.copy(own) == 0 && other.content() == content &&
+                other.state() == "plain");
   }
 }
 
@@ -191,6 +192,10 @@ TEST_P(ControlCodes, AnAttributeIsValidOnlyForItsOwnFileAndUntilTheNextWrite) {
   }
   ASSERT_TRUE(attach(writer) && reader.freeze() == 0);
   ASSERT_TRUE(image_.run("cp -a file copy"));
+  char record[64];
+  EXPECT_TRUE(fgetxattr(reader, "user.velmarin.layer", record, sizeof(record)) > 0 &&
+              record[0] == 1)
+      << "the version, also of records on disk";
   const test_file copy = open_file("copy", O_RDWR);
   ASSERT_TRUE(fgetxattr(copy, "user.velmarin.layer", nullptr, 0) > 0 &&
               fgetxattr(copy, "user.velmarin.coincide", nullptr, 0) > 0);

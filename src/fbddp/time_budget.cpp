@@ -145,7 +145,6 @@ bool create_timer(sis_context *ctx, unsigned seconds) {
   event.sigev_value.sival_ptr = ctx;
   if (timer_create(CLOCK_REALTIME, &event, &ctx->timer) != 0) {
     log_erro("fail to create timer of %us", seconds);
-    ctx->timer = {};
     return false;
   }
   ctx->alarm.armed = true;

@@ -1,5 +1,7 @@
 #include "apply_command.h"
 
+#include <algorithm>
+
 #include "exit_status.h"
 #include "guarded_open.h"
 #include "history.h"
@@ -23,14 +25,12 @@ bool are_roots_usable(const Report &report) {
   if (!resolve_roots(report.roots, resolved)) {
     return false;
   }
-  for (size_t i = 0; i < report.roots.size(); ++i) {
-    if (i >= resolved.size() || resolved[i] != report.roots[i]) {
-      print_error("cannot merge below", report.roots[i],
-                  "listed twice, or reached through a symbolic link");
-      return false;
-    }
+  const auto [listed, found] =
+      std::mismatch(report.roots.begin(), report.roots.end(), resolved.begin(), resolved.end());
+  if (listed != report.roots.end()) {
+    print_error("cannot merge below", *listed, "listed twice, or reached through a symbolic link");
   }
-  return true;
+  return listed == report.roots.end();
 }
 
 bool read_report(const std::string &file, Report &report) {

@@ -16,6 +16,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/unique_fd.h"
 #include "copy_permissions.h"
 #include "display_name.h"
 #include "guarded_open.h"
@@ -56,11 +57,10 @@ int logged_error(const std::string &message) {
 // Why a call that returned only -1 failed. The call opens the file for reading and writing, so this
 // tries the same. If that works, the reason is in the call's last log line.
 std::string failure_reason(const std::string &file, const LogLines &log) {
-  const int fd = open(file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
+  const velmarin::unique_fd fd(open(file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  if (!fd.is_open()) {
     return std::strerror(errno);
   }
-  close(fd);
   const std::string message = log.last_message();
   if (const int error = logged_error(message); error > 0) {
     return describe_error(error);
@@ -153,14 +153,10 @@ std::string recovery_failure_reason(const std::string &file, int error) {
     return describe_error(EOPNOTSUPP);
   }
   const std::string directory = std::filesystem::path(resolved).parent_path();
-  const int fd = open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-  const int open_error = fd < 0 ? errno : 0;
+  const velmarin::unique_fd fd(open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+  const int open_error = fd.is_open() ? 0 : errno;
   struct stat temporary = {};
-  const bool is_elsewhere =
-      fd >= 0 && fstat(fd, &temporary) == 0 && temporary.st_dev != status.st_dev;
-  if (fd >= 0) {
-    close(fd);
-  }
+  const bool is_elsewhere = fstat(fd.get(), &temporary) == 0 && temporary.st_dev != status.st_dev;
   if (!is_elsewhere && open_error == 0) {
     return std::strerror(error);
   }

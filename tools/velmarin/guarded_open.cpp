@@ -12,6 +12,7 @@
 #include <string_view>
 #include <utility>
 
+#include "common/unique_fd.h"
 #include "message.h"
 #include "omission_watch.h"
 #include "open_beneath.h"
@@ -23,7 +24,7 @@ namespace {
 
 struct HeldRoot {
   std::string path;
-  int fd;  // if negative, every open below the root fails
+  velmarin::unique_fd fd;  // if it is closed, every open below the root fails
 };
 
 // The first three are written while the process has one thread.
@@ -98,7 +99,7 @@ int open_below_roots(const char *path, int flags, mode_t mode) {
         return -1;
       }
       probe_counts.read += is_content_open(flags);
-      const int fd = open_beneath(root.fd, rest, flags, mode);
+      const int fd = open_beneath(root.fd.get(), rest, flags, mode);
       if (fd < 0) {
         OmissionWatch::note_failed_open(path, flags, errno);
       }
@@ -131,24 +132,19 @@ int guarded_open(const char *path, int flags, mode_t mode) {
 GuardedRoots::GuardedRoots(const std::vector<std::string> &roots) {
   std::vector<HeldRoot> held;
   for (const std::string &root : roots) {
-    held.push_back({root, plain_open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC, 0)});
-    const int trial = open_beneath(held.back().fd, ".", O_RDONLY | O_CLOEXEC, 0);
-    if (trial < 0) {
+    held.push_back(
+        {root, velmarin::unique_fd(plain_open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC, 0))});
+    const velmarin::unique_fd trial(
+        open_beneath(held.back().fd.get(), ".", O_RDONLY | O_CLOEXEC, 0));
+    if (!trial.is_open()) {
       print_error("cannot confine the scan to", root, std::strerror(errno));
       are_held_ = false;
-    } else {
-      close(trial);
     }
   }
   held_roots = std::move(held);
 }
 
 GuardedRoots::~GuardedRoots() {
-  for (const HeldRoot &root : held_roots) {
-    if (root.fd >= 0) {
-      close(root.fd);
-    }
-  }
   held_roots.clear();
 }
 

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string_view>
 
+#include "common/unique_fd.h"
 #include "message.h"
 
 namespace tool {
@@ -89,31 +90,28 @@ bool read_all(int fd, std::string &text) {
   return count == 0;
 }
 
-// Opens the record, which must be a regular file. Returns -1 with errno on failure.
-int open_record(const std::string &path, int flags) {
-  const int fd = open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+// Opens the record, which must be a regular file. The descriptor is closed on failure, with errno
+// set.
+velmarin::unique_fd open_record(const std::string &path, int flags) {
+  velmarin::unique_fd fd(open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
   struct stat status = {};
-  if (fd < 0 || (fstat(fd, &status) == 0 && S_ISREG(status.st_mode))) {
-    return fd;
+  if (fd.is_open() && fstat(fd.get(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    fd.reset();
+    errno = EINVAL;
   }
-  close(fd);
-  errno = EINVAL;
-  return -1;
+  return fd;
 }
 
 // Returns nothing if the record cannot be read, after an error message.
 std::optional<std::string> read_record(const std::string &path) {
-  const int fd = open_record(path, O_RDONLY);
+  const velmarin::unique_fd fd = open_record(path, O_RDONLY);
   std::string text;
-  if (fd < 0 && (errno == ENOENT || errno == ENOTDIR)) {
+  if (!fd.is_open() && (errno == ENOENT || errno == ENOTDIR)) {
     return text;
   }
-  const bool is_read = fd >= 0 && read_all(fd, text);
+  const bool is_read = fd.is_open() && read_all(fd.get(), text);
   if (!is_read) {
     print_error("cannot read", path, std::strerror(errno));
-  }
-  if (fd >= 0) {
-    close(fd);
   }
   return is_read ? std::optional(std::move(text)) : std::nullopt;
 }
@@ -131,13 +129,10 @@ bool shorten(const std::string &path) {
   const size_t cut = text->find('\n', text->size() / 2);
   const std::string newer = path + ".new";
   unlink(newer.c_str());
-  const int fd = open_record(newer, O_WRONLY | O_CREAT | O_EXCL);
-  const bool is_written =
-      fd >= 0 && write_synced(fd, cut == std::string::npos ? "" : text->substr(cut + 1));
-  if (fd >= 0) {
-    close(fd);
-  }
-  return is_written && rename(newer.c_str(), path.c_str()) == 0;
+  const velmarin::unique_fd fd = open_record(newer, O_WRONLY | O_CREAT | O_EXCL);
+  return fd.is_open() &&
+         write_synced(fd.get(), cut == std::string::npos ? "" : text->substr(cut + 1)) &&
+         rename(newer.c_str(), path.c_str()) == 0;
 }
 
 // If a crash cut the last line short, ends it first.
@@ -216,13 +211,12 @@ bool append_history(const std::string &state, const HistoryEntry &entry) {
   const std::string path = history_path(state);
   struct stat status = {};
   const bool is_long = lstat(path.c_str(), &status) == 0 && status.st_size > MAX_BYTES;
-  const int fd = is_long && !shorten(path) ? -1 : open_record(path, O_RDWR | O_APPEND | O_CREAT);
-  const bool is_written = fd >= 0 && append_line(fd, history_line(entry));
+  const velmarin::unique_fd fd = is_long && !shorten(path)
+                                     ? velmarin::unique_fd()
+                                     : open_record(path, O_RDWR | O_APPEND | O_CREAT);
+  const bool is_written = fd.is_open() && append_line(fd.get(), history_line(entry));
   if (!is_written) {
     print_error("cannot write", path, std::strerror(errno));
-  }
-  if (fd >= 0) {
-    close(fd);
   }
   return is_written;
 }

@@ -1,7 +1,6 @@
 #include "merge.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +11,7 @@
 #include <system_error>
 #include <thread>
 
+#include "common/unique_fd.h"
 #include "layer.h"
 #include "read_ahead.h"
 #include "refusal.h"
@@ -96,23 +96,24 @@ std::string logged_reason(const LogLines &log) {
                                     : message.substr(found + std::strlen(" returned "));
 }
 
-// Opens a file as the source of its share. Returns its descriptor, or -1 with the outcome set.
-int open_as_source(FoundFile &file, LogLines &log) {
+// Opens a file as the source of its share. The descriptor is closed if that fails, with the outcome
+// set.
+velmarin::unique_fd open_as_source(FoundFile &file, LogLines &log) {
   if (!is_unchanged(file)) {
     set_outcome(file, Outcome::changed, CHANGED);
-    return -1;
+    return {};
   }
   if (file.state.layer != 0) {
     const int access = file.state.obstacle == 0 ? O_RDWR : O_RDONLY;
-    const int fd = open(file.path.c_str(), access | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
+    velmarin::unique_fd fd(open(file.path.c_str(), access | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.is_open()) {
       set_refused(file, errno, std::strerror(errno));
     }
     return fd;
   }
   log.forget();
-  const int fd = create_layer(file.path.c_str());
-  if (fd < 0) {
+  velmarin::unique_fd fd(create_layer(file.path.c_str()));
+  if (!fd.is_open()) {
     set_outcome(file, Outcome::refused, logged_reason(log));
   }
   return fd;
@@ -150,8 +151,8 @@ class ShareMerge {
         account_(account_of(volume(), maps_)) {}
 
   void run() {
-    const int fd = open_source();
-    if (fd < 0) {
+    const velmarin::unique_fd fd = open_source();
+    if (!fd.is_open()) {
       refuse_rest();
       return;
     }
@@ -164,11 +165,10 @@ class ShareMerge {
       } else if (file.state.obstacle != 0) {
         refuse(file, file.state.obstacle);
       } else if (file.outcome != Outcome::changed) {
-        merge(index, fd);  // even if refused as the source: it may work as a target
+        merge(index, fd.get());  // even if refused as the source: it may work as a target
       }
     }
-    drop_unused_layer(fd);
-    close(fd);
+    drop_unused_layer(fd.get());
   }
 
  private:
@@ -200,13 +200,13 @@ class ShareMerge {
 
   // Picks the first file that can be the source. The outcomes of those before it say why they
   // cannot.
-  int open_source() {
+  velmarin::unique_fd open_source() {
     for (const size_t index : share_.files) {
       if (stop_requested() || group_.files[index].state.source_obstacle != 0) {
-        return -1;  // the rest cannot be it either
+        break;  // the rest cannot be it either
       }
-      const int fd = open_as_source(group_.files[index], common_.log);
-      if (fd >= 0) {
+      velmarin::unique_fd fd = open_as_source(group_.files[index], common_.log);
+      if (fd.is_open()) {
         source_ = index;
         records_bytes_ = record_bytes(
             index,
@@ -214,7 +214,7 @@ class ShareMerge {
         return fd;
       }
     }
-    return -1;
+    return {};
   }
 
   std::vector<ExtentMap> maps_before() const {

@@ -153,7 +153,7 @@ SpaceAccount account_of(const Volume &volume, const std::vector<ExtentMap> &maps
       known.insert(*map.inode);
     }
   }
-  const int fd = volume.fd;
+  const int fd = volume.fd.get();
   SpaceAccount account([fd, known = std::move(known)](uint64_t address) {
     const auto references = btrfs::references_of(fd, address);
     return !references || !std::all_of(references->begin(), references->end(),

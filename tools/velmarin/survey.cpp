@@ -1,13 +1,13 @@
 #include "survey.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <map>
 
+#include "common/unique_fd.h"
 #include "inode_room.h"
 #include "layer.h"
 #include "obstacle.h"
@@ -105,13 +105,8 @@ class Survey {
     if (volume != nullptr && !volume->can_share && !asks_layer) {
       return plain_state(file, status);
     }
-    const int fd = open_found(file);
-    if (fd < 0) {
-      return failed_state(errno);
-    }
-    const FileState state = examine_open(file, fd, asks_layer, map);
-    close(fd);
-    return state;
+    const velmarin::unique_fd fd(open_found(file));
+    return fd.is_open() ? examine_open(file, fd.get(), asks_layer, map) : failed_state(errno);
   }
 
   FileState examine_open(const FoundFile &file, int fd, bool asks_layer, ExtentMap *map) {
@@ -257,16 +252,12 @@ bool is_unchanged(const FoundFile &file) {
 ExtentMap extents_of(const FoundFile &file, const Volumes &volumes) {
   ExtentMap map;
   const Volume &volume = *volumes.find(file.state.device);
-  const int fd = volume.can_share ? open_found(file) : -1;
-  if (fd < 0) {
-    return map;
-  }
+  const velmarin::unique_fd fd(volume.can_share ? open_found(file) : -1);
   struct stat status = {};
-  if (fstat(fd, &status) == 0 && status.st_dev == file.state.device &&
+  if (fstat(fd.get(), &status) == 0 && status.st_dev == file.state.device &&
       status.st_ino == file.state.inode) {
-    map = read_extents(fd, status.st_ino, file.size, volume);
+    map = read_extents(fd.get(), status.st_ino, file.size, volume);
   }
-  close(fd);
   return map;
 }
 

@@ -5,11 +5,11 @@
 #include <linux/magic.h>
 #include <sys/ioctl.h>
 #include <sys/vfs.h>
-#include <unistd.h>
 
 #include <algorithm>
 
 #include "btrfs_extents.h"
+#include "common/unique_fd.h"
 
 namespace tool {
 namespace {
@@ -74,21 +74,8 @@ uint64_t btrfs_mark_bytes(int fd) {
 }
 
 bool can_share_data(const std::string &path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    return false;
-  }
-  const bool can_share = can_share_data(fd);
-  close(fd);
-  return can_share;
-}
-
-Volumes::~Volumes() {
-  for (const auto &[device, volume] : volumes_) {
-    if (volume.fd >= 0) {
-      close(volume.fd);
-    }
-  }
+  const velmarin::unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  return can_share_data(fd.get());
 }
 
 const Volume *Volumes::find(dev_t device) const {
@@ -117,7 +104,7 @@ const Volume &Volumes::get_or_add(dev_t device, int fd) {
   volume.subvolume = btrfs::subvolume_of(fd);
   const btrfs::Copies copies = btrfs::copies_kept(fd);
   volume.btrfs_record_bytes = BTRFS_RECORD_BYTES * copies.metadata / copies.data;
-  volume.fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  volume.fd.reset(fcntl(fd, F_DUPFD_CLOEXEC, 0));
   btrfs_ioctl_fs_info_args info = {};
   if (ioctl(fd, BTRFS_IOC_FS_INFO, &info) == 0) {
     FileSystemId id;

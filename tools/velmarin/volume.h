@@ -9,6 +9,8 @@
 #include <optional>
 #include <string>
 
+#include "common/unique_fd.h"
+
 namespace tool {
 
 struct Volume {
@@ -19,7 +21,7 @@ struct Volume {
   uint64_t block_size = 4096;
   uint64_t xfs_inode_bytes = 0;     // 0 if it is not XFS
   uint64_t btrfs_record_bytes = 0;  // estimated: of a file once it is merged for the first time
-  int fd = -1;                      // open on a file of a Btrfs, for queries; owned by `Volumes`
+  velmarin::unique_fd fd;           // open on a file of a Btrfs, for queries
 };
 
 // Whether files on the file system of an open file can share extents.
@@ -40,11 +42,6 @@ inline constexpr const char *CANNOT_SHARE = "; its file system cannot share data
 // The file systems seen so far.
 class Volumes {
  public:
-  Volumes() = default;
-  ~Volumes();
-  Volumes(const Volumes &) = delete;
-  Volumes &operator=(const Volumes &) = delete;
-
   // Returns null for a device not seen yet.
   const Volume *find(dev_t device) const;
 

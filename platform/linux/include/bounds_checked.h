@@ -22,8 +22,8 @@ int strcpy_s(char *dest, size_t dest_max, const char *src);
 
 // Formats at most `count` characters and a terminator into `dest`. Returns the number of characters
 // written; -1 on error or when the text does not fit: the destination is then an empty string.
-int snprintf_s(char *dest, size_t dest_max, size_t count, const char *format, ...)
-    __attribute__((__format__(printf, 4, 5)));
+__attribute__((__format__(printf, 4, 5))) int snprintf_s(char *dest, size_t dest_max, size_t count,
+                                                         const char *format, ...);
 
 #ifdef __cplusplus
 }
