@@ -148,7 +148,9 @@ class Apply(ToolCase):
     def test_a_page_holds_the_figures_and_files_of_its_run(self):
         self.mount_image("btrfs", "256M", "-L", "a label")
         self.write("other/x", b"")
-        self.mount("tmpfs", self.root / "other", "rw")
+        (self.directory / "other").write_bytes(bytes(16 << 20))
+        run("mkfs.ext4", "-q", "-b", "4096", "-I", "512", self.directory / "other")
+        self.mount("ext4", self.root / "other", "loop", self.directory / "other")
         files = self.write_each("a b c </script> other/x other/y")
         run("chattr", "+i", files[1])
         self.write("d", os.urandom(70000))
@@ -178,7 +180,7 @@ class Apply(ToolCase):
                              ["/</", "/", "/other/"])
         self.assertEqual([(system["type"], system["label"], system["sharing"])
                           for system in data["systems"]],
-                         [("btrfs", "a label", True), ("tmpfs", "", False)])
+                         [("btrfs", "a label", True), ("ext4", "", False)])
         self.assertEqual([run["merged"] for run in data["history"]], [2, 0])
 
     def test_files_that_cannot_change_are_a_source_if_merged_before_and_hold_up_nothing(self):
