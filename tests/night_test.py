@@ -75,7 +75,7 @@ class Configured(NightCase):
                 ("root = other", "2: expected .* 'root = /DIRECTORY', not 'root = other'"),
                 ("= 1", "2: expected "), ("min-size =", "2: 'min-size' needs a value"),
                 (f"html\nroot = {top}/other/a", "2: 'html' needs a value"),
-                ("no-hidden = no", "2: 'no-hidden' takes no value"),
+                ("no-hidden =", "2: 'no-hidden' takes no value"),
                 ("\nskip = a\nidle\nskip = b\nstate = a\n#\nstate=b", "8: 'state' is given twice"),
                 *((f"{name} = 1", f"2: unknown option '{name}'")
                   for name in ("config", "help", "x", "nonsense"))):

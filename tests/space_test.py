@@ -14,6 +14,9 @@ MIB = 1 << 20
 SIZE = 6 * MIB
 ALLOWED = 0.06  # relative error of a figure
 FICLONERANGE = 0x4020940D
+ACCESS_LIST = struct.pack("<I", 2) + b"".join(struct.pack("<HHI", *entry) for entry in (
+    (1, 6, -1 % 2**32), *((2, 4, user) for user in range(6)),
+    *((tag, 4, -1 % 2**32) for tag in (4, 16, 32))))  # of the owner, six users, and the others
 
 
 class SpaceCase(ToolCase):
@@ -29,6 +32,8 @@ class SpaceCase(ToolCase):
         for path in self.write_each((f"{folder}/{number}" for number in range(count)), data):
             if attribute:
                 os.setxattr(path, "user.a", bytes(attribute))
+            if folder == "access list":
+                os.setxattr(path, "system.posix_acl_access", ACCESS_LIST)
 
     def clones(self, folder, data, count=3):
         self.copies(folder, data, 1)
@@ -113,10 +118,12 @@ class Xfs(SpaceCase):
         self.make_common()
         self.copies("room for a record", content("room", 4096), 600, attribute=199)
         self.copies("no room", content("no room", 8192), 600, attribute=200)
+        self.copies("access list", content("access list", 4096), 600)
         self.copies("no room in pairs", content("pairs", 4096), 2, attribute=200)
         self.check(COMMON | {"reserved": (4 * MIB, 0, "merged"),
                              "reserved beyond": (2 * MIB, 0, "merged"),
                              "room for a record": (599 * 4096, 0, "merged"),
+                             "access list": (599 * 4096, 0, "merged"),
                              "no room": (599 * 8192 - 600 * 4096, 0, "merged"),
                              "no room in pairs": (0, 0, "no gain")})
 

@@ -42,7 +42,7 @@ Argument read_line(const std::string &line, const OptionKinds &kind_of) {
   }
   if (kind == OptionKind::flag ? has_sign : value.empty()) {
     throw UsageError(quoted(name) +
-                     (has_sign && !value.empty() ? " takes no value" : " needs a value"));
+                     (kind == OptionKind::flag ? " takes no value" : " needs a value"));
   }
   return {option, value};
 }
