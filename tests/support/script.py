@@ -23,7 +23,8 @@ DEADLINE = int(os.environ.get("VELMARIN_DEADLINE", 60))  # seconds for one run o
 
 def run(*command, **options):
     """Returns standard output; a failing command fails the test and shows all that it printed."""
-    done = subprocess.run(list(map(str, command)), capture_output=True, text=True, **options)
+    done = subprocess.run(list(map(str, command)), capture_output=True, text=True,
+                          timeout=DEADLINE, **options)
     if done.returncode != 0:
         raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}{done.stderr}")
     return done.stdout
@@ -108,6 +109,14 @@ class TreeCase(unittest.TestCase):
         self.mount(kind, self.root, "loop", image)
 
 
+class Tool(subprocess.Popen):
+    """Does not wait for a program that hangs after the test has failed."""
+    def __exit__(self, failure, *details):
+        if failure:
+            self.kill()
+        super().__exit__(failure, *details)
+
+
 class ToolCase(TreeCase):
     def setUp(self):
         super().setUp()
@@ -118,8 +127,8 @@ class ToolCase(TreeCase):
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "pipesize": 4096}
         variables = {"PATH": os.environ["PATH"], "HOME": str(self.directory), "TERM": "xterm",
                      "LD_PRELOAD": os.environ.get("VELMARIN_PRELOAD", "")}
-        return subprocess.Popen([*before, TOOL, *arguments], cwd=self.root, bufsize=0,
-                                env=variables, **pipes | options)
+        return Tool([*before, TOOL, *arguments], cwd=self.root, bufsize=0, env=variables,
+                    **pipes | options)
 
     def run_tool(self, *arguments, status=0, **options):
         """Runs the tool to its end and checks its exit status. Returns its two outputs as text."""
@@ -168,7 +177,8 @@ class ToolCase(TreeCase):
         """Returns the command prefix that runs the tool as a user who owns none of the files."""
         self.directory.chmod(0o777)
         nobody = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
-        if subprocess.run([*nobody, TOOL, "--version"], capture_output=True).returncode:
+        if subprocess.run([*nobody, TOOL, "--version"], capture_output=True,
+                          timeout=DEADLINE).returncode:
             self.skipTest("needs root to become another user")
         return nobody
 
