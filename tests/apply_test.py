@@ -146,6 +146,7 @@ class Merged(ReportCase):
         self.assertEqual(self.apply(only())[0], {})
         outcomes, _ = self.apply(text, "--dry-run")
         self.assertEqual(list(outcomes.values()), [None] * 12)
+        self.check_runs(("apply -n ../report", 0, r"\n  can be freed +[\d.]+ KiB\n"))
         self.assertEqual(self.traces(), before)
         for name in ("second", "first", "last"):
             outcomes, report = self.apply(only(name))

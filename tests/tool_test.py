@@ -52,7 +52,8 @@ class CommandLine(ToolCase):
         names = ("[a,b]", "{}", "%%", "scan", "two words", '"quoted"', "--", "--json", "-x")
         output, _ = self.run_tool("info", *[self.write(name, b"").name for name in names])
         self.assertEqual(output.count(": a plain file"), 8)
-        self.check_runs(("scan -nq .", 0, r"\n  time .*\n\Z"),
+        self.check_runs(("--help", 0, r"\nUsage: velmarin \[OPTIONS\] SUBCOMMAND\n"),
+                        ("scan -nq .", 0, r"\n  time .*\n\Z"),
                         ("scan -n .", 0, "velmarin: --dry-run is the default: "),
                         ("scan --skip no .", 0, "nothing to skip at no: No such file"),
                         ("scan --html /dev/full .", 1, "cannot write /dev/full: No space"),
