@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -16,10 +17,10 @@ namespace {
 bool write_all(int fd, std::string_view text) {
   while (!text.empty()) {
     const ssize_t written = write(fd, text.data(), text.size());
-    if (written < 0 && errno != EINTR) {
+    if (written == -1 && errno != EINTR) {
       return false;
     }
-    text.remove_prefix(written < 0 ? 0 : static_cast<size_t>(written));
+    text.remove_prefix(static_cast<size_t>(std::max<ssize_t>(written, 0)));
   }
   return true;
 }
