@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include <filesystem>
+#include <utility>
 
 #include "common/paths.h"
 #include "fbddp/dentry_forms.h"
@@ -23,6 +24,7 @@
 #include "support/run_context.h"
 #include "support/temporary_tree.h"
 #include "velmarin/control_codes.h"
+#include "velmarin/primitives.h"
 
 namespace {
 
@@ -87,7 +89,7 @@ TEST(Dentry, HasAPathOfAtMost4095CharactersAndWritesNothingBeforeItsBuffer) {
     path_buffer path = {};
   } place;
   for (const size_t root : {1U, 2U, 4093U, 4094U, 4095U, 4096U}) {
-    for (const size_t leaf : {1U, 2U, 4091U, 4092U, 4093U, 4094U, 4095U, 4096U}) {
+    for (const size_t leaf : {1U, 2U, 8U, 4091U, 4092U, 4093U, 4094U, 4095U, 4096U}) {
       const std::string names[] = {std::string(root, 'r'), std::string(leaf, 'f')};
       dentry *parent = c.list(nullptr, names[0], false);
       dentry *file = c.list(parent, names[1], true);
@@ -136,7 +138,7 @@ TEST(Forest, RequestsADigestOnlyOfInodesThatShareTheirKey) {
     dentry *a = f.insert(10);
     f.insert(10 + FOREST_TREES);  // the same tree
     EXPECT_EQ(f.queued(), "");
-    f.insert(10);
+    dentry *c = f.insert(10);
     EXPECT_EQ(f.queued(), "ac");
     EXPECT_EQ(f.insert(10, 0, 1), nullptr) << "a hard link to the node";
     EXPECT_EQ(f.insert(10, 0, 3), nullptr) << "a hard link to a member";
@@ -154,6 +156,8 @@ TEST(Forest, RequestsADigestOnlyOfInodesThatShareTheirKey) {
     for (uint32_t ino = 100; ino < 300; ino++) {  // each twice
       EXPECT_EQ(f.insert(10, 0, 100 + ino % 100) != nullptr, ino < 200);
     }
+    c->key = 300;  // only an index still has its inode
+    EXPECT_EQ(f.insert(10, 0, 3) == nullptr, make_indexes == make_member_indexes);
   }
 }
 
@@ -247,6 +251,10 @@ TEST(TimeBudget, ASignalStopsOnlyTheLiveRunItNamesAndNeverReachesThePreviousActi
   ASSERT_EQ(syscall(SYS_rt_sigqueueinfo, getpid(), SIGALRM, &late), 0);
   usleep(0);
   EXPECT_EQ(second.in_time, 1);
+  second.alarm.deadline = {0, 999'999'999};  // passed, so it may be its own
+  ASSERT_EQ(syscall(SYS_rt_sigqueueinfo, getpid(), SIGALRM, &late), 0);
+  usleep(0);
+  EXPECT_EQ(std::exchange(second.in_time, 1), 0);
 
   release_time_budget(&first);
   EXPECT_FALSE(owner.has_its_action()) << "the second run still needs the handler";
@@ -260,16 +268,28 @@ TEST(TimeBudget, ASignalStopsOnlyTheLiveRunItNamesAndNeverReachesThePreviousActi
   EXPECT_TRUE(owner.has_its_action() && second.in_time == 1);
 }
 
-TEST(Pattern, DoesNotBlockOnAFifoThatReplacedTheFile) {
-  const temporary_tree tree;
+TEST(Pattern, IsTheCrcOfTwoBlocksOfAWholeFileAndDoesNotBlockOnAFifoThatReplacedIt) {
+  const temporary_tree tree("whole=abcdefg*149797 short=x*5000 empty=x*0");
   ASSERT_EQ(mkfifo(tree.path("fifo").c_str(), 0600), 0);
+  const std::string content = tree.read("whole");
+  const std::string sample = content.substr(0, 4096) + content.substr(0xff000, 4096);
   run_context run;
-  dentry *file = run.list(run.list(nullptr, tree.root(), false), "fifo", true);
+  dentry *root = run.list(nullptr, tree.root(), false);
   alarm(60);  // ends a test that hangs
-  EXPECT_EQ(make_pattern(file, nullptr, -1), ESPIPE);
+  for (const auto &[name, result] :
+       {std::pair("whole", 0), {"short", 1}, {"empty", 1}, {"fifo", ESPIPE}, {"gone", ENOENT}}) {
+    dentry *file = run.list(root, name, true);
+    errno = 0;
+    EXPECT_EQ(make_pattern(file, nullptr, -1), result) << name;
+    EXPECT_EQ(file->pattern, result == 0 ? crc64_be(0, sample.data(), sample.size()) : 0U);
+  }
   alarm(0);
   EXPECT_EQ(run.log.messages(),
-            (std::vector<std::string>{"ERRO fail to seek to 0 from " + tree.path("fifo")}));
+            (std::vector<std::string>{
+                "ERRO fail to read from 1044480 to 1048576 from " + tree.path("short"),
+                "ERRO fail to read from 0 to 4096 from " + tree.path("empty"),
+                "ERRO fail to seek to 0 from " + tree.path("fifo"),
+                "ERRO fail to open " + tree.path("gone") + " returned No such file or directory"}));
 }
 
 }  // namespace

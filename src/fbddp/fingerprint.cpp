@@ -26,7 +26,7 @@ constexpr unsigned PATTERN_TAIL_OFFSET = 0xff000;
 constexpr unsigned PATTERN_END = PATTERN_TAIL_OFFSET + BLOCK_SIZE;
 static_assert(PATTERN_END == PATTERN_MIN_SIZE);
 
-constexpr int SHORT_READ = -1;  // no errno
+constexpr int SHORT_READ = 1;
 constexpr int RECORD_ATTEMPTS = 4;
 
 int seek_to(int fd, unsigned offset, const char *path) {
