@@ -103,6 +103,7 @@ TEST(DigestStore, SavesIdentityTimeAndDigestOfEachFileAndLoadsThemOnce) {
     interruptions = 1;
     EXPECT_EQ(s.load(), 2);
     EXPECT_FALSE(s.file_exists());
+    EXPECT_EQ(strlen(s.ctx.pname), DIGEST_NAME_LENGTH) << "without the suffix";
     EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD) == 0, has_input);
     dup2(input, STDIN_FILENO);
     const std::string moved = has_input ? "" : "close ";
@@ -131,6 +132,7 @@ TEST(DigestStore, RejectsATruncatedOrChangedFileEntirely) {
     EXPECT_FALSE(s.file_exists());
     EXPECT_TRUE(s.log.messages().back().ends_with(line)) << s.log.messages().back();
     drop_hash_table(&s.ctx);
+    EXPECT_EQ(s.ctx.hash_table, nullptr);
   };
   const std::string whole = bytes_of(FIRST) + bytes_of(SECOND);
   for (size_t i = 0; i < whole.size(); i++) {

@@ -125,11 +125,4 @@ TEST_F(Threads, ConcurrentRunsFindEverythingAndRestoreThePreviousAction) {
   }
 }
 
-// A process started by another thread inherits the action in force at that moment.
-TEST_F(Threads, ARunWithABudgetSetsTheSignalActionOnceAndRestoresItOnce) {
-  const failure_injector counter(library_call::sigaction, UINT64_MAX);
-  scan{.time_budget = 300}.run();
-  EXPECT_EQ(counter.calls(), 2U);
-}
-
 }  // namespace

@@ -102,8 +102,6 @@ void fix_missing_black(rb_node *node, rb_node *parent, rb_root *root) {
       continue;
     }
     if (!is_red(child(sibling, far))) {
-      set_black(child(sibling, near));
-      set_red(sibling);
       rotate(sibling, far, root);
       sibling = child(parent, far);
     }

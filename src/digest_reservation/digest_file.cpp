@@ -36,8 +36,8 @@ struct digest_path {
 // Builds the path up to the '/'. Returns false on failure.
 bool form_directory(digest_path *path, const char *save_dir) {
   *path = {};
-  const auto length = static_cast<int32_t>(strlen(save_dir));
-  if (length < 0 || length >= static_cast<int32_t>(PATH_BUF_SIZE)) {
+  const size_t length = strlen(save_dir);
+  if (length >= PATH_BUF_SIZE) {
     // The misspelling is deliberate (sic): hosts rely on this line.
     log_erro("Too looong save_dir, %s\n", "quit!");
     return false;
@@ -47,7 +47,7 @@ bool form_directory(digest_path *path, const char *save_dir) {
     return false;
   }
   path->text[length] = '/';
-  path->name_start = static_cast<size_t>(length) + 1;
+  path->name_start = length + 1;
   return true;
 }
 

@@ -90,7 +90,6 @@ void split_group(sis_context *ctx, dentry *node) {
 
   // The node's own link becomes the first element of a separate list.
   list_head candidates;
-  list_init(&candidates);
   list_append(&node->group, &candidates);
   list_head result;
   list_init(&result);

@@ -20,10 +20,12 @@ namespace velmarin {
 struct member_index;
 
 inline constexpr size_t FOREST_TREES = 1024;
+static_assert((FOREST_TREES & (FOREST_TREES - 1)) == 0,
+              "a tree is chosen by the low bits of a size");
 
 // The digest file's name as `pname` holds it: the digits, then room for the suffix.
 inline constexpr size_t DIGEST_NAME_LENGTH = 64;  // lowercase hexadecimal digits
-inline constexpr size_t DIGEST_SUFFIX_SIZE = 5;   // a dot, three letters and a NUL
+inline constexpr size_t DIGEST_SUFFIX_SIZE = sizeof(".hsh");
 inline constexpr size_t DIGEST_NAME_SIZE = DIGEST_NAME_LENGTH + DIGEST_SUFFIX_SIZE;
 
 // What the workers do with a job. A run passes through the phases in this order and changes the

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <ctime>
+#include <span>
 
 #include "common/atomic_word.h"
 #include "common/log.h"
@@ -118,9 +119,8 @@ void walk_roots(sis_context *ctx, const scan_arguments &arguments, struct timesp
 // phase, and a node's marker and list change only once its own job is queued, so no lock is needed.
 void split_groups(sis_context *ctx, struct timespec *mark) {
   set_phase(ctx, PHASE_GROUP);
-  for (size_t tree = 0; tree < FOREST_TREES; tree++) {
-    rb_node *node = rb_first(&ctx->rbtree_roots[tree]);
-    for (; node != nullptr; node = rb_next(node)) {
+  for (const rb_root &tree : std::span(ctx->rbtree_roots, FOREST_TREES)) {
+    for (rb_node *node = rb_first(&tree); node != nullptr; node = rb_next(node)) {
       dentry *file = owner_of<&dentry::node>(node);
       if (heads_group(file) && !list_is_empty(&file->group) && is_in_time(ctx)) {
         schedule_job(ctx, file);

@@ -39,15 +39,14 @@ rb_root *set_for_type(sis_context *ctx, mode_t mode) {
 
 // Stats the entry at `path` without following a symbolic link. Returns whether that worked.
 bool stat_skip_path(const char *path, struct stat *status) {
-  unique_fd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW));
+  const unique_fd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW));
   if (!fd.is_open()) {
     const int error = errno;
     log_info("failed to open skip entry %s returned %s", path, strerror(error));
     return false;
   }
-  const int error = fstat(fd.get(), status) == 0 ? 0 : errno;
-  fd.reset();
-  if (error != 0) {
+  if (fstat(fd.get(), status) != 0) {
+    const int error = errno;
     log_info("fail to stat %s skip entry returned %s", path, strerror(error));
     return false;
   }

@@ -16,6 +16,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <tuple>
 
 #include "common/atomic_word.h"
 #include "common/log.h"
@@ -30,12 +31,19 @@ struct sigaction saved_action = {};  // in force before the first user
 sis_context *live_runs = nullptr;    // linked by alarm.next
 uint64_t handlers_inside = 0;        // threads that are reading `live_runs` in the handler
 
+// Holds `users_lock` while it lives.
+struct users_guard {
+  users_guard() { pthread_mutex_lock(&users_lock); }
+  ~users_guard() { pthread_mutex_unlock(&users_lock); }
+  users_guard(const users_guard &) = delete;
+  users_guard &operator=(const users_guard &) = delete;
+};
+
 bool is_budget_spent(const sis_context *ctx) {
   struct timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
   const struct timespec &deadline = ctx->alarm.deadline;
-  return now.tv_sec > deadline.tv_sec ||
-         (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec);
+  return std::tie(now.tv_sec, now.tv_nsec) >= std::tie(deadline.tv_sec, deadline.tv_nsec);
 }
 
 // A signal that other code sends on purpose, with the run's address as its value, is accepted too.
@@ -59,20 +67,22 @@ void clear_in_time(int, siginfo_t *info, void *) {
 }
 
 void enter_live_runs(sis_context *ctx) {
-  pthread_mutex_lock(&users_lock);
+  const users_guard guard;
   ctx->alarm.next = live_runs;
   store_ordered(&live_runs, ctx);
-  pthread_mutex_unlock(&users_lock);
 }
 
-void leave_live_runs(sis_context *ctx) {
-  pthread_mutex_lock(&users_lock);
+void unlink_live_run(sis_context *ctx) {
+  const users_guard guard;
   sis_context **link = &live_runs;
   while (*link != ctx) {
     link = &(*link)->alarm.next;
   }
   store_ordered(link, ctx->alarm.next);
-  pthread_mutex_unlock(&users_lock);
+}
+
+void leave_live_runs(sis_context *ctx) {
+  unlink_live_run(ctx);
   while (load_ordered(&handlers_inside) != 0) {
     sched_yield();
   }
@@ -119,23 +129,20 @@ void restore_previous_action() {
 }
 
 void release_handler() {
-  pthread_mutex_lock(&users_lock);
+  const users_guard guard;
   if (fetch_add(&HANDLER_USERS, static_cast<uint64_t>(-1)) == 1) {
     restore_previous_action();
   }
-  pthread_mutex_unlock(&users_lock);
 }
 
 bool acquire_handler() {
-  pthread_mutex_lock(&users_lock);
-  bool installed = true;
+  const users_guard guard;
   if (fetch_add(&HANDLER_USERS, 1) == 0 && !install_handler()) {
     log_erro("fail to set signal action for %d", SIGALRM);
     fetch_add(&HANDLER_USERS, static_cast<uint64_t>(-1));
-    installed = false;
+    return false;
   }
-  pthread_mutex_unlock(&users_lock);
-  return installed;
+  return true;
 }
 
 bool create_timer(sis_context *ctx, unsigned seconds) {
@@ -157,7 +164,6 @@ bool create_timer(sis_context *ctx, unsigned seconds) {
 void delete_timer(sis_context *ctx) {
   timer_delete(ctx->timer);
   leave_live_runs(ctx);
-  ctx->timer = {};
   ctx->alarm.armed = false;
 }
 

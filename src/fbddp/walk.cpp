@@ -52,7 +52,7 @@ int filter_entry(const sis_context *ctx, const opened_entry &entry) {
 }
 
 bool is_dot_or_dot_dot(const char *name) {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+  return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
 
 void add_entry(sis_context *ctx, dentry *directory, const struct dirent *entry) {

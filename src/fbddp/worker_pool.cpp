@@ -86,9 +86,7 @@ void *enqueued_worker(void *argument) {
 
 thread_slot *allocate_slot(int index) {
   for (int attempt = 0; attempt < SLOT_ATTEMPTS; attempt++) {
-    auto *slot = static_cast<thread_slot *>(malloc(sizeof(thread_slot)));
-    if (slot != nullptr) {
-      slot->thread = 0;
+    if (auto *slot = static_cast<thread_slot *>(malloc(sizeof(thread_slot)))) {
       return slot;
     }
     log_erro("fail to allocate thread %d", index);

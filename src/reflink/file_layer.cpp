@@ -62,11 +62,11 @@ int find_directory(const char *path, path_buffer *directory, failure_style style
 
 layer_outcome make_layer(int source_fd, const char *directory, mode_t mode,
                          struct stat *empty_status, unique_fd *temporary) {
-  const int fd = open(directory, O_RDWR | O_TMPFILE, mode);
-  if (fd < 0) {
+  temporary->reset(open(directory, O_RDWR | O_TMPFILE, mode));
+  const int fd = temporary->get();
+  if (!temporary->is_open()) {
     return {layer_step::open_temporary, fd, errno};
   }
-  temporary->reset(fd);
   if (empty_status != nullptr && fstat(fd, empty_status) != 0) {
     return {layer_step::read_status, -1, errno};
   }

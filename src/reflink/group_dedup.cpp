@@ -23,8 +23,8 @@ class file_group {
     }
   }
   ~file_group() {
-    for (int i = count_; i > 0; i--) {
-      files_[i - 1].~file_operand();
+    while (count_ > 0) {
+      files_[--count_].~file_operand();
     }
     free(files_);
   }

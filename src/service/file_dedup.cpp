@@ -33,12 +33,13 @@ int copy_directory(const char *path, heap_ptr<char> *directory) {
     return -1;
   }
   const size_t length = static_cast<size_t>(separator - path) + 1;
-  *directory = heap_allocate<char>(length + 1);
+  const size_t size = length + 1;
+  *directory = heap_allocate<char>(size);
   if (*directory == nullptr) {
     log_service("Create tmp_file Failed, malloc fail\n");
     return -1;
   }
-  if (memcpy_s(directory->get(), length + 1, path, length) != 0) {
+  if (memcpy_s(directory->get(), size, path, length) != 0) {
     log_service("Create tmp_file Failed, memcpy_s fail\n");
     return -1;
   }

@@ -17,8 +17,9 @@ captured_log *innermost = nullptr;
 thread_local const char *current_format = "";
 
 std::string message_of(int buffer_id, int priority, const char *tag, const char *text) {
-  static const std::regex prefix(R"(\[velmarin\]\[\d+\] |\[(ERRO|INFO) from thread \d+ at )"
-                                 R"((reflink|fbddp|digest_reservation)\.cpp:\d{4} @\d+\.\d{9}\] )");
+  static const std::regex prefix(
+      R"(\[velmarin\]\[\d+\] |\[(ERRO|INFO) from thread \d+ at )"
+      R"((reflink|fbddp|digest_reservation)\.cpp:\d{4} @[1-9]\d*\.\d{9}\] )");
   std::cmatch match;
   const bool fits = std::regex_search(text, match, prefix, std::regex_constants::match_continuous);
   const std::string kind = fits && match[1].matched ? match[1] : std::string("SERVICE");
