@@ -302,7 +302,7 @@ TEST(Mounts, AreReadFromTheLinesOfTheKernel) {
   for (const auto &[line, expected] :
        {std::pair("36 35 98:0 /a /mnt rw,noatime master:1 shared:2 - btrfs /dev/sdb1 rw",
                   "36 btrfs /dev/sdb1 /mnt"),
-        {R"(8 1 0:5 / /a\040b\134\011c\x\04 rw - fuse.x \043 rw)", "8 fuse.x # /a b\\\tc\\x\\04"},
+        {R"(8 1 0:5 / /a\040b\134\011c\x\04 rw - fuse.x \073 rw)", "8 fuse.x ; /a b\\\tc\\x\\04"},
         {"9 1 0:5 / / rw master:1 tmpfs none rw", "0"},
         {"x 1 0:5 / / rw - tmpfs none rw", "0"}}) {
     Mount mount;

@@ -44,7 +44,7 @@ bool has(const fiemap_extent &extent, uint32_t flags) {
 void add_data(std::vector<MappedData> &data, const MappedData &piece) {
   if (!data.empty()) {
     MappedData &last = data.back();
-    if (last.offset + last.length == piece.offset && last.address + last.length == piece.address) {
+    if (last.end() == piece.offset && last.address_end() == piece.address) {
       last.length += piece.length;
       return;
     }
@@ -124,8 +124,8 @@ bool is_shared_at(const std::vector<fiemap_extent> &extents, uint64_t offset) {
 void add_overwritten(const std::vector<MappedData> &data, std::vector<HeldRange> &held) {
   std::map<uint64_t, const MappedData *> last;  // by the distance between address and offset
   for (const MappedData &piece : data) {
-    const MappedData *&before = last[piece.address - piece.offset];
-    const uint64_t begin = before != nullptr ? before->address + before->length : piece.address;
+    const MappedData *&before = last[piece.distance()];
+    const uint64_t begin = before != nullptr ? before->address_end() : piece.address;
     if (begin < piece.address && piece.address - begin < MAX_BTRFS_EXTENT) {
       held.push_back({.begin = begin,
                       .end = piece.address,

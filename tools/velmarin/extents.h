@@ -16,6 +16,10 @@ struct MappedData {
   uint64_t offset = 0;
   uint64_t length = 0;
   uint64_t address = 0;
+
+  uint64_t end() const { return offset + length; }
+  uint64_t address_end() const { return address + length; }
+  uint64_t distance() const { return address - offset; }
   auto operator<=>(const MappedData &) const = default;  // NOLINT(modernize-use-nullptr)
 };
 

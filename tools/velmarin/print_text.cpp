@@ -185,7 +185,7 @@ class TextPrinter {
                            std::to_string(counters.nr_scan_file) + " candidates, " +
                            std::to_string(counters.nr_hashed) + " read in full");
     print_omission_counts();
-    if (report_.unsupported + report_.unknown > 0) {
+    if (report_.unsupported > 0 || report_.unknown > 0) {
       print_row("left out", std::to_string(report_.unsupported) + " without deduplication, " +
                                 std::to_string(report_.unknown) + " in an unknown state");
     }

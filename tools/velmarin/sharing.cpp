@@ -36,9 +36,8 @@ Layout layout_of(const std::string &path, Volumes &volumes) {
 // The bytes at the same offset in both pieces, if they are the same bytes on disk.
 uint64_t common_bytes(const MappedData &left, const MappedData &right) {
   const uint64_t begin = std::max(left.offset, right.offset);
-  const uint64_t end = std::min(left.offset + left.length, right.offset + right.length);
-  const bool is_same_data = left.address - left.offset == right.address - right.offset;
-  return is_same_data && begin < end ? end - begin : 0;
+  const uint64_t end = std::min(left.end(), right.end());
+  return left.distance() == right.distance() ? end - std::min(begin, end) : 0;
 }
 
 // Both lists are in file order.
@@ -46,7 +45,7 @@ uint64_t common_bytes(const std::vector<MappedData> &left, const std::vector<Map
   uint64_t bytes = 0;
   for (auto a = left.begin(), b = right.begin(); a != left.end() && b != right.end();) {
     bytes += common_bytes(*a, *b);
-    if (a->offset + a->length < b->offset + b->length) {
+    if (a->end() < b->end()) {
       ++a;
     } else {
       ++b;

@@ -111,7 +111,7 @@ void SpaceAccount::add_common_unwritten(const ExtentMap &map, const ExtentMap &s
   for (const MappedData &own : map.reserved) {
     for (const MappedData &other : source.reserved) {
       const uint64_t begin = std::max(own.offset, other.offset);
-      const uint64_t end = std::min(own.offset + own.length, other.offset + other.length);
+      const uint64_t end = std::min(own.end(), other.end());
       if (begin < end) {
         add_reference({.begin = own.address + (begin - own.offset),
                        .end = own.address + (end - own.offset),

@@ -262,9 +262,7 @@ ExtentMap extents_of(const FoundFile &file, const Volumes &volumes) {
 }
 
 void put_promising_first(std::vector<FoundGroup> &groups) {
-  std::stable_sort(groups.begin(), groups.end(), [](const FoundGroup &a, const FoundGroup &b) {
-    return promised_blocks(a) > promised_blocks(b);
-  });
+  std::ranges::stable_sort(groups, std::greater(), promised_blocks);
 }
 
 void put_gainful_first(std::span<FoundGroup> groups) {
