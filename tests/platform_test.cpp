@@ -148,7 +148,8 @@ TEST_P(ControlCodes, InvalidRequestsAreRefusedWithEveryByteKept) {
   const test_file copy = open_file("copy", NEW_COPY);
   const test_file layer = open_file("", NAMELESS);
   const test_file directory = open_file("", O_RDONLY | O_DIRECTORY);
-  EXPECT_EQ(copy.copy(source), 0);
+  EXPECT_TRUE(error_of(share_data(copy, source, 2)) == EINVAL && copy.dedup(source) == EBADF &&
+              copy.copy(source) == 0);
   EXPECT_TRUE(copy.content() == content && copy.state() == "plain");
   EXPECT_EQ(source.connect(layer), EINVAL);  // not cloned
 
@@ -169,6 +170,12 @@ TEST_P(ControlCodes, InvalidRequestsAreRefusedWithEveryByteKept) {
   EXPECT_EQ(stateless.dedup(source), EXDEV);
   EXPECT_EQ(stateless.freeze(), EOPNOTSUPP);
   EXPECT_EQ(error_of(ioctl(source, 0x4004f536, nullptr)), ENOTTY);
+  for (const unsigned code : {SIS_IOC_GET_FILE_INFO, SIS_IOC_COINCIDE_FLAG, SIS_IOC_CONNECT}) {
+    EXPECT_EQ(error_of(ioctl(source, code, nullptr)), EFAULT);
+    EXPECT_EQ(error_of(ioctl(-1, code, nullptr)), EBADF);
+  }
+  sis_coincide_arg no_flag = {0, SIS_COINCIDE_SET};
+  EXPECT_EQ(error_of(ioctl(source, SIS_IOC_COINCIDE_FLAG, &no_flag)), EINVAL);
   ASSERT_TRUE(source.write("changed"));
   EXPECT_EQ(source.connect(layer), EAGAIN);
   EXPECT_EQ(make_file("target", content).dedup(source), EINVAL);  // no longer attached
@@ -179,26 +186,28 @@ TEST_P(ControlCodes, InvalidRequestsAreRefusedWithEveryByteKept) {
     EXPECT_EQ(open_file("", NAMELESS).clone(own), 0) << "as a copy";
     EXPECT_TRUE(attach(own) && other.copy(own) == 0 && other.content() == content &&
                 other.state() == "plain");
+    EXPECT_TRUE(image_.run("mv in_place/own own") && own.recover() == 0);  // beside files with it
   }
 }
 
 TEST_P(ControlCodes, AnAttributeIsValidOnlyForItsOwnFileAndUntilTheNextWrite) {
   const mounted_image coarse("ext4 -I 128");  // keeps times in whole seconds
-  const test_file writer = make_file("file", "content");
-  const test_file reader = open_file("file", O_RDONLY);
+  image_.run("btrfs subvolume create one; btrfs subvolume create two; mkdir -p one two");
+  const test_file writer = make_file("one/file", "content");  // has the same number as two/file
+  const test_file reader = open_file("one/file", O_RDONLY);
   for (int round = 0; round < 20; round++) {  // each set within the clock tick of the write before
     EXPECT_TRUE(reader.freeze() == 0 && reader.is_frozen());
     ASSERT_TRUE(writer.write("CONTENT") && !reader.is_frozen());
   }
   ASSERT_TRUE(attach(writer) && reader.freeze() == 0);
-  ASSERT_TRUE(image_.run("cp -a file copy"));
-  char record[64];
-  EXPECT_TRUE(fgetxattr(reader, "user.velmarin.layer", record, sizeof(record)) > 0 &&
-              record[0] == 1)
-      << "the version, also of records on disk";
-  const test_file copy = open_file("copy", O_RDWR);
-  ASSERT_TRUE(fgetxattr(copy, "user.velmarin.layer", nullptr, 0) > 0 &&
-              fgetxattr(copy, "user.velmarin.coincide", nullptr, 0) > 0);
+  EXPECT_EQ((kernel_call("fsetxattr", 1), reader.freeze()), 0) << "without another write";
+  ASSERT_TRUE(image_.run("cp -a one/file two/file"));
+  const test_file copy = open_file("two/file", O_RDWR);
+  for (const char *name : {"user.velmarin.layer", "user.velmarin.coincide"}) {
+    char record[64];
+    EXPECT_TRUE(fgetxattr(copy, name, record, sizeof(record)) > 0 && record[0] == 1)
+        << "the version, also of records on disk";
+  }
   EXPECT_TRUE(reader.is_frozen() && !copy.is_frozen());
   EXPECT_TRUE(copy.state() == "plain" && copy.recover() == EINVAL);
   EXPECT_TRUE(reader.clear() == 0 && !reader.is_frozen());
@@ -258,7 +267,7 @@ struct request {
 const request REQUESTS[] = {
     {"clone", [](const auto &f) { return f.layer.clone(f.a); }, "fstatfs", false},
     {"connect", [](const auto &f) { return f.a.connect(f.layer); }, "fstatfs"},
-    {"dedup", [](const auto &f) { return f.b.dedup(f.a); }, "fstatfs"},
+    {"dedup", [](const auto &f) { return futimens(f.b, nullptr), f.b.dedup(f.a); }, "fstatfs"},
     {"copy", [](const auto &f) { return f.copy.copy(f.a); }, "fstatfs statx"},
     {"recover", [](const auto &f) { return f.b.recover(); }, "fstatfs GETFLAGS SETFLAGS"},
     {"freeze", [](const auto &f) { return f.a.freeze(); }, "fstatfs fgetxattr"},
@@ -273,7 +282,7 @@ class Requests : public ControlCodes {
     request_files f = {make_file("a", content_), make_file("b", content_), open_file("", NAMELESS),
                        open_file("copy", NEW_COPY), open_file("copy", O_WRONLY)};
     EXPECT_EQ(ftruncate(f.a, HOLE_END) | ftruncate(f.b, HOLE_END), 0);
-    f.a.set_time(1);  // an old time, so that no request waits for the clock to tick
+    f.a.set_time(1);  // an old time, so that only dedup waits for the clock to tick
     f.b.set_time(1);
     EXPECT_TRUE(attach(f.a) && (name != "connect" || f.layer.clone(f.a) == 0));
     EXPECT_TRUE(name != "recover" || f.b.dedup(f.a) == 0);
@@ -320,7 +329,7 @@ TEST_P(Requests, FailWhenACallFailsAndChangeNoContent) {
         if (is_copy && call == "statx" && result != 0) {
           continue;  // a filled copy that cannot be examined is left as it is
         }
-        EXPECT_TRUE(f.copy.content() == (is_copy && result == 0 ? whole() : ""));
+        EXPECT_EQ(outcome_of(f.copy), is_copy && result == 0 ? "deduped" : "new");
         EXPECT_TRUE(result == 0 || !tried.can_be_repeated || tried.make(f) == 0);
         if (!was_called || HasFailure()) {
           break;
@@ -354,6 +363,10 @@ TEST_P(Requests, NoticeConcurrentChangesToTheirFiles) {
            shares_extents_ ? "plain, plain, plain" : "plain, plain, new"},
           {"copy", "fgetxattr", 1, [&](auto &f) { write(f.writer); }, EAGAIN,
            "layered, plain, plain mine"},
+          {"copy", "open", 1, [&](auto &f) { write(f.writer); }, EINVAL,
+           "layered, plain, plain mine"},
+          {"copy", "statx", shares_extents_ ? 6U : 8U, [](auto &f) { f.a.set_time(2); }, EAGAIN,
+           "plain, plain, new"},
           {"clone", clone, 1, [](auto &f) { f.a.set_time(2); }, unless_shared, "plain, plain, new"},
           {"connect", "fstatfs", 1, [](auto &f) { f.a.set_time(2); }, EAGAIN, "plain, plain, new"},
           {"connect", "fstatfs", 1, [&](auto &f) { write(f.layer); }, EAGAIN,
@@ -364,7 +377,8 @@ TEST_P(Requests, NoticeConcurrentChangesToTheirFiles) {
            "layered, layered, new"},  // another request's record stays
           {"recover", share, 0, [&](auto &f) { f.b.write("x", attempts++); }, EBUSY,
            "layered, plain xxxxx, new"},
-          {"recover", share, 1, [](auto &f) { f.b.write("n"); }, 0, "layered, plain n, new"}};
+          {"recover", share, 1, [](auto &f) { f.b.write("n"), f.b.set_time(1); }, 0,
+           "layered, plain n, new"}};
   for (const auto &[name, call, nth, happens, result, outcome] : rows) {
     if (!shares_extents_ && name == "recover" && call == share) {
       continue;

@@ -1,5 +1,6 @@
 // The basic helpers: the red-black tree, the list, descriptors and time text.
 
+#include <bounds_checked.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -71,6 +72,20 @@ TEST(List, IsLinkedBothWaysAfterAnotherIsAppended) {
     list_unlink(to.prev);
   }
   EXPECT_TRUE(list_is_empty(&to) && to.prev == &to && list_is_empty(&links[2]));
+}
+
+TEST(BoundedFunctions, RefuseNullAndWhatDoesNotFitAndWriteNothingElse) {
+  std::string text = "abcd";
+  char *const d = text.data();
+  EXPECT_EQ(
+      (std::vector{memset_s(nullptr, 4, 0, 1), memcpy_s(nullptr, 4, d, 1),
+                   memcpy_s(d, 4, nullptr, 1), strcpy_s(nullptr, 4, d), strcpy_s(d, 4, nullptr),
+                   memset_s(d, 1, 0, 2), memcpy_s(d, 1, "xy", 2), strcpy_s(d, 0, ""),
+                   snprintf_s(nullptr, 4, 4, "x"), snprintf_s(d, 0, 4, "x")}),
+      (std::vector{EINVAL, EINVAL, EINVAL, EINVAL, EINVAL, ERANGE, ERANGE, ERANGE, -1, -1}));
+  EXPECT_TRUE(text == "abcd" && strcpy_s(d, 2, "xy") == ERANGE &&
+              snprintf_s(d + 1, 1, 0, "%s", "") == 0 && snprintf_s(d + 2, 1, 9, "x") == -1);
+  EXPECT_EQ(text, std::string("\0\0\0d", 4));
 }
 
 TEST(UniqueFd, ClosesDescriptor0Too) {

@@ -93,7 +93,7 @@ extern "C" VELMARIN_EXPORT int ioctl(int fd, unsigned long request, ...) noexcep
     default:
       return sisfs::kernel_ioctl(fd, request, argument);
   }
-  if (error != 0 && fcntl(fd, F_GETFL) < 0) {
+  if (error != 0 && fcntl(fd, F_GETFD) < 0) {
     error = EBADF;  // takes precedence over any other error
   }
   errno = error != 0 ? error : saved_errno;

@@ -88,6 +88,9 @@ int write_layer(int fd, const file_stamp &file, bool deduped, uint32_t layer_ino
 // Removes the record unless it differs from `record`: another request may have replaced it.
 int remove_layer(int fd, const layer_record &record);
 
+// Fails with ENODATA for a value of another size too: something else wrote it.
+int read_attribute(int fd, const char *name, void *record, size_t size);
+
 int write_attribute(int fd, const char *name, const void *record, size_t size);
 
 // Fails with EOPNOTSUPP for a file on an overlay. The first change to a file of the lower layer,

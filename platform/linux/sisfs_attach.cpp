@@ -25,7 +25,7 @@ struct descriptor_access {
 
 descriptor_access access_of(int fd) {
   const int flags = fcntl(fd, F_GETFL);
-  if (flags < 0 || (flags & O_PATH) != 0) {
+  if ((flags & O_PATH) != 0) {  // also after a failure: -1 has every bit
     return {};
   }
   const int mode = flags & O_ACCMODE;
@@ -119,10 +119,8 @@ int fill_target(int fd, const file_pair &pair) {
   }
   const bool is_ours =
       filled.stamp.size <= pair.source.stamp.size && check_unchanged(writable.get(), filled) == 0;
-  if (error != 0 && is_ours && ftruncate(writable.get(), 0) != 0) {
-    return errno;
-  }
-  return error;
+  const bool is_left = error != 0 && is_ours && ftruncate(writable.get(), 0) != 0;
+  return is_left ? errno : error;
 }
 
 // Once the data is shared, both files must still be unchanged: a file that was written to meanwhile

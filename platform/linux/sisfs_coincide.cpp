@@ -25,7 +25,7 @@ static_assert(sizeof(coincide_record) == 48);
 
 bool has_record(int fd, const coincide_record &wanted) {
   coincide_record present;
-  return fgetxattr(fd, COINCIDE_ATTRIBUTE, &present, sizeof(present)) == sizeof(present) &&
+  return read_attribute(fd, COINCIDE_ATTRIBUTE, &present, sizeof(present)) == 0 &&
          memcmp(&present, &wanted, sizeof(present)) == 0;
 }
 
@@ -55,17 +55,17 @@ int clear_flags(int fd) {
 
 int get_flags(int fd, uint32_t *flags) {
   file_status status;
-  const int error = stat_regular(fd, &status);
+  int error = stat_regular(fd, &status);
   if (error != 0) {
     return error;
   }
-  coincide_record record = {};
-  const ssize_t length = fgetxattr(fd, COINCIDE_ATTRIBUTE, &record, sizeof(record));
-  if (length < 0 && errno != ENODATA && errno != ERANGE) {
-    return errno;
+  coincide_record record;
+  error = read_attribute(fd, COINCIDE_ATTRIBUTE, &record, sizeof(record));
+  if (error != 0 && error != ENODATA) {
+    return error;
   }
-  const bool is_set = length == sizeof(record) && record.version == COINCIDE_VERSION &&
-                      is_unchanged(record.file, status.stamp);
+  const bool is_set =
+      error == 0 && record.version == COINCIDE_VERSION && is_unchanged(record.file, status.stamp);
   *flags = is_set ? record.flags & SIS_FLAG_COINCIDE : 0;
   return 0;
 }

@@ -33,11 +33,11 @@ uint32_t file_system_type(int fd) {
 // Fails with EAGAIN at the end of the file.
 int read_fully(int fd, char *buffer, size_t length, uint64_t offset) {
   while (length > 0) {
-    const ssize_t done = pread(fd, buffer, length, static_cast<off_t>(offset));
-    if (done == 0 || (done < 0 && errno != EINTR)) {
+    const ssize_t done = TEMP_FAILURE_RETRY(pread(fd, buffer, length, static_cast<off_t>(offset)));
+    if (done <= 0) {
       return done == 0 ? EAGAIN : errno;
     }
-    const size_t advance = done > 0 ? static_cast<size_t>(done) : 0;
+    const auto advance = static_cast<size_t>(done);
     buffer += advance;
     offset += advance;
     length -= advance;
@@ -47,11 +47,11 @@ int read_fully(int fd, char *buffer, size_t length, uint64_t offset) {
 
 int write_fully(int fd, const char *buffer, size_t length, uint64_t offset) {
   while (length > 0) {
-    const ssize_t done = pwrite(fd, buffer, length, static_cast<off_t>(offset));
-    if (done < 0 && errno != EINTR) {
+    const ssize_t done = TEMP_FAILURE_RETRY(pwrite(fd, buffer, length, static_cast<off_t>(offset)));
+    if (done < 0) {
       return errno;
     }
-    const size_t advance = done > 0 ? static_cast<size_t>(done) : 0;
+    const auto advance = static_cast<size_t>(done);
     buffer += advance;
     offset += advance;
     length -= advance;
@@ -132,10 +132,6 @@ bool is_same_file_system(int left_fd, const file_status &left, int right_fd,
   if (left.device == right.device) {
     return true;
   }
-  if (file_system_type(left_fd) != BTRFS_SUPER_MAGIC ||
-      file_system_type(right_fd) != BTRFS_SUPER_MAGIC) {
-    return false;
-  }
   btrfs_ioctl_fs_info_args left_info = {};
   btrfs_ioctl_fs_info_args right_info = {};
   return kernel_ioctl(left_fd, BTRFS_IOC_FS_INFO, &left_info) == 0 &&
@@ -203,18 +199,13 @@ int next_data(int fd, uint64_t size, data_range *range) {
     return errno == ENXIO ? 0 : errno;
   }
   const off_t hole = lseek(fd, data, SEEK_HOLE);
-  if (hole < 0) {
-    return errno == ENXIO ? EAGAIN : errno;
-  }
-  if (hole <= data) {
-    return EAGAIN;  // the data was punched out between the two calls
+  if (hole <= data) {  // the data was punched out between the two calls, or the second failed
+    return hole < 0 && errno != ENXIO ? errno : EAGAIN;
   }
   const uint64_t block = std::max(static_cast<uint64_t>(file_system.f_bsize), uint64_t{1});
   const uint64_t begin = static_cast<uint64_t>(data) / block * block;
   const uint64_t end = (static_cast<uint64_t>(hole) + block - 1) / block * block;
-  if (begin < size) {
-    *range = {begin, std::min(end, size)};
-  }
+  *range = {std::min(begin, size), std::min(end, size)};
   return 0;
 }
 
@@ -227,17 +218,15 @@ int copy_contents(int source, int target, uint64_t size) {
   if (buffer == nullptr) {
     return ENOMEM;
   }
-  uint64_t end = 0;
   data_range range = {};
   int error = next_data(reader.get(), size, &range);
   while (error == 0 && range.begin < range.end) {
-    end = range.end;
     error = copy_range(reader.get(), target, range, buffer.get());
     if (error == 0) {
       error = next_data(reader.get(), size, &range);
     }
   }
-  return error == 0 && end < size ? extend(target, size) : error;
+  return error == 0 ? extend(target, size) : error;
 }
 
 int clone_contents(int source, int target, bool *is_refused) {

@@ -34,8 +34,7 @@ int open_temporary_beside(int fd, const file_status &status, unique_fd *temporar
   if (directory[0] != '/') {
     return ENOENT;
   }
-  char *const name = strrchr(directory, '/');
-  name[name == directory ? 1 : 0] = '\0';
+  strrchr(directory, '/')[1] = '\0';
   temporary->reset(open(directory, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
   if (!temporary->is_open()) {
     return errno;

@@ -74,7 +74,8 @@ bool is_racily_clean(const file_stamp &stamp) {
          nanoseconds_from(now, stamp) < 0;
 }
 
-// A value of another size was written by something else and yields ENODATA.
+}  // namespace
+
 int read_attribute(int fd, const char *name, void *record, size_t size) {
   const ssize_t length = fgetxattr(fd, name, record, size);
   if (length < 0) {
@@ -82,8 +83,6 @@ int read_attribute(int fd, const char *name, void *record, size_t size) {
   }
   return static_cast<size_t>(length) == size ? 0 : ENODATA;
 }
-
-}  // namespace
 
 bool is_same_inode(const file_stamp &left, const file_stamp &right) {
   return left.ino == right.ino && left.birth_sec == right.birth_sec &&
@@ -97,7 +96,7 @@ bool is_unchanged(const file_stamp &left, const file_stamp &right) {
 
 int stat_regular(int fd, file_status *status) {
   *status = {};
-  if (fd < 0) {  // also AT_FDCWD, which statx would accept
+  if (fd == AT_FDCWD) {  // which statx would accept
     return EBADF;
   }
   struct statx stx = {};
@@ -111,10 +110,8 @@ int stat_regular(int fd, file_status *status) {
   status->stamp.size = stx.stx_size;
   status->stamp.mtime_sec = stx.stx_mtime.tv_sec;
   status->stamp.mtime_nsec = stx.stx_mtime.tv_nsec;
-  if ((stx.stx_mask & STATX_BTIME) != 0) {
-    status->stamp.birth_sec = stx.stx_btime.tv_sec;
-    status->stamp.birth_nsec = stx.stx_btime.tv_nsec;
-  }
+  status->stamp.birth_sec = stx.stx_btime.tv_sec;
+  status->stamp.birth_nsec = stx.stx_btime.tv_nsec;
   status->device = makedev(stx.stx_dev_major, stx.stx_dev_minor);
   status->links = stx.stx_nlink;
   status->is_protected = (stx.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0;
