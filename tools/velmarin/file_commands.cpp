@@ -208,7 +208,8 @@ bool dedup(const Files &files, LogLines &log) {
     return fail(second, "cannot share the data of " + escaped_name(files[0]) + ": " +
                             describe_sharing_error(first, second, result));
   }
-  const bool is_first = access(first.c_str(), R_OK | W_OK) != 0;
+  const velmarin::unique_fd fd(open(first.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  const bool is_first = !fd.is_open();
   return fail(is_first ? files[0] : second, failure_reason(is_first ? first : second, log));
 }
 
@@ -250,11 +251,13 @@ bool recover(const Files &files, LogLines &log) {
 }
 
 std::string group_failure_reason(const Files &files, int error) {
-  std::string reason = describe_error(error);
-  for (size_t i = 1; i < files.size() && reason == describe_error(error); ++i) {
-    reason = describe_sharing_error(files[0], files[i], error);
+  for (const std::string &file : files) {
+    const std::string reason = describe_sharing_error(files[0], file, error);
+    if (reason != describe_error(error)) {
+      return reason;
+    }
   }
-  return reason;
+  return describe_error(error);
 }
 
 bool group(const Files &files, LogLines &) {
