@@ -44,16 +44,17 @@ class Choice(ToolCase):
         names.write_bytes(b"\xef\xbb\xbfsrc/x\r\n\r\nsrc/build.d\n")
         self.assertEqual(self.seen("--roots-from", names, roots=[]),
                          {"src/x/y/main.c", "src/build.d/note"})
-        self.write("two\nlines/file", content("same", 2000))
-        names.write_bytes(b"two\nlines\0src\0")
+        self.write("src\nlines/file", content("same", 2000))
+        names.write_bytes(b"src\0src\nlines\0")
         with open(names, "rb") as file:
             self.assertEqual(self.seen("-0", "--roots-from", "-", "--exclude", "/x", "--exclude",
                                        "b*", roots=["src/x/y"], stdin=file),
-                             {"two\nlines/file", "src/main.c", "src/x/y/main.c"})  # a root is in
+                             {"src\nlines/file", "src/main.c", "src/x/y/main.c"})  # a root is in
         for status, command, said in (
                 (1, "--roots-from /dev/null", "nothing to scan: no directories are listed in /"),
                 (1, "--roots-from -", "nothing to scan: no directories are listed on standard input"),
-                (1, "--exclude-from . .", "cannot read .: Is a directory"),
+                *((1, f"--{option}-from . .", "cannot read .: Is a directory")
+                  for option in ("exclude", "roots")),
                 (2, "--exclude-from - --roots-from -", "standard input can be read only once"),
                 (2, "--max-size 9K .", "--max-size is below --min-size"),
                 (2, "--include src/ .",
@@ -74,7 +75,7 @@ class LeftOut(ToolCase):
         (self.root / "no").chmod(0o444)  # shows names, and opens nothing
         (self.root / "link").symlink_to("secret")
         os.mkfifo(self.root / "pipe", 0)
-        limits = ["--skip", self.root / "skipped", "--exclude", "unl*"]
+        limits = ["--skip", "skipped", "--exclude", "unl*"]
         left_out = [("closed", "directory not read"),
                     *((name, "not opened") for name in ("no/e", "no/f", "secret"))]
         report = self.scan(*limits, before=nobody, status=4)
@@ -89,12 +90,14 @@ class LeftOut(ToolCase):
                               ("-x", [f"{', '.join(counts)}; the first: {denied[0]}"])):
             output, errors = self.run_tool(
                 "scan", "--apply", option, "--min-size", "1K", "--state", "../other", *limits, ".",
-                "closed/..", before=nobody, status=4)
+                "closed/..", "--html", "../page", before=nobody, status=4)
             self.assertIn("".join(f"\n                   {count}" for count in counts), output)
             self.assertEqual([line for line in errors.splitlines() if line.startswith("velmarin:")],
                              [f"velmarin: {line}" for line in
                               [*lines, "2 files not merged: 2 refused"]])
             self.assertEqual(output.count(" (Permission denied)\n"), 2)
+        self.assertRegex((self.directory / "page").read_text(),
+                         r'/closed","directory not read, Permission denied"\],(.|\n)*"unlisted":0,')
 
     def test_a_file_that_changes_while_it_is_read_is_named(self):
         self.write_each("a b", content("same", 30_000_000))
@@ -104,6 +107,8 @@ class LeftOut(ToolCase):
                 errors = self.scan(*options, status=4)["errors"]
                 self.assertEqual([(error["path"], error["cause"]) for error in errors],
                                  [(str(self.root / "b"), "changed")])
+                digests, = self.state.glob("*.hsh")
+                self.assertEqual(digests.stat().st_size, 64)
 
 
 main(sys.argv[1:-1])

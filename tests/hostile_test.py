@@ -39,8 +39,8 @@ class NoRoom(ToolCase):
                            "cannot save the digests for the next scan: "
                            f"no space left for digests in {full}"),
                 (read_only, [], f"{unusable} {read_only}: Read-only file system"),
-                ("a/below", [], f"{unusable} a/below: Not a directory"),
-                (of_root, nobody, f"{unusable} {of_root}: Permission denied")):
+                ("a", [], f"{unusable} a: Not a directory"),
+                (of_root / "new", nobody, f"{unusable} {of_root}/new: Permission denied")):
             _, errors = self.run_tool("scan", "--apply", "--state", state, ".", status=1,
                                       before=user)
             self.assertEqual(errors, f"velmarin: {line}\n")

@@ -236,12 +236,16 @@ class Btrfs(SpaceCase):
             ("recover 1", 0, "plain file; 4 MiB of its 6 MiB are in shared extents\n"),
             ("copy 0 copy", 0, "a new file that shares the data of 0\n"),
             ("info copy", 0, "a plain file; all its extents are shared\n"),
-            ("info whole", 0, "whole: a plain file\n"),
-            ("dedup twin whole", 1, "copy-on-write is off for one of the two\n"),
+            *((f"{command} whole", 0, "whole: (was already )?a plain file\n")
+              for command in ("info", "recover", "revoke")),
+            *((f"{command} twin whole", 1, "copy-on-write is off for one of the two\n")
+              for command in ("dedup", "group")),
             ("copy whole c", 0, "a copy of the data of whole, which takes 1 MiB more\n"),
             ("copy a d", 0, "a copy of the data of a, which takes up to 4 KiB more\n"),
             ("dedup a b", 0, "identical to the data of a; none of its extents is shared\n"),
-            ("info b", 0, "; none of its extents is shared\n"))
+            ("info b", 0, "; none of its extents is shared\n"),
+            ("scan --apply --min-size 1 .", 4, r"\n3 files of 1.5 KiB, 0 B freed\n",
+             r"\n  merged +\d files?, \d already shared, \d with no gain, 1 refused\n"))
 
     def test_what_a_user_may_not_query_is_given_as_an_upper_bound(self):
         self.make_compressed()
@@ -260,13 +264,22 @@ class Btrfs(SpaceCase):
         self.copies("not writable", content("not writable", SIZE))
         self.copies("in such a directory", content("in such a directory", SIZE))
         run("chmod", "a+w", *self.root.glob("in*/*"))
-        report = self.scan("--skip", self.root / "old", before=self.become_nobody())
+        nobody = self.become_nobody()
+        report = self.scan("--skip", self.root / "old", before=nobody)
         self.assertEqual({name: figures for name, (figures, _) in self.summary(
                               report, "reclaimable_bytes", "uncertain_bytes").items()},
                          {"compressed": [0, 4 * SIZE], "kept": [0, 2 * SIZE],
                           "plain": [2 * SIZE - 3 * 344, 0], "pair": [0, SIZE],
                           "overwritten": [SIZE - 2 * 344, 2 * MIB], "not writable": [0, 0],
                           "in such a directory": [0, 0]})
+        said, _ = self.run_tool("scan", "--skip", self.root / "old", "--state", self.state, ".",
+                                before=nobody)
+        self.assertEqual([line.split(" files of ")[1] for line in said.split("\n")
+                          if " files of " in line],
+                         ["6 MiB, 12 MiB can be freed",
+                          "6 MiB, 6 MiB can be freed, up to 2 MiB more",
+                          "12 MiB, up to 24 MiB can be freed", "6 MiB, up to 12 MiB can be freed",
+                          "6 MiB, up to 6 MiB can be freed", *["6 MiB, nothing left to free"] * 2])
 
     def test_the_summary_says_what_there_is_what_was_done_and_what_was_looked_at(self):
         self.clones("a", content("a", SIZE), 2)

@@ -69,16 +69,17 @@ TEST(Glob, MatchesNamesPathsAndDirectories) {
       "src/x/main.c a]b a-b aXb/aYb \xff!";
   std::istringstream rows(
       "* " + paths + ";** " + paths +
-      ";a.txt a.txt;?.[t-z][!y-z]t a.txt;/* a.txt build/ [odd] ünt back\\slash a]b a-b \xff!;"
+      ";a.txt a.txt;**/build build/ src/build;?.[t-z][!y-z]t a.txt;/* a.txt build/ [odd] ünt "
+      "back\\slash a]b a-b \xff!;"
       "*/ build/ build/deep/;build build/ src/build;/build build/;src/build/;"
       "*/out.o build/out.o;**/out.o build/out.o build/deep/out.o;"
       "build/** build/out.o build/deep/ build/deep/out.o;"
       "build/**/**/out.o build/out.o build/deep/out.o;build**.o;"
       "/build**.o build/out.o build/deep/out.o;build/**p/*t.o build/deep/out.o;"
-      "s*c/*/m*n*c src/x/main.c;s*n.c;s**/c;[[]odd] [odd];[odd];[odd;\\[odd] [odd];[od;"
+      "s*c/*/m*n*c src/x/main.c;s*n.c;s**/c;[[]odd] [odd];[odd];[odd;\\[odd] [odd];[o-;"
       "back[\\\\]slash back\\slash;back\\\\* back\\slash;*\\;?nt ünt;*??nt;[à-ý]nt ünt;"
       "[^a-z]nt ünt;a[]-]b a]b a-b;a[+-]b a-b;a[^/]b a]b a-b;aXb[!a]aYb;aXb?aYb;aXb[/]aYb;"
-      "/a?b/* aXb/aYb;?! \xff!;/;");
+      "/a?b/* aXb/aYb;?[!a] \xff!;/;");
   for (std::string row; std::getline(rows, row, ';');) {
     const std::string text = row.substr(0, row.find(' '));
     const Glob glob(text);
@@ -276,6 +277,10 @@ TEST(MergeText, TellsWhatIsDoneOfWhatIsToBeMergedAndHowFast) {
   EXPECT_EQ(text.describe(std::chrono::seconds(14)),
             "14.0 s, about 5 s left  merging  1 of 2 files, 1 MiB of 2 MiB, 264.5 KiB/s, 1000 B "
             "freed");
+}
+
+TEST(ScanText, TellsHowFastItReads) {
+  EXPECT_TRUE(ScanText(LogLines(false)).describe(std::chrono::seconds(2)).ends_with(" B/s"));
 }
 
 TEST(ScanPaths, AreResolvedOnceAndTheStateDirectoryHasAPathOfAtMost4026Characters) {

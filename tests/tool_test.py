@@ -39,9 +39,13 @@ class CommandLine(ToolCase):
 
     def test_unusable_arguments_end_with_1_before_anything_is_done(self):
         self.write("file", b"data")
-        self.check_runs(*((command, 1, r"\Avelmarin: ") for command in (
-            "scan --apply missing", "scan . file", "scan --html missing/page .", "info missing",
-            "history --state missing", "history --state file")))
+        (self.root / "lock").mkdir()
+        self.check_runs(*((command, 1, r"\Avelmarin: .*(missing|file|lock)\S*: (No|Is|Not)")
+                          for command in ("scan --apply missing", "scan . file", "info missing",
+                                          "scan --html missing/page .", "scan --state . .")),
+                        ("history --state missing", 1, r"\Avelmarin: .* missing: No such file"),
+                        ("history --state file", 1, r"\Avelmarin: .* file: Not a directory"),
+                        ("history", 0, r"\ANo merging run is recorded in /.*/velmarin\n\Z"))
         for command, name in (("info", "velmarin: ''"), ("scan", "root ''"), ("apply", "report ''")):
             self.assertIn(f"{name}: No such file", self.run_tool(command, "", status=1)[1])
         for command in ("scan .", "scan --json .", "info ."):
@@ -53,7 +57,7 @@ class CommandLine(ToolCase):
         output, _ = self.run_tool("info", *[self.write(name, b"").name for name in names])
         self.assertEqual(output.count(": a plain file"), 8)
         self.check_runs(("--help", 0, r"\nUsage: velmarin \[OPTIONS\] SUBCOMMAND\n"),
-                        ("scan -nq .", 0, r"\n  time .*\n\Z"),
+                        ("scan -nq .", 0, r"freed +0 B\n  already saved .*\n(.*\n)*  time .*\n\Z"),
                         ("scan -n .", 0, "velmarin: --dry-run is the default: "),
                         ("scan --skip no .", 0, "nothing to skip at no: No such file"),
                         ("scan --html /dev/full .", 1, "cannot write /dev/full: No space"),
@@ -84,17 +88,21 @@ class CommandLine(ToolCase):
     def test_progress_and_colours_are_for_terminals_whose_user_wants_them(self):
         for name in "ab":
             os.truncate(self.write(name, b"same"), 500 << 20)
-        merging = r"merging  0 of 1 file, 0 B of \d+ [KM]?i?B, 0 B freed"
-        for options, term, progress, is_coloured in (
-                ("", "xterm", r"walking  3 files examined, [12] read \(\d+(\.\d)? MiB\)", True),
-                ("--quiet", "xterm", "", True), ("--apply --no-color", "xterm", merging, False),
-                ("", "dumb", "", False)):
+        merging = r"(?m)^\x1b\[K(?=.{49}$).*  merging  0 of 1 file,"  # cut to the terminal's width
+        for options, term, refusal, progress, colour in (
+                ("", "xterm", "", r"walking  3 files examined, [12] read \(\d+(\.\d)? MiB\)",
+                 "\n\x1b[K\x1b[1m2 files"),
+                ("--quiet", "xterm", "1", "", ""), ("--quiet --no-color", "xterm", "", "", ""),
+                ("--apply", "xterm", "", merging, "\x1b[32m  "), ("", "dumb", "", "", "")):
             command = shlex.join([TOOL, "scan", *options.split(), str(self.root)])
-            shown = run("script", "-qec", command, "/dev/null",
-                        env={**os.environ, "TERM": term, "XDG_STATE_HOME": self.directory})
+            width = "stty cols 50; " * (progress is merging)
+            shown = run("script", "-qec", width + command, "/dev/null",
+                        env={**os.environ, "TERM": term, "NO_COLOR": refusal,
+                             "XDG_STATE_HOME": self.directory})
             self.assertRegex(shown, progress or "Summary")
+            self.assertIn(colour, shown)
             self.assertEqual(("examined" in shown, "\x1b[1m" in shown),
-                             (progress != "", is_coloured), options)
+                             (progress != "", colour != ""), options)
         output, errors = self.run_tool("scan", "--state", "../velmarin", ".")
         self.assertEqual((errors, "\x1b" in output), ("", False))
 
@@ -119,7 +127,8 @@ class Scan(ToolCase):
 
     def test_hostile_names_break_neither_output_format(self):
         escaped = {b"line\nbreak": r"line\nbreak", b"\x1b[31mred": r"\x1b[31mred",
-                   b"x\xff": r"x\xff", b"x\xfe": r"x\xfe", b'quote"\\': r'quote"\\', b",]": ",]",
+                   b"x\xff": r"x\xff", b"x\xfe": r"x\xfe", b'quote"\\': r'quote"\\',
+                   b"z,]".ljust(255, b"n"): "z,]".ljust(255, "n"),
                    b"\xef\xbf\xbd": "\ufffd"}
         self.write_each(escaped)
         output, _ = self.run_tool("scan", ".")
@@ -134,8 +143,11 @@ class Apply(ToolCase):
         self.addCleanup(os.umask, os.umask(0))
         state = self.directory / ".local/state/velmarin"
         self.write_each("a ../.local/state/velmarin/" + "0" * 64 + ".hsh")
-        self.run_tool("scan", ".")
-        self.assertEqual([path.stat().st_mode & 0o777 for path in state.iterdir()], [0o600] * 4)
+        os.link(self.root / "a", state / ("1" * 64 + ".hsh"))  # which is not the tool's to change
+        self.run_tool("scan", "--html", "../page", ".")
+        self.assertEqual(sorted(path.stat().st_mode & 0o777 for path in
+                                (*state.iterdir(), self.directory / "page")),
+                         [0o600] * 4 + [0o666] * 2)
 
     def test_what_a_scan_read_stays_in_memory_only_for_merging(self):
         self.mount_image("btrfs", "256M")
@@ -177,6 +189,8 @@ class Apply(ToolCase):
                              figures)
             self.assertEqual([row.get("count", row.get("size")) for row in data["lists"][1]], counts)
             self.assertEqual((data["words"], len(data["notes"])), (words.split(), notes))
+            self.assertRegex(data["about"], rf"\AScan of {self.root}( on the host .+)?, "
+                                            r"\d{4}(-\d\d){2} \d\d(:\d\d){2}, \d")
             self.assertEqual([name[len(str(self.root)):] for name in data["directories"]],
                              ["/</", "/", "/other/"])
         self.assertEqual([(system["type"], system["label"], system["sharing"])
@@ -194,6 +208,7 @@ class Apply(ToolCase):
             run("chattr", "+i" if new == "d" else "-i", *self.write_each(new))
             report = self.scan("--apply", status=status)
             self.assertEqual([*self.outcomes(report).values()], outcomes)
+        self.check_runs(("revoke a", 1, "a: cannot be revoked: Operation not permitted\n"))
 
     def test_a_refused_file_does_not_hold_up_its_group(self):
         paths = self.write_each("a b c", Path(shutil.which("sleep")).read_bytes())
@@ -206,7 +221,9 @@ class Apply(ToolCase):
         self.assertEqual(self.outcomes(report, "reason")["a"], "Text file busy")
         self.check_runs(("scan --apply --min-size 1K .", 4,
                          rf"\n  refused     {paths[0]} \(Text file busy\)\n",
-                         "velmarin: 1 file not merged: 1 refused\n"))
+                         "velmarin: 1 file not merged: 1 refused\n"),
+                        *((command, 1, "velmarin: a: Text file busy\n")
+                          for command in ("flags a", "recover a", "dedup a b")))
 
 
 class Files(ToolCase):
@@ -217,7 +234,8 @@ class Files(ToolCase):
         comm, unmarkable = "/proc/self/comm", "this file system cannot mark files"
         elsewhere = ": they are on different file systems"
         self.check_runs(
-            ("info a missing b", 1, "a: a plain file", "missing: No such", "b: a plain file"),
+            ("info a missing b", 1,
+             r"\Aa: a plain file.*\nvelmarin: missing: No such.*\nb: a plain file"),
             ("dedup a b", 0, " the data of a"),
             ("info a b", 0, "a: attached to layered", "b: deduplicated onto layered"),
             ("dedup a other", 1, "other: cannot share the data of a: "),
@@ -230,16 +248,18 @@ class Files(ToolCase):
             ("group a b other", 1, "other: a plain file", "not all files of the group"),
             ("group a b c", 0, "c: deduplicated onto layered inode"),
             ("copy a new", 0, "new: a new file "),
-            ("copy a other", 1, "other: cannot copy a: File exists"),
+            ("copy a other", 1, "other: cannot copy a: File exists\n"),
             ("copy missing d", 1, "d: cannot copy missing: No such file"),
             ("info . pipe", 1, r"\.: is a directory", "pipe: is not a regular file"),
             ("copy . d", 1, r"\.: is a directory"), ("dedup a .", 1, r"\.: is a directory"),
             ("group a", 1, "a: a group needs at least two files"),
             ("group other link", 1, "link: same file as other"),
+            ("dedup missing a", 1, "velmarin: missing: No such file"),
             *((f"{command} {comm}", 1, rf"{comm}: (cannot be revoked: )?{unmarkable}\n\Z")
               for command in ("info", "freeze", "flags", "revoke", "recover")),
             (f"group a {comm}", 1, f"comm: cannot be examined: {unmarkable}\n", elsewhere),
-            (f"dedup a {comm}", 1, elsewhere), (f"copy {comm} d", 1, elsewhere))
+            (f"dedup a {comm}", 1, elsewhere),
+            (f"copy {comm} d", 1, elsewhere + "; the new file remains, empty\n"))
         for name, variant in (("a", "same"), ("new", "same"), ("other", "other")):
             self.assertEqual((self.root / name).read_bytes(), content(variant))
 

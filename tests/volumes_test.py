@@ -24,9 +24,17 @@ class SavedDigests(ToolCase):
     def stop(self):
         skips = [word for number in range(100) for word in ("--skip", f"missing{number}")]
         status, report = self.disturb(lambda process: process.send_signal(signal.SIGTERM), "scan",
-                                      "--state", self.state, *skips, self.root, text=b"missing")
+                                      "--apply", "--state", self.state, *skips, self.root,
+                                      text=b"missing")
         self.assertEqual((status, report["stopped"], report["counters"]["nr_file_opened"]),
                          (4, True, 0))  # the walk had to wait for the log's reader
+        self.check_runs((f"history --json --state {self.state}", 0, '"left_is_minimum":true'))
+
+    def give_away(self):
+        if os.getuid() == 0:
+            os.chown(self.file, 65534, 65534)
+            self.check_runs((f"scan --state {self.state} --min-size 1K {self.root}", 0,
+                             " 40 read in full\n", "velmarin: did not use the saved digests: "))
 
     def die(self, left=None):
         """Leaves what a killed scan leaves: the second name, and what it had saved by then."""
@@ -58,8 +66,7 @@ class SavedDigests(ToolCase):
             ("skip", lambda: self.scan("--skip", "sub"), 0, 40),
             ("exclude", lambda: self.scan("--exclude", "sub"), 0, 40),
             ("unreadable", self.scan_without_sub, 0, 40),
-            ("another user's", lambda: os.getuid() or os.chown(self.file, 65534, 65534),
-             0 if os.getuid() else 40, 40),
+            ("another user's", self.give_away, 0, 40),
             ("stopped", self.stop, 0, 40),
             ("killed", self.die, 0, 40),
             ("killed while it saved", lambda: self.die(every[-10 * ENTRY:]), 0, 40),
@@ -108,7 +115,11 @@ class Volumes(ToolCase):
             self.assertEqual(report["counters"]["nr_hashed"], read)
             self.assertAlmostEqual(report.get("merged", {"freed_bytes": 0})["freed_bytes"], freed,
                                    delta=4096)
-        self.assertEqual(set(self.outcomes(self.scan("--apply")).values()), {"shared"})
+        report = self.scan("--apply")
+        self.assertEqual({(file["outcome"], file["status"] > 0, file["blocks"] > 0,
+                           group["digest"] is None)
+                          for group in report["groups"] for file in group["files"]},
+                         {("shared", True, True, False)})
         run("umount", self.root)
         (self.directory / "other").mkdir()
         self.mount("tmpfs", self.directory / "other", "rw")  # takes a device number
@@ -146,9 +157,9 @@ class Volumes(ToolCase):
                     sorted(groups), arguments)
             self.assertEqual(report["counters"]["nr_hashed"], 0, arguments)
         self.assertEqual({name.suffix for name in self.state.iterdir()}, {".hsh", ".devices", ""})
-        report = self.scan("--apply")
-        self.assertEqual([report["merged"][name] for name in ("files", "recorded", "refused")] +
-                         [report["counters"]["nr_hashed"]], [2, 4, 0, 0])
+        self.check_runs((f"scan --apply --state {self.state} --min-size 1K {self.root}", 0,
+                         r"\n  merged +2 files, 0 already shared\n  recorded +4 files, 0 already "
+                         r"recorded\n(.*\n)* .*, 0 read in full\n"))
 
 
 class WideInodes(ToolCase):

@@ -142,7 +142,7 @@ class ToolCase(TreeCase):
         """Runs each row's command. Its exit status and what it says, as a whole or in part, follow
         in the row."""
         for command, status, *texts in rows:
-            said = "".join(self.run_tool(*command.split(), status=status))
+            said, _ = self.run_tool(*command.split(), status=status, stderr=subprocess.STDOUT)
             for text in texts:
                 self.assertRegex(said, text, command)
 

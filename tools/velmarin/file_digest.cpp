@@ -19,34 +19,26 @@ constexpr int OPEN_FLAGS = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr size_t BLOCK_SIZE = 128 * 1024;
 constexpr size_t PATTERN_BLOCK = 4096;
 
-// Returns 0, ESTALE or the errno of a failure.
+// Returns 0 or ESTALE.
 int check_unchanged(int fd, const struct stat &before) {
   struct stat now = {};
-  if (fstat(fd, &now) != 0) {
-    return errno;
-  }
-  const bool is_same = S_ISREG(now.st_mode) && now.st_dev == before.st_dev &&
-                       now.st_ino == before.st_ino && now.st_size == before.st_size &&
-                       now.st_mtim.tv_sec == before.st_mtim.tv_sec &&
-                       now.st_mtim.tv_nsec == before.st_mtim.tv_nsec;
+  const bool is_same =
+      fstat(fd, &now) == 0 && S_ISREG(now.st_mode) && now.st_dev == before.st_dev &&
+      now.st_ino == before.st_ino && now.st_size == before.st_size &&
+      now.st_mtim.tv_sec == before.st_mtim.tv_sec && now.st_mtim.tv_nsec == before.st_mtim.tv_nsec;
   return is_same ? 0 : ESTALE;
 }
 
 // Returns 0 or an errno.
 int hash_contents(int fd, EVP_MD_CTX *context) {
   std::vector<unsigned char> block(BLOCK_SIZE);
-  for (;;) {
-    const ssize_t count = read(fd, block.data(), block.size());
-    if (count == 0) {
-      return 0;
-    }
-    if (count < 0 && errno != EINTR) {
-      return errno;
-    }
-    if (count > 0 && EVP_DigestUpdate(context, block.data(), static_cast<size_t>(count)) != 1) {
+  ssize_t count = 0;
+  while ((count = read(fd, block.data(), block.size())) > 0) {
+    if (EVP_DigestUpdate(context, block.data(), static_cast<size_t>(count)) != 1) {
       return EIO;
     }
   }
+  return count < 0 ? errno : 0;
 }
 
 }  // namespace

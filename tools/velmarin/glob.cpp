@@ -53,6 +53,7 @@ Glob::Glob(std::string_view text) {
     add_token(text, starts_component);
     starts_component = tokens_.back().kind == Kind::directories || tokens_.back().character == '/';
   }
+  tokens_.push_back({Kind::end});
 }
 
 // Turns the start of the remaining pattern into a token.
@@ -130,14 +131,14 @@ bool Glob::matches_text(std::string_view text) const {
   Star deep;
   size_t token = 0;
   size_t position = 0;
-  while (token < tokens_.size() || position < text.size()) {
-    const Kind kind = token < tokens_.size() ? tokens_[token].kind : Kind::character;
+  while (tokens_[token].kind != Kind::end || position < text.size()) {
+    const Kind kind = tokens_[token].kind;
     if (kind == Kind::star) {
       star = {true, token++, position};
     } else if (kind == Kind::deep_star || kind == Kind::directories) {
       deep = {true, token++, position};
       star = {};
-    } else if (token < tokens_.size() && position < text.size() &&
+    } else if (position < text.size() &&
                accepts(tokens_[token], character_at(text.substr(position)))) {
       ++token;
       position += character_length(text.substr(position));

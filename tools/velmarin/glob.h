@@ -22,7 +22,7 @@ class Glob {
   bool matches(std::string_view path, bool is_directory) const;
 
  private:
-  enum class Kind { character, any_character, set, star, deep_star, directories };
+  enum class Kind { character, any_character, set, star, deep_star, directories, end };
   struct Range {
     char32_t first;
     char32_t last;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <set>
+#include <string_view>
+#include <tuple>
 
 #include "file_digest.h"
 #include "omission_watch.h"
@@ -30,34 +32,20 @@ bool span_runs(std::span<const CollectedFile> files) {
                      [&](const CollectedFile &file) { return file.run != files.front().run; });
 }
 
-// Splits a sorted range into parts of equal measure and passes each to `act`.
-template <typename Measure, typename Act>
-void for_each_equal_range(std::span<CollectedFile> files, Measure measure, Act act) {
-  for (size_t first = 0, last = 0; first < files.size(); first = last) {
-    while (last < files.size() && measure(files[last]) == measure(files[first])) {
-      ++last;
-    }
-    act(files.subspan(first, last - first));
-  }
-}
-
 uint64_t size_of(const CollectedFile &file) {
   return static_cast<uint64_t>(file.status.st_size);
 }
 
 // Keeps one name of each file, and sorts by size.
 void drop_extra_links(std::vector<CollectedFile> &files) {
-  const auto measure = [](const CollectedFile &file) {
+  const auto inode = [](const CollectedFile &file) {
     return std::tuple(file.status.st_size, file.status.st_dev, file.status.st_ino);
   };
-  std::sort(files.begin(), files.end(), [&](const CollectedFile &a, const CollectedFile &b) {
-    return std::tie(a.path) < std::tie(b.path);
+  std::ranges::sort(files, {}, [&](const CollectedFile &file) {
+    return std::tuple(inode(file), std::string_view(file.path));
   });
-  std::stable_sort(files.begin(), files.end(),
-                   [&](const auto &a, const auto &b) { return measure(a) < measure(b); });
-  files.erase(std::unique(files.begin(), files.end(),
-                          [&](const auto &a, const auto &b) { return measure(a) == measure(b); }),
-              files.end());
+  const auto extra = std::ranges::unique(files, {}, inode);
+  files.erase(extra.begin(), extra.end());
 }
 
 }  // namespace
@@ -65,7 +53,13 @@ void drop_extra_links(std::vector<CollectedFile> &files) {
 void GroupJoin::run(std::vector<CollectedFile> files) {
   load_groups();
   drop_extra_links(files);
-  for_each_equal_range(files, size_of, [this](std::span<CollectedFile> part) { join_size(part); });
+  for (auto first = files.begin(); first != files.end();) {
+    const auto last = std::find_if(first, files.end(), [&](const CollectedFile &file) {
+      return size_of(file) != size_of(*first);
+    });
+    join_size(std::span(first, last));
+    first = last;
+  }
   store_groups();
 }
 

@@ -168,7 +168,6 @@ PrivateFiles::PrivateFiles(std::string state) {
 
 PrivateFiles::~PrivateFiles() {
   makes_private_files = false;
-  digest_directory.clear();
 }
 
 }  // namespace tool

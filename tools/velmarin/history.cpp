@@ -137,10 +137,9 @@ bool shorten(const std::string &path) {
 
 // If a crash cut the last line short, ends it first.
 bool append_line(int fd, const std::string &line) {
-  struct stat status = {};
   char last = '\n';
-  if (fstat(fd, &status) != 0 ||
-      (status.st_size > 0 && pread(fd, &last, 1, status.st_size - 1) != 1)) {
+  const off_t size = lseek(fd, 0, SEEK_END);
+  if (size > 0 && pread(fd, &last, 1, size - 1) != 1) {
     return false;
   }
   return write_synced(fd, (last == '\n' ? "" : "\n") + line + "\n");

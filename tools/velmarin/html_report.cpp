@@ -22,10 +22,8 @@ enum Kind { FREE, FREED, SHARED, STUCK };
 std::string local_time() {
   const time_t now = time(nullptr);
   struct tm parts = {};
-  char text[32] = "";
-  if (localtime_r(&now, &parts) != nullptr) {
-    std::strftime(text, sizeof text, "%F %T", &parts);
-  }
+  char text[32];
+  std::strftime(text, sizeof text, "%F %T", localtime_r(&now, &parts));
   return text;
 }
 

@@ -1,4 +1,5 @@
 // Prints a report for people: the groups, what was left out, and a summary.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -146,7 +147,7 @@ class TextPrinter {
   // What can no longer be merged of an earlier scan's findings.
   void print_left_alone() const {
     const MergeCounts counts = count_outcomes(report_.findings);
-    if (counts.changed + counts.refused + counts.not_tried > 0) {
+    if (std::max({counts.changed, counts.refused, counts.not_tried}) > 0) {
       const std::string unexamined = std::to_string(counts.not_tried) + " not examined";
       print_row("left alone", std::to_string(counts.changed) + " changed since the scan, " +
                                   std::to_string(counts.refused) + " refused" +
@@ -171,7 +172,7 @@ class TextPrinter {
     append(counts.refused, " refused");
     append(counts.not_tried, " not tried");
     print_row(is_unsharable ? "recorded" : "merged", text);
-    if (!is_unsharable && counts.recorded + counts.already_recorded > 0) {
+    if (!is_unsharable && std::max(counts.recorded, counts.already_recorded) > 0) {
       print_row("recorded", recorded);
     }
     print_row("freed", format_size(report_.findings.freed().certain));
@@ -185,7 +186,7 @@ class TextPrinter {
                            std::to_string(counters.nr_scan_file) + " candidates, " +
                            std::to_string(counters.nr_hashed) + " read in full");
     print_omission_counts();
-    if (report_.unsupported > 0 || report_.unknown > 0) {
+    if (std::max(report_.unsupported, report_.unknown) > 0) {
       print_row("left out", std::to_string(report_.unsupported) + " without deduplication, " +
                                 std::to_string(report_.unknown) + " in an unknown state");
     }

@@ -18,14 +18,14 @@ constexpr const char *CLEAR_LINE = "\r\x1b[K";
 
 size_t terminal_width() {
   struct winsize size = {};
-  return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+  ioctl(STDERR_FILENO, TIOCGWINSZ, &size);
+  return size.ws_col != 0 ? size.ws_col : 80;
 }
 
 // Some terminals wrap after a line that fills the last column.
 void show(std::string line) {
   line.resize(std::min(line.size(), terminal_width() - 1));
   std::fprintf(stderr, "%s%s", CLEAR_LINE, line.c_str());
-  std::fflush(stderr);
 }
 
 bool is_terminal(int fd) {

@@ -31,9 +31,6 @@ void fetch(const std::string &path) {
 
 ReadAhead::ReadAhead(std::vector<const FoundFile *> files)
     : files_(std::move(files)), is_taken_(files_.size()) {
-  if (files_.empty()) {
-    return;
-  }
   const StopSignalsBlocked blocked;  // a signal stops merging, and merging stops this
   try {
     thread_ = std::thread([this] { run(); });

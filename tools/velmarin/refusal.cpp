@@ -14,11 +14,12 @@ namespace {
 
 constexpr const char *NO_COPY_ON_WRITE = "copy-on-write is off for one of the two";
 
-// Whether writes to the file go to new blocks, as far as its file system reports.
-bool is_copied_on_write(const std::string &path) {
+// Nonzero if writes to the file go to the same blocks, as far as its file system reports.
+unsigned no_copy_flag(const std::string &path) {
   unsigned flags = 0;
   const velmarin::unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-  return ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0 || (flags & FS_NOCOW_FL) == 0;
+  ioctl(fd.get(), FS_IOC_GETFLAGS, &flags);
+  return flags & FS_NOCOW_FL;
 }
 
 }  // namespace
@@ -45,7 +46,7 @@ std::string describe_obstacle(int obstacle, bool is_one_written_in_place) {
 }
 
 std::string describe_sharing_error(const std::string &first, const std::string &second, int error) {
-  if (error == EINVAL && is_copied_on_write(first) != is_copied_on_write(second)) {
+  if (error == EINVAL && no_copy_flag(first) != no_copy_flag(second)) {
     return NO_COPY_ON_WRITE;
   }
   return describe_error(error);

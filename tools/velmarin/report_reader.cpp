@@ -86,8 +86,7 @@ class Element {
     for (size_t i = 0; i < digits.size(); i += 2) {
       const char *const pair = &digits[i];
       unsigned byte = 0;
-      const auto [end, error] = std::from_chars(pair, pair + 2, byte, 16);
-      if (i + 1 == digits.size() || error != std::errc() || end != pair + 2) {
+      if (std::from_chars(pair, pair + 2, byte, 16).ptr != pair + 2) {  // a NUL ends an odd text
         fail(std::string(name) + " is not an even number of hexadecimal digits");
       }
       bytes += static_cast<char>(byte);

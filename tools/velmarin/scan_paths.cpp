@@ -56,7 +56,7 @@ int make_directory(const std::string &path) {
 int make_directories(const std::string &path) {
   int error = make_directory(path);
   const std::string parent = std::filesystem::path(path).parent_path();
-  if (error == ENOENT && !parent.empty() && parent != path) {
+  if (error == ENOENT && parent != path) {
     error = make_directories(parent);
     error = error != 0 ? error : make_directory(path);
   }
@@ -145,7 +145,6 @@ bool prepare_state_directory(std::string &path) {
   int error = check_state_directory(path);
   if (error == ENOENT) {
     error = make_directories(path);
-    error = error != 0 ? error : check_state_directory(path);
   }
   char resolved[PATH_MAX];
   if (error == 0) {

@@ -97,7 +97,7 @@ int compare_status(int fd, const char *path) {
 }
 
 // Whether the file that this thread reads was left without a mark.
-thread_local bool is_unmarked = false;
+thread_local bool is_unmarked;
 
 // Merging cannot change the file, but if it was merged before, it can be the source for others.
 bool is_unchangeable(int error) {
