@@ -122,7 +122,7 @@ class Neighbours(NightCase):
         self.assertEqual((self.history(), old.read_bytes()), ([], b"old"))
         self.run_tool("apply", "--state", self.state, report, status=4)  # no room either
         self.assertEqual([(run["merged"], run["refused"]) for run in self.history()], [(0, 200)])
-        self.check_runs((f"scan --apply --state {self.state} .", 4,
+        self.check_runs((f"scan --apply --json --state {self.state} .", 4, '"nr_error": 200',
                          "velmarin: 200 files could not be marked; the first: "))
 
 

@@ -25,6 +25,7 @@
 #include "size_text.h"
 #include "stop_signal.h"
 #include "support/temporary_tree.h"
+#include "time_limit.h"
 
 namespace {
 
@@ -179,11 +180,12 @@ TEST(SizeText, ReadsAndWritesSizesDurationsAndCounts) {
       "16777215T=18446742974197923840 64KiB=65536 64kIB=65536 1.25mib=1310720 0.0014648M=1535 "
       "16777215.999T=18446744072610039988 18446744073709551615=18446744073709551615 "
       "18446744073709551616=- 16777216T=- 1P=- 1KB=- K=- -1=- 1.5=- .5K=- 1.K=- 1KiBs=- 1.5KB=- "
+      "1.000000001K=1024 00000000000000000000000000001=1 000000000000000000000000000001=- "
       "0x1=- 1.0000000001K=- 99999999999999999999999999999999999999=- =-",
       parse_size);
   expect_values(
-      "0=0 90=90 5m=300 1h30m=5400 1d2h3m4s=93784 365d=31536000 366d=- 31536001=- 364d25h=- "
-      "5m1h=- 1h1h=- 1h30=- m=- 1.5h=- 1x=- -1=- 4294967296s=- =-",
+      "0=0 5m=300 1h30m=5400 1d2h3m4s=93784 365d=31536000 366d=- 31536001=- 364d25h=- "
+      "31536000=31536000 5m1h=- 1h1h=- 1h30=- m=- 1.5h=- 1x=- -1=- 4294967296s=- =-",
       parse_duration);
   EXPECT_EQ(texts_of({0UL, 1023UL, 1024UL, 1075UL, 1076UL, 1048524UL, 1048525UL, 3UL << 19,
                       1UL << 30, 5UL << 40, 1UL << 50, UINT64_MAX},
@@ -281,6 +283,14 @@ TEST(MergeText, TellsWhatIsDoneOfWhatIsToBeMergedAndHowFast) {
 
 TEST(ScanText, TellsHowFastItReads) {
   EXPECT_TRUE(ScanText(LogLines(false)).describe(std::chrono::seconds(2)).ends_with(" B/s"));
+}
+
+TEST(TimeLimit, GivesHalfOfWhatIsLeftToTheSurveyAndAllOfItToTheScan) {
+  const TimeLimit limit(100), none(0);
+  const std::chrono::duration<double> half = limit.halfway() - TimeLimit::Clock::now();
+  EXPECT_NEAR(half.count(), 50, 9);
+  EXPECT_NEAR(limit.seconds_left(), 100, 9);
+  EXPECT_EQ(none.seconds_left(), 0U);
 }
 
 TEST(ScanPaths, AreResolvedOnceAndTheStateDirectoryHasAPathOfAtMost4026Characters) {

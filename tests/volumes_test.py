@@ -106,10 +106,12 @@ class Volumes(ToolCase):
         self.fill("one", "two")
         self.write_each("one/only two/only", content("pair", 2 << 20))
         self.write("two/size", content("none", 2 << 20))
+        for name in "xy":
+            self.write(name, content(name, 90000))  # the size of the two alone
         groups = [["one/only", "two/only"],
                   ["one/a", "one/b", "one/c", "two/a", "two/b", "two/c"]]
         # Six, two of equal size, and the pair: larger files are first compared by pattern.
-        for arguments, read, freed in ((["-x"], 10, 0), (["--apply"], 0, 5 * 200704 + (2 << 20))):
+        for arguments, read, freed in ((["-x"], 12, 0), (["--apply"], 0, 5 * 200704 + (2 << 20))):
             report = self.scan(*arguments)
             self.assertEqual(self.groups(report), groups)
             self.assertEqual(report["counters"]["nr_hashed"], read)
@@ -133,19 +135,19 @@ class Volumes(ToolCase):
             (self.root / name).mkdir()
             self.mount("tmpfs", self.root / name, "size=16m")
         self.fill(".", "one", "two")
-        self.write_each("deep two/sub/deep", content("deep"))
+        self.write_each("longer/deep two/sub/deep two/sub/twin", content("deep"))
         for place, other in ((self.write("bound", b""), "one/a"),
                              (self.write("again/x", b"").parent, "one")):
             self.mount("none", place, "bind", self.root / other)
         top, one, two = (["a", "b", "c"], ["one/a", "one/b", "one/c"], ["two/a", "two/b", "two/c"])
-        deep = ["deep", "two/sub/deep"]
+        deep = ["longer/deep", "two/sub/deep", "two/sub/twin"]
 
         def own_name(path):
             return path.replace("again/", "one/").replace("bound", "one/a")
 
         for arguments, *groups in (
                 ((), top + one + two, deep),
-                (("--max-depth", "2"), top + one + two),
+                (("--max-depth", "2", self.root / "longer"), top + one + two),
                 (("--max-depth", "1"), [*top, "one/a"]),
                 (("--skip", self.root / "two"), top + one),
                 (("-x",), top),
@@ -158,8 +160,8 @@ class Volumes(ToolCase):
             self.assertEqual(report["counters"]["nr_hashed"], 0, arguments)
         self.assertEqual({name.suffix for name in self.state.iterdir()}, {".hsh", ".devices", ""})
         self.check_runs((f"scan --apply --state {self.state} --min-size 1K {self.root}", 0,
-                         r"\n  merged +2 files, 0 already shared\n  recorded +4 files, 0 already "
-                         r"recorded\n(.*\n)* .*, 0 read in full\n"))
+                         r"\n  merged +2 files, 0 already shared\n  recorded +5 files, 0 already "
+                         r"recorded\n(.*\n)* .*, 20 candidates, 0 read in full\n"))
 
 
 class WideInodes(ToolCase):
@@ -179,7 +181,7 @@ class WideInodes(ToolCase):
         for arguments, candidates, read, merged, groups in (
                 ((), 96, 80, None, inodes), ((), 96, 0, None, inodes),
                 (("--skip", skip), 95, 0, None, rest), (("--apply",), 96, 0, 75, inodes)):
-            report = self.scan(*arguments)
+            report = self.scan(*arguments, min_size="70000")
             self.assertEqual(
                 (sorted(sorted(file["inode"] for file in group["files"])
                         for group in report["groups"]),

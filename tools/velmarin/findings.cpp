@@ -3,15 +3,11 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "scan_paths.h"
 #include "stop_signal.h"
 
 namespace tool {
 namespace {
-
-// The path without the doubled slash that a root of "/" leaves at its start.
-std::string reported_path(const char *path) {
-  return path[0] == '/' && path[1] == '/' ? path + 1 : path;
-}
 
 FoundFile found_file(const velmarin::sis_report &record) {
   FoundFile file;

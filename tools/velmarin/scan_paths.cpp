@@ -109,6 +109,10 @@ bool resolve_roots(const std::vector<std::string> &given, std::vector<std::strin
   return all_usable;
 }
 
+std::string reported_path(const char *path) {
+  return path[0] == '/' && path[1] == '/' ? path + 1 : path;
+}
+
 bool is_below(const std::string &path, const std::string &root) {
   return root == "/" || path.starts_with(root + "/");
 }

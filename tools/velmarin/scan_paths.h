@@ -12,6 +12,9 @@ namespace tool {
 // root is not a readable directory.
 bool resolve_roots(const std::vector<std::string> &given, std::vector<std::string> &roots);
 
+// The path without the doubled slash that a root of "/" leaves at its start.
+std::string reported_path(const char *path);
+
 // Whether the path is below the root. Both are absolute and without symbolic links.
 bool is_below(const std::string &path, const std::string &root);
 

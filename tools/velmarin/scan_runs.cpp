@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <span>
 #include <utility>
 
 #include "common/unique_fd.h"
@@ -65,12 +66,11 @@ int ScanRuns::run() {
   VolumeWatch watch(keeper_);
   watch.min_size = smallest_size();
   int error = execute_runs(watch, planned_);
-  if (error == 0 && !further_.empty()) {
-    omission_watch.see_again();
+  omission_watch.see_again();
+  if (error == 0) {
     error = execute_runs(watch, further_);
   }
   if (error == 0 && (completed_.size() > 1 || !watch.collected.empty())) {
-    omission_watch.see_again();
     join_runs(watch);
   }
   kept_digests = keeper_.close(error == 0 && looked_everywhere());
@@ -109,8 +109,7 @@ void ScanRuns::plan_roots() {
 }
 
 void ScanRuns::plan_directories(const VolumeRun &run, std::vector<ForeignDirectory> directories) {
-  std::sort(directories.begin(), directories.end(),
-            [](const auto &left, const auto &right) { return left.path < right.path; });
+  std::ranges::sort(directories, {}, &ForeignDirectory::path);
   for (const ForeignDirectory &directory : directories) {
     if (is_left_out(directory.file_system)) {
       continue;
@@ -218,9 +217,8 @@ void ScanRuns::collect_candidates(VolumeWatch &watch) {
   WideInodes none;
   call_library({0, options_.max_depth, roots_, 0, {}}, keeper_.export_digests({}, 0, none), unused);
   keeper_.import_digests(roots_, none);
-  for (size_t i = singles; i < watch.collected.size(); ++i) {
-    CollectedFile &file = watch.collected[i];
-    file.run = run_of(file).value_or(FIRST_SINGLE + i);
+  for (CollectedFile &file : std::span(watch.collected).subspan(singles)) {
+    file.run = run_of(file).value_or(file.run);
   }
 }
 

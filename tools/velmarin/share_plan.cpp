@@ -55,8 +55,7 @@ void compute_freed_bytes(std::vector<Copy> &copies, const std::vector<ExtentMap>
     }
     copy.freed_bytes = account.freed().certain;
     for (const size_t index : copy.files) {
-      account.remove_tail(maps[index]);
-      account.add(maps[index]);
+      account.add(maps[index]);  // on top of its tail, which no merge takes away
     }
   }
 }
@@ -71,8 +70,7 @@ void sort_files(FoundGroup &group, Share &share, const std::vector<Copy> &copies
     return std::tuple(state.source_obstacle != 0, copy.freed_bytes, SIZE_MAX - copy.files.size(),
                       !copy.is_layered, state.copy, state.layer == 0);
   };
-  std::stable_sort(share.files.begin(), share.files.end(),
-                   [&](size_t left, size_t right) { return rank(left) < rank(right); });
+  std::ranges::stable_sort(share.files, {}, rank);
 }
 
 // Simulates merging all other copies.
@@ -129,19 +127,15 @@ uint64_t saved_bytes(const std::vector<ExtentMap> &maps) {
   return bytes;
 }
 
-// Drops what files hold that merging cannot change: they count like files elsewhere. Returns
-// whether there are such files.
-bool release_unchangeable(const FoundGroup &group, const Share &share,
+// Drops what files hold that merging cannot change: they count like files elsewhere.
+void release_unchangeable(const FoundGroup &group, const Share &share,
                           std::vector<ExtentMap> &maps) {
-  bool has_some = false;
   for (const size_t index : share.files) {
     if (group.files[index].state.obstacle != 0) {
       maps[index].held.clear();
       maps[index].inode.reset();
-      has_some = true;
     }
   }
-  return has_some;
 }
 
 }  // namespace
@@ -169,11 +163,9 @@ void plan_share(FoundGroup &group, Share &share, std::vector<ExtentMap> maps,
                 const Volume &volume) {
   std::vector<Copy> copies = copies_of(group, share, maps);
   if (share.can_share) {
-    SpaceAccount account = account_of(volume, maps);
     share.saved_bytes = saved_bytes(maps);
-    if (release_unchangeable(group, share, maps)) {
-      account = account_of(volume, maps);
-    }
+    release_unchangeable(group, share, maps);
+    SpaceAccount account = account_of(volume, maps);
     if (copies.size() > 1) {
       compute_freed_bytes(copies, maps, account);
     }

@@ -14,23 +14,15 @@
 namespace tool {
 namespace {
 
-// A file's extents and their file system.
-struct Layout {
-  dev_t volume = 0;
-  ExtentMap map;
-};
-
-Layout layout_of(const std::string &path, Volumes &volumes) {
-  Layout layout;
+// Unknown if the file cannot be opened.
+ExtentMap extents_at(const std::string &path) {
+  Volumes volumes;
   struct stat status = {};
   const velmarin::unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (fstat(fd.get(), &status) == 0) {
-    const Volume &volume = volumes.get_or_add(status.st_dev, fd.get());
-    layout.volume = volume.id;
-    layout.map =
-        read_extents(fd.get(), status.st_ino, static_cast<uint64_t>(status.st_size), volume);
-  }
-  return layout;
+  return fstat(fd.get(), &status) == 0
+             ? read_extents(fd.get(), status.st_ino, static_cast<uint64_t>(status.st_size),
+                            volumes.get_or_add(status.st_dev, fd.get()))
+             : ExtentMap();
 }
 
 // The bytes at the same offset in both pieces, if they are the same bytes on disk.
@@ -68,8 +60,7 @@ Space taken_by(const ExtentMap &map, uint64_t shared_bytes) {
 }  // namespace
 
 Sharing sharing_of(const std::string &path) {
-  Volumes volumes;
-  const ExtentMap map = layout_of(path, volumes).map;
+  const ExtentMap map = extents_at(path);
   Sharing sharing;
   sharing.is_known = map.is_known;
   sharing.mapped_bytes = map.mapped_bytes;
@@ -78,15 +69,14 @@ Sharing sharing_of(const std::string &path) {
 }
 
 Sharing sharing_between(const std::string &first, const std::string &second) {
-  Volumes volumes;
-  const Layout left = layout_of(first, volumes);
-  const Layout right = layout_of(second, volumes);
+  const ExtentMap left = extents_at(first);
+  const ExtentMap right = extents_at(second);
   Sharing sharing;
-  sharing.is_known = left.map.is_known && right.map.is_known && left.volume == right.volume;
-  sharing.mapped_bytes = right.map.mapped_bytes;
-  sharing.shared_bytes = common_bytes(left.map.data, right.map.data) +
-                         common_bytes(left.map.reserved, right.map.reserved);
-  sharing.taken = taken_by(right.map, sharing.shared_bytes);
+  sharing.is_known = left.is_known && right.is_known;
+  sharing.mapped_bytes = right.mapped_bytes;
+  sharing.shared_bytes =
+      common_bytes(left.data, right.data) + common_bytes(left.reserved, right.reserved);
+  sharing.taken = taken_by(right, sharing.shared_bytes);
   return sharing;
 }
 

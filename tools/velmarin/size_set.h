@@ -2,6 +2,7 @@
 // was.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -27,12 +28,7 @@ class SizeSet {
   }
 
   bool is_empty() const {
-    for (const auto &word : words_) {
-      if (word != 0) {
-        return false;
-      }
-    }
-    return true;
+    return std::all_of(words_.begin(), words_.end(), [](const auto &word) { return word == 0; });
   }
 
   // Moves the sizes of `from` into this set; adds those in both sets to `both`.

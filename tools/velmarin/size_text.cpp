@@ -110,8 +110,7 @@ std::string format_size(uint64_t bytes) {
   static constexpr const char *NAMES[] = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
   double value = static_cast<double>(bytes) / 1024;
   size_t name = 0;
-  // 1023.95 would be printed as 1024.0.
-  while (value >= 1023.95 && name + 1 < std::size(NAMES)) {
+  while (value >= 1023.95) {  // which would be printed as 1024.0
     value /= 1024;
     ++name;
   }

@@ -99,23 +99,14 @@ void SpaceAccount::add_tail(const ExtentMap &map) {
   }
 }
 
-void SpaceAccount::remove_tail(const ExtentMap &map) {
-  for (const HeldRange &range : map.held) {
-    if (range.is_beyond_end) {
-      drop_reference(range);
-    }
-  }
-}
-
 void SpaceAccount::add_common_unwritten(const ExtentMap &map, const ExtentMap &source) {
   for (const MappedData &own : map.reserved) {
     for (const MappedData &other : source.reserved) {
       const uint64_t begin = std::max(own.offset, other.offset);
       const uint64_t end = std::min(own.end(), other.end());
       if (begin < end) {
-        add_reference({.begin = own.address + (begin - own.offset),
-                       .end = own.address + (end - own.offset),
-                       .bytes = end - begin});
+        add_reference(
+            {.begin = own.address + (begin - own.offset), .end = own.address + (end - own.offset)});
       }
     }
   }

@@ -23,7 +23,6 @@ class SpaceAccount {
 
   // Adds what the file keeps once it shares the data of another: the ranges beyond its end.
   void add_tail(const ExtentMap &map);
-  void remove_tail(const ExtentMap &map);  // undoes that
 
   // Adds what XFS leaves to `map` after merging: its own blocks where neither file has written any.
   void add_common_unwritten(const ExtentMap &map, const ExtentMap &source);

@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <functional>
 #include <map>
+#include <tuple>
 
 #include "common/unique_fd.h"
 #include "inode_room.h"
@@ -50,13 +52,12 @@ FileState state_of_open_file(const FoundFile &file, int fd, bool asks_layer) {
   }
   FileState state = plain_state(file, status);
   const int64_t layer = asks_layer ? query_layer(fd) : 0;
-  state.layer = layer > 0 ? static_cast<uint32_t>(layer) : 0;
+  state.layer = static_cast<uint32_t>(std::max<int64_t>(layer, 0));
   return state;
 }
 
 void sort_by_path(std::vector<FoundFile> &files) {
-  std::sort(files.begin(), files.end(),
-            [](const FoundFile &a, const FoundFile &b) { return a.path < b.path; });
+  std::ranges::sort(files, {}, &FoundFile::path);
 }
 
 int open_found(const FoundFile &file) {
@@ -269,7 +270,7 @@ void put_gainful_first(std::span<FoundGroup> groups) {
   std::sort(groups.begin(), groups.end(), [](const FoundGroup &a, const FoundGroup &b) {
     const auto left = sort_key(a);
     const auto right = sort_key(b);
-    return left != right ? left > right : a.files.front().path < b.files.front().path;
+    return std::tie(right, a.files.front().path) < std::tie(left, b.files.front().path);
   });
 }
 

@@ -1,7 +1,9 @@
 // The time that a command may take.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
 
 namespace tool {
 
@@ -30,7 +32,7 @@ class TimeLimit {
       return 0;
     }
     const auto spent = std::chrono::duration_cast<std::chrono::seconds>(elapsed()).count();
-    return spent >= seconds_ ? 1 : seconds_ - static_cast<unsigned>(spent);
+    return static_cast<unsigned>(std::max<int64_t>(seconds_ - spent, 1));
   }
 
  private:

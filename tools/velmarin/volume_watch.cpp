@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "file_system.h"
+#include "scan_paths.h"
 #include "scan_probes.h"
 #include "velmarin/files.h"
 
@@ -12,11 +13,6 @@ namespace {
 
 // Global because probes receive no caller data.
 VolumeWatch *active = nullptr;
-
-// Paths below a root of "/" start with two slashes.
-const char *without_doubled_slash(const char *path) {
-  return path[0] == '/' && path[1] == '/' ? path + 1 : path;
-}
 
 }  // namespace
 
@@ -103,7 +99,7 @@ int VolumeWatch::watch_directory(int fd, const struct stat &status, const char *
   }
   const uint64_t file_system = file_system_of(fd, status);
   const std::lock_guard guard(lock_);
-  directories_.push_back({without_doubled_slash(path), status.st_dev, file_system});
+  directories_.push_back({reported_path(path), status.st_dev, file_system});
   return -EXDEV;
 }
 
@@ -134,8 +130,8 @@ void VolumeWatch::collect(int fd, const struct stat &status, const char *path) {
   }
   const uint64_t file_system = is_collecting_ ? 0 : file_system_of(fd, status);
   const std::lock_guard guard(lock_);
-  collected.push_back({without_doubled_slash(path), status, state,
-                       is_collecting_ ? 0 : FIRST_SINGLE + collected.size(), file_system});
+  collected.push_back(
+      {reported_path(path), status, state, FIRST_SINGLE + collected.size(), file_system});
 }
 
 }  // namespace tool

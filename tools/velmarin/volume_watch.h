@@ -53,7 +53,7 @@ class VolumeWatch {
   void begin_further_run(dev_t device, KeptBack expected, bool is_second);
 
   // Prepares a run that compares nothing, but sees all devices of the earlier runs and collects the
-  // files whose size occurs in several of them. Does not set their `run`.
+  // files whose size occurs in several of them. Gives each a `run` of its own.
   void begin_collection();
 
   // What the run has noted.
