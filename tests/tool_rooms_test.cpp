@@ -1,6 +1,7 @@
 // The small modules of the command-line tool: names and sizes as text, globs, what was
 // left out, the time left, paths, signals.
 
+#include <android/log.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -97,6 +98,8 @@ TEST(Glob, MatchesNamesPathsAndDirectories) {
 
 TEST(Omissions, TellsThePathCauseAndErrorFromALineKeepsSomeAndCountsAll) {
   Omissions omissions;
+  const EntryFilter none;
+  OmissionWatch watch(omissions, none, {}, 1);
   for (const char *line :
        {"cannot open /a returned b returned Permission denied",
         "cannot open /a returned b returned Permission denied",
@@ -106,7 +109,7 @@ TEST(Omissions, TellsThePathCauseAndErrorFromALineKeepsSomeAndCountsAll) {
         "failed to allocate hash for /h returned Cannot allocate memory",
         "call prep for /p returned Permission denied",
         "cannot open /stopped returned Operation canceled", "cannot open /cut"}) {
-    omissions.read_log_message(line);
+    OmissionWatch::note_log_message(line);
   }
   std::string listed;
   for (const Omission &omission : omissions.list()) {
@@ -120,8 +123,12 @@ TEST(Omissions, TellsThePathCauseAndErrorFromALineKeepsSomeAndCountsAll) {
   for (size_t i = 0; i < Omissions::MAX_LISTED; ++i) {
     omissions.add("/" + std::to_string(i), Cause::changed, 0);
   }
+  for (int run = 0; run < 2; ++run) {  // the second sees the same entries again
+    OmissionWatch::note_failed_open("/missing/x", O_NONBLOCK | O_NOFOLLOW, EIO);
+    watch.see_again();
+  }
   EXPECT_EQ(omissions.list().size(), Omissions::MAX_LISTED);
-  EXPECT_EQ(omissions.counts(), (std::array<uint64_t, CAUSES>{1, 1, 0, 3, 0, 10000}));
+  EXPECT_EQ(omissions.counts(), (std::array<uint64_t, CAUSES>{1, 2, 0, 3, 0, 10000}));
 }
 
 TEST(Omissions, IncludeADirectoryThatCannotBeReadToItsEnd) {
@@ -279,6 +286,17 @@ TEST(MergeText, TellsWhatIsDoneOfWhatIsToBeMergedAndHowFast) {
   EXPECT_EQ(text.describe(std::chrono::seconds(14)),
             "14.0 s, about 5 s left  merging  1 of 2 files, 1 MiB of 2 MiB, 264.5 KiB/s, 1000 B "
             "freed");
+}
+
+TEST(LogLines, TellTheFirstErrorAndTheLastMessageWithoutPrefixAndNewline) {
+  LogLines lines(false);
+  for (const char *line : {"[INFO 1] a", "[ERRO 2] b\n", "[ERRO 3] c\n"}) {
+    __android_log_buf_print(0, 0, nullptr, "%s", line);
+  }
+  EXPECT_EQ(std::to_string(lines.error_count()) + lines.first_error() + lines.last_message(),
+            "2bc");
+  lines.forget();
+  EXPECT_EQ(lines.last_message(), "");
 }
 
 TEST(ScanText, TellsHowFastItReads) {

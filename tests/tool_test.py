@@ -1,5 +1,6 @@
 """The command-line tool as its users see it: what it prints, what it does to files, how it ends."""
 
+import base64
 import hashlib
 import json
 import os
@@ -20,7 +21,7 @@ class CommandLine(ToolCase):
         size, time = "is not a size such as 6", "is not a time such as 9"
         depth = "is not a number from 0 to 2047"
         for command, expected in (
-                ("", "no command given"), ("foo .", "unknown command 'foo'"),
+                ("", "no command given"), ("foo", "unknown command 'foo'"),
                 ("scan --nonsense .", "unknown option '--nonsense'"), ("scan", "ROOT is missing"),
                 ("copy a b c", "unexpected argument 'c'"),
                 *((words, "--state needs a value") for words in (
@@ -48,15 +49,17 @@ class CommandLine(ToolCase):
                         ("history", 0, r"\ANo merging run is recorded in /.*/velmarin\n\Z"))
         for command, name in (("info", "velmarin: ''"), ("scan", "root ''"), ("apply", "report ''")):
             self.assertIn(f"{name}: No such file", self.run_tool(command, "", status=1)[1])
-        for command in ("scan .", "scan --json .", "info ."):
+        for command in ("scan .", "scan --json .", "info file"):
             with open("/dev/full", "wb") as full:
-                self.run_tool(*command.split(), stdout=full, status=1)
+                said = self.run_tool(*command.split(), stdout=full, status=1)[1]
+                self.assertIn("velmarin: cannot write to standard output\n", said)
 
     def test_names_and_options_are_told_apart(self):
         names = ("[a,b]", "{}", "%%", "scan", "two words", '"quoted"', "--", "--json", "-x")
         output, _ = self.run_tool("info", *[self.write(name, b"").name for name in names])
         self.assertEqual(output.count(": a plain file"), 8)
         self.check_runs(("--help", 0, r"\nUsage: velmarin \[OPTIONS\] SUBCOMMAND\n"),
+                        ("--version", 0, r"\Avelmarin \d+\.\d+\.\d+\n\Z"),
                         ("scan -nq .", 0, r"freed +0 B\n  already saved .*\n(.*\n)*  time .*\n\Z"),
                         ("scan -n .", 0, "velmarin: --dry-run is the default: "),
                         ("scan --skip no .", 0, "nothing to skip at no: No such file"),
@@ -90,7 +93,8 @@ class CommandLine(ToolCase):
             os.truncate(self.write(name, b"same"), 500 << 20)
         merging = r"(?m)^\x1b\[K(?=.{49}$).*  merging  0 of 1 file,"  # cut to the terminal's width
         for options, term, refusal, progress, colour in (
-                ("", "xterm", "", r"walking  3 files examined, [12] read \(\d+(\.\d)? MiB\)",
+                ("", "xterm", "", r"walking  3 files examined, [12] read \(\d+(\.\d)? MiB\)"
+                 r"(.|\n)*found  [01] of 1 group\b",
                  "\n\x1b[K\x1b[1m2 files"),
                 ("--quiet", "xterm", "1", "", ""), ("--quiet --no-color", "xterm", "", "", ""),
                 ("--apply", "xterm", "", merging, "\x1b[32m  "), ("", "dumb", "", "", "")):
@@ -103,7 +107,7 @@ class CommandLine(ToolCase):
             self.assertIn(colour, shown)
             self.assertEqual(("examined" in shown, "\x1b[1m" in shown),
                              (progress != "", colour != ""), options)
-        output, errors = self.run_tool("scan", "--state", "../velmarin", ".")
+        output, errors = self.run_tool("scan", "--idle", "--state", "../velmarin", ".")
         self.assertEqual((errors, "\x1b" in output), ("", False))
 
 
@@ -118,11 +122,14 @@ class Scan(ToolCase):
         self.assertEqual(report["groups"][0]["digest"],
                          hashlib.sha256(content(9000, 9000)).hexdigest())
         status = os.stat(self.root / "d")
+        self.assertEqual((report["unmerged_bytes"], report["compressed"],
+                          set(report["statistics"].values())), (1024 * status.st_blocks, [], {0}))
         self.assertIn({"path": str(self.root / "d"), "inode": status.st_ino, "status": 0,
                        "device": status.st_dev, "blocks": status.st_blocks,
                        "mtime": dict(zip(("sec", "nsec"), divmod(status.st_mtime_ns, 10**9)))},
                       report["groups"][0]["files"])
-        self.assertEqual(self.groups(self.scan(min_size="10K")), [["a", "sub/b"]])
+        self.assertEqual(self.groups(self.scan("--max-size", "70000", min_size="70000")),
+                         [["a", "sub/b"]])
         self.assertEqual(len(self.groups(self.scan(min_size="0"))), 3)  # none of empty files
 
     def test_hostile_names_break_neither_output_format(self):
@@ -144,7 +151,7 @@ class Apply(ToolCase):
         state = self.directory / ".local/state/velmarin"
         self.write_each("a ../.local/state/velmarin/" + "0" * 64 + ".hsh")
         os.link(self.root / "a", state / ("1" * 64 + ".hsh"))  # which is not the tool's to change
-        self.run_tool("scan", "--html", "../page", ".")
+        self.run_tool("scan", "--html", "../page", "..")
         self.assertEqual(sorted(path.stat().st_mode & 0o777 for path in
                                 (*state.iterdir(), self.directory / "page")),
                          [0o600] * 4 + [0o666] * 2)
@@ -189,10 +196,14 @@ class Apply(ToolCase):
                              figures)
             self.assertEqual([row.get("count", row.get("size")) for row in data["lists"][1]], counts)
             self.assertEqual((data["words"], len(data["notes"])), (words.split(), notes))
-            self.assertRegex(data["about"], rf"\AScan of {self.root}( on the host .+)?, "
+            self.assertRegex(data["about"], rf"\AScan of {self.root} on the host {os.uname()[1]}, "
                                             r"\d{4}(-\d\d){2} \d\d(:\d\d){2}, \d")
             self.assertEqual([name[len(str(self.root)):] for name in data["directories"]],
                              ["/</", "/", "/other/"])
+        for element in ("style", "script"):  # the policy names the text of each
+            text = re.search(f"<{element}>(.*?)</{element}>", page.read_text(), re.S)[1]
+            digest = base64.b64encode(hashlib.sha256(text.encode()).digest()).decode()
+            self.assertIn(f"{element}-src 'sha256-{digest}'; ", page.read_text())
         self.assertEqual([(system["type"], system["label"], system["sharing"])
                           for system in data["systems"]],
                          [("btrfs", "a label", True), ("ext4", "", False)])
@@ -212,7 +223,7 @@ class Apply(ToolCase):
 
     def test_a_refused_file_does_not_hold_up_its_group(self):
         paths = self.write_each("a b c", Path(shutil.which("sleep")).read_bytes())
-        paths[0].chmod(0o755)
+        run("chmod", "755", *paths)
         running = subprocess.Popen([paths[0], "100"])  # cannot be opened for writing meanwhile
         self.addCleanup(running.wait)
         self.addCleanup(running.kill)

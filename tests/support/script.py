@@ -152,6 +152,7 @@ class ToolCase(TreeCase):
         with (tempfile.TemporaryFile() as output,
               self.start(*arguments, "--json", "--verbose", stdout=output) as process):
             self.assertTrue(any(text in line for line in process.stderr), text)
+            self.assertEqual(os.getpriority(os.PRIO_PROCESS, process.pid), os.nice(0))
             act(process)
             process.communicate(timeout=DEADLINE)
             output.seek(0)

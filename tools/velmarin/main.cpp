@@ -1,4 +1,5 @@
 // The command-line host of the library: does at a shell what a daemon does on a device.
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -18,12 +19,9 @@ using tool::FAILED;
 
 bool run_file_command(const std::string &name, const tool::FileOptions &options) {
   tool::LogLines log(options.verbose);
-  for (const tool::FileCommand &command : tool::file_commands()) {
-    if (name == command.name) {
-      return command.run(options.files, log);
-    }
-  }
-  return false;
+  const auto &commands = tool::file_commands();
+  const auto command = std::ranges::find(commands, name, &tool::FileCommand::name);
+  return command->run(options.files, log);  // the parser accepts only these names
 }
 
 int run_named(const tool::CommandLine &line) {
@@ -41,7 +39,8 @@ int run_named(const tool::CommandLine &line) {
 
 int run_command(const tool::CommandLine &line) {
   const int status = run_named(line);
-  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+  std::fflush(stdout);
+  if (std::ferror(stdout) != 0) {
     tool::print_error("cannot write to standard output");
     return FAILED;
   }

@@ -153,7 +153,6 @@ class ShareMerge {
   void run() {
     const velmarin::unique_fd fd = open_source();
     if (!fd.is_open()) {
-      refuse_rest();
       return;
     }
     for (const size_t index : share_.files) {
@@ -188,29 +187,22 @@ class ShareMerge {
     }
   }
 
-  // There is no source: says why the files that were not tried cannot be it.
-  void refuse_rest() {
-    for (const size_t index : share_.files) {
-      FoundFile &file = group_.files[index];
-      if (file.state.source_obstacle != 0 && !stop_requested()) {
-        refuse(file, file.state.source_obstacle);
-      }
-    }
-  }
-
-  // Picks the first file that can be the source. The outcomes of those before it say why they
-  // cannot.
+  // Picks the first file that can be the source. The outcomes of those that cannot say why.
   velmarin::unique_fd open_source() {
     for (const size_t index : share_.files) {
-      if (stop_requested() || group_.files[index].state.source_obstacle != 0) {
-        break;  // the rest cannot be it either
+      FoundFile &file = group_.files[index];
+      if (stop_requested()) {
+        break;
       }
-      velmarin::unique_fd fd = open_as_source(group_.files[index], common_.log);
+      if (file.state.source_obstacle != 0) {
+        refuse(file, file.state.source_obstacle);
+        continue;
+      }
+      velmarin::unique_fd fd = open_as_source(file, common_.log);
       if (fd.is_open()) {
         source_ = index;
         records_bytes_ = record_bytes(
-            index,
-            volume().is_btrfs ? ExtentMap{} : extents_of(group_.files[index], common_.volumes));
+            index, volume().is_btrfs ? ExtentMap{} : extents_of(file, common_.volumes));
         return fd;
       }
     }

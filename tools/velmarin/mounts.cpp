@@ -24,8 +24,8 @@ bool is_octal(char c) {
 std::string unescaped_field(const std::string &field) {
   std::string text;
   for (size_t i = 0; i < field.size(); ++i) {
-    if (field[i] == '\\' && i + 3 < field.size() && is_octal(field[i + 1]) &&
-        is_octal(field[i + 2]) && is_octal(field[i + 3])) {
+    if (field[i] == '\\' && is_octal(field[i + 1]) && is_octal(field[i + 2]) &&
+        is_octal(field[i + 3])) {
       text += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
       i += 3;
     } else {
@@ -48,7 +48,7 @@ std::map<uint64_t, Mount> all_mounts() {
 }
 
 std::string label_of(int fd) {
-  char label[FSLABEL_MAX + 1] = "";
+  char label[FSLABEL_MAX] = "";
   return ioctl(fd, FS_IOC_GETFSLABEL, label) == 0 ? label : "";
 }
 

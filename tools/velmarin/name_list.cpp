@@ -28,7 +28,7 @@ int read_entries(std::FILE *stream, char separator, std::vector<std::string> &en
   size_t room = 0;
   ssize_t length = 0;
   errno = 0;
-  while ((length = getdelim(&line, &room, separator, stream)) > 0) {
+  while ((length = getdelim(&line, &room, separator, stream)) != -1) {
     entries.emplace_back(line, static_cast<size_t>(length));
     if (entries.back().back() == separator) {
       entries.back().pop_back();

@@ -46,11 +46,10 @@ std::set<std::pair<dev_t, ino_t>> running_programs() {
 }  // namespace
 
 bool RunningPrograms::contains(const struct stat &status) {
-  if (!is_known_) {
+  if (!files_) {
     files_ = running_programs();
-    is_known_ = true;
   }
-  return files_.contains({status.st_dev, status.st_ino});
+  return files_->contains({status.st_dev, status.st_ino});
 }
 
 int obstacle_to_writing(int fd, const struct stat &status, RunningPrograms &programs) {

@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -15,8 +16,7 @@ class RunningPrograms {
   bool contains(const struct stat &status);
 
  private:
-  bool is_known_ = false;
-  std::set<std::pair<dev_t, ino_t>> files_;
+  std::optional<std::set<std::pair<dev_t, ino_t>>> files_;
 };
 
 // The errno that opening the open file for writing would fail with, 0 if none is to be expected.

@@ -2,26 +2,27 @@
 
 #include <unistd.h>
 
-#include <set>
+#include <map>
 
 namespace tool {
 namespace {
 
 std::string host_name() {
   char name[256] = "";
-  return gethostname(name, sizeof name - 1) == 0 ? name : "";
+  return gethostname(name, sizeof name) == 0 ? name : "";
 }
 
 // The roots, and one file of each device.
 std::vector<std::string> mounted_paths(const Report &report) {
   std::vector<std::string> paths = report.roots;
-  std::set<dev_t> devices;
+  std::map<dev_t, std::string> files;
   for (const FoundGroup &group : report.findings.groups) {
     for (const FoundFile &file : group.files) {
-      if (devices.insert(file.device).second) {
-        paths.push_back(file.path);
-      }
+      files.try_emplace(file.device, file.path);
     }
+  }
+  for (const auto &[device, path] : files) {
+    paths.push_back(path);
   }
   return paths;
 }

@@ -12,7 +12,7 @@ namespace {
 std::string source_of(std::string_view text) {
   std::array<unsigned char, SHA256_DIGEST_LENGTH> digest;
   SHA256(reinterpret_cast<const unsigned char *>(text.data()), text.size(), digest.data());
-  std::array<unsigned char, 4 * ((SHA256_DIGEST_LENGTH + 2) / 3) + 1> base64;
+  std::array<unsigned char, 64> base64;  // room for 44 characters and a NUL
   EVP_EncodeBlock(base64.data(), digest.data(), digest.size());
   return "sha256-" + std::string(reinterpret_cast<const char *>(base64.data()));
 }

@@ -30,7 +30,7 @@ Json json_digest(const FoundFile &file) {
 Json json_file(const FoundFile &file) {
   Json object;
   put_name(object, file.path);
-  object["inode"] = file.state.error == 0 && file.state.unchanged ? file.state.inode : file.inode;
+  object["inode"] = file.state.unchanged ? file.state.inode : file.inode;
   object["device"] = file.state.error == 0 ? Json(file.state.device) : Json(nullptr);
   object["status"] = file.status;
   object["blocks"] = file.blocks;
