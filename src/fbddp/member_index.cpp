@@ -15,7 +15,7 @@ struct group_member {
   uint32_t inode;
 
   bool is_empty() const { return head == nullptr; }
-  uint64_t hash() const { return mix_bits(reinterpret_cast<uintptr_t>(head) + inode); }
+  uint64_t hash() const { return mix_bits(reinterpret_cast<uintptr_t>(head) ^ inode); }
   bool equals(const group_member &other) const {
     return head == other.head && inode == other.inode;
   }
