@@ -66,11 +66,11 @@ class Configured(NightCase):
         config = self.directory / "night.conf"
         top = self.root
         for lines, words, seen in (
-                (f"# comment\n\n root = {top}/two words \nexclude=left out/\nmax-size\t=\t1M\n",
+                (f"# comment\n\n root = {top}/two words \nmax-depth\t=\t1\n",
                  "", "two words/-x[1] two words/a two words/b"),
                 (f"root = {top}/other\r\nskip = {top}/other/left out\nexclude = -x*\nquiet",
                  "--max-depth 1 --config /dev/null", "other/a other/b"),
-                (f"root = {top}/other\nexclude = [ab]\nmin-size = 1M",
+                (f"root = {top}/other\nexclude=[ab]\nmin-size = 1M",
                  "", "other/-x[1] other/left out/c")):
             config.write_text(lines, encoding="utf-8")
             group, = self.groups(self.scan(*words.split(), "--config", config, roots=[]))

@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@
 #include <iterator>
 #include <sstream>
 
+#include "digest_file.h"
 #include "display_name.h"
 #include "estimate.h"
 #include "glob.h"
@@ -249,7 +251,8 @@ TEST(Estimate, StartsOnceThereIsEnoughToGoOnAndNeverJumps) {
       {"small, then large", {{4000, 1, 0.015}, {4, 2000, 20}}, "3:138 28:112 56:84 84:56 112:28 "},
       {"large, then small", {{4, 2000, 20}, {4000, 1, 0.015}}, "20:121 28:113 56:84 84:56 112:28 "},
       {"a tenth", {{50, 100, 5}}, "25:226 50:199 100:150 150:100 200:50 "},
-      {"only one", {{1, 3000, 30}}, ""},
+      {"enough, but only in the first second", {{10, 100, 0.05}, {1, 3000, 30}}, ""},
+      {"the first second tells", {{5, 100, 0.2}, {2, 400, 6}}, "3:1 5:1 8:1 11:1 "},
       {"a slower disk", {{200, 10, 0.05}, {400, 10, 0.2}}, "3:27 18:31 36:39 54:32 72:17 "},
       {"a faster disk", {{10, 10, 0.5}, {590, 10, 0.05}}, "5:294 7:196 14:45 21:16 28:7 "},
       {"slower from a large file on",
@@ -286,6 +289,22 @@ TEST(MergeText, TellsWhatIsDoneOfWhatIsToBeMergedAndHowFast) {
   EXPECT_EQ(text.describe(std::chrono::seconds(14)),
             "14.0 s, about 5 s left  merging  1 of 2 files, 1 MiB of 2 MiB, 264.5 KiB/s, 1000 B "
             "freed");
+}
+
+TEST(DigestFile, HoldsAnyNumberOfDigestsIsLockedAndReportsWhatFails) {
+  const temporary_tree tree;
+  const std::string path = tree.path("file");
+  const int fd = lock_digest_file(path, true);
+  EXPECT_EQ(flock(open(path.c_str(), O_RDONLY), LOCK_SH | LOCK_NB), -1);
+  EXPECT_EQ(append_digests(fd, SavedDigests(4096)), 0);
+  EXPECT_EQ(read_locked_digests(fd).value_or(SavedDigests()).size(), 4096U);
+  EXPECT_EQ(append_digests(fd, SavedDigests(4097)), 0);
+  EXPECT_EQ(read_locked_digests(fd).value_or(SavedDigests()).size(), 8193U);
+  EXPECT_EQ(replace_digests(fd, SavedDigests(1)), 0);
+  EXPECT_EQ(read_locked_digests(fd).value_or(SavedDigests()).size(), 1U);
+  EXPECT_EQ(replace_digests(open("/dev/full", O_RDWR), SavedDigests(1)), ENOSPC);
+  EXPECT_NE(append_digests(open("/dev/null", O_RDWR), SavedDigests(1)), 0);  // cannot be synced
+  EXPECT_FALSE(read_digests(tree.root()));
 }
 
 TEST(LogLines, TellTheFirstErrorAndTheLastMessageWithoutPrefixAndNewline) {

@@ -39,12 +39,14 @@ class SavedDigests(ToolCase):
     def die(self, left=None):
         """Leaves what a killed scan leaves: the second name, and what it had saved by then."""
         self.file.rename(f"{self.file}.kept")
+        os.makedirs(f"{self.file}.runs/left")
         if left is not None:
             self.file.write_bytes(left)
 
     def touch_one_and_remove_another(self):
         os.utime(self.root / "0a")
         (self.root / "1a").unlink()
+        self.file.with_suffix(".hsh.kept").write_bytes(b"damaged")
         self.scan(min_size="1G")
 
     def scan_without_sub(self):
@@ -83,6 +85,9 @@ class SavedDigests(ToolCase):
                     (self.scan()["counters"]["nr_hashed"],
                      [(file, file.stat().st_size) for file in self.state.glob("*.hsh*")]),
                     (read_again, [(self.file, entries * ENTRY)]))
+        os.mkdir(f"{self.file}.wide")  # is neither read nor removed
+        self.check_runs((f"scan --min-size 1K --state {self.state} {self.root}", 1,
+                         "velmarin: cannot save the digests of files that the scan did not reach\n"))
 
 
 class Volumes(ToolCase):
@@ -122,6 +127,7 @@ class Volumes(ToolCase):
                            group["digest"] is None)
                           for group in report["groups"] for file in group["files"]},
                          {("shared", True, True, False)})
+        self.scan("--skip", self.root / "two")  # and remembers its device all the same
         run("umount", self.root)
         (self.directory / "other").mkdir()
         self.mount("tmpfs", self.directory / "other", "rw")  # takes a device number

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <span>
 
 namespace tool::btrfs {
 namespace {
@@ -39,7 +40,7 @@ btrfs_ioctl_search_key extent_key(const Inode &inode, uint64_t offset) {
   return key;
 }
 
-// Adds the extent that a tree item refers to. Holes and inline data refer to none.
+// Adds the extent that a tree item refers to. Inline data refers to none, a hole to an empty one.
 void add_extent(const char *item, uint32_t length, uint64_t offset,
                 std::vector<FileExtent> &extents) {
   btrfs_file_extent_item extent = {};
@@ -47,7 +48,7 @@ void add_extent(const char *item, uint32_t length, uint64_t offset,
     return;
   }
   std::memcpy(&extent, item, sizeof extent);
-  if (extent.type != BTRFS_FILE_EXTENT_INLINE && extent.disk_bytenr != 0) {
+  if (extent.type != BTRFS_FILE_EXTENT_INLINE) {
     extents.push_back({.offset = offset,
                        .length = extent.num_bytes,
                        .disk_begin = extent.disk_bytenr,
@@ -91,8 +92,8 @@ Copies copies_kept(int fd) {
   if (ioctl(fd, BTRFS_IOC_SPACE_INFO, answer) != 0) {
     return copies;
   }
-  for (uint64_t i = 0; i < answer->total_spaces; ++i) {
-    const uint64_t flags = answer->spaces[i].flags;
+  for (const btrfs_ioctl_space_info &space : std::span(answer->spaces, answer->total_spaces)) {
+    const uint64_t flags = space.flags;
     if ((flags & BTRFS_BLOCK_GROUP_METADATA) != 0) {
       copies.metadata = std::max(copies.metadata, copies_by(flags));
     }

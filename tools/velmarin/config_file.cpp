@@ -61,11 +61,13 @@ class ConfigFiles {
     if (!read_lines(file, lines)) {
       throw UsageError("cannot read the options in " + escaped_name(file));
     }
-    for (size_t i = 0; i < lines.size(); ++i) {
+    size_t number = 0;
+    for (const std::string &line : lines) {
+      ++number;
       try {
-        add_line(trimmed(lines[i]), arguments);
+        add_line(trimmed(line), arguments);
       } catch (const UsageError &error) {
-        throw UsageError(escaped_name(file) + ", line " + std::to_string(i + 1) + ": " +
+        throw UsageError(escaped_name(file) + ", line " + std::to_string(number) + ": " +
                          error.what());
       }
     }

@@ -26,30 +26,21 @@ uint64_t checksum_of(const unsigned char *record) {
   return crc64_rocksoft_generic(0, record, sizeof(SavedDigest));
 }
 
-// Retries a call that a signal interrupted, such as that of the library's time budget.
-int lock(int fd, int operation) {
-  int result = 0;
-  do {
-    result = flock(fd, operation);
-  } while (result != 0 && errno == EINTR);
-  return result;
+// Calls are repeated if a signal interrupts them, such as that of the library's time budget.
+bool lock(int fd, int operation) {
+  return TEMP_FAILURE_RETRY(flock(fd, operation)) == 0;
 }
 
 // Reads until the buffer is full or the file ends. Returns the bytes read, or -1.
 ssize_t read_fully(int fd, Buffer &buffer, off_t offset) {
   size_t used = 0;
-  while (used < buffer.size()) {
-    const ssize_t count =
-        pread(fd, buffer.data() + used, buffer.size() - used, offset + static_cast<off_t>(used));
-    if (count == 0) {
-      break;
-    }
-    if (count < 0 && errno != EINTR) {
-      return -1;
-    }
-    used += count > 0 ? static_cast<size_t>(count) : 0;
-  }
-  return static_cast<ssize_t>(used);
+  ssize_t count = 0;
+  do {
+    used += static_cast<size_t>(count);
+    count = TEMP_FAILURE_RETRY(
+        pread(fd, buffer.data() + used, buffer.size() - used, offset + static_cast<off_t>(used)));
+  } while (count > 0);
+  return count == 0 ? static_cast<ssize_t>(used) : -1;
 }
 
 // Appends the records in `bytes` to `digests`. Returns whether all of them are intact.
@@ -76,12 +67,12 @@ void put_entry(Buffer &buffer, const SavedDigest &digest) {
 
 int write_fully(int fd, const Buffer &buffer, off_t offset) {
   for (size_t done = 0; done < buffer.size();) {
-    const ssize_t count =
-        pwrite(fd, buffer.data() + done, buffer.size() - done, offset + static_cast<off_t>(done));
-    if (count < 0 && errno != EINTR) {
+    const ssize_t count = TEMP_FAILURE_RETRY(
+        pwrite(fd, buffer.data() + done, buffer.size() - done, offset + static_cast<off_t>(done)));
+    if (count < 0) {
       return errno;
     }
-    done += count > 0 ? static_cast<size_t>(count) : 0;
+    done += static_cast<size_t>(count);
   }
   return 0;
 }
@@ -105,6 +96,10 @@ bool is_still_at(const std::string &path, int fd) {
   struct stat opened = {};
   return stat(path.c_str(), &named) == 0 && fstat(fd, &opened) == 0 &&
          named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
+}
+
+std::pair<uint64_t, uint64_t> device_and_inode(const SavedDigest &saved) {
+  return {saved.key >> 32, inode_of(saved)};
 }
 
 }  // namespace
@@ -131,16 +126,16 @@ SavedDigest record_of(const struct stat &status, const std::array<uint8_t, 32> &
 }
 
 bool is_file_before(const SavedDigest &left, const SavedDigest &right) {
-  return std::pair(left.key >> 32, inode_of(left)) < std::pair(right.key >> 32, inode_of(right));
+  return device_and_inode(left) < device_and_inode(right);
 }
 
 bool is_same_file(const SavedDigest &left, const SavedDigest &right) {
-  return left.key == right.key && inode_of(left) == inode_of(right);
+  return device_and_inode(left) == device_and_inode(right);
 }
 
 bool has_time_of(const SavedDigest &saved, const struct stat &status) {
   const SavedDigest now = record_of(status, {});
-  return saved.mtime_sec == now.mtime_sec && saved.mtime_nsec == now.mtime_nsec;
+  return std::pair(saved.mtime_sec, saved.mtime_nsec) == std::pair(now.mtime_sec, now.mtime_nsec);
 }
 
 std::string digest_file_name(const std::vector<std::string> &roots) {
@@ -161,14 +156,14 @@ std::string digest_file_name(const std::vector<std::string> &roots) {
 
 std::optional<SavedDigests> read_digests(const std::string &path) {
   const velmarin::unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  return lock(fd.get(), LOCK_SH) == 0 ? read_locked_digests(fd.get()) : std::nullopt;
+  return lock(fd.get(), LOCK_SH) ? read_locked_digests(fd.get()) : std::nullopt;
 }
 
 int lock_digest_file(const std::string &path, bool create) {
   for (;;) {
     const int flags = O_RDWR | O_NONBLOCK | O_CLOEXEC | (create ? O_CREAT : 0);
     velmarin::unique_fd fd(open(path.c_str(), flags, 0600));
-    if (!fd.is_open() || lock(fd.get(), LOCK_EX) != 0) {
+    if (!fd.is_open() || !lock(fd.get(), LOCK_EX)) {
       return -1;
     }
     if (is_still_at(path, fd.get())) {
@@ -203,7 +198,10 @@ int append_digests(int fd, const SavedDigests &digests) {
     return errno;
   }
   const int error = write_digests(fd, digests, end);
-  return error == 0 || ftruncate(fd, end) == 0 ? error : errno;
+  if (error != 0) {
+    [[maybe_unused]] const int result = ftruncate(fd, end);
+  }
+  return error;
 }
 
 }  // namespace tool

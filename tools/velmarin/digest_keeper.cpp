@@ -32,7 +32,7 @@ const SavedDigest *find_file(const SavedDigests &digests, const SavedDigest &fil
 }
 
 bool is_wide(const SavedDigest &saved) {
-  return inode_of(saved) > UINT32_MAX;
+  return inode_of(saved) >> 32 != 0;
 }
 
 // Removes a file that belongs to another user. Returns whether there was one.
@@ -80,20 +80,14 @@ bool DigestKeeper::open(const std::string &state, const std::vector<std::string>
 
 // Restores what a killed scan left under the second name.
 void DigestKeeper::recover() {
-  const auto kept = read_digests(kept_);
-  if (!kept) {
-    unlink(kept_.c_str());
-    return;
+  if (const auto kept = read_digests(kept_)) {
+    const velmarin::unique_fd fd(lock_digest_file(path_, false));
+    remember(*kept);
+    if (!complete(fd.get(), false)) {
+      return;
+    }
   }
-  const velmarin::unique_fd fd(lock_digest_file(path_, false));
-  if (!fd.is_open()) {
-    restore();
-    return;
-  }
-  remember(*kept);
-  if (complete(fd.get(), false)) {
-    unlink(kept_.c_str());
-  }
+  unlink(kept_.c_str());
 }
 
 // Adjusts the file to the device numbers of today, before the library reads it. If that fails, the
@@ -189,9 +183,6 @@ bool DigestKeeper::close(bool looked_everywhere) {
   }
   const bool has_wide = store_wide(looked_everywhere);
   const velmarin::unique_fd fd(lock_digest_file(path_, !fresh_.empty()));
-  if (!fd.is_open()) {
-    return restore() && has_wide;  // the library could not save, and has reported it
-  }
   const bool is_complete = complete(fd.get(), looked_everywhere);
   if (is_complete) {
     unlink(kept_.c_str());
@@ -205,10 +196,9 @@ bool DigestKeeper::store_wide(bool looked_everywhere) const {
   if (digests.empty()) {
     return unlink(wide_.c_str()) == 0 || errno == ENOENT;
   }
-  const std::string replacement = wide_ + ".new";
-  unlink(replacement.c_str());  // left by a killed scan
+  const std::string replacement = wide_ + ".new";  // perhaps left by a killed scan
   const velmarin::unique_fd fd(lock_digest_file(replacement, true));
-  if (append_digests(fd.get(), digests) == 0 && rename(replacement.c_str(), wide_.c_str()) == 0) {
+  if (replace_digests(fd.get(), digests) == 0 && rename(replacement.c_str(), wide_.c_str()) == 0) {
     return true;
   }
   unlink(replacement.c_str());
@@ -237,6 +227,7 @@ SavedDigests DigestKeeper::missing_digests(SavedDigests on_disk, bool looked_eve
   return digests;
 }
 
+// If `fd` is not open or the file damaged, what is kept under the second name takes its place.
 bool DigestKeeper::complete(int fd, bool looked_everywhere) const {
   auto on_disk = read_locked_digests(fd);
   if (!on_disk) {

@@ -34,7 +34,7 @@ bool EntryFilter::leaves_out(const struct stat &status, std::string_view path) c
     return !below.empty();
   }
   return !is_directory && (static_cast<uint64_t>(status.st_size) > max_size_ ||
-                           (!includes_.empty() && !match_any(includes_, below, false)));
+                           (!includes_.empty() && !match_any(includes_, below, is_directory)));
 }
 
 // The part of the path below the innermost root, empty for a root itself.
@@ -42,8 +42,8 @@ std::string_view EntryFilter::below_root(std::string_view path) const {
   size_t length = 0;
   for (const std::string &root : roots_) {
     const std::string_view rest = path.starts_with(root) ? path.substr(root.size()) : "no";
-    if (root.size() > length && (rest.empty() || rest.front() == '/' || root == "/")) {
-      length = root.size();
+    if (rest.empty() || rest.front() == '/' || root == "/") {
+      length = std::max(length, root.size());
     }
   }
   path.remove_prefix(std::min(path.find_first_not_of('/', length), path.size()));

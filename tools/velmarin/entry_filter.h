@@ -21,10 +21,8 @@ struct EntryFilterRules {
 
 class EntryFilter {
  public:
-  EntryFilter() = default;
-
   // The roots are absolute paths. A root below another one is still a root.
-  EntryFilter(const EntryFilterRules &rules, std::vector<std::string> roots);
+  explicit EntryFilter(const EntryFilterRules &rules = {}, std::vector<std::string> roots = {});
 
   // Whether any entry can be left out.
   bool is_limiting() const;
@@ -38,8 +36,8 @@ class EntryFilter {
 
   std::vector<Glob> excludes_;
   std::vector<Glob> includes_;
-  bool no_hidden_ = false;
-  uint64_t max_size_ = UINT64_MAX;
+  bool no_hidden_;
+  uint64_t max_size_;
   std::vector<std::string> roots_;
 };
 

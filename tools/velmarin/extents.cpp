@@ -61,25 +61,14 @@ HeldRange compressed_range(const fiemap_extent &extent, uint64_t block_size) {
           .is_shared = has(extent, FIEMAP_EXTENT_SHARED)};
 }
 
-// Cuts off and returns the part of an extent beyond `end`.
-fiemap_extent cut_at(fiemap_extent &extent, uint64_t end) {
-  fiemap_extent rest = extent;
-  const uint64_t kept = extent.fe_logical < end ? end - extent.fe_logical : 0;
-  extent.fe_length = std::min<uint64_t>(extent.fe_length, kept);
-  rest.fe_logical += extent.fe_length;
-  rest.fe_physical += extent.fe_length;
-  rest.fe_length -= extent.fe_length;
-  return rest;
-}
-
-HeldRange plain_range(const fiemap_extent &extent, bool is_beyond_end) {
+HeldRange plain_range(const fiemap_extent &extent) {
   return {.begin = extent.fe_physical,
           .end = extent.fe_physical + extent.fe_length,
           .bytes = extent.fe_length,
-          .is_shared = has(extent, FIEMAP_EXTENT_SHARED),
-          .is_beyond_end = is_beyond_end};
+          .is_shared = has(extent, FIEMAP_EXTENT_SHARED)};
 }
 
+// Blocks reserved beyond `end` stay with the file, whatever it shares.
 void add_extent(ExtentMap &map, fiemap_extent extent, uint64_t end, uint64_t block_size) {
   if (has(extent, FIEMAP_EXTENT_DATA_INLINE)) {
     map.is_inline = true;
@@ -90,20 +79,16 @@ void add_extent(ExtentMap &map, fiemap_extent extent, uint64_t end, uint64_t blo
     map.is_known = false;
     return;
   }
-  const bool is_compressed = has(extent, FIEMAP_EXTENT_ENCODED);
-  if (is_compressed) {
-    map.held.push_back(compressed_range(extent, block_size));
-  }
-  const fiemap_extent rest = cut_at(extent, end);
-  if (!is_compressed && extent.fe_length > 0) {
-    map.held.push_back(plain_range(extent, false));
-    map.used.push_back({extent.fe_physical, extent.fe_physical + extent.fe_length});
-  }
-  if (!is_compressed && rest.fe_length > 0) {
-    map.held.push_back(plain_range(rest, true));
-  }
+  extent.fe_length =
+      std::min<uint64_t>(extent.fe_length, end - std::min(end, uint64_t{extent.fe_logical}));
   if (extent.fe_length == 0) {
     return;
+  }
+  if (has(extent, FIEMAP_EXTENT_ENCODED)) {
+    map.held.push_back(compressed_range(extent, block_size));
+  } else {
+    map.held.push_back(plain_range(extent));
+    map.used.push_back({extent.fe_physical, extent.fe_physical + extent.fe_length});
   }
   const bool is_written = !has(extent, FIEMAP_EXTENT_UNWRITTEN);
   add_data(is_written ? map.data : map.reserved,
@@ -158,9 +143,7 @@ std::vector<HeldRange> whole_extents(const std::vector<btrfs::FileExtent> &file,
 // What the blocks of the open file have beside the data. Btrfs does not count these.
 uint64_t bytes_beside(int fd, const std::vector<fiemap_extent> &extents) {
   struct stat status = {};
-  if (fstat(fd, &status) != 0) {
-    return 0;
-  }
+  fstat(fd, &status);  // all 0 if that fails
   uint64_t data = 0;
   for (const fiemap_extent &extent : extents) {
     data += extent.fe_length;
@@ -180,11 +163,9 @@ DiskRange used_part(const btrfs::FileExtent &extent, uint64_t end) {
 }
 
 std::vector<DiskRange> used_parts(const std::vector<btrfs::FileExtent> &file, uint64_t end) {
-  std::vector<DiskRange> parts;
-  parts.reserve(file.size());
-  for (const btrfs::FileExtent &extent : file) {
-    parts.push_back(used_part(extent, end));
-  }
+  std::vector<DiskRange> parts(file.size());
+  std::transform(file.begin(), file.end(), parts.begin(),
+                 [end](const btrfs::FileExtent &extent) { return used_part(extent, end); });
   return parts;
 }
 
