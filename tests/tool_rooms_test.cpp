@@ -15,6 +15,7 @@
 #include <iterator>
 #include <sstream>
 
+#include "copy_permissions.h"
 #include "digest_file.h"
 #include "display_name.h"
 #include "estimate.h"
@@ -289,6 +290,19 @@ TEST(MergeText, TellsWhatIsDoneOfWhatIsToBeMergedAndHowFast) {
   EXPECT_EQ(text.describe(std::chrono::seconds(14)),
             "14.0 s, about 5 s left  merging  1 of 2 files, 1 MiB of 2 MiB, 264.5 KiB/s, 1000 B "
             "freed");
+}
+
+TEST(CopyPermissions, GoOnlyToTheFileThatWasCreated) {
+  const temporary_tree tree("source=x linked=x open=x");
+  const auto result_for = [&](const char *source, const char *copy) {
+    return copy_permissions(tree.path(source), tree.path(copy));
+  };
+  fs::create_hard_link(tree.path("linked"), tree.path("twin"));
+  fs::permissions(tree.path("linked"), fs::perms(0600));
+  fs::permissions(tree.path("open"), fs::perms(0644));
+  EXPECT_EQ((std::vector{result_for("source", "linked"), result_for("source", "open"),
+                         result_for("missing", "source"), result_for("source", "missing")}),
+            (std::vector{ESTALE, ESTALE, ENOENT, ENOENT}));
 }
 
 TEST(DigestFile, HoldsAnyNumberOfDigestsIsLockedAndReportsWhatFails) {

@@ -1,6 +1,7 @@
 """Trees that span several file systems and subvolumes, and the digests that scans of them keep."""
 
 import os
+import re
 import shutil
 import signal
 import sys
@@ -135,6 +136,14 @@ class Volumes(ToolCase):
         for name in ("two", "one"):  # which so exchange theirs
             (self.root / name / "a").stat()
         self.assertEqual(self.scan()["counters"]["nr_hashed"], 0)
+        devices, = self.state.glob("*.devices")
+        known = devices.read_text()
+        other = re.sub(" [0-9]+ ", " 1 ", known)  # other file systems, under the same numbers
+        for text, owner, is_read in ((other, 0, True), (re.sub("(?m)^[0-9]+", "1", known), 0, True),
+                                     (other, 65534, False)):
+            devices.write_text(text)
+            os.chown(devices, owner, owner)
+            self.assertEqual(self.scan()["counters"]["nr_hashed"] > 0, is_read, text)
 
     def test_a_tree_of_several_file_systems_is_compared_as_a_whole_within_its_limits(self):
         for name in ("one", "two"):
