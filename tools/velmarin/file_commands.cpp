@@ -252,7 +252,7 @@ bool recover(const Files &files, LogLines &log) {
 
 std::string group_failure_reason(const Files &files, int error) {
   for (const std::string &file : files) {
-    const std::string reason = describe_sharing_error(files[0], file, error);
+    std::string reason = describe_sharing_error(files[0], file, error);
     if (reason != describe_error(error)) {
       return reason;
     }

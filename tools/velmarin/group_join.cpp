@@ -44,8 +44,10 @@ void drop_extra_links(std::vector<CollectedFile> &files) {
   std::ranges::sort(files, {}, [&](const CollectedFile &file) {
     return std::tuple(inode(file), std::string_view(file.path));
   });
-  const auto extra = std::ranges::unique(files, {}, inode);
-  files.erase(extra.begin(), extra.end());
+  const auto is_same = [&](const CollectedFile &a, const CollectedFile &b) {
+    return inode(a) == inode(b);
+  };
+  files.erase(std::unique(files.begin(), files.end(), is_same), files.end());
 }
 
 }  // namespace
