@@ -190,6 +190,12 @@ std::string describe_dedup(const std::string &first, const std::string &second) 
                                   : "; " + details);
 }
 
+// Opens the file as merging does. Returns 0 or an errno.
+int error_of_opening(const std::string &file) {
+  const velmarin::unique_fd fd(open(file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  return fd.is_open() ? 0 : errno;
+}
+
 bool dedup(const Files &files, LogLines &log) {
   if (reject_unusable(files) || reject_same_file(files)) {
     return false;
@@ -208,8 +214,7 @@ bool dedup(const Files &files, LogLines &log) {
     return fail(second, "cannot share the data of " + escaped_name(files[0]) + ": " +
                             describe_sharing_error(first, second, result));
   }
-  const velmarin::unique_fd fd(open(first.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-  const bool is_first = !fd.is_open();
+  const bool is_first = error_of_opening(first) != 0;
   return fail(is_first ? files[0] : second, failure_reason(is_first ? first : second, log));
 }
 
@@ -278,6 +283,11 @@ bool group(const Files &files, LogLines &) {
   }
   for (const std::string &file : files) {
     print_result(file, describe_layer(file));
+  }
+  for (const std::string &file : files) {
+    if (const int open_error = error_of_opening(file); error != 0 && open_error != 0) {
+      return fail(file, std::strerror(open_error));
+    }
   }
   return error == 0 || fail(files[0], std::string("not all files of the group were merged: ") +
                                           group_failure_reason(files, error));
