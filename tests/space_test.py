@@ -264,6 +264,7 @@ class Btrfs(SpaceCase):
         self.clones("pair", content("two pairs", SIZE), 2)
         self.clones("pair/more", content("two pairs", SIZE), 2)
         self.copies("overwritten", content("overwritten", SIZE), 2)
+        self.pieces("continued", 0, reserve=("-n", "-l", MIB + 4096))
         run("sync", "-f", self.root)
         for number in range(2):
             with open(self.root / f"overwritten/{number}", "r+b") as file:
@@ -286,6 +287,7 @@ class Btrfs(SpaceCase):
         self.assertEqual({name: figures for name, (figures, _) in self.summary(
                               report, "reclaimable_bytes", "uncertain_bytes").items()},
                          {"compressed": [0, 8 * SIZE], "kept": [0, 2 * SIZE],
+                          "continued": [0, 2 * MIB],
                           "plain": [3 * SIZE - 4 * 344, 0], "pair": [2 * MIB - 3 * 344, SIZE],
                           "overwritten": [SIZE - 2 * 344, 2 * MIB], "not writable": [0, 0],
                           "in such a directory": [0, 0]})
@@ -297,7 +299,9 @@ class Btrfs(SpaceCase):
                           "6 MiB, 6 MiB can be freed, up to 2 MiB more",
                           "6 MiB, 2 MiB can be freed, up to 6 MiB more",
                           "24 MiB, up to 48 MiB can be freed", "6 MiB, up to 12 MiB can be freed",
+                          "1 MiB, up to 2 MiB can be freed",
                           *["6 MiB, nothing left to free"] * 2])
+        self.assertRegex(said, r"\n\n3 compressed files\n(  compressed  .*\n){3}\nSummary\n")
 
     def test_the_summary_says_what_there_is_what_was_done_and_what_was_looked_at(self):
         self.clones("a", content("a", SIZE), 2)

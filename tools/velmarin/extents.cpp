@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 namespace tool {
 namespace {
@@ -121,6 +122,23 @@ void add_overwritten(const std::vector<MappedData> &data, std::vector<HeldRange>
   }
 }
 
+// Blocks that join those reserved beyond the end are perhaps of the same Btrfs extent, which then
+// stays whole.
+void doubt_what_is_reserved_beyond(const std::vector<fiemap_extent> &extents, uint64_t end,
+                                   std::vector<HeldRange> &held) {
+  std::set<uint64_t> joints;  // addresses where such blocks end
+  std::for_each(extents.rbegin(), extents.rend(), [&](const fiemap_extent &extent) {
+    const uint64_t room = end - std::min(end, uint64_t{extent.fe_logical});
+    const uint64_t kept = std::min<uint64_t>(extent.fe_length, room);
+    if (kept < extent.fe_length || joints.contains(extent.fe_physical + kept)) {
+      joints.insert({extent.fe_physical, extent.fe_physical + kept});
+    }
+  });
+  for (HeldRange &range : held) {
+    range.is_perhaps = joints.contains(range.end);
+  }
+}
+
 // Whole Btrfs extents: each stays on disk until nothing refers to any part of it.
 std::vector<HeldRange> whole_extents(const std::vector<btrfs::FileExtent> &file,
                                      const std::vector<fiemap_extent> &extents, uint64_t end) {
@@ -202,6 +220,7 @@ ExtentMap read_extents(int fd, uint64_t inode, uint64_t size, const Volume &volu
       map.held = whole_extents(*file, extents, end);
       map.used = used_parts(*file, end);
     } else {
+      doubt_what_is_reserved_beyond(extents, end, map.held);
       add_overwritten(map.data, map.held);
     }
   }
