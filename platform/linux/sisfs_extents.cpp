@@ -7,11 +7,11 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/vfs.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "common/heap_ptr.h"
@@ -218,15 +218,17 @@ int copy_contents(int source, int target, uint64_t size) {
   if (buffer == nullptr) {
     return ENOMEM;
   }
+  uint64_t end = 0;
   data_range range = {};
   int error = next_data(reader.get(), size, &range);
   while (error == 0 && range.begin < range.end) {
+    end = range.end;
     error = copy_range(reader.get(), target, range, buffer.get());
     if (error == 0) {
       error = next_data(reader.get(), size, &range);
     }
   }
-  return error == 0 ? extend(target, size) : error;
+  return error == 0 && end < size ? extend(target, size) : error;
 }
 
 int clone_contents(int source, int target, bool *is_refused) {

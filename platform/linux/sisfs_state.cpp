@@ -110,8 +110,10 @@ int stat_regular(int fd, file_status *status) {
   status->stamp.size = stx.stx_size;
   status->stamp.mtime_sec = stx.stx_mtime.tv_sec;
   status->stamp.mtime_nsec = stx.stx_mtime.tv_nsec;
-  status->stamp.birth_sec = stx.stx_btime.tv_sec;
-  status->stamp.birth_nsec = stx.stx_btime.tv_nsec;
+  if ((stx.stx_mask & STATX_BTIME) != 0) {
+    status->stamp.birth_sec = stx.stx_btime.tv_sec;
+    status->stamp.birth_nsec = stx.stx_btime.tv_nsec;
+  }
   status->device = makedev(stx.stx_dev_major, stx.stx_dev_minor);
   status->links = stx.stx_nlink;
   status->is_protected = (stx.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0;

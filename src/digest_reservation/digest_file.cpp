@@ -37,7 +37,7 @@ struct digest_path {
 bool form_directory(digest_path *path, const char *save_dir) {
   *path = {};
   const size_t length = strlen(save_dir);
-  if (length >= PATH_BUF_SIZE) {
+  if (static_cast<int32_t>(length) >= static_cast<int32_t>(PATH_BUF_SIZE)) {
     // The misspelling is deliberate (sic): hosts rely on this line.
     log_erro("Too looong save_dir, %s\n", "quit!");
     return false;

@@ -39,14 +39,15 @@ rb_root *set_for_type(sis_context *ctx, mode_t mode) {
 
 // Stats the entry at `path` without following a symbolic link. Returns whether that worked.
 bool stat_skip_path(const char *path, struct stat *status) {
-  const unique_fd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW));
+  unique_fd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW));
   if (!fd.is_open()) {
     const int error = errno;
     log_info("failed to open skip entry %s returned %s", path, strerror(error));
     return false;
   }
-  if (fstat(fd.get(), status) != 0) {
-    const int error = errno;
+  const int error = fstat(fd.get(), status) == 0 ? 0 : errno;
+  fd.reset();
+  if (error != 0) {
     log_info("fail to stat %s skip entry returned %s", path, strerror(error));
     return false;
   }

@@ -15,7 +15,6 @@
 #include <sched.h>
 
 #include <csignal>
-#include <cstring>
 #include <tuple>
 
 #include "common/atomic_word.h"
@@ -152,6 +151,7 @@ bool create_timer(sis_context *ctx, unsigned seconds) {
   event.sigev_value.sival_ptr = ctx;
   if (timer_create(CLOCK_REALTIME, &event, &ctx->timer) != 0) {
     log_erro("fail to create timer of %us", seconds);
+    ctx->timer = {};
     return false;
   }
   ctx->alarm.armed = true;
@@ -164,6 +164,7 @@ bool create_timer(sis_context *ctx, unsigned seconds) {
 void delete_timer(sis_context *ctx) {
   timer_delete(ctx->timer);
   leave_live_runs(ctx);
+  ctx->timer = {};
   ctx->alarm.armed = false;
 }
 

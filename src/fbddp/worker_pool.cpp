@@ -87,6 +87,7 @@ void *enqueued_worker(void *argument) {
 thread_slot *allocate_slot(int index) {
   for (int attempt = 0; attempt < SLOT_ATTEMPTS; attempt++) {
     if (auto *slot = static_cast<thread_slot *>(malloc(sizeof(thread_slot)))) {
+      slot->thread = 0;
       return slot;
     }
     log_erro("fail to allocate thread %d", index);

@@ -11,7 +11,7 @@ namespace velmarin {
 inline constexpr int WORKER_COUNT = 3;
 
 struct thread_slot {
-  pthread_t thread;  // 0 if no worker could be started in it
+  pthread_t thread;  // 0 until a worker is started in it
   list_head link;    // in the run's `threads`, which owns the slot
 };
 

@@ -53,7 +53,7 @@ int classify_and_count(int fd, const struct stat *status, const char *path) {
 // Any result but EOPNOTSUPP shows that the file system has the control codes.
 int probe_file_system(int fd) {
   sis_file_info info;
-  return query_file_info(fd, &info) != 0 && errno == EOPNOTSUPP ? -EOPNOTSUPP : 0;
+  return query_file_info(fd, &info) < 0 && errno == EOPNOTSUPP ? -EOPNOTSUPP : 0;
 }
 
 void read_and_reset(std::atomic<uint64_t> *counter, uint64_t *destination) {
@@ -101,7 +101,7 @@ int check_file_status(int fd, const struct stat * /*status*/, const char *path) 
 }
 
 int freeze_file(int fd, const char * /*path*/) {
-  return set_coincide_flag(fd) != 0 ? errno : 0;
+  return set_coincide_flag(fd) < 0 ? errno : 0;
 }
 
 int check_frozen(int fd, const char *path) {
