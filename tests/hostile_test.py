@@ -34,7 +34,13 @@ class NoRoom(ToolCase):
         fill_up(full)
         self.mount("tmpfs", read_only, "ro")
         unusable = "cannot use the state directory"
+        self.scan()
+        [digests] = self.state.glob("*.hsh")
+        digests.unlink()
+        (digests / "in the way").mkdir(parents=True)
         for state, user, line in (
+                (self.state, [], f"cannot save the digests for the next scan: Cannot open {digests} "
+                                 "returned Is a directory"),
                 (full, [], f"cannot write {full}/history: No space left on device\nvelmarin: "
                            "cannot save the digests for the next scan: "
                            f"no space left for digests in {full}"),
