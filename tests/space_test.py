@@ -157,11 +157,14 @@ class Btrfs(SpaceCase):
         compressed = self.make_compressed()
         self.make_common()
         self.make_snapshot()
+        self.clones("pairs", content("pairs", SIZE), 2)
+        self.clones("pairs/more", content("pairs", SIZE), 2)
         self.copies("inline", content("inline", 1500), 3000)
         self.copies("small", content("small", 4096), 3000)
         self.check(COMMON | {"reserved": (2 * SIZE, 0, "merged"),
                              "reserved beyond": (0, 0, "no gain"),
-                             "kept": (0, 2 * SIZE, "merged"), "inline": (0, 0, "no gain"),
+                             "kept": (0, 2 * SIZE, "merged"), "pairs": (SIZE, 0, "merged, shared"),
+                             "inline": (0, 0, "no gain"),
                              "small": (3000 * (4096 - 345), 0, "merged"),  # less the records
                              "compressed": (compressed, 0, "merged")})
         saved = self.summary(self.scan("--skip", self.root / "old"), "saved_bytes")["compressed"]
