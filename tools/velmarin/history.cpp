@@ -58,7 +58,7 @@ bool left_is_minimum(const Json &object, const HistoryEntry &entry) {
 // Requires every other field: a line that lacks one was cut short or written by something else.
 std::optional<HistoryEntry> parse_entry(std::string_view line) {
   const Json object = Json::parse(line, nullptr, false);
-  HistoryEntry entry;
+  HistoryEntry entry = {};
   for (const NumberField &field : NUMBERS) {
     const auto found = object.find(field.name);
     if (found == object.end() || !found->is_number_unsigned()) {

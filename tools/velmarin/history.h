@@ -12,19 +12,19 @@
 namespace tool {
 
 struct HistoryEntry {
-  uint64_t start = 0;  // seconds since 1970
-  uint64_t elapsed_ms = 0;
-  uint64_t freed_bytes = 0;            // certain
-  uint64_t freed_uncertain_bytes = 0;  // up to this much more
-  uint64_t left_bytes = 0;             // known to the run but not freed
-  uint64_t merged = 0;                 // files, as are the next three
-  uint64_t changed = 0;
-  uint64_t refused = 0;
-  uint64_t not_tried = 0;
-  bool stopped = false;      // by a signal
-  bool out_of_time = false;  // the time budget was used up
+  uint64_t start;  // seconds since 1970
+  uint64_t elapsed_ms;
+  uint64_t freed_bytes;            // certain
+  uint64_t freed_uncertain_bytes;  // up to this much more
+  uint64_t left_bytes;             // known to the run but not freed
+  uint64_t merged;                 // files, as are the next three
+  uint64_t changed;
+  uint64_t refused;
+  uint64_t not_tried;
+  bool stopped;      // by a signal
+  bool out_of_time;  // the time budget was used up
   // The run did not find and examine everything, so there may be more than `left_bytes`.
-  bool left_is_minimum = false;
+  bool left_is_minimum;
 };
 
 // The record of a run that ends now.

@@ -38,12 +38,11 @@ Space SpaceAccount::space_of(uint64_t address, Segment &segment) {
 SpaceAccount::Segments::iterator SpaceAccount::add_segment(Segments::iterator position,
                                                            uint64_t begin, uint64_t end,
                                                            const HeldRange &range) {
-  Segment segment;
-  segment.end = end;
-  segment.bytes = range.is_size_known ? end - begin : range.bytes;
-  segment.is_size_known = range.is_size_known;
-  segment.is_perhaps = range.is_perhaps;
-  return segments_.emplace_hint(position, begin, segment);
+  return segments_.emplace_hint(position, begin,
+                                Segment{.end = end,
+                                        .bytes = range.is_size_known ? end - begin : range.bytes,
+                                        .is_size_known = range.is_size_known,
+                                        .is_perhaps = range.is_perhaps});
 }
 
 void SpaceAccount::add_reference(const HeldRange &range) {

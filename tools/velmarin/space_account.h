@@ -33,12 +33,12 @@ class SpaceAccount {
  private:
   // Keyed by the first address; segments do not overlap.
   struct Segment {
-    uint64_t end = 0;
-    uint64_t bytes = 0;
+    uint64_t end;
+    uint64_t bytes;
+    bool is_size_known;
+    bool is_perhaps;
     uint32_t references = 0;
-    bool is_size_known = true;
     bool is_shared = false;
-    bool is_perhaps = false;
     enum class Held { not_asked, no, perhaps } held = Held::not_asked;
   };
   using Segments = std::map<uint64_t, Segment>;
