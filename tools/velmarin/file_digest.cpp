@@ -33,7 +33,7 @@ int check_unchanged(int fd, const struct stat &before) {
 int hash_contents(int fd, EVP_MD_CTX *context) {
   std::vector<unsigned char> block(BLOCK_SIZE);
   ssize_t count = 0;
-  while ((count = read(fd, block.data(), block.size())) > 0) {
+  while ((count = TEMP_FAILURE_RETRY(read(fd, block.data(), block.size()))) > 0) {
     if (EVP_DigestUpdate(context, block.data(), static_cast<size_t>(count)) != 1) {
       return EIO;
     }

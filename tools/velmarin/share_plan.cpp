@@ -51,11 +51,10 @@ void compute_freed_bytes(std::vector<Copy> &copies, const std::vector<ExtentMap>
   for (Copy &copy : copies) {
     for (const size_t index : copy.files) {
       account.remove(maps[index]);
-      account.add_tail(maps[index]);
     }
     copy.freed_bytes = account.freed().certain;
     for (const size_t index : copy.files) {
-      account.add(maps[index]);  // on top of its tail, which no merge takes away
+      account.add(maps[index]);
     }
   }
 }
@@ -90,7 +89,6 @@ Space reclaimable(const FoundGroup &group, const Share &share, const std::vector
       unknown.uncertain += state.allocated_bytes;
     }
     account.remove(maps[index]);
-    account.add_tail(maps[index]);
     if (!is_btrfs) {
       account.add_common_unwritten(maps[index], maps[source_index]);
     }

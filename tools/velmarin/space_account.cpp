@@ -86,14 +86,8 @@ void SpaceAccount::add(const ExtentMap &map) {
 
 void SpaceAccount::remove(const ExtentMap &map) {
   for (const HeldRange &range : map.held) {
-    drop_reference(range);
-  }
-}
-
-void SpaceAccount::add_tail(const ExtentMap &map) {
-  for (const HeldRange &range : map.held) {
-    if (range.is_beyond_end) {
-      add_reference(range);
+    if (!range.is_beyond_end) {
+      drop_reference(range);
     }
   }
 }

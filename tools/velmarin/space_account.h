@@ -19,10 +19,10 @@ class SpaceAccount {
       : is_held_elsewhere_(std::move(is_held_elsewhere)) {}
 
   void add(const ExtentMap &map);
-  void remove(const ExtentMap &map);
 
-  // Adds what the file keeps once it shares the data of another: the ranges beyond its end.
-  void add_tail(const ExtentMap &map);
+  // Removes what the file no longer refers to once it shares the data of another. Ranges beyond its
+  // end stay.
+  void remove(const ExtentMap &map);
 
   // Adds what XFS leaves to `map` after merging: its own blocks where neither file has written any.
   void add_common_unwritten(const ExtentMap &map, const ExtentMap &source);
