@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <csignal>
 #include <filesystem>
@@ -19,6 +20,7 @@
 #include "digest_file.h"
 #include "display_name.h"
 #include "estimate.h"
+#include "file_digest.h"
 #include "glob.h"
 #include "merge.h"
 #include "mounts.h"
@@ -319,6 +321,22 @@ TEST(DigestFile, HoldsAnyNumberOfDigestsIsLockedAndReportsWhatFails) {
   EXPECT_EQ(replace_digests(open("/dev/full", O_RDWR), SavedDigests(1)), ENOSPC);
   EXPECT_NE(append_digests(open("/dev/null", O_RDWR), SavedDigests(1)), 0);  // cannot be synced
   EXPECT_FALSE(read_digests(tree.root()));
+}
+
+TEST(FileDigest, IsOfTheContentOfTheFileThatWasSeenOrTellsWhyThereIsNone) {
+  const temporary_tree tree("file=abc");
+  const auto result_for = [](const std::string &path, long nanoseconds) {
+    struct stat status = {};
+    stat(path.c_str(), &status);
+    status.st_mtim.tv_nsec += nanoseconds;
+    std::array<uint8_t, 32> digest = {};
+    const int error = read_digest(path, status, digest);
+    return std::array{error, int{digest.front()}, int{digest.back()}};
+  };
+  EXPECT_EQ((std::vector{result_for(tree.path("file"), 0), result_for(tree.path("file"), 1),
+                         result_for(tree.path("none"), 0), result_for("/proc/self/mem", 0)}),
+            (std::vector<std::array<int, 3>>{
+                {0, 0xba, 0xad}, {ESTALE, 0, 0}, {ENOENT, 0, 0}, {EIO, 0, 0}}));
 }
 
 TEST(LogLines, TellTheFirstErrorAndTheLastMessageWithoutPrefixAndNewline) {
