@@ -52,6 +52,8 @@ class History(NightCase):
         self.scan("--apply")
         runs = self.history()
         self.assertEqual((len(runs), runs[0], runs[-1]["merged"]), ((many + 1) // 2, first, 0))
+        os.chown(record, 65534, 65534)
+        self.check_runs((f"scan --apply --state {self.state} .", 1, f"cannot write {record}: Perm"))
         record.unlink()
         os.mkfifo(record)
         self.check_runs((f"history --state {self.state}", 1, f"cannot read {record}: Invalid arg"))
