@@ -89,6 +89,8 @@ class SpaceCase(ToolCase):
         promises = self.summary(promised, "reclaimable_bytes", "uncertain_bytes")
         claims = self.summary(done, "freed_bytes", "freed_uncertain_bytes")
         self.assertEqual(set(promises), set(expected))
+        gains = [figures for figures, _ in promises.values()]
+        self.assertEqual(gains, sorted(gains, reverse=True))
         for name, (*amounts, outcome) in expected.items():
             for figures, outcomes in (promises[name][0], {None}), claims[name]:
                 for figure, amount in zip(figures, amounts, strict=True):

@@ -29,6 +29,7 @@
 #include "progress_text.h"
 #include "scan_paths.h"
 #include "size_text.h"
+#include "space_account.h"
 #include "stop_signal.h"
 #include "support/temporary_tree.h"
 #include "time_limit.h"
@@ -337,6 +338,36 @@ TEST(FileDigest, IsOfTheContentOfTheFileThatWasSeenOrTellsWhyThereIsNone) {
                          result_for(tree.path("none"), 0), result_for("/proc/self/mem", 0)}),
             (std::vector<std::array<int, 3>>{
                 {0, 0xba, 0xad}, {ESTALE, 0, 0}, {ENOENT, 0, 0}, {EIO, 0, 0}}));
+}
+
+TEST(SpaceAccount, FreesWhatNoFileRefersToAnyMoreAndTellsWhatIsCertain) {
+  SpaceAccount account([](uint64_t address) { return address >= 1000; });
+  const struct {
+    std::string_view step;  // '+' adds, '-' removes; what is true of the range
+    uint64_t begin, end, bytes, certain, uncertain;
+  } steps[] = {{"+", 0, 100, 100, 0, 0},           {"+", 20, 60, 40, 0, 0},
+               {"-", 0, 100, 100, 60, 0},          {"+", 50, 70, 20, 50, 0},
+               {"-", 20, 60, 40, 80, 0},           {"-", 50, 70, 20, 100, 0},
+               {"+unknown", 200, 204, 10, 100, 0}, {"+unknown", 200, 204, 30, 100, 0},
+               {"-", 200, 204, 0, 100, 0},         {"-", 200, 204, 0, 100, 30},
+               {"+perhaps", 300, 301, 1, 100, 30}, {"-", 300, 301, 1, 100, 31},
+               {"+", 300, 301, 1, 100, 30},        {"-", 300, 301, 1, 101, 30},
+               {"+shared", 400, 402, 2, 101, 30},  {"-beyond", 400, 402, 2, 101, 30},
+               {"-", 400, 402, 2, 103, 30},        {"+shared", 1000, 1004, 4, 103, 30},
+               {"-", 1000, 1004, 4, 103, 34}};
+  for (const auto &[step, begin, end, bytes, certain, uncertain] : steps) {
+    ExtentMap map;
+    map.held = {{begin, end, bytes, !step.ends_with("unknown"), step.ends_with("shared"),
+                 step.ends_with("perhaps"), step.ends_with("beyond")}};
+    if (step.starts_with('+')) {
+      account.add(map);
+    } else {
+      account.remove(map);
+    }
+    EXPECT_EQ(std::pair(account.freed().certain, account.freed().uncertain),
+              std::pair(certain, uncertain))
+        << step << begin;
+  }
 }
 
 TEST(LogLines, TellTheFirstErrorAndTheLastMessageWithoutPrefixAndNewline) {
