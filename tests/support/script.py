@@ -121,14 +121,15 @@ class ToolCase(TreeCase):
     def setUp(self):
         super().setUp()
         self.state = self.directory / "state"
+        self.tool = TOOL
+        self.variables = {"PATH": os.environ["PATH"], "HOME": str(self.directory), "TERM": "xterm",
+                          "LD_PRELOAD": os.environ.get("VELMARIN_PRELOAD", "")}
 
     def start(self, *arguments, before=(), **options):
         """Starts the tool in the root, with pipes that fill up after a few lines."""
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "pipesize": 4096}
-        variables = {"PATH": os.environ["PATH"], "HOME": str(self.directory), "TERM": "xterm",
-                     "LD_PRELOAD": os.environ.get("VELMARIN_PRELOAD", "")}
-        return Tool([*before, TOOL, *arguments], cwd=self.root, bufsize=0, env=variables,
-                    **pipes | options)
+        return Tool([*before, self.tool, *arguments], cwd=self.root, bufsize=0,
+                    env=self.variables, **pipes | options)
 
     def run_tool(self, *arguments, status=0, **options):
         """Runs the tool to its end and checks its exit status. Returns its two outputs as text."""
@@ -176,12 +177,24 @@ class ToolCase(TreeCase):
 
     def become_nobody(self):
         """Returns the command prefix that runs the tool as a user who owns none of the files."""
+        if os.getuid():
+            self.skipTest("needs root to become another user")
         self.directory.chmod(0o777)
         nobody = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
         if subprocess.run([*nobody, TOOL, "--version"], capture_output=True,
                           timeout=DEADLINE).returncode:
-            self.skipTest("needs root to become another user")
+            self.copy_tool()  # others may not enter the directory where it was built
         return nobody
+
+    def copy_tool(self):
+        """Makes the following runs use a copy of the tool, which everyone may run."""
+        libraries = re.findall(r"=> (\S+/libvelmarin\S+)", run("ldd", TOOL))
+        preload = self.variables["LD_PRELOAD"]
+        place = self.directory / "tool"
+        place.mkdir()
+        copies = [shutil.copy(file, place) for file in (TOOL, *libraries, preload) if file]
+        self.tool = copies[0]
+        self.variables |= {"LD_LIBRARY_PATH": place, "LD_PRELOAD": copies[-1] if preload else ""}
 
     def scan(self, *arguments, min_size="1K", roots=None, **options):
         """Returns the JSON object."""
