@@ -114,7 +114,7 @@ int kernel_ioctl(int fd, unsigned long request, void *argument);  // as ioctl(2)
 unique_fd reopen(int fd, int access_mode);
 
 // Whether two files are on the same file system. The subvolumes of a Btrfs file system have
-// different device numbers but are one file system; only Btrfs answers the request for its number.
+// different device numbers but are one file system.
 bool is_same_file_system(int left_fd, const file_status &left, int right_fd,
                          const file_status &right);
 

@@ -132,6 +132,10 @@ bool is_same_file_system(int left_fd, const file_status &left, int right_fd,
   if (left.device == right.device) {
     return true;
   }
+  if (file_system_type(left_fd) != BTRFS_SUPER_MAGIC ||
+      file_system_type(right_fd) != BTRFS_SUPER_MAGIC) {
+    return false;  // a file system in user space may answer any request
+  }
   btrfs_ioctl_fs_info_args left_info = {};
   btrfs_ioctl_fs_info_args right_info = {};
   return kernel_ioctl(left_fd, BTRFS_IOC_FS_INFO, &left_info) == 0 &&

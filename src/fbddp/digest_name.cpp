@@ -35,7 +35,7 @@ bool print_name(sis_context *ctx, const unsigned char *digest) {
   for (size_t i = 0; i < SHA256_DIGEST_LENGTH; i++) {
     const size_t written = 2 * i;
     if (snprintf_s(ctx->pname + written, DIGEST_NAME_LENGTH + 1 - written,
-                   DIGEST_NAME_LENGTH - written, "%02x", digest[i]) != 2) {
+                   DIGEST_NAME_LENGTH - written, "%02x", digest[i]) < 0) {
       return false;
     }
   }
