@@ -2,6 +2,7 @@
 byte. VELMARIN_FILES sets how many files are very many."""
 
 import os
+import shutil
 import socket
 import stat
 import sys
@@ -52,6 +53,17 @@ class NoRoom(ToolCase):
             self.assertEqual(errors, f"velmarin: {line}\n")
             self.assertEqual(self.identities(), before)
         self.assertEqual(list(full.glob("*hsh*")), [])
+        second = self.directory / "second"
+        second.mkdir()
+        self.mount("tmpfs", second, "size=1m")
+        shutil.copy(self.root / "a", second)
+        self.scan(roots=[".", second])
+        for digests in self.state.glob("*.hsh"):
+            if digests.is_file():
+                digests.unlink()
+                (digests / "in the way").mkdir(parents=True)
+        self.assertEqual(self.run_tool("scan", "--state", self.state, ".", second, status=1)[1],
+                         "velmarin: cannot save all digests for the next scan\n")
 
     def test_merging_frees_the_reported_space_on_a_full_file_system(self):
         self.mount_image("btrfs", "128M")

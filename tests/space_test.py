@@ -275,6 +275,10 @@ class Btrfs(SpaceCase):
             with open(self.root / f"overwritten/{number}", "r+b") as file:
                 file.seek(MIB)
                 file.write(content("own", 2 * MIB))
+        for number in range(3):
+            with open(self.root / f"continued/{number}", "r+b") as file:
+                file.seek(MIB - 4096)
+                file.write(content("end", 4096))
         with open(self.root / "pair/more/1", "r+b") as file:
             file.seek(MIB)
             file.write(content("two pairs", SIZE)[MIB:3 * MIB])
@@ -292,7 +296,7 @@ class Btrfs(SpaceCase):
         self.assertEqual({name: figures for name, (figures, _) in self.summary(
                               report, "reclaimable_bytes", "uncertain_bytes").items()},
                          {"compressed": [0, 8 * SIZE], "kept": [0, 2 * SIZE],
-                          "continued": [0, 2 * MIB],
+                          "continued": [2 * 4096 - 3 * 344, 2 * (MIB - 4096)],
                           "plain": [3 * SIZE - 4 * 344, 0], "pair": [2 * MIB - 3 * 344, SIZE],
                           "overwritten": [SIZE - 2 * 344, 2 * MIB], "not writable": [0, 0],
                           "in such a directory": [0, 0]})
@@ -303,8 +307,8 @@ class Btrfs(SpaceCase):
                          ["6 MiB, 18 MiB can be freed",
                           "6 MiB, 6 MiB can be freed, up to 2 MiB more",
                           "6 MiB, 2 MiB can be freed, up to 6 MiB more",
+                          "1 MiB, 7 KiB can be freed, up to 2 MiB more",
                           "24 MiB, up to 48 MiB can be freed", "6 MiB, up to 12 MiB can be freed",
-                          "1 MiB, up to 2 MiB can be freed",
                           *["6 MiB, nothing left to free"] * 2])
         self.assertRegex(said, r"\n\n3 compressed files\n(  compressed  .*\n){3}\nSummary\n")
 

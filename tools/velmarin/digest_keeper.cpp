@@ -61,6 +61,7 @@ bool DigestKeeper::open(const std::string &state, const std::vector<std::string>
   std::filesystem::remove_all(runs_, ignored);  // left by a killed scan
   const bool is_file_foreign = remove_foreign(path_);
   const bool is_kept_foreign = remove_foreign(kept_);
+  const bool is_wide_foreign = remove_foreign(wide_);
   recover();
   devices_.load(state + "/" + digest_file_name(roots).substr(0, 64) + ".devices");
   SavedDigests digests = load(path_);
@@ -75,7 +76,7 @@ bool DigestKeeper::open(const std::string &state, const std::vector<std::string>
   if (!library_uses_it) {
     unlink(path_.c_str());
   }
-  return !is_file_foreign && !is_kept_foreign;
+  return !is_file_foreign && !is_kept_foreign && !is_wide_foreign;
 }
 
 // Restores what a killed scan left under the second name.
@@ -196,9 +197,10 @@ bool DigestKeeper::store_wide(bool looked_everywhere) const {
   if (digests.empty()) {
     return unlink(wide_.c_str()) == 0 || errno == ENOENT;
   }
-  const std::string replacement = wide_ + ".new";  // perhaps left by a killed scan
+  const std::string replacement = wide_ + ".new";
+  unlink(replacement.c_str());  // left by a killed scan, or a link that someone else has made
   const velmarin::unique_fd fd(lock_digest_file(replacement, true));
-  if (replace_digests(fd.get(), digests) == 0 && rename(replacement.c_str(), wide_.c_str()) == 0) {
+  if (append_digests(fd.get(), digests) == 0 && rename(replacement.c_str(), wide_.c_str()) == 0) {
     return true;
   }
   unlink(replacement.c_str());
@@ -227,11 +229,12 @@ SavedDigests DigestKeeper::missing_digests(SavedDigests on_disk, bool looked_eve
   return digests;
 }
 
-// If `fd` is not open or the file damaged, what is kept under the second name takes its place.
+// If `fd` is not open or the file damaged, what is kept under the second name takes its place, and
+// what this scan has added is lost.
 bool DigestKeeper::complete(int fd, bool looked_everywhere) const {
   auto on_disk = read_locked_digests(fd);
   if (!on_disk) {
-    return restore();
+    return restore() && fresh_.empty();
   }
   const SavedDigests digests = missing_digests(std::move(*on_disk), looked_everywhere, false);
   return digests.empty() || append_digests(fd, digests) == 0;

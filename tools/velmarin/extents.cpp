@@ -13,7 +13,7 @@ namespace tool {
 namespace {
 
 constexpr size_t EXTENTS_PER_CALL = 128;
-constexpr uint64_t MAX_BTRFS_EXTENT = 128 << 20;
+constexpr uint64_t MAX_BTRFS_EXTENT = 256 << 20;  // reserved; half of that if written
 
 // Queries all extents of the file, including those beyond its end. Returns false on failure.
 bool query_extents(int fd, std::vector<fiemap_extent> &extents) {
@@ -122,20 +122,24 @@ void add_overwritten(const std::vector<MappedData> &data, std::vector<HeldRange>
   }
 }
 
-// Blocks that join those reserved beyond the end are perhaps of the same Btrfs extent, which then
-// stays whole.
+// Blocks at the same distance between address and offset as blocks reserved beyond the end are
+// perhaps of the same Btrfs extent, which then stays whole.
 void doubt_what_is_reserved_beyond(const std::vector<fiemap_extent> &extents, uint64_t end,
                                    std::vector<HeldRange> &held) {
-  std::set<uint64_t> joints;  // addresses where such blocks end
-  std::for_each(extents.rbegin(), extents.rend(), [&](const fiemap_extent &extent) {
-    const uint64_t room = end - std::min(end, uint64_t{extent.fe_logical});
-    const uint64_t kept = std::min<uint64_t>(extent.fe_length, room);
-    if (kept < extent.fe_length || joints.contains(extent.fe_physical + kept)) {
-      joints.insert({extent.fe_physical, extent.fe_physical + kept});
+  std::set<uint64_t> distances;
+  for (const fiemap_extent &extent : extents) {
+    if (extent.fe_logical + extent.fe_length > end) {
+      distances.insert(extent.fe_physical - extent.fe_logical);
     }
-  });
+  }
+  std::set<uint64_t> doubtful;  // first addresses
+  for (const fiemap_extent &extent : extents) {
+    if (distances.contains(extent.fe_physical - extent.fe_logical)) {
+      doubtful.insert(extent.fe_physical);
+    }
+  }
   for (HeldRange &range : held) {
-    range.is_perhaps = joints.contains(range.end);
+    range.is_perhaps = doubtful.contains(range.begin);
   }
 }
 

@@ -117,6 +117,7 @@ std::optional<std::string> read_record(const std::string &path) {
 }
 
 bool write_synced(int fd, std::string_view text) {
+  errno = ENOSPC;  // which is not set if only a part of the text is written
   return write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) && fsync(fd) == 0;
 }
 

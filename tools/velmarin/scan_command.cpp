@@ -188,8 +188,8 @@ class ScanCommand {
     if (runs_.ignored_digests) {
       print_error("did not use the saved digests: their file belonged to another user");
     }
-    if (!runs_.kept_digests) {
-      print_error("cannot save the digests of files that the scan did not reach");
+    if (!runs_.kept_digests && log_.save_failure().empty()) {
+      print_error("cannot save all digests for the next scan");
     }
     if (none_supported) {
       print_error(

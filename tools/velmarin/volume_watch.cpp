@@ -131,7 +131,7 @@ void VolumeWatch::collect(int fd, const struct stat &status, const char *path) {
   const uint64_t file_system = is_collecting_ ? 0 : file_system_of(fd, status);
   const std::lock_guard guard(lock_);
   collected.push_back(
-      {reported_path(path), status, state, FIRST_SINGLE + collected.size(), file_system});
+      {reported_path(path), status, state, FIRST_SINGLE + collected_count_++, file_system});
 }
 
 }  // namespace tool

@@ -85,6 +85,7 @@ class VolumeWatch {
   SizeSet common_;   // seen in several runs
   std::mutex lock_;  // guards `collected` and `directories_` while a run is under way
   std::vector<ForeignDirectory> directories_;
+  size_t collected_count_ = 0;  // with those that were dropped again
 };
 
 }  // namespace tool
