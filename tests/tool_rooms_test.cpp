@@ -22,6 +22,7 @@
 #include "estimate.h"
 #include "file_digest.h"
 #include "glob.h"
+#include "guarded_open.h"
 #include "merge.h"
 #include "mounts.h"
 #include "omission_watch.h"
@@ -322,6 +323,15 @@ TEST(DigestFile, HoldsAnyNumberOfDigestsIsLockedAndReportsWhatFails) {
   EXPECT_EQ(replace_digests(open("/dev/full", O_RDWR), SavedDigests(1)), ENOSPC);
   EXPECT_NE(append_digests(open("/dev/null", O_RDWR), SavedDigests(1)), 0);  // cannot be synced
   EXPECT_FALSE(read_digests(tree.root()));
+}
+
+TEST(PrivateFiles, AreNeverWrittenThroughALink) {
+  const temporary_tree tree("file=own");
+  const PrivateFiles guard(tree.root());
+  fs::create_symlink("file", tree.path("linked.hsh"));
+  EXPECT_EQ(open(tree.path("linked.hsh").c_str(), O_RDWR | O_CREAT, 0600), -1);
+  EXPECT_EQ(errno, ELOOP);
+  EXPECT_EQ(tree.read("linked.hsh"), "own");
 }
 
 TEST(FileDigest, IsOfTheContentOfTheFileThatWasSeenOrTellsWhyThereIsNone) {

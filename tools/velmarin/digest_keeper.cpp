@@ -183,7 +183,8 @@ bool DigestKeeper::close(bool looked_everywhere) {
     return true;
   }
   const bool has_wide = store_wide(looked_everywhere);
-  const velmarin::unique_fd fd(lock_digest_file(path_, !fresh_.empty()));
+  const bool has_second_name = access(kept_.c_str(), F_OK) == 0;
+  const velmarin::unique_fd fd(lock_digest_file(path_, !fresh_.empty() || !has_second_name));
   const bool is_complete = complete(fd.get(), looked_everywhere);
   if (is_complete) {
     unlink(kept_.c_str());
@@ -195,7 +196,8 @@ bool DigestKeeper::close(bool looked_everywhere) {
 bool DigestKeeper::store_wide(bool looked_everywhere) const {
   const SavedDigests digests = missing_digests({}, looked_everywhere, true);
   if (digests.empty()) {
-    return unlink(wide_.c_str()) == 0 || errno == ENOENT;
+    unlink(wide_.c_str());
+    return true;
   }
   const std::string replacement = wide_ + ".new";
   unlink(replacement.c_str());  // left by a killed scan, or a link that someone else has made

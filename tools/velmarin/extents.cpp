@@ -122,7 +122,7 @@ void add_overwritten(const std::vector<MappedData> &data, std::vector<HeldRange>
   }
 }
 
-// Blocks at the same distance between address and offset as blocks reserved beyond the end are
+// Blocks before those reserved beyond the end, at the same distance between address and offset, are
 // perhaps of the same Btrfs extent, which then stays whole.
 void doubt_what_is_reserved_beyond(const std::vector<fiemap_extent> &extents, uint64_t end,
                                    std::vector<HeldRange> &held) {
@@ -134,7 +134,8 @@ void doubt_what_is_reserved_beyond(const std::vector<fiemap_extent> &extents, ui
   }
   std::set<uint64_t> doubtful;  // first addresses
   for (const fiemap_extent &extent : extents) {
-    if (distances.contains(extent.fe_physical - extent.fe_logical)) {
+    if (extent.fe_logical + extent.fe_length + MAX_BTRFS_EXTENT > end &&
+        distances.contains(extent.fe_physical - extent.fe_logical)) {
       doubtful.insert(extent.fe_physical);
     }
   }

@@ -124,6 +124,7 @@ int guarded_open(const char *path, int flags, mode_t mode) {
   if (!makes_private_files || !(may_create || is_digest_file(path))) {
     return open_below_roots(path, flags, mode);
   }
+  flags |= may_create && is_digest_file(path) ? O_NOFOLLOW : 0;
   return close_if_foreign(open_below_roots(path, flags, mode & (S_IRUSR | S_IWUSR)));
 }
 

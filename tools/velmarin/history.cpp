@@ -117,8 +117,14 @@ std::optional<std::string> read_record(const std::string &path) {
 }
 
 bool write_synced(int fd, std::string_view text) {
-  errno = ENOSPC;  // which is not set if only a part of the text is written
-  return write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) && fsync(fd) == 0;
+  while (!text.empty()) {
+    const ssize_t count = TEMP_FAILURE_RETRY(write(fd, text.data(), text.size()));
+    if (count < 0) {
+      return false;
+    }
+    text.remove_prefix(static_cast<size_t>(count));
+  }
+  return fsync(fd) == 0;
 }
 
 // Keeps the newer half of a record that has grown too long.

@@ -186,7 +186,7 @@ class ScanCommand {
                   " on an overlay: merging may copy them up");
     }
     if (runs_.ignored_digests) {
-      print_error("did not use the saved digests: their file belonged to another user");
+      print_error("did not use all saved digests: a file of them belonged to another user");
     }
     if (!runs_.kept_digests && log_.save_failure().empty()) {
       print_error("cannot save all digests for the next scan");
