@@ -331,6 +331,7 @@ TEST(PrivateFiles, AreNeverWrittenThroughALink) {
   fs::create_symlink("file", tree.path("linked.hsh"));
   EXPECT_EQ(open(tree.path("linked.hsh").c_str(), O_RDWR | O_CREAT, 0600), -1);
   EXPECT_EQ(errno, ELOOP);
+  EXPECT_EQ(lock_digest_file(tree.path("linked.hsh"), false), -1);
   EXPECT_EQ(tree.read("linked.hsh"), "own");
 }
 

@@ -88,6 +88,8 @@ class SavedDigests(ToolCase):
                     (self.scan()["counters"]["nr_hashed"],
                      [(file, file.stat().st_size) for file in self.state.glob("*.hsh*")]),
                     (read_again, [(self.file, entries * ENTRY)]))
+        os.mkdir(f"{self.file}.wide")  # is neither read nor removed
+        self.scan()
 
 
 class Volumes(ToolCase):

@@ -161,7 +161,7 @@ std::optional<SavedDigests> read_digests(const std::string &path) {
 
 int lock_digest_file(const std::string &path, bool create) {
   for (;;) {
-    const int flags = O_RDWR | O_NONBLOCK | O_CLOEXEC | (create ? O_CREAT | O_NOFOLLOW : 0);
+    const int flags = O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | (create ? O_CREAT : 0);
     velmarin::unique_fd fd(open(path.c_str(), flags, 0600));
     if (!fd.is_open() || !lock(fd.get(), LOCK_EX)) {
       return -1;

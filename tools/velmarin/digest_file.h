@@ -41,8 +41,8 @@ std::string digest_file_name(const std::vector<std::string> &roots);
 // Reads a digest file under its lock. Returns nothing if the file is missing or damaged.
 std::optional<SavedDigests> read_digests(const std::string &path);
 
-// Opens a digest file and locks it against every other process. With `create`, creates a missing
-// file, readable by its owner alone, and refuses a symbolic link. Returns -1 with errno on failure.
+// Opens a digest file and locks it against every other process. Refuses a symbolic link. With
+// `create`, creates a missing file, readable by its owner alone. Returns -1 with errno on failure.
 // Closing the descriptor unlocks.
 int lock_digest_file(const std::string &path, bool create);
 

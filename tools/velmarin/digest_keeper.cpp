@@ -66,7 +66,7 @@ bool DigestKeeper::open(const std::string &state, const std::vector<std::string>
   devices_.load(state + "/" + digest_file_name(roots).substr(0, 64) + ".devices");
   SavedDigests digests = load(path_);
   if (!digests.empty()) {
-    // Without hard links, only a killed scan loses what was saved.
+    // Without hard links, only a killed scan or a failed write loses what was saved.
     [[maybe_unused]] const int result = link(path_.c_str(), kept_.c_str());
   }
   const SavedDigests wide = load(wide_);
@@ -183,7 +183,8 @@ bool DigestKeeper::close(bool looked_everywhere) {
     return true;
   }
   const bool has_wide = store_wide(looked_everywhere);
-  const bool has_second_name = access(kept_.c_str(), F_OK) == 0;
+  std::error_code ignored;
+  const bool has_second_name = std::filesystem::is_regular_file(kept_, ignored);
   const velmarin::unique_fd fd(lock_digest_file(path_, !fresh_.empty() || !has_second_name));
   const bool is_complete = complete(fd.get(), looked_everywhere);
   if (is_complete) {
@@ -243,7 +244,7 @@ bool DigestKeeper::complete(int fd, bool looked_everywhere) const {
 }
 
 bool DigestKeeper::restore() const {
-  return rename(kept_.c_str(), path_.c_str()) == 0 || errno == ENOENT;
+  return rename(kept_.c_str(), path_.c_str()) == 0;
 }
 
 }  // namespace tool

@@ -58,7 +58,8 @@ class DigestKeeper {
   void add(const struct stat &status, const Digest &digest);
 
   // Completes the digest file after the scan. `looked_everywhere`: a file that was not seen is
-  // gone. Returns false if digests could not be written; those from before the scan are then kept.
+  // gone. Returns false if digests could not be written; those from before the scan are then kept
+  // if they have a second name.
   bool close(bool looked_everywhere);
 
  private:

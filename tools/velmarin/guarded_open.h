@@ -43,8 +43,8 @@ class StoppableOpens {
 
 // While an object lives, new files are private to their owner, whatever default access control list
 // their directory has, and an open fails if the file belongs to someone else and the open could
-// create it or it is a digest file in `state`. An open that could create such a file follows no
-// symbolic link. At most one object may live.
+// create it or it is a digest file in `state`. An open that could create such a file accepts
+// no symbolic link in its place. At most one object may live.
 class PrivateFiles {
  public:
   explicit PrivateFiles(std::string state = {});
